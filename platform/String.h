@@ -1,0 +1,94 @@
+#pragma once
+
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+
+namespace Zef {
+
+namespace detail {
+struct StringRep;
+}
+
+// An immutable, shared, counted byte string. Copies share one buffer; the buffer is wiped when
+// the last copy goes, so key text held in a String leaves nothing behind in freed memory.
+class String {
+ public:
+  String() noexcept = default;
+  String(const char* text);
+  String(const char* data, size_t length);
+  String(std::string_view text) : String(text.data(), text.size()) {}
+  String(const std::string& text) : String(text.data(), text.size()) {}
+  String(const String& other) noexcept;
+  String(String&& other) noexcept;
+  ~String();
+
+  String& operator=(const String& other) noexcept;
+  String& operator=(String&& other) noexcept;
+
+  // Never null; the bytes are followed by a NUL so that C interfaces can take them.
+  const char* charPtr() const noexcept;
+  const char* begin() const noexcept { return charPtr(); }
+  const char* end() const noexcept { return charPtr() + size(); }
+  size_t size() const noexcept;
+  bool empty() const noexcept { return size() == 0; }
+  std::string_view view() const noexcept { return {charPtr(), size()}; }
+  std::string stdString() const { return std::string(view()); }
+  uint32_t hash() const noexcept;
+
+  bool operator==(const String& other) const noexcept;
+  bool operator==(const char* other) const noexcept { return view() == std::string_view(other); }
+  std::strong_ordering operator<=>(const String& other) const noexcept;
+
+  String operator+(const String& other) const;
+  String& operator+=(const String& other);
+
+  // Overwrites the shared bytes with zeros in place: every copy of this String sees the wipe.
+  // Used to destroy key material that must not outlive its use.
+  void zeroStringDataUnsafe() const noexcept;
+
+ private:
+  void release() noexcept;
+  detail::StringRep* rep_ = nullptr;
+};
+
+std::ostream& operator<<(std::ostream& out, const String& s);
+
+// A String used as the key of entities.
+class Name : public String {
+ public:
+  using String::String;
+  Name() noexcept = default;
+  Name(const String& s) : String(s) {}
+};
+
+// Hashes used by the collections. 32 bits, well mixed in the top bits, since a collection takes
+// its bucket from the bit-reversed hash.
+inline uint32_t hashMix(uint64_t x) noexcept {
+  x ^= x >> 33;
+  x *= 0xff51afd7ed558ccdull;
+  x ^= x >> 33;
+  x *= 0xc4ceb9fe1a85ec53ull;
+  x ^= x >> 33;
+  return static_cast<uint32_t>(x);
+}
+
+uint32_t hashBytes(const void* data, size_t length) noexcept;
+
+template <class K>
+uint32_t hashOf(const K& key) noexcept {
+  if constexpr (requires { key.hash(); }) {
+    return static_cast<uint32_t>(key.hash());
+  } else if constexpr (std::is_integral_v<K> || std::is_enum_v<K>) {
+    return hashMix(static_cast<uint64_t>(key));
+  } else if constexpr (std::is_pointer_v<K>) {
+    return hashMix(reinterpret_cast<uintptr_t>(key));
+  } else {
+    static_assert(sizeof(K) == 0, "no hash for this key type: give it a hash() member");
+  }
+}
+
+}  // namespace Zef

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <limits>
+#include <vector>
+
+#include "platform/Clock.h"
+#include "platform/Notifier.h"
+
+namespace Orb {
+
+// A deadline of positive infinity switches a timer off.
+inline constexpr double never = std::numeric_limits<double>::infinity();
+
+// The agent's one source of timers. A timer is a reactor bound to the wheel: it is armed with
+// timeMinIs(t) and gets one onTime() when the wheel reaches t. Timers that fall due at the same
+// time fire in the order in which they were armed.
+class TimerWheel : public Zef::Notifier {
+ public:
+  class Notifiee : public Zef::NotifieeOf<TimerWheel, Zef::NotifieeConstOf<TimerWheel>> {
+   public:
+    // The deadline last set. It keeps its value after the timer fires.
+    double timeMin() const noexcept { return timeMin_; }
+    // Schedules one onTime() at the absolute time t, replacing any earlier deadline; `never`
+    // switches the timer off.
+    void timeMinIs(double t);
+    bool isArmed() const noexcept { return heapIndex_ != kNotArmed; }
+    virtual void onTime() {}
+
+    // Moving to another wheel takes a pending deadline along.
+    void notifierIs(const Zef::Ptr<TimerWheel const>& wheel) override;
+    using NotifieeOf::notifierIs;
+
+   protected:
+    Notifiee() = default;
+    explicit Notifiee(const Zef::Ptr<TimerWheel>& wheel) : NotifieeOf(wheel) {}
+    ~Notifiee() override;
+
+    // Binds to another wheel, carrying the deadline along, without replaying anything.
+    void zefTimerWheelIs(const Zef::Ptr<TimerWheel const>& wheel);
+
+   private:
+    friend class TimerWheel;
+    static constexpr size_t kNotArmed = ~size_t{0};
+    TimerWheel* wheel() const noexcept { return const_cast<TimerWheel*>(notifier().ptr()); }
+
+    double timeMin_ = never;
+    uint64_t sequence_ = 0;
+    size_t heapIndex_ = kNotArmed;
+  };
+
+  static Zef::Ptr<TimerWheel> TimerWheelIs() { return Zef::Ptr<TimerWheel>(new TimerWheel); }
+
+  // The earliest deadline of an armed timer, or `never`.
+  double nextDeadline() const noexcept { return heap_.empty() ? never : heap_.front()->timeMin_; }
+  size_t armedTimers() const noexcept { return heap_.size(); }
+
+  // Fires every timer whose deadline is not after the current time, in deadline order, including
+  // timers armed meanwhile for a time already reached.
+  void serviceTimers();
+
+ protected:
+  ~TimerWheel() override;
+
+ private:
+  TimerWheel() = default;
+  static bool earlier(const Notifiee* a, const Notifiee* b) noexcept {
+    return a->timeMin_ < b->timeMin_ || (a->timeMin_ == b->timeMin_ && a->sequence_ < b->sequence_);
+  }
+  void arm(Notifiee* timer);
+  void disarm(Notifiee* timer);
+  void siftUp(size_t index);
+  void siftDown(size_t index);
+  void place(Notifiee* timer, size_t index) {
+    heap_[index] = timer;
+    timer->heapIndex_ = index;
+  }
+
+  std::vector<Notifiee*> heap_;
+  uint64_t sequence_ = 0;
+};
+
+inline Zef::Ptr<TimerWheel> timerWheelFactory() { return TimerWheel::TimerWheelIs(); }
+
+// Moves a virtual clock forward to `until`, firing on the way every timer of the given wheels that
+// falls due, with the clock standing at each timer's deadline when it fires.
+void advanceVirtualTime(Zef::System::VirtualClock& clock, double until, std::initializer_list<TimerWheel*> wheels);
+
+}  // namespace Orb

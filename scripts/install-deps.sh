@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the project needs, and nothing when all of them are there.
+set -euo pipefail
+
+packages=(
+  build-essential    # the C++ compiler
+  cmake ninja-build  # the build
+  python3            # the declaration generator
+  libssl-dev         # OpenSSL's libcrypto: every cryptographic primitive
+  libgtest-dev libgmock-dev googletest  # tests
+  libbenchmark-dev   # benchmarks
+  clang-format       # the format check
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  [[ "$package" == \#* ]] && continue
+  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$package")
+  fi
+done
+[[ ${#missing[@]} -eq 0 ]] && exit 0
+
+echo "Installing missing packages: ${missing[*]}"
+sudo=""
+[[ "$(id -u)" -ne 0 ]] && sudo="sudo"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,177 @@
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <set>
+#include <vector>
+
+#include "platform/HashMap.h"
+#include "platform/HashMap2018.h"
+#include "platform/PtrInterface.h"
+
+namespace {
+
+class Member : public Zef::PtrInterface {
+ public:
+  explicit Member(int id) : id(id) {}
+  const int id;
+};
+
+using Map = Zef::HashMap<int, Member>;
+using Map2018 = Zef::HashMap2018<int, int>;
+
+std::vector<int> walkOrder(const Map& map) {
+  std::vector<int> order;
+  for (auto it = map.iterator(); it; ++it) order.push_back(it.key());
+  return order;
+}
+
+TEST(HashMap, FindsInsertsAndErases) {
+  Map map;
+  EXPECT_FALSE(map.find(1));
+  EXPECT_TRUE(map.insert(1, Zef::Ptr<Member>(new Member(1))));
+  EXPECT_FALSE(map.insert(1, Zef::Ptr<Member>(new Member(99))));  // the key is taken
+  EXPECT_EQ(map.find(1)->id, 1);
+  EXPECT_EQ(map.size(), 1u);
+  Zef::Ptr<Member> gone = map.erase(1);
+  ASSERT_TRUE(gone);
+  EXPECT_EQ(gone->id, 1);
+  EXPECT_FALSE(map.erase(1));
+  EXPECT_TRUE(map.empty());
+}
+
+TEST(HashMap, WalkOrderSurvivesGrowth) {
+  // A walk's order is fixed by the keys, not by how large the table happens to be.
+  Map small;
+  for (int i = 0; i < 40; ++i) small.insert(i, Zef::Ptr<Member>(new Member(i)));
+  std::vector<int> order = walkOrder(small);
+  Map grown;
+  for (int i = 0; i < 2000; ++i) grown.insert(i, Zef::Ptr<Member>(new Member(i)));
+  for (int i = 40; i < 2000; ++i) grown.erase(i);
+  EXPECT_EQ(walkOrder(grown), order);
+}
+
+TEST(HashMap, DeletingUnderTheIteratorStepsOverTheDeletedMember) {
+  Map map;
+  for (int i = 0; i < 100; ++i) map.insert(i, Zef::Ptr<Member>(new Member(i)));
+  std::vector<int> seen;
+  for (auto it = map.iterator(); it; ++it) {
+    seen.push_back(it.key());
+    Zef::Ptr<Member> erased = map.erase(it.key());
+    // The iterator's own reference keeps the member readable.
+    EXPECT_EQ(it->id, it.key());
+    EXPECT_EQ(erased.ptr(), it.ptr().ptr());
+  }
+  EXPECT_EQ(seen.size(), 100u);
+  EXPECT_EQ(std::set<int>(seen.begin(), seen.end()).size(), 100u);
+  EXPECT_TRUE(map.empty());
+}
+
+TEST(HashMap, AMemberAddedDuringAWalkIsSeenExactlyWhenItLiesAhead) {
+  // Walk order depends on the keys alone, so a map of every key gives each key its rank.
+  constexpr int kKeys = 3000;
+  std::map<int, size_t> rank;
+  {
+    Map all;
+    for (int i = 0; i < kKeys; ++i) all.insert(i, Zef::Ptr<Member>(new Member(i)));
+    for (int key : walkOrder(all)) rank.emplace(key, rank.size());
+  }
+  Map map;
+  for (int i = 0; i < 50; ++i) map.insert(i, Zef::Ptr<Member>(new Member(i)));
+  // Adding three members per step grows the table several times during the walk.
+  std::map<int, bool> addedAhead;
+  std::multiset<int> seen;
+  int next = 50;
+  for (auto it = map.iterator(); it; ++it) {
+    seen.insert(it.key());
+    for (int k = 0; k < 3 && next < kKeys; ++k, ++next) {
+      map.insert(next, Zef::Ptr<Member>(new Member(next)));
+      addedAhead[next] = rank[next] > rank[it.key()];
+    }
+  }
+  for (int key : seen) EXPECT_EQ(seen.count(key), 1u) << key;
+  for (int key = 0; key < 50; ++key) EXPECT_EQ(seen.count(key), 1u) << key;
+  for (auto [key, ahead] : addedAhead) EXPECT_EQ(seen.count(key), ahead ? 1u : 0u) << key;
+}
+
+TEST(HashMap, WalksMatchAModelUnderRandomMutation) {
+  // Random mutations during walks, checked against the rules: no member twice, every member that
+  // stays for the whole walk is seen, nothing erased before the iterator reaches it is seen.
+  std::mt19937 random(7);
+  for (int round = 0; round < 50; ++round) {
+    Map map;
+    std::set<int> present;
+    for (int i = 0; i < 64; ++i) {
+      const int key = random() % 500;
+      if (map.insert(key, Zef::Ptr<Member>(new Member(key)))) present.insert(key);
+    }
+    std::set<int> stayed = present;  // present from start to end
+    std::set<int> erasedEarly;
+    std::multiset<int> seen;
+    for (auto it = map.iterator(); it; ++it) {
+      seen.insert(it.key());
+      EXPECT_EQ(erasedEarly.count(it.key()), 0u);
+      const int action = random() % 3;
+      const int key = random() % 500;
+      if (action == 0 && map.insert(key, Zef::Ptr<Member>(new Member(key)))) {
+        stayed.erase(key);
+        erasedEarly.erase(key);
+      } else if (action == 1 && map.erase(key)) {
+        stayed.erase(key);
+        if (seen.count(key) == 0) erasedEarly.insert(key);
+      }
+    }
+    for (int key : stayed) EXPECT_EQ(seen.count(key), 1u) << "round " << round << " key " << key;
+    for (int key : seen) EXPECT_EQ(seen.count(key), 1u);
+  }
+}
+
+TEST(HashMap2018, AssignNotifiesOnlyRealChanges) {
+  Map2018 map;
+  EXPECT_TRUE(map.assign(1, 10));
+  EXPECT_FALSE(map.assign(1, 10));
+  EXPECT_TRUE(map.assign(1, 11));
+  EXPECT_EQ(*map.find(1), 11);
+  int old = 0;
+  EXPECT_TRUE(map.erase(1, &old));
+  EXPECT_EQ(old, 11);
+  EXPECT_FALSE(map.erase(1, &old));
+  EXPECT_EQ(map.find(1), nullptr);
+}
+
+TEST(HashMap2018, ADeleteLoopReadsTheStaleNodeAndAdvances) {
+  Map2018 map;
+  for (int i = 0; i < 300; ++i) map.assign(i, i * 2);
+  int deleted = 0;
+  for (auto it = map.iterator(); !it.done(); it.advance()) {
+    ASSERT_NE(it.currNodeNonStale(), nullptr);
+    const int key = it.currNodeMaybeStale()->key();
+    map.erase(key);
+    EXPECT_EQ(it.currNodeNonStale(), nullptr);
+    EXPECT_EQ(it.currNodeMaybeStale()->key(), key);
+    EXPECT_EQ(it.currNodeMaybeStale()->value(), key * 2);
+    ++deleted;
+  }
+  EXPECT_EQ(deleted, 300);
+  EXPECT_TRUE(map.empty());
+}
+
+TEST(HashMap2018, DeletingOtherNodesDuringAWalkSkipsThem) {
+  Map2018 map;
+  for (int i = 0; i < 100; ++i) map.assign(i, i);
+  std::vector<int> order;
+  for (auto it = map.iterator(); it; ++it) order.push_back(it.key());
+  // Walk again and delete, from every third member, the member two places ahead.
+  std::vector<int> seen;
+  for (auto it = map.iterator(); it; ++it) {
+    seen.push_back(it.key());
+    const size_t position = std::find(order.begin(), order.end(), it.key()) - order.begin();
+    if (position + 2 < order.size() && position % 3 == 0) map.erase(order[position + 2]);
+  }
+  for (size_t i = 0; i < order.size(); ++i) {
+    const bool erased = i >= 2 && (i - 2) % 3 == 0;
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), order[i]), erased ? 0 : 1) << order[i];
+  }
+}
+
+}  // namespace

@@ -1,0 +1,132 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "platform/Clock.h"
+#include "platform/TimerWheel.h"
+
+namespace {
+
+// A timer that writes its name and the time into a shared list when it fires.
+class Timer : public Orb::TimerWheel::Notifiee {
+ public:
+  Timer(const Zef::Ptr<Orb::TimerWheel>& wheel, std::string name, std::vector<std::string>* fired)
+      : Notifiee(wheel), name_(std::move(name)), fired_(fired) {
+    hasNotificationActiveIs(true);
+  }
+  std::function<void()> then;
+  void onTime() override {
+    fired_->push_back(name_ + "@" + std::to_string(static_cast<int>(Zef::System::currentTime())));
+    if (then) then();
+  }
+
+ private:
+  std::string name_;
+  std::vector<std::string>* fired_;
+};
+
+class TimerWheelTest : public ::testing::Test {
+ protected:
+  Zef::Ptr<Timer> timer(const std::string& name) { return Zef::Ptr<Timer>(new Timer(wheel, name, &fired)); }
+  void runTo(double t) { Orb::advanceVirtualTime(clock, t, {wheel.ptr()}); }
+
+  Zef::System::VirtualClock clock{0.0};
+  Zef::System::ScopedClock scoped{clock};
+  Zef::Ptr<Orb::TimerWheel> wheel = Orb::TimerWheel::TimerWheelIs();
+  std::vector<std::string> fired;
+};
+
+TEST_F(TimerWheelTest, ANewDeadlineReplacesTheOldAndNeverSwitchesOff) {
+  auto a = timer("a");
+  auto off = timer("off");
+  a->timeMinIs(5);
+  a->timeMinIs(7);
+  off->timeMinIs(3);
+  off->timeMinIs(Orb::never);
+  EXPECT_FALSE(off->isArmed());
+  runTo(100);
+  EXPECT_EQ(fired, (std::vector<std::string>{"a@7"}));
+  EXPECT_EQ(a->timeMin(), 7);  // keeps its deadline after firing, and does not repeat
+  EXPECT_FALSE(a->isArmed());
+}
+
+TEST_F(TimerWheelTest, TimersDueAtOneTimeFireInArmingOrder) {
+  auto a = timer("a");
+  auto b = timer("b");
+  auto c = timer("c");
+  b->timeMinIs(4);
+  c->timeMinIs(4);
+  a->timeMinIs(4);
+  c->timeMinIs(4);  // re-arming puts it last
+  runTo(4);
+  EXPECT_EQ(fired, (std::vector<std::string>{"b@4", "a@4", "c@4"}));
+}
+
+TEST_F(TimerWheelTest, AHandlerMayRearmDeleteOrArmOthersForNow) {
+  auto periodic = timer("p");
+  auto victim = timer("victim");
+  auto immediate = timer("now");
+  periodic->then = [&] {
+    periodic->timeMinIs(Zef::System::currentTime() + 2);
+    victim = nullptr;  // deleting an armed timer takes it off the wheel
+    immediate->timeMinIs(Zef::System::currentTime());
+  };
+  periodic->timeMinIs(1);
+  victim->timeMinIs(2);
+  runTo(5);
+  EXPECT_EQ(fired, (std::vector<std::string>{"p@1", "now@1", "p@3", "now@3", "p@5", "now@5"}));
+}
+
+TEST_F(TimerWheelTest, ATimerWhoseTimeHasPassedFiresOnTheNextRun) {
+  auto late = timer("late");
+  clock.timeIs(10);
+  late->timeMinIs(3);
+  wheel->serviceTimers();
+  EXPECT_EQ(fired, (std::vector<std::string>{"late@10"}));
+}
+
+TEST_F(TimerWheelTest, AnInactiveTimerIsConsumedWithoutRunning) {
+  auto quiet = timer("quiet");
+  quiet->hasNotificationActiveIs(false);
+  quiet->timeMinIs(1);
+  runTo(2);
+  EXPECT_TRUE(fired.empty());
+  EXPECT_EQ(wheel->armedTimers(), 0u);
+}
+
+TEST_F(TimerWheelTest, ManyTimersFireInDeadlineOrder) {
+  std::mt19937 random(3);
+  std::vector<Zef::Ptr<Timer>> timers;
+  std::vector<double> deadlines;
+  std::vector<double> seen;
+  for (int i = 0; i < 2000; ++i) {
+    auto t = timer("t");
+    const double deadline = 1 + random() % 1000;
+    t->then = [&seen, deadline] { seen.push_back(deadline); };
+    t->timeMinIs(deadline);
+    if (i % 5 == 0)
+      t->timeMinIs(Orb::never);  // some are switched off again
+    else
+      deadlines.push_back(deadline);
+    timers.push_back(t);
+  }
+  runTo(2000);
+  std::sort(deadlines.begin(), deadlines.end());
+  EXPECT_EQ(seen, deadlines);
+}
+
+TEST(VirtualClock, NeverRunsBackwardsAndMovesUtcAlong) {
+  Zef::System::VirtualClock clock(5.0, 1000.0);
+  Zef::System::ScopedClock scoped(clock);
+  EXPECT_EQ(Zef::System::currentTime(), 5.0);
+  EXPECT_EQ(Zef::System::currentTimeUtc(), 1000.0);
+  clock.timeIs(7.5);
+  clock.timeIs(6.0);
+  EXPECT_EQ(Zef::System::currentTime(), 7.5);
+  EXPECT_EQ(Zef::System::currentTimeUtc(), 1002.5);
+}
+
+}  // namespace

@@ -1,0 +1,1097 @@
+#!/usr/bin/env python3
+"""Generates the C++ of entities and state machines from their declarations.
+
+Every entity and state machine of the engine is declared once, in a `.zef` file that reads like
+its attribute table; this program writes the class with its generated mutators, notifiee classes
+and reactors. The hand-written parts (handlers, helpers) live in the `.cpp` of the same name.
+See README.md, "Declaring an entity or a state machine", for the language.
+
+Usage: zefgen.py --source-root DIR --out-root DIR FILE.zef...
+All declarations are read together, so a reaction may name an attribute of a type declared in
+another file. For DIR/x/Y.zef it writes OUT/x/Y.h and OUT/x/Y.gen.cpp, and rewrites a file only
+if its text changed.
+"""
+
+import argparse
+import os
+import re
+import sys
+
+# --------------------------------------------------------------------------------------------
+# The model
+
+
+class Attr:
+    def __init__(self, kind, name, type_, line):
+        self.kind = kind  # ctor value counter child values entities | arg data reactor timer sm sms reactors
+        self.name = name
+        self.type = type_
+        self.line = line
+        self.default = None
+        self.key = None  # key type of a collection
+        self.keyof = None  # expression giving the key of a member `v`
+        self.quiet = False
+        self.const = False  # a reactor on a read-only notifier
+        self.is_arg = False  # a state machine's constructor argument
+        self.reactions = []  # of a reactor
+        self.replay = None  # explicit replay order: list of handler calls
+        self.handler = None  # on-change handler of data, or the handler of a timer
+
+    @property
+    def cap(self):
+        return self.name[0].upper() + self.name[1:]
+
+
+class Reaction:
+    def __init__(self, attr, line):
+        self.attr = attr  # the notifier's attribute
+        self.line = line
+        self.handlers = []  # calls, e.g. "handleKey()", "handleIntfStatus(key)"
+        self.mirror = None  # Attr of kind "mirror" (nested reactors) or None
+        self.into = None  # name of the state machine's reactor collection that this mirrors into
+        self.ondelete = None
+
+
+class Type:
+    def __init__(self, kind, name, namespace, source):
+        self.kind = kind  # entity | sm
+        self.name = name
+        self.namespace = namespace
+        self.source = source
+        self.attrs = []
+        self.methods = []
+        self.epilogue = []
+        self.nobackup = False
+
+    @property
+    def qname(self):
+        return f"{self.namespace}::{self.name}" if self.namespace else self.name
+
+    def attr(self, name):
+        for a in self.attrs:
+            if a.name == name:
+                return a
+        return None
+
+    def ctor_attrs(self):
+        if self.kind == "entity":
+            return [a for a in self.attrs if a.kind == "ctor"]
+        return [a for a in self.attrs if a.is_arg]
+
+
+class ZefError(Exception):
+    pass
+
+
+# --------------------------------------------------------------------------------------------
+# Parsing
+
+ENTITY_KINDS = {"ctor", "value", "counter", "child", "values", "entities"}
+SM_KINDS = {"arg", "data", "reactor", "timer", "sm", "sms", "reactors"}
+CLAUSES = [" = ", " by ", " keyof ", " -> ", " ondelete "]
+
+
+def split_clauses(text):
+    """Splits 'Type = 1 by K keyof v.an -> h()' into the type and its clauses."""
+    positions = sorted((text.find(c), c) for c in CLAUSES if text.find(c) >= 0)
+    head = text if not positions else text[: positions[0][0]]
+    clauses = {}
+    for i, (pos, marker) in enumerate(positions):
+        end = positions[i + 1][0] if i + 1 < len(positions) else len(text)
+        clauses[marker.strip()] = text[pos + len(marker) : end].strip()
+    return head.strip(), clauses
+
+
+def parse_calls(text):
+    """'h1(key), h2()' -> ['h1(key)', 'h2()']; a bare name gets '()'."""
+    calls = []
+    depth = 0
+    current = ""
+    for ch in text:
+        if ch == "(":
+            depth += 1
+        elif ch == ")":
+            depth -= 1
+        if ch == "," and depth == 0:
+            calls.append(current.strip())
+            current = ""
+        else:
+            current += ch
+    if current.strip():
+        calls.append(current.strip())
+    return [c if "(" in c else c + "()" for c in calls]
+
+
+def parse_file(path, rel):
+    types = []
+    includes = []
+    namespace = ""
+    current = None
+    holder = None  # the reactor (or reactor collection) whose reactions are being read
+    holder_indent = None
+    nested = None  # the mirror whose nested reactor's reactions are being read
+    nested_indent = None
+    with open(path) as f:
+        lines = f.readlines()
+    for number, raw in enumerate(lines, 1):
+        where = f"{rel}:{number}"
+        line = raw.split("#", 1)[0].rstrip()
+        if not line.strip():
+            continue
+        indent = len(line) - len(line.lstrip())
+        text = line.strip()
+        words = text.split()
+        head = words[0]
+        if indent == 0:
+            holder = nested = None
+            if head == "namespace":
+                namespace = words[1]
+            elif head == "include":
+                includes.append(text.split(None, 1)[1].strip())
+            elif head in ("entity", "sm"):
+                current = Type(head, words[1], namespace, rel)
+                current.nobackup = "nobackup" in words[2:]
+                types.append(current)
+            else:
+                raise ZefError(f"{where}: unknown declaration '{head}'")
+            continue
+        if current is None:
+            raise ZefError(f"{where}: attribute outside of a type")
+        if nested is not None and indent > nested_indent:
+            add_reaction(nested, text, where)
+            continue
+        nested = None
+        if holder is not None and indent > holder_indent:
+            reaction = add_reaction(holder, text, where)
+            if reaction is not None and reaction.mirror is not None:
+                nested, nested_indent = reaction.mirror, indent
+            continue
+        holder = None
+        if head == "method":
+            current.methods.append(text[len("method "):].strip().rstrip(";"))
+            continue
+        if head == "epilogue":
+            current.epilogue.append(text[len("epilogue "):].strip().rstrip(";"))
+            continue
+        attr = parse_attr(current, text, where)
+        current.attrs.append(attr)
+        if attr.kind in ("reactor", "reactors"):
+            holder, holder_indent = attr, indent
+    return types, includes
+
+
+def add_reaction(reactor, text, where):
+    """A reaction line, or a 'replay' line that fixes the order of replay."""
+    if text.startswith("replay "):
+        reactor.replay = parse_calls(", ".join(text[len("replay "):].split()))
+        return None
+    reaction = parse_reaction(text, where)
+    reactor.reactions.append(reaction)
+    return reaction
+
+
+def parse_attr(current, text, where):
+    words = text.split()
+    is_arg = words[0] == "arg"
+    if is_arg and len(words) > 2 and words[1] == "reactor":
+        words = words[1:]
+        text = text[len("arg "):].strip()
+    head = words[0]
+    kinds = ENTITY_KINDS if current.kind == "entity" else SM_KINDS
+    if head not in kinds:
+        raise ZefError(f"{where}: '{head}' is not an attribute kind of {current.kind} {current.name}")
+    if len(words) < 2:
+        raise ZefError(f"{where}: attribute without a name")
+    name = words[1]
+    parts = text.split(None, 2)
+    rest = parts[2] if len(parts) > 2 else ""
+    type_, clauses = split_clauses(" " + rest if rest.startswith(("->", "=")) else rest)
+    attr = Attr("data" if head == "arg" else head, name, type_, where)
+    attr.is_arg = is_arg
+    attr.default = clauses.get("=")
+    attr.key = clauses.get("by")
+    attr.keyof = clauses.get("keyof")
+    if attr.type.endswith(" quiet"):
+        attr.quiet = True
+        attr.type = attr.type[: -len(" quiet")].strip()
+    if attr.type.endswith(" const"):
+        attr.const = True
+        attr.type = attr.type[: -len(" const")].strip()
+    if "->" in clauses:
+        attr.handler = parse_calls(clauses["->"])
+    if attr.kind in ("values", "entities", "sms", "reactors") and not attr.key:
+        raise ZefError(f"{where}: collection {name} needs 'by KeyType'")
+    if attr.kind == "timer":
+        attr.type = "Orb::TimerWheel"
+        if not attr.handler:
+            raise ZefError(f"{where}: timer {name} needs '-> handler()'")
+    if not attr.type and attr.kind != "timer":
+        raise ZefError(f"{where}: attribute {name} has no type")
+    return attr
+
+
+def parse_reaction(text, where):
+    # "attr -> h1(), h2(key)" | "attr mirror [const] [Class] [ondelete h]" | "attr mirror into coll [-> h(key)]"
+    m = re.match(r"^(\w+)\s+(.*)$", text)
+    if not m:
+        raise ZefError(f"{where}: cannot read reaction '{text}'")
+    reaction = Reaction(m.group(1), where)
+    body = m.group(2).strip()
+    if body.startswith("->"):
+        reaction.handlers = parse_calls(body[2:].strip())
+        return reaction
+    if body.startswith("mirror"):
+        body = body[len("mirror") :].strip()
+        handlers = None
+        if "->" in body:
+            body, handlers = body.split("->", 1)
+            reaction.handlers = parse_calls(handlers.strip())
+            body = body.strip()
+        if " ondelete " in " " + body + " ":
+            body, ondelete = (" " + body).split(" ondelete ", 1)
+            reaction.ondelete = ondelete.strip()
+            body = body.strip()
+        if body.startswith("into "):
+            reaction.into = body[len("into ") :].strip()
+            return reaction
+        nested = Attr("mirror", reaction.attr, "", where)
+        words = body.split()
+        nested.const = "const" in words
+        names = [w for w in words if w != "const"]
+        nested.nested_class = names[0] if names else None
+        reaction.mirror = nested
+        return reaction
+    raise ZefError(f"{where}: cannot read reaction '{text}'")
+
+
+# --------------------------------------------------------------------------------------------
+# Type resolution across files
+
+
+class Model:
+    def __init__(self, types):
+        self.types = {}
+        for t in types:
+            if t.qname in self.types:
+                raise ZefError(f"{t.source}: {t.qname} declared twice")
+            self.types[t.qname] = t
+
+    def find(self, name, namespace):
+        name = name.strip()
+        for candidate in (f"{namespace}::{name}" if namespace else name, name):
+            if candidate in self.types:
+                return self.types[candidate]
+        # A name qualified relative to an enclosing namespace.
+        parts = namespace.split("::") if namespace else []
+        while parts:
+            parts.pop()
+            candidate = "::".join(parts + [name]) if parts else name
+            if candidate in self.types:
+                return self.types[candidate]
+        return None
+
+    def need(self, name, namespace, where):
+        t = self.find(name, namespace)
+        if t is None:
+            raise ZefError(f"{where}: unknown type '{name}' (declare it in a .zef file)")
+        return t
+
+
+# --------------------------------------------------------------------------------------------
+# Emitting C++
+
+
+def qual(t, from_namespace):
+    """How type t is spelled from inside from_namespace."""
+    if t.namespace == from_namespace:
+        return t.name
+    return "::" + t.qname if t.namespace else t.name
+
+
+def factory_name(name):
+    return name[0].lower() + name[1:] + "Factory"
+
+
+def param_type(type_):
+    """Pass small scalars by value, everything else by const reference."""
+    scalars = {"bool", "double", "float", "int", "unsigned", "uint8_t", "uint16_t", "uint32_t", "uint64_t",
+               "int8_t", "int16_t", "int32_t", "int64_t", "size_t", "char"}
+    return type_ if type_ in scalars else f"const {type_}&"
+
+
+class Emitter:
+    def __init__(self, model):
+        self.model = model
+        self.h = []
+        self.cpp = []
+
+    def hw(self, text=""):
+        self.h.append(text)
+
+    def cw(self, text=""):
+        self.cpp.append(text)
+
+    # ---- entities ----------------------------------------------------------------------------
+
+    def notify(self, call):
+        return f"zefNotify<NotifieeConst>([&](NotifieeConst* zefN) {{ zefN->{call}; }});"
+
+    def entity(self, t):
+        ns = t.namespace
+        ctor = t.ctor_attrs()
+        base_name = ctor[0] if ctor and ctor[0].name == "name" and ctor[0].type in ("Zef::Name",) else None
+        params = ", ".join(f"{param_type(a.type)} {a.name}" for a in ctor)
+        args = ", ".join(a.name for a in ctor)
+        hw = self.hw
+        hw(f"class {t.name} : public Zef::Entity {{")
+        hw(" public:")
+        # Notifiee classes: one virtual per attribute, in declaration order.
+        hw(f"  class NotifieeConst : public Zef::NotifieeConstOf<{t.name}> {{")
+        hw("   public:")
+        for a in t.attrs:
+            if a.kind == "ctor":
+                continue
+            if a.kind in ("values", "entities"):
+                hw(f"    virtual void on{a.cap}({param_type(a.key)}) {{}}")
+                hw(f"    virtual void on{a.cap}zefImmediate() {{}}")
+                hw(f"    virtual void on{a.cap}() {{}}")
+            else:
+                hw(f"    virtual void on{a.cap}() {{}}")
+        hw("")
+        hw("   protected:")
+        hw("    NotifieeConst() = default;")
+        hw(f"    explicit NotifieeConst(const Zef::Ptr<{t.name} const>& notifier) : NotifieeConstOf(notifier) {{}}")
+        hw("  };")
+        hw(f"  class Notifiee : public Zef::NotifieeOf<{t.name}, NotifieeConst> {{")
+        hw("   protected:")
+        hw("    using NotifieeOf::NotifieeOf;")
+        hw("  };")
+        hw("")
+        hw(f"  static Zef::Ptr<{t.name}> {t.name}Is({params});")
+        if t.nobackup:
+            hw("  bool hasBackupSupport() const override { return false; }")
+        if ctor and not base_name:
+            hw(f"  const {ctor[0].type}& zefKey() const noexcept {{ return {ctor[0].name}_; }}")
+        hw("")
+        for a in t.attrs:
+            getattr(self, f"entity_{a.kind}")(t, a)
+        if t.methods:
+            hw("")
+            for m in t.methods:
+                hw(f"  {m};")
+        hw("")
+        hw(" protected:")
+        hw(f"  {'explicit ' if len(ctor) == 1 else ''}{t.name}({params});")
+        hw(f"  ~{t.name}() override;")
+        hw("")
+        hw(" private:")
+        for a in t.attrs:
+            if a is base_name:
+                continue
+            hw(f"  {self.entity_storage(a)};")
+        hw("};")
+        hw("")
+        hw(f"Zef::Ptr<{t.name}> {factory_name(t.name)}({params});")
+        hw("")
+        # Source
+        cw = self.cw
+        inits = []
+        if base_name:
+            inits.append(f"Zef::Entity({base_name.name})")
+        for a in ctor:
+            if a is not base_name:
+                inits.append(f"{a.name}_({a.name})")
+        cw(f"{t.name}::{t.name}({params}){' : ' + ', '.join(inits) if inits else ''} {{}}")
+        cw("")
+        cw(f"{t.name}::~{t.name}() {{")
+        for a in reversed(t.attrs):
+            if a.kind == "child":
+                cw(f"  if ({a.name}_) {a.name}_->parentIs(nullptr);")
+            elif a.kind == "entities":
+                cw(f"  for (auto& zefMember : {a.name}_) zefMember->parentIs(nullptr);")
+        cw("}")
+        cw("")
+        cw(f"Zef::Ptr<{t.name}> {t.name}::{t.name}Is({params}) {{")
+        cw(f"  Zef::Ptr<{t.name}> object(new {t.name}({args}));")
+        cw("  object->hasNotificationActiveIs(true);")
+        cw("  return object;")
+        cw("}")
+        cw("")
+        cw(f"Zef::Ptr<{t.name}> {factory_name(t.name)}({params}) {{ return {t.name}::{t.name}Is({args}); }}")
+        cw("")
+
+    def entity_storage(self, a):
+        if a.kind in ("ctor", "value", "counter"):
+            init = f" = {a.default}" if a.default is not None else "{}"
+            return f"{a.type} {a.name}_{init}"
+        if a.kind == "child":
+            return f"Zef::Ptr<{a.type}> {a.name}_"
+        if a.kind == "values":
+            return f"Zef::HashMap2018<{a.key}, {a.type}> {a.name}_"
+        if a.kind == "entities":
+            return f"Zef::HashMap<{a.key}, {a.type}> {a.name}_"
+        raise ZefError(f"{a.line}: no storage for {a.kind}")
+
+    def entity_ctor(self, t, a):
+        if a.name == "name" and a.type == "Zef::Name":
+            return
+        self.hw(f"  const {a.type}& {a.name}() const noexcept {{ return {a.name}_; }}")
+
+    def entity_value(self, t, a):
+        hw = self.hw
+        hw(f"  const {a.type}& {a.name}() const noexcept {{ return {a.name}_; }}")
+        hw(f"  void {a.name}Is({param_type(a.type)} value) {{")
+        hw(f"    if ({a.name}_ == value) return;")
+        hw(f"    {a.name}_ = value;")
+        if not a.quiet:
+            hw(f"    {self.notify(f'on{a.cap}()')}")
+        hw("  }")
+
+    def entity_counter(self, t, a):
+        hw = self.hw
+        self.entity_value(t, a)
+        for op, sign in (("Inc", "+"), ("Dec", "-")):
+            hw(f"  {a.type} {a.name}{op}({a.type} delta = 1) {{")
+            hw(f"    if (delta == 0) return {a.name}_;")
+            hw(f"    {a.name}_ = static_cast<{a.type}>({a.name}_ {sign} delta);")
+            if not a.quiet:
+                hw(f"    {self.notify(f'on{a.cap}()')}")
+            hw(f"    return {a.name}_;")
+            hw("  }")
+
+    def entity_child(self, t, a):
+        hw = self.hw
+        child = self.model.find(a.type, t.namespace)
+        hw(f"  const Zef::Ptr<{a.type}>& {a.name}() noexcept {{ return {a.name}_; }}")
+        hw(f"  Zef::Ptr<{a.type} const> {a.name}() const noexcept {{ return {a.name}_; }}")
+        hw("  template <class... Args>")
+        hw(f"  Zef::Ptr<{a.type}> {a.name}Is(Args&&... args) {{")
+        hw(f"    if ({a.name}_) return {a.name}_;")
+        creator = f"{a.type}::{child.name if child else a.type.split('::')[-1]}Is"
+        hw(f"    Zef::Ptr<{a.type}> child = {creator}(std::forward<Args>(args)...);")
+        hw(f"    child->parentIs(this, \"{a.name}\");")
+        hw(f"    {a.name}_ = child;")
+        hw(f"    {self.notify(f'on{a.cap}()')}")
+        hw("    return child;")
+        hw("  }")
+        hw(f"  Zef::Ptr<{a.type}> {a.name}Del() {{")
+        hw(f"    Zef::Ptr<{a.type}> child = std::move({a.name}_);")
+        hw("    if (!child) return child;")
+        hw("    child->parentIs(nullptr);")
+        hw(f"    {self.notify(f'on{a.cap}()')}")
+        hw("    return child;")
+        hw("  }")
+
+    def collection_common(self, a):
+        hw = self.hw
+        hw(f"  size_t {a.name}Size() const noexcept {{ return {a.name}_.size(); }}")
+        hw(f"  bool {a.name}Has({param_type(a.key)} key) const {{ return {a.name}_.contains(key); }}")
+        hw(f"  auto {a.name}Iter() const {{ return {a.name}_.iterator(); }}")
+        hw(f"  void {a.name}Notify({param_type(a.key)} key) {{ {self.notify(f'on{a.cap}(key)')} }}")
+        hw(f"  void {a.name}DelAll() {{")
+        hw(f"    for (auto it = {a.name}_.iterator(); it; ++it) {a.name}Del({a.key}(it.key()));")
+        hw("  }")
+
+    def entity_values(self, t, a):
+        hw = self.hw
+        hw(f"  {a.type} {a.name}({param_type(a.key)} key) const {{")
+        hw(f"    const {a.type}* value = {a.name}_.find(key);")
+        hw(f"    return value ? *value : {a.type}();")
+        hw("  }")
+        hw(f"  void {a.name}Is({param_type(a.key)} key, {param_type(a.type)} value) {{")
+        hw(f"    if (!{a.name}_.assign(key, value)) return;")
+        hw(f"    {self.notify(f'on{a.cap}(key)')}")
+        hw("  }")
+        if a.keyof:
+            hw(f"  void {a.name}Is({param_type(a.type)} v) {{ {a.name}Is({a.keyof}, v); }}")
+        hw(f"  {a.type} {a.name}Del({param_type(a.key)} key) {{")
+        hw(f"    {a.type} old{{}};")
+        hw(f"    if (!{a.name}_.erase(key, &old)) return old;")
+        hw(f"    {self.notify(f'on{a.cap}(key)')}")
+        hw("    return old;")
+        hw("  }")
+        self.collection_common(a)
+
+    def entity_entities(self, t, a):
+        hw = self.hw
+        member = self.model.find(a.type, t.namespace)
+        hw(f"  Zef::Ptr<{a.type}> {a.name}({param_type(a.key)} key) {{ return {a.name}_.find(key); }}")
+        hw(f"  Zef::Ptr<{a.type} const> {a.name}({param_type(a.key)} key) const {{ return {a.name}_.find(key); }}")
+        hw("  template <class... Args>")
+        hw(f"  Zef::Ptr<{a.type}> {a.name}Is({param_type(a.key)} key, Args&&... args) {{")
+        hw(f"    if (Zef::Ptr<{a.type}> existing = {a.name}_.find(key)) return existing;")
+        creator = f"{a.type}::{member.name if member else a.type.split('::')[-1]}Is"
+        hw(f"    Zef::Ptr<{a.type}> member = {creator}(key, std::forward<Args>(args)...);")
+        hw(f"    member->parentIs(this, \"{a.name}\");")
+        hw(f"    {a.name}_.insert(key, member);")
+        hw(f"    {self.notify(f'on{a.cap}(key)')}")
+        hw("    return member;")
+        hw("  }")
+        hw(f"  Zef::Ptr<{a.type}> {a.name}Del({param_type(a.key)} key) {{")
+        hw(f"    Zef::Ptr<{a.type}> member = {a.name}_.erase(key);")
+        hw("    if (!member) return member;")
+        hw("    member->parentIs(nullptr);")
+        hw(f"    {self.notify(f'on{a.cap}(key)')}")
+        hw("    return member;")
+        hw("  }")
+        self.collection_common(a)
+
+    # ---- state machines ----------------------------------------------------------------------
+
+    def notifier_of(self, sm, a):
+        """(type spelling, Type or None) of the notifier of a reactor-like attribute."""
+        if a.kind == "timer":
+            return "Orb::TimerWheel", None
+        t = self.model.find(a.type, sm.namespace)
+        return a.type, t
+
+    def notifier_attr(self, notifier_type, name, where):
+        if notifier_type is None:
+            raise ZefError(f"{where}: reactions need a notifier declared in a .zef file")
+        attr = notifier_type.attr(name)
+        if attr is None or attr.kind == "ctor":
+            raise ZefError(f"{where}: {notifier_type.qname} has no notifying attribute '{name}'")
+        return attr
+
+    def call_text(self, call, target):
+        return f"{target}{call}"
+
+    def sm_param_type(self, a):
+        if a.kind == "reactor":
+            return f"const Zef::Ptr<{a.type}{' const' if a.const else ''}>&"
+        return param_type(a.type)
+
+    def reactor_class(self, sm, a, indent, owner_type, handlers_on_self, class_name, key_type, full_path):
+        """Emits a reactor class for attribute a (a reactor, a reactor collection member, or a
+        mirror's nested reactor). Returns the list of handler declarations it needs."""
+        hw = self.hw
+        pad = " " * indent
+        notifier_spelling, notifier_type = self.notifier_of(sm, a)
+        if a.kind == "timer":
+            base = "Orb::TimerWheel::Notifiee"
+            ptr_type = "Orb::TimerWheel"
+            const_ptr = "Zef::Ptr<Orb::TimerWheel const>"
+        else:
+            base = f"{notifier_spelling}::{'NotifieeConst' if a.const else 'Notifiee'}"
+            ptr_type = f"{notifier_spelling}{' const' if a.const else ''}"
+            const_ptr = f"Zef::Ptr<{notifier_spelling} const>"
+        target = "" if handlers_on_self else "owner_->"
+        declarations = []
+        hw(f"{pad}class {class_name} : public {base} {{")
+        hw(f"{pad} public:")
+        # Nested mirror classes first, so the outer reactor can hold them.
+        mirrors = [r for r in a.reactions if r.mirror is not None]
+        for r in mirrors:
+            member_attr = self.notifier_attr(notifier_type, r.attr, r.line)
+            nested = r.mirror
+            nested.type = member_attr.type if member_attr.kind == "entities" else member_attr.type
+            inner = nested.type
+            m = re.match(r"^Zef::Ptr<(.+?)( const)?>$", inner)
+            if m:
+                inner = m.group(1)
+                nested.const = nested.const or bool(m.group(2))
+            nested.type = inner
+            nested.const = nested.const or a.const
+            nested_class = nested.nested_class or f"Zef{nested.cap}"
+            nested.nested_class = nested_class
+            member_ns = notifier_type.namespace
+            member_type = self.model.find(inner, member_ns)
+            if member_type is not None:
+                nested.type = qual(member_type, sm.namespace)
+            self.reactor_class(sm, nested, indent + 2, class_name, True, nested_class, member_attr.key,
+                               f"{full_path}::{class_name}")
+            hw("")
+        ctor_extra = f", const {key_type}& key" if key_type else ""
+        hw(f"{pad}  {class_name}(const Zef::Ptr<{ptr_type}>& notifier, {owner_type}* owner{ctor_extra})")
+        hw(f"{pad}      : {base}(notifier), owner_(owner){', key_(key)' if key_type else ''} {{}}")
+        hw(f"{pad}  {owner_type}* owner() const noexcept {{ return owner_; }}")
+        if key_type:
+            hw(f"{pad}  const {key_type}& key() const noexcept {{ return key_; }}")
+        hw(f"{pad}  void zefOwnerIs({owner_type}* owner) noexcept {{")
+        hw(f"{pad}    owner_ = owner;")
+        for r in mirrors:
+            hw(f"{pad}    {r.attr}_.forEach([](auto& nested) {{ nested.zefOwnerIs(nullptr); }});")
+        hw(f"{pad}  }}")
+        # Notification overrides.
+        overridden = []
+        replay_calls = []
+        if a.kind == "timer":
+            calls = a.handler
+            hw(f"{pad}  void onTime() override {{")
+            hw(f"{pad}    if (isZombie() || !owner_) return;")
+            for c in calls:
+                hw(f"{pad}    {target}{c};")
+            hw(f"{pad}  }}")
+            replay_calls = [target + c for c in calls]
+            declarations += [(c, None) for c in calls]
+        for r in a.reactions:
+            n_attr = self.notifier_attr(notifier_type, r.attr, r.line)
+            collection = n_attr.kind in ("values", "entities")
+            keyed = [c for c in r.handlers if c.endswith("(key)")]
+            keyless = [c for c in r.handlers if not c.endswith("(key)")]
+            if r.mirror is not None or r.into is not None:
+                if not collection:
+                    raise ZefError(f"{r.line}: only a collection can be mirrored")
+                coll = r.attr if r.mirror is not None else r.into
+                owner_prefix = "" if r.mirror is not None else "owner_->"
+                hw(f"{pad}  void on{n_attr.cap}({param_type(n_attr.key)} key) override {{")
+                hw(f"{pad}    if (isZombie()) return;")
+                if r.into is not None:
+                    hw(f"{pad}    if (!owner_) return;")
+                hw(f"{pad}    if (auto member = notifier()->{r.attr}(key)) {{")
+                hw(f"{pad}      {owner_prefix}{coll}Is(key, member);")
+                hw(f"{pad}    }} else {{")
+                if r.ondelete:
+                    hw(f"{pad}      if (auto nested = {owner_prefix}{coll}(key)) nested->{r.ondelete}();")
+                hw(f"{pad}      {owner_prefix}{coll}Del(key);")
+                hw(f"{pad}    }}")
+                for c in keyed:
+                    hw(f"{pad}    if (!isZombie() && owner_) {target}{c};")
+                hw(f"{pad}  }}")
+                hw(f"{pad}  void on{n_attr.cap}zefImmediate() override {{")
+                hw(f"{pad}    if (isZombie()) return;")
+                hw(f"{pad}    zefReconcile{n_attr.cap}();")
+                hw(f"{pad}  }}")
+                overridden.append(f"on{n_attr.cap}")
+                replay_calls.append(f"zefReconcile{n_attr.cap}()")
+                declarations += [(c, n_attr.key) for c in keyed]
+                continue
+            if collection:
+                if keyed:
+                    hw(f"{pad}  void on{n_attr.cap}({param_type(n_attr.key)} key) override {{")
+                    hw(f"{pad}    if (isZombie(){'' if handlers_on_self else ' || !owner_'}) return;")
+                    for c in keyed:
+                        hw(f"{pad}    {target}{c};")
+                    hw(f"{pad}  }}")
+                if keyless:
+                    hw(f"{pad}  void on{n_attr.cap}zefImmediate() override {{")
+                    hw(f"{pad}    if (isZombie(){'' if handlers_on_self else ' || !owner_'}) return;")
+                    for c in keyless:
+                        hw(f"{pad}    {target}{c};")
+                    hw(f"{pad}  }}")
+                overridden.append(f"on{n_attr.cap}")
+                replay_calls += [target + c for c in keyless]
+                declarations += [(c, n_attr.key) for c in keyed] + [(c, None) for c in keyless]
+            else:
+                hw(f"{pad}  void on{n_attr.cap}() override {{")
+                hw(f"{pad}    if (isZombie(){'' if handlers_on_self else ' || !owner_'}) return;")
+                for c in r.handlers:
+                    hw(f"{pad}    {target}{c};")
+                hw(f"{pad}  }}")
+                replay_calls += [target + c for c in r.handlers]
+                declarations += [(c, None) for c in r.handlers]
+        for name in dict.fromkeys(overridden):
+            hw(f"{pad}  using {base}::{name};")
+        if a.replay is not None:
+            replay_calls = [target + c for c in a.replay]
+        # Binding to another notifier replays the reaction.
+        hw(f"{pad}  void notifierIs(const {const_ptr}& notifier) override {{")
+        hw(f"{pad}    if (notifier.ptr() == notifierRaw()) return;")
+        hw(f"{pad}    const bool replay = notifier && !isZombie() && owner_;")
+        if a.kind == "timer":
+            hw(f"{pad}    zefTimerWheelIs(notifier);")
+        else:
+            hw(f"{pad}    zefNotifierIs(notifier);")
+        if replay_calls:
+            hw(f"{pad}    if (replay) {{")
+            for c in replay_calls:
+                hw(f"{pad}      {c};")
+            hw(f"{pad}    }}")
+        else:
+            hw(f"{pad}    (void)replay;")
+        for r in mirrors:
+            hw(f"{pad}    if (!notifier) zefReconcile{r.attr[0].upper() + r.attr[1:]}();")
+        hw(f"{pad}    isRegisteredNotifieeIs(static_cast<bool>(notifier));")
+        hw(f"{pad}  }}")
+        hw(f"{pad}  using {base}::notifierIs;")
+        # Mirrors: the nested collection and its mutators.
+        for r in mirrors:
+            nested = r.mirror
+            n_attr = notifier_type.attr(r.attr)
+            nested_ptr = f"{nested.type}{' const' if nested.const else ''}"
+            cls = nested.nested_class
+            key = n_attr.key
+            hw(f"{pad}  Zef::Ptr<{cls}> {r.attr}({param_type(key)} key) const {{ return {r.attr}_.find(key); }}")
+            hw(f"{pad}  Zef::Ptr<{cls}> {r.attr}Is({param_type(key)} key, const Zef::Ptr<{nested_ptr}>& member) {{")
+            hw(f"{pad}    if (!member) Zef::throwNullMutatorArgument(\"{r.attr}\", \"{full_path}::{class_name}\", \"{r.attr}\");")
+            hw(f"{pad}    return {r.attr}_.set(key, member, this);")
+            hw(f"{pad}  }}")
+            hw(f"{pad}  void {r.attr}Del({param_type(key)} key) {{ {r.attr}_.del(key); }}")
+            hw(f"{pad}  size_t {r.attr}Size() const noexcept {{ return {r.attr}_.size(); }}")
+            hw(f"{pad}  auto {r.attr}Iter() const {{ return {r.attr}_.iterator(); }}")
+            cap = r.attr[0].upper() + r.attr[1:]
+            hw(f"{pad}  // Makes the nested reactors match the watched collection.")
+            hw(f"{pad}  void zefReconcile{cap}() {{")
+            hw(f"{pad}    auto watched = notifier();")
+            hw(f"{pad}    if (watched) {{")
+            hw(f"{pad}      for (auto it = watched->{r.attr}Iter(); it; ++it) {{")
+            hw(f"{pad}        if (auto member = watched->{r.attr}({key}(it.key()))) {r.attr}Is({key}(it.key()), member);")
+            hw(f"{pad}      }}")
+            hw(f"{pad}    }}")
+            hw(f"{pad}    for (auto it = {r.attr}_.iterator(); it; ++it) {{")
+            hw(f"{pad}      if (!watched || !watched->{r.attr}Has(it.key())) {r.attr}Del({key}(it.key()));")
+            hw(f"{pad}    }}")
+            hw(f"{pad}  }}")
+        if mirrors:
+            hw(f"{pad}  void hasNotificationActiveIs(bool active) override {{")
+            hw(f"{pad}    {base}::hasNotificationActiveIs(active);")
+            for r in mirrors:
+                hw(f"{pad}    {r.attr}_.forEach([active](auto& nested) {{ nested.hasNotificationActiveIs(active); }});")
+            hw(f"{pad}  }}")
+            hw(f"{pad}  void zefDoZombieReactors(bool zombie) override {{")
+            for r in mirrors:
+                hw(f"{pad}    {r.attr}_.forEach([zombie](auto& nested) {{ nested.zefDoZombieReactors(zombie); }});")
+            hw(f"{pad}    {base}::zefDoZombieReactors(zombie);")
+            hw(f"{pad}  }}")
+        # Hand-written handlers that live on this reactor class.
+        if handlers_on_self:
+            signatures = []
+            for call, key in declarations:
+                signature = self.handler_signature(call, key, r_line=a.line)
+                if signature not in signatures:
+                    signatures.append(signature)
+                    hw(f"{pad}  void {signature};")
+            declarations = []
+        hw("")
+        hw(f"{pad} private:")
+        hw(f"{pad}  {owner_type}* owner_;")
+        if key_type:
+            hw(f"{pad}  {key_type} key_;")
+        for r in mirrors:
+            n_attr = notifier_type.attr(r.attr)
+            hw(f"{pad}  Zef::ReactorMap<{n_attr.key}, {r.mirror.nested_class}> {r.attr}_;")
+        hw(f"{pad}}};")
+        return declarations
+
+    def handler_signature(self, call, key, r_line):
+        name, args = call.split("(", 1)
+        args = args.rstrip(")").strip()
+        if args == "":
+            return f"{name}()"
+        if args == "key":
+            return f"{name}({param_type(key)} key)"
+        raise ZefError(f"{r_line}: handler '{call}' passes literal arguments: declare it with 'method'")
+
+    def sm(self, t):
+        ns = t.namespace
+        hw = self.hw
+        ctor = t.ctor_attrs()
+        params = ", ".join(f"{self.sm_param_type(a)} {a.name}" for a in ctor)
+        args = ", ".join(a.name for a in ctor)
+        method_names = {re.match(r".*?(\w+)\s*\(", m).group(1) for m in t.methods if re.match(r".*?(\w+)\s*\(", m)}
+        hw(f"class {t.name} : public Zef::StateMachine {{")
+        hw(" public:")
+        handler_decls = []
+        for a in t.attrs:
+            if a.kind == "reactor" or a.kind == "timer":
+                handler_decls += self.reactor_class(t, a, 2, t.name, False, f"Zef{a.cap}", None, t.qname)
+                hw("")
+            elif a.kind == "reactors":
+                self.reactor_class(t, a, 2, t.name, True, f"Zef{a.cap}", a.key, t.qname)
+                hw("")
+        hw(f"  static Zef::Ptr<{t.name}> {t.name}Is({params});")
+        hw("")
+        for a in t.attrs:
+            getattr(self, f"sm_{a.kind}")(t, a)
+        hw("")
+        hw("  // The constructor arguments' refusal text if they differ from this object's, else empty.")
+        hw(f"  Zef::String zefArgsMismatch({params}) const;")
+        hw("  void hasNotificationActiveIs(bool active) override;")
+        hw("  void zefDoZombieReactors(bool zombie) override;")
+        # Handlers named in reactions and not declared by hand.
+        extra = []
+        for a in t.attrs:
+            if a.kind == "data" and a.handler:
+                handler_decls += [(call, None) for call in a.handler]
+        for call, key in handler_decls:
+            if call.split("(")[0] in method_names:
+                continue
+            signature = self.handler_signature(call, key, t.source)
+            if signature not in extra:
+                extra.append(signature)
+        if extra or t.methods:
+            hw("")
+            for sig in extra:
+                hw(f"  void {sig};")
+            for m in t.methods:
+                hw(f"  {m};")
+        hw("")
+        hw(" protected:")
+        hw(f"  {'explicit ' if len(ctor) == 1 else ''}{t.name}({params});")
+        hw(f"  ~{t.name}() override;")
+        hw("")
+        hw(" private:")
+        for a in t.attrs:
+            hw(f"  {self.sm_storage(t, a)};")
+        hw("};")
+        hw("")
+        hw(f"Zef::Ptr<{t.name}> {factory_name(t.name)}({params});")
+        hw("")
+        # ---- source
+        cw = self.cw
+        inits = []
+        for a in t.attrs:
+            if a.kind == "reactor" and a.is_arg:
+                inits.append(f"{a.name}_(Zef::makeReactor<Zef{a.cap}>({a.name}, this))")
+            elif a.is_arg:
+                inits.append(f"{a.name}_({a.name})")
+        cw(f"{t.name}::{t.name}({params}){' : ' + ', '.join(inits) if inits else ''} {{")
+        epilogue = t.epilogue or (["handleInitialized()"] if "handleInitialized" in method_names else [])
+        if epilogue:
+            cw("  ConstructionGuard guard(*this);")
+            for statement in epilogue:
+                cw(f"  {statement};")
+        cw("}")
+        cw("")
+        cw(f"{t.name}::~{t.name}() {{")
+        if "handleCleanUp" in method_names:
+            cw("  handleCleanUp();")
+        elif "handleCleanup" in method_names:
+            cw("  handleCleanup();")
+        cw("  zefDoZombieReactors(true);")
+        for a in t.attrs:
+            if a.kind in ("reactor", "timer"):
+                cw(f"  if ({a.name}_) {a.name}_->zefOwnerIs(nullptr);")
+            elif a.kind == "reactors":
+                cw(f"  {a.name}_.forEach([](auto& reactor) {{ reactor.zefOwnerIs(nullptr); }});")
+        for a in t.attrs:
+            if a.kind == "sms":
+                cw(f"  {a.name}DelAll();")
+        cw("}")
+        cw("")
+        cw(f"Zef::Ptr<{t.name}> {t.name}::{t.name}Is({params}) {{")
+        cw(f"  Zef::Ptr<{t.name}> sm(new {t.name}({args}));")
+        cw("  sm->hasNotificationActiveIs(true);")
+        cw("  return sm;")
+        cw("}")
+        cw("")
+        cw(f"Zef::Ptr<{t.name}> {factory_name(t.name)}({params}) {{ return {t.name}::{t.name}Is({args}); }}")
+        cw("")
+        cw(f"Zef::String {t.name}::zefArgsMismatch({params}) const {{")
+        for a in ctor:
+            current = f"this->{a.name}()"
+            cw(f"  if (!({current} == {a.name})) {{")
+            cw(f"    return Zef::String(\"Reinstantiating the pointer interface where constructor parameter attribute _{a.name} \"")
+            cw(f"                       \"has a different value of \") + Zef::valueToString({a.name}) + \" than the current value of \" +")
+            cw(f"           Zef::valueToString({current}) + \" not allowed\";")
+            cw("  }")
+        if not ctor:
+            cw("  return Zef::String();")
+        else:
+            cw("  return Zef::String();")
+        cw("}")
+        cw("")
+        cw(f"void {t.name}::hasNotificationActiveIs(bool active) {{")
+        cw("  StateMachine::hasNotificationActiveIs(active);")
+        for a in t.attrs:
+            if a.kind in ("reactor", "timer", "sm"):
+                cw(f"  if ({a.name}_) {a.name}_->hasNotificationActiveIs(active);")
+            elif a.kind in ("reactors",):
+                cw(f"  {a.name}_.forEach([active](auto& reactor) {{ reactor.hasNotificationActiveIs(active); }});")
+            elif a.kind == "sms":
+                cw(f"  for (auto& child : {a.name}_) child->hasNotificationActiveIs(active);")
+        cw("}")
+        cw("")
+        cw(f"void {t.name}::zefDoZombieReactors(bool zombie) {{")
+        for a in t.attrs:
+            if a.kind in ("reactor", "timer"):
+                cw(f"  if ({a.name}_) {a.name}_->zefDoZombieReactors(zombie);")
+            elif a.kind == "reactors":
+                cw(f"  {a.name}_.forEach([zombie](auto& reactor) {{ reactor.zefDoZombieReactors(zombie); }});")
+        cw("  StateMachine::zefDoZombieReactors(zombie);")
+        cw("}")
+        cw("")
+
+    def sm_storage(self, t, a):
+        if a.kind == "data":
+            init = f" = {a.default}" if a.default is not None else "{}"
+            return f"{a.type} {a.name}_{init}"
+        if a.kind in ("reactor", "timer"):
+            return f"Zef::Ptr<Zef{a.cap}> {a.name}_"
+        if a.kind == "reactors":
+            return f"Zef::ReactorMap<{a.key}, Zef{a.cap}> {a.name}_"
+        if a.kind == "sm":
+            return f"Zef::Ptr<{a.type}> {a.name}_"
+        if a.kind == "sms":
+            return f"Zef::HashMap<{a.key}, {a.type}> {a.name}_"
+        raise ZefError(f"{a.line}: no storage for {a.kind}")
+
+    def sm_data(self, t, a):
+        hw = self.hw
+        hw(f"  const {a.type}& {a.name}() const noexcept {{ return {a.name}_; }}")
+        if a.is_arg:
+            return
+        hw(f"  void {a.name}Is({param_type(a.type)} value) {{")
+        if a.handler:
+            hw(f"    if ({a.name}_ == value) return;")
+        hw(f"    {a.name}_ = value;")
+        for c in a.handler or []:
+            hw(f"    {c};")
+        hw("  }")
+        if re.match(r"^(u?int(8|16|32|64)_t|unsigned|int|size_t)$", a.type):
+            hw(f"  {a.type} {a.name}Inc({a.type} delta = 1) {{")
+            hw(f"    {a.name}Is(static_cast<{a.type}>({a.name}_ + delta));")
+            hw(f"    return {a.name}_;")
+            hw("  }")
+
+    def sm_reactor(self, t, a):
+        hw = self.hw
+        ptr = f"{a.type}{' const' if a.const else ''}"
+        hw(f"  Zef::Ptr<{ptr}> {a.name}() const {{ return {a.name}_ ? {a.name}_->notifier() : Zef::Ptr<{ptr}>(); }}")
+        hw(f"  const Zef::Ptr<Zef{a.cap}>& {a.name}Reactor() const noexcept {{ return {a.name}_; }}")
+        hw(f"  void {a.name}Is(const Zef::Ptr<{ptr}>& notifier) {{ Zef::reactorIs({a.name}_, notifier, this); }}")
+        hw(f"  void {a.name}Del() {{ Zef::reactorDel({a.name}_); }}")
+
+    def sm_timer(self, t, a):
+        hw = self.hw
+        hw(f"  const Zef::Ptr<Zef{a.cap}>& {a.name}() const noexcept {{ return {a.name}_; }}")
+        hw(f"  void {a.name}Is(const Zef::Ptr<Orb::TimerWheel>& wheel) {{ Zef::reactorIs({a.name}_, wheel, this); }}")
+        hw(f"  void {a.name}Del() {{ Zef::reactorDel({a.name}_); }}")
+
+    def sm_reactors(self, t, a):
+        hw = self.hw
+        ptr = f"{a.type}{' const' if a.const else ''}"
+        cls = f"Zef{a.cap}"
+        hw(f"  Zef::Ptr<{cls}> {a.name}({param_type(a.key)} key) const {{ return {a.name}_.find(key); }}")
+        hw(f"  Zef::Ptr<{cls}> {a.name}Is({param_type(a.key)} key, const Zef::Ptr<{ptr}>& notifier) {{")
+        hw(f"    if (!notifier) Zef::throwNullMutatorArgument(\"{a.name}\", \"{t.qname}\", \"{a.name}\");")
+        hw(f"    return {a.name}_.set(key, notifier, this);")
+        hw("  }")
+        if a.keyof:
+            hw(f"  Zef::Ptr<{cls}> {a.name}Is(const Zef::Ptr<{ptr}>& v) {{")
+            hw(f"    if (!v) Zef::throwNullMutatorArgument(\"{a.name}\", \"{t.qname}\", \"{a.name}\");")
+            hw(f"    return {a.name}Is({a.keyof}, v);")
+            hw("  }")
+        hw(f"  void {a.name}Del({param_type(a.key)} key) {{ {a.name}_.del(key); }}")
+        hw(f"  void {a.name}DelAll() {{ {a.name}_.delAll(); }}")
+        hw(f"  size_t {a.name}Size() const noexcept {{ return {a.name}_.size(); }}")
+        hw(f"  auto {a.name}Iter() const {{ return {a.name}_.iterator(); }}")
+
+    def child_params(self, t, a):
+        child = self.model.need(a.type, t.namespace, a.line)
+        ctor = child.ctor_attrs()
+        return child, ctor, ", ".join(f"{self.sm_param_type(c)} {c.name}" for c in ctor), ", ".join(c.name for c in ctor)
+
+    def sm_sm(self, t, a):
+        hw = self.hw
+        child, ctor, params, args = self.child_params(t, a)
+        cq = qual(child, t.namespace)
+        hw(f"  const Zef::Ptr<{cq}>& {a.name}() const noexcept {{ return {a.name}_; }}")
+        hw(f"  // Keeps the child if it was built with the same arguments; otherwise a new one replaces it.")
+        hw(f"  Zef::Ptr<{cq}> {a.name}Is({params}) {{")
+        hw(f"    if ({a.name}_ && {a.name}_->zefArgsMismatch({args}).empty()) return {a.name}_;")
+        hw(f"    {a.name}Del();")
+        hw(f"    {a.name}_ = {cq}::{child.name}Is({args});")
+        hw(f"    return {a.name}_;")
+        hw("  }")
+        hw(f"  void {a.name}Del() {{")
+        hw(f"    Zef::Ptr<{cq}> child = std::move({a.name}_);")
+        hw("    if (child) child->hasNotificationActiveIs(false);")
+        hw("  }")
+
+    def sm_sms(self, t, a):
+        hw = self.hw
+        child, ctor, params, args = self.child_params(t, a)
+        cq = qual(child, t.namespace)
+        if not ctor:
+            raise ZefError(f"{a.line}: {child.qname} needs a constructor argument to key it by")
+        hw(f"  Zef::Ptr<{cq}> {a.name}({param_type(a.key)} key) const {{ return {a.name}_.find(key); }}")
+        hw(f"  // Returns the existing child of the key; building it again with other arguments is refused.")
+        hw(f"  Zef::Ptr<{cq}> {a.name}Is({params}) {{")
+        hw(f"    if (Zef::Ptr<{cq}> existing = {a.name}_.find({ctor[0].name})) {{")
+        hw(f"      const Zef::String refusal = existing->zefArgsMismatch({args});")
+        hw("      if (!refusal.empty()) Zef::throwRangeException(refusal);")
+        hw("      return existing;")
+        hw("    }")
+        hw(f"    Zef::Ptr<{cq}> child = {cq}::{child.name}Is({args});")
+        hw(f"    {a.name}_.insert({ctor[0].name}, child);")
+        hw("    return child;")
+        hw("  }")
+        hw(f"  void {a.name}Del({param_type(a.key)} key) {{")
+        hw(f"    Zef::Ptr<{cq}> child = {a.name}_.erase(key);")
+        hw("    if (child) child->hasNotificationActiveIs(false);")
+        hw("  }")
+        hw(f"  void {a.name}DelAll() {{")
+        hw(f"    for (auto it = {a.name}_.iterator(); it; ++it) {a.name}Del({a.key}(it.key()));")
+        hw("  }")
+        hw(f"  size_t {a.name}Size() const noexcept {{ return {a.name}_.size(); }}")
+        hw(f"  auto {a.name}Iter() const {{ return {a.name}_.iterator(); }}")
+
+
+def emit_file(model, rel, types, includes):
+    e = Emitter(model)
+    guard_includes = ["platform/Entity.h", "platform/HashMap.h", "platform/HashMap2018.h", "platform/StateMachine.h",
+                      "platform/TimerWheel.h", "platform/ValueText.h"]
+    stem = os.path.splitext(rel)[0]
+    e.hw("// Generated from " + rel + " by tools/zefgen.py. Do not edit: change the declaration.")
+    e.hw("#pragma once")
+    e.hw("")
+    for inc in guard_includes:
+        e.hw(f'#include "{inc}"')
+    for inc in includes:
+        e.hw(f"#include {inc}")
+    e.hw("")
+    e.cw("// Generated from " + rel + " by tools/zefgen.py. Do not edit: change the declaration.")
+    e.cw(f'#include "{stem}.h"')
+    e.cw("")
+    namespaces = []
+    for t in types:
+        if t.namespace not in namespaces:
+            namespaces.append(t.namespace)
+    for ns in namespaces:
+        in_ns = [t for t in types if t.namespace == ns]
+        if ns:
+            e.hw(f"namespace {ns} {{")
+            e.hw("")
+            e.cw(f"namespace {ns} {{")
+            e.cw("")
+        for t in in_ns:
+            e.hw(f"class {t.name};")
+        e.hw("")
+        for t in in_ns:
+            if t.kind == "entity":
+                e.entity(t)
+            else:
+                e.sm(t)
+        if ns:
+            e.hw(f"}}  // namespace {ns}")
+            e.cw(f"}}  // namespace {ns}")
+    return "\n".join(e.h) + "\n", "\n".join(e.cpp) + "\n"
+
+
+def write_if_changed(path, text):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    if os.path.exists(path):
+        with open(path) as f:
+            if f.read() == text:
+                return
+    with open(path, "w") as f:
+        f.write(text)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--source-root", required=True)
+    parser.add_argument("--out-root", required=True)
+    parser.add_argument("files", nargs="+")
+    options = parser.parse_args()
+    parsed = []
+    try:
+        for path in options.files:
+            rel = os.path.relpath(os.path.abspath(path), os.path.abspath(options.source_root))
+            types, includes = parse_file(path, rel)
+            parsed.append((rel, types, includes))
+        model = Model([t for _, types, _ in parsed for t in types])
+        for rel, types, includes in parsed:
+            header, source = emit_file(model, rel, types, includes)
+            stem = os.path.splitext(rel)[0]
+            write_if_changed(os.path.join(options.out_root, stem + ".h"), header)
+            write_if_changed(os.path.join(options.out_root, stem + ".gen.cpp"), source)
+    except ZefError as error:
+        print(f"zefgen: {error}", file=sys.stderr)
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
