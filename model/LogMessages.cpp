@@ -1,0 +1,49 @@
+#include "model/LogMessages.h"
+
+namespace Macsec {
+
+// The runs of blanks inside two explanations belong to the texts.
+Zef::LogHandle MKA_KEY_IN_USE("MKA_KEY_IN_USE", 5, "Configured key %s currently in use on interface %s",
+                              "Configured primary key is the operational key on the interface.", Zef::NoActionRequired,
+                              0, 1.0, 0);
+
+Zef::LogHandle MKA_FALLBACK_KEY_IN_USE("MKA_FALLBACK_KEY_IN_USE", 4,
+                                       "Configured fallback key %s currently in use on interface %s",
+                                       "The fallback key is the operational key on the interface. This could indicate "
+                                       "a problem with the configured primary key.",
+                                       "Check the primary key configuration.", 0, 1.0, 0);
+
+Zef::LogHandle MKA_UNPROTECTED_TRAFFIC(
+    "MKA_UNPROTECTED_TRAFFIC", 4, "MACSec protection is disabled on interface %s",
+    "Traffic is unprotected on the interface. This may indicate a problem with configured primary and fallback keys.",
+    "Check primary and fallback key configuration", 0, 1.0, 0);
+
+Zef::LogHandle MKA_CA_CREATED("MKA_CA_CREATED", 6, "Connectivity Association for CKN %s created on interface %s",
+                              "CAK-CKN is configured on the interface for security relationship       with other peers",
+                              Zef::NoActionRequired, 120, 1.0, 0);
+
+Zef::LogHandle MKA_STATE_CHG("MKA_STATE_CHG", 5, "MKA using key %s %s on interface %s",
+                             "Macsec key agreement protocol state changed on the interface", Zef::NoActionRequired, 0,
+                             1.0, 0);
+
+Zef::LogHandle MKA_SESSION_ESTABLISHED("MKA_SESSION_ESTABLISHED", 6,
+                                       "MKA session established with peer SCI %s::%s and CKN %s on interface %s",
+                                       "Peer having this SCI added to live peer list", Zef::NoActionRequired, 120, 1.0,
+                                       0);
+
+Zef::LogHandle MKA_SAK_CREATED("MKA_SAK_CREATED", 6, "New SAK created with key id ending in %s:%s on interface %s",
+                               "New Secure Association established. Reasons could be : Rekey Period Expiry,       New "
+                               "KeyServer or LLPN Exhaustion",
+                               Zef::NoActionRequired, 120, 1.0, 0);
+
+Zef::LogHandle MKA_SAK_ACTIVATED("MKA_SAK_ACTIVATED", 6, "Activated SAK with key id ending in %s:%s on interface %s",
+                                 "SAK activated, all data packets henceforth will be encrypted with this SAK",
+                                 Zef::NoActionRequired, 120, 1.0, 0);
+
+Zef::LogHandle MACSEC_POST_FAILURE("MACSEC_POST_FAILURE", 3,
+                                   "Power On Self Test failed for %s with %d-bit key due to %s on interface %s.",
+                                   "This failure blocks MACsec configuration from taking effect on this interface. "
+                                   "Remove and add mac security profile on the interface to retry the test.",
+                                   Zef::CallSupportIfPersists, 0, 1.0, 0);
+
+}  // namespace Macsec

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "platform/Log.h"
+
+namespace Macsec {
+
+// The operators' catalogue: every message the engine writes to the system log. Each is rate
+// limited per rate key (its arguments) by the interval it was built with.
+extern Zef::LogHandle MKA_KEY_IN_USE;
+extern Zef::LogHandle MKA_FALLBACK_KEY_IN_USE;
+extern Zef::LogHandle MKA_UNPROTECTED_TRAFFIC;
+extern Zef::LogHandle MKA_CA_CREATED;
+extern Zef::LogHandle MKA_STATE_CHG;
+extern Zef::LogHandle MKA_SESSION_ESTABLISHED;
+extern Zef::LogHandle MKA_SAK_CREATED;
+extern Zef::LogHandle MKA_SAK_ACTIVATED;
+extern Zef::LogHandle MACSEC_POST_FAILURE;
+
+}  // namespace Macsec
