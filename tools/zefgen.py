@@ -379,20 +379,7 @@ class Emitter:
             hw("")
             for m in t.methods:
                 hw(f"  {m};")
-        hw("")
-        hw(" protected:")
-        hw(f"  {'explicit ' if len(ctor) == 1 else ''}{t.name}({params});")
-        hw(f"  ~{t.name}() override;")
-        hw("")
-        hw(" private:")
-        for a in t.attrs:
-            if a is base_name:
-                continue
-            hw(f"  {self.entity_storage(a)};")
-        hw("};")
-        hw("")
-        hw(f"Zef::Ptr<{t.name}> {factory_name(t.name)}({params});")
-        hw("")
+        self.class_tail(t, ctor, params, [a for a in t.attrs if a is not base_name])
         # Source
         cw = self.cw
         inits = []
@@ -411,26 +398,7 @@ class Emitter:
                 cw(f"  for (auto& zefMember : {a.name}_) zefMember->parentIs(nullptr);")
         cw("}")
         cw("")
-        cw(f"Zef::Ptr<{t.name}> {t.name}::{t.name}Is({params}) {{")
-        cw(f"  Zef::Ptr<{t.name}> object(new {t.name}({args}));")
-        cw("  object->hasNotificationActiveIs(true);")
-        cw("  return object;")
-        cw("}")
-        cw("")
-        cw(f"Zef::Ptr<{t.name}> {factory_name(t.name)}({params}) {{ return {t.name}::{t.name}Is({args}); }}")
-        cw("")
-
-    def entity_storage(self, a):
-        if a.kind in ("ctor", "value", "counter"):
-            init = f" = {a.default}" if a.default is not None else "{}"
-            return f"{a.type} {a.name}_{init}"
-        if a.kind == "child":
-            return f"Zef::Ptr<{a.type}> {a.name}_"
-        if a.kind == "values":
-            return f"Zef::HashMap2018<{a.key}, {a.type}> {a.name}_"
-        if a.kind == "entities":
-            return f"Zef::HashMap<{a.key}, {a.type}> {a.name}_"
-        raise ZefError(f"{a.line}: no storage for {a.kind}")
+        self.factories(t, params, args)
 
     def entity_ctor(self, t, a):
         if a.name == "name" and a.type == "Zef::Name":
@@ -815,18 +783,7 @@ class Emitter:
                 hw(f"  void {sig};")
             for m in t.methods:
                 hw(f"  {m};")
-        hw("")
-        hw(" protected:")
-        hw(f"  {'explicit ' if len(ctor) == 1 else ''}{t.name}({params});")
-        hw(f"  ~{t.name}() override;")
-        hw("")
-        hw(" private:")
-        for a in t.attrs:
-            hw(f"  {self.sm_storage(t, a)};")
-        hw("};")
-        hw("")
-        hw(f"Zef::Ptr<{t.name}> {factory_name(t.name)}({params});")
-        hw("")
+        self.class_tail(t, ctor, params, t.attrs)
         # ---- source
         cw = self.cw
         inits = []
@@ -859,14 +816,7 @@ class Emitter:
                 cw(f"  {a.name}DelAll();")
         cw("}")
         cw("")
-        cw(f"Zef::Ptr<{t.name}> {t.name}::{t.name}Is({params}) {{")
-        cw(f"  Zef::Ptr<{t.name}> sm(new {t.name}({args}));")
-        cw("  sm->hasNotificationActiveIs(true);")
-        cw("  return sm;")
-        cw("}")
-        cw("")
-        cw(f"Zef::Ptr<{t.name}> {factory_name(t.name)}({params}) {{ return {t.name}::{t.name}Is({args}); }}")
-        cw("")
+        self.factories(t, params, args)
         cw(f"Zef::String {t.name}::zefArgsMismatch({params}) const {{")
         for a in ctor:
             current = f"this->{a.name}()"
@@ -902,18 +852,49 @@ class Emitter:
         cw("}")
         cw("")
 
-    def sm_storage(self, t, a):
-        if a.kind == "data":
+    def class_tail(self, t, ctor, params, stored):
+        """The protected constructor and destructor, the storage, and the factory's declaration."""
+        hw = self.hw
+        hw("")
+        hw(" protected:")
+        hw(f"  {'explicit ' if len(ctor) == 1 else ''}{t.name}({params});")
+        hw(f"  ~{t.name}() override;")
+        hw("")
+        hw(" private:")
+        for a in stored:
+            hw(f"  {self.storage(a)};")
+        hw("};")
+        hw("")
+        hw(f"Zef::Ptr<{t.name}> {factory_name(t.name)}({params});")
+        hw("")
+
+    def factories(self, t, params, args):
+        """XIs and xFactory: construct, then switch notification on."""
+        cw = self.cw
+        cw(f"Zef::Ptr<{t.name}> {t.name}::{t.name}Is({params}) {{")
+        cw(f"  Zef::Ptr<{t.name}> object(new {t.name}({args}));")
+        cw("  object->hasNotificationActiveIs(true);")
+        cw("  return object;")
+        cw("}")
+        cw("")
+        cw(f"Zef::Ptr<{t.name}> {factory_name(t.name)}({params}) {{ return {t.name}::{t.name}Is({args}); }}")
+        cw("")
+
+    def storage(self, a):
+        """The member that holds an attribute of an entity or a state machine."""
+        if a.kind in ("ctor", "value", "counter", "data"):
             init = f" = {a.default}" if a.default is not None else "{}"
             return f"{a.type} {a.name}_{init}"
+        if a.kind in ("child", "sm"):
+            return f"Zef::Ptr<{a.type}> {a.name}_"
+        if a.kind == "values":
+            return f"Zef::HashMap2018<{a.key}, {a.type}> {a.name}_"
+        if a.kind in ("entities", "sms"):
+            return f"Zef::HashMap<{a.key}, {a.type}> {a.name}_"
         if a.kind in ("reactor", "timer"):
             return f"Zef::Ptr<Zef{a.cap}> {a.name}_"
         if a.kind == "reactors":
             return f"Zef::ReactorMap<{a.key}, Zef{a.cap}> {a.name}_"
-        if a.kind == "sm":
-            return f"Zef::Ptr<{a.type}> {a.name}_"
-        if a.kind == "sms":
-            return f"Zef::HashMap<{a.key}, {a.type}> {a.name}_"
         raise ZefError(f"{a.line}: no storage for {a.kind}")
 
     def sm_data(self, t, a):
