@@ -1,0 +1,228 @@
+#include "model/Crypto.h"
+
+#include <openssl/core_names.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+
+#include <cstring>
+#include <memory>
+
+#include "platform/Fatal.h"
+
+namespace Macsec {
+
+namespace {
+
+struct MacDeleter {
+  void operator()(EVP_MAC* mac) const { EVP_MAC_free(mac); }
+  void operator()(EVP_MAC_CTX* ctx) const { EVP_MAC_CTX_free(ctx); }
+  void operator()(EVP_CIPHER_CTX* ctx) const { EVP_CIPHER_CTX_free(ctx); }
+};
+
+const char* cbcCipherName(size_t keyLength) {
+  return keyLength == 16 ? "AES-128-CBC" : keyLength == 32 ? "AES-256-CBC" : nullptr;
+}
+
+// The text of a NUL-terminated argument, or the first `chars` characters of it.
+std::string_view textOf(const uint8_t* p, size_t chars = std::string_view::npos) {
+  if (p == nullptr) return {};
+  std::string_view text(reinterpret_cast<const char*>(p));
+  return chars == std::string_view::npos ? text : text.substr(0, chars);
+}
+
+void hexOut(const KeyBytes& bytes, Zef::String& out) { out = bytesToHex(bytes.data(), bytes.size()); }
+
+// A key given as bits/4 characters of hexadecimal text; empty unless exactly that many are there.
+KeyBytes keyOf(const uint8_t* text, int bits) {
+  KeyBytes key;
+  if (bits != 128 && bits != 256) return key;
+  const std::string_view hex = textOf(text, static_cast<size_t>(bits / 4));
+  if (hex.size() != static_cast<size_t>(bits / 4) || !hexToBytes(hex, key)) return KeyBytes();
+  return key;
+}
+
+void deriveFromCak(const uint8_t* cak, const uint8_t* ckn, int bits, std::string_view label, Zef::String& out) {
+  out = Zef::String();
+  const KeyBytes key = keyOf(cak, bits);
+  KeyBytes name;
+  if (key.empty() || !hexToBytes(textOf(ckn), name)) return;
+  // The context is the first 16 octets of the CKN; a shorter CKN is padded with zeros.
+  KeyBytes context(16);
+  std::memcpy(context.data(), name.data(), std::min<size_t>(16, name.size()));
+  hexOut(kdf(key, label, context, bits), out);
+}
+
+}  // namespace
+
+void KeyBytes::wipe() noexcept {
+  if (!bytes_.empty()) OPENSSL_cleanse(bytes_.data(), bytes_.size());
+}
+
+bool hexToBytes(std::string_view hex, KeyBytes& out) {
+  if (hex.size() % 2 != 0) return false;
+  KeyBytes bytes(hex.size() / 2);
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    int value = 0;
+    for (int half = 0; half < 2; ++half) {
+      const char c = hex[2 * i + half];
+      int digit;
+      if (c >= '0' && c <= '9') {
+        digit = c - '0';
+      } else if (c >= 'a' && c <= 'f') {
+        digit = c - 'a' + 10;
+      } else if (c >= 'A' && c <= 'F') {
+        digit = c - 'A' + 10;
+      } else {
+        return false;
+      }
+      value = value << 4 | digit;
+    }
+    bytes.data()[i] = static_cast<uint8_t>(value);
+  }
+  out = std::move(bytes);
+  return true;
+}
+
+Zef::String bytesToHex(const uint8_t* data, size_t size) {
+  static const char* digits = "0123456789abcdef";
+  std::vector<char> text(2 * size);
+  for (size_t i = 0; i < size; ++i) {
+    text[2 * i] = digits[data[i] >> 4];
+    text[2 * i + 1] = digits[data[i] & 0xf];
+  }
+  Zef::String result(text.data(), text.size());
+  OPENSSL_cleanse(text.data(), text.size());
+  return result;
+}
+
+KeyBytes aesCmac(const KeyBytes& key, const uint8_t* message, size_t length) {
+  const char* cipher = cbcCipherName(key.size());
+  if (cipher == nullptr) return KeyBytes();
+  static EVP_MAC* mac = EVP_MAC_fetch(nullptr, "CMAC", nullptr);
+  if (mac == nullptr) Zef::fatal("OpenSSL has no CMAC");
+  std::unique_ptr<EVP_MAC_CTX, MacDeleter> ctx(EVP_MAC_CTX_new(mac));
+  OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_CIPHER, const_cast<char*>(cipher), 0),
+                         OSSL_PARAM_construct_end()};
+  KeyBytes tag(16);
+  size_t tagLength = 0;
+  if (!ctx || EVP_MAC_init(ctx.get(), key.data(), key.size(), params) != 1 ||
+      EVP_MAC_update(ctx.get(), message, length) != 1 ||
+      EVP_MAC_final(ctx.get(), tag.data(), &tagLength, tag.size()) != 1 || tagLength != 16) {
+    return KeyBytes();
+  }
+  return tag;
+}
+
+KeyBytes kdf(const KeyBytes& key, std::string_view label, const KeyBytes& context, int bits) {
+  // T_i = AES-CMAC(key, i || label || 0x00 || context || L), L in bits as two octets.
+  KeyBytes input(1 + label.size() + 1 + context.size() + 2);
+  uint8_t* p = input.data();
+  p[0] = 0;
+  std::memcpy(p + 1, label.data(), label.size());
+  p[1 + label.size()] = 0;
+  if (!context.empty()) std::memcpy(p + 2 + label.size(), context.data(), context.size());
+  p[input.size() - 2] = static_cast<uint8_t>(bits >> 8);
+  p[input.size() - 1] = static_cast<uint8_t>(bits);
+  KeyBytes result;
+  const size_t wanted = static_cast<size_t>(bits) / 8;
+  for (uint8_t i = 1; result.size() < wanted; ++i) {
+    p[0] = i;
+    KeyBytes block = aesCmac(key, input.data(), input.size());
+    if (block.empty()) return KeyBytes();
+    result.append(block.data(), std::min(block.size(), wanted - result.size()));
+  }
+  return result;
+}
+
+KeyBytes aesKeyWrap(const KeyBytes& kek, const KeyBytes& key) {
+  const EVP_CIPHER* cipher = kek.size() == 16 ? EVP_aes_128_wrap() : kek.size() == 32 ? EVP_aes_256_wrap() : nullptr;
+  if (cipher == nullptr || key.size() < 16 || key.size() % 8 != 0) return KeyBytes();
+  std::unique_ptr<EVP_CIPHER_CTX, MacDeleter> ctx(EVP_CIPHER_CTX_new());
+  KeyBytes wrapped(key.size() + 8);
+  int length = 0;
+  int tail = 0;
+  if (!ctx || EVP_EncryptInit_ex(ctx.get(), cipher, nullptr, kek.data(), nullptr) != 1 ||
+      EVP_EncryptUpdate(ctx.get(), wrapped.data(), &length, key.data(), static_cast<int>(key.size())) != 1 ||
+      EVP_EncryptFinal_ex(ctx.get(), wrapped.data() + length, &tail) != 1 ||
+      static_cast<size_t>(length + tail) != wrapped.size()) {
+    return KeyBytes();
+  }
+  return wrapped;
+}
+
+KeyBytes aesKeyUnwrap(const KeyBytes& kek, const uint8_t* wrapped, size_t length) {
+  const EVP_CIPHER* cipher = kek.size() == 16 ? EVP_aes_128_wrap() : kek.size() == 32 ? EVP_aes_256_wrap() : nullptr;
+  if (cipher == nullptr || length < 24 || length % 8 != 0) return KeyBytes();
+  std::unique_ptr<EVP_CIPHER_CTX, MacDeleter> ctx(EVP_CIPHER_CTX_new());
+  KeyBytes key(length);  // room for OpenSSL's block-sized output; cut below
+  int out = 0;
+  int tail = 0;
+  if (!ctx || EVP_DecryptInit_ex(ctx.get(), cipher, nullptr, kek.data(), nullptr) != 1 ||
+      EVP_DecryptUpdate(ctx.get(), key.data(), &out, wrapped, static_cast<int>(length)) != 1 ||
+      EVP_DecryptFinal_ex(ctx.get(), key.data() + out, &tail) != 1 || static_cast<size_t>(out + tail) != length - 8) {
+    return KeyBytes();
+  }
+  return KeyBytes(key.data(), length - 8);
+}
+
+void randomNumberGenerator(int bits, Zef::String& out) {
+  KeyBytes random(static_cast<size_t>(bits + 7) / 8);
+  if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1) {
+    Zef::fatal("the random number generator failed");
+  }
+  hexOut(random, out);
+}
+
+void deriveCak(const uint8_t* key, const uint8_t* macs, int bits, Zef::String& out) {
+  out = Zef::String();
+  const KeyBytes kdk = keyOf(key, bits);
+  KeyBytes context;
+  if (kdk.empty() || !hexToBytes(textOf(macs), context) || context.size() != 12) return;
+  hexOut(kdf(kdk, "IEEE8021 EAP CAK", context, bits), out);
+}
+
+void deriveCkn(const uint8_t* key, int bits, const uint8_t* data, int cknBits, Zef::String& out) {
+  out = Zef::String();
+  const KeyBytes kdk = keyOf(key, bits);
+  KeyBytes context;
+  if (kdk.empty() || cknBits <= 0 || cknBits > 256 || cknBits % 8 != 0 || !hexToBytes(textOf(data), context)) return;
+  hexOut(kdf(kdk, "IEEE8021 EAP CKN", context, cknBits), out);
+}
+
+void deriveIck(const uint8_t* cak, const uint8_t* ckn, int bits, Zef::String& out) {
+  deriveFromCak(cak, ckn, bits, "IEEE8021 ICK", out);
+}
+
+void deriveKek(const uint8_t* cak, const uint8_t* ckn, int bits, Zef::String& out) {
+  deriveFromCak(cak, ckn, bits, "IEEE8021 KEK", out);
+}
+
+void deriveSak(const uint8_t* cak, const uint8_t* context, int bits, Zef::String& out) {
+  out = Zef::String();
+  const KeyBytes key = keyOf(cak, bits);
+  KeyBytes contextBytes;
+  if (key.empty() || !hexToBytes(textOf(context), contextBytes)) return;
+  hexOut(kdf(key, "IEEE8021 SAK", contextBytes, bits), out);
+}
+
+void generateSalt(const uint8_t* mi, unsigned int keyNum, Zef::String& out) {
+  out = Zef::String();
+  KeyBytes id;
+  if (!hexToBytes(textOf(mi), id) || id.size() != 12) return;
+  // Most significant 16 bits: MI's top 16 XOR KN's low 16; next 16: MI's next 16 XOR KN's top 16;
+  // the low 64 bits are MI's.
+  uint8_t salt[12];
+  std::memcpy(salt, id.data(), 12);
+  salt[0] ^= static_cast<uint8_t>(keyNum >> 8);
+  salt[1] ^= static_cast<uint8_t>(keyNum);
+  salt[2] ^= static_cast<uint8_t>(keyNum >> 24);
+  salt[3] ^= static_cast<uint8_t>(keyNum >> 16);
+  out = bytesToHex(salt, sizeof salt);
+}
+
+void convertByteArrayToHexString(const uint8_t* bytes, int length, Zef::String& out) {
+  out = bytesToHex(bytes, length > 0 ? static_cast<size_t>(length) : 0);
+}
+
+}  // namespace Macsec

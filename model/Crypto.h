@@ -1,0 +1,90 @@
+#pragma once
+
+// The crypto functions of the engine, all on OpenSSL's libcrypto. Keys, CKNs and member
+// identifiers are handled as hexadecimal text; the derivations work on the octets that text
+// denotes and follow the key hierarchy of IEEE 802.1X-2010 (clause 6.2), so a CAK/CKN pair gives
+// the same ICK and KEK here as on any other MKA peer. Results are lower-case hexadecimal text in
+// clear: callers put them through CloakLib::doEncodeKey and wipe the clear string.
+//
+// Text arguments given as `const uint8_t*` are NUL-terminated hexadecimal text, except where a
+// length in bits says how many characters are read. A derivation whose input is not valid
+// hexadecimal text gives an empty result.
+
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+#include "model/Values.h"
+#include "platform/String.h"
+
+namespace Macsec {
+
+// `bits` of cryptographic randomness from OpenSSL's DRBG, as hexadecimal text.
+void randomNumberGenerator(int bits, Zef::String& out);
+
+// The CAK of an EAP-derived key: key is the first bits/4 characters of the EAP key text, macs the
+// two MAC addresses as 24 hexadecimal characters, the lower address first.
+void deriveCak(const uint8_t* key, const uint8_t* macs, int bits, Zef::String& out);
+// The CKN of an EAP-derived key: data is the EAP session identifier text followed by the MAC text;
+// cknBits is the length of the CKN.
+void deriveCkn(const uint8_t* key, int bits, const uint8_t* data, int cknBits, Zef::String& out);
+// The integrity check key and the key encrypting key of an actor, from its clear CAK text (bits/4
+// characters) and its CKN text.
+void deriveIck(const uint8_t* cak, const uint8_t* ckn, int bits, Zef::String& out);
+void deriveKek(const uint8_t* cak, const uint8_t* ckn, int bits, Zef::String& out);
+// A new SAK from the clear CAK text and the context text: the key server's nonce, the member
+// identifiers, and the key number as 8 hexadecimal characters, all joined.
+void deriveSak(const uint8_t* cak, const uint8_t* context, int bits, Zef::String& out);
+// The 96-bit salt of the extended packet number ciphers (IEEE 802.1AEbw) from the member
+// identifier text and key number of a key.
+void generateSalt(const uint8_t* mi, unsigned int keyNum, Zef::String& out);
+// Lower-case hexadecimal text of `length` bytes.
+void convertByteArrayToHexString(const uint8_t* bytes, int length, Zef::String& out);
+
+// The known frames of the power-on self test: EtherType 0x888E, the marker bytes 0xAB 0xCD, then a
+// plain text for suite 0, or its AES-GCM cipher text and tag under the test key of the suite.
+void selfTestPktData(CryptoLibCipherSuite suite, Zef::String& data, unsigned int& length);
+bool selfTestPktCheck(CryptoLibCipherSuite suite, const uint8_t* data, unsigned int length);
+
+// Bytes that are wiped when they go. Clear key octets live only in these.
+class KeyBytes {
+ public:
+  KeyBytes() = default;
+  explicit KeyBytes(size_t size) : bytes_(size) {}
+  KeyBytes(const uint8_t* data, size_t size) : bytes_(data, data + size) {}
+  KeyBytes(const KeyBytes&) = default;
+  KeyBytes(KeyBytes&& other) noexcept : bytes_(std::move(other.bytes_)) {}
+  KeyBytes& operator=(KeyBytes other) noexcept {
+    wipe();
+    bytes_.swap(other.bytes_);
+    return *this;
+  }
+  ~KeyBytes() { wipe(); }
+
+  uint8_t* data() noexcept { return bytes_.data(); }
+  const uint8_t* data() const noexcept { return bytes_.data(); }
+  size_t size() const noexcept { return bytes_.size(); }
+  bool empty() const noexcept { return bytes_.empty(); }
+  void append(const uint8_t* data, size_t size) { bytes_.insert(bytes_.end(), data, data + size); }
+  bool operator==(const KeyBytes& other) const noexcept { return bytes_ == other.bytes_; }
+
+ private:
+  void wipe() noexcept;
+  std::vector<uint8_t> bytes_;
+};
+
+// Octets from hexadecimal text (either case). False for odd length or a non-hex character.
+bool hexToBytes(std::string_view hex, KeyBytes& out);
+Zef::String bytesToHex(const uint8_t* data, size_t size);
+
+// AES-CMAC (RFC 4493) with a 16- or 32-byte key. Empty for any other key length.
+KeyBytes aesCmac(const KeyBytes& key, const uint8_t* message, size_t length);
+// The key derivation function of IEEE 802.1X-2010 clause 6.2.1: counter mode with AES-CMAC,
+// `bits` long.
+KeyBytes kdf(const KeyBytes& key, std::string_view label, const KeyBytes& context, int bits);
+// AES key wrap (RFC 3394) with a 16- or 32-byte KEK. Empty on failure, including a failed
+// integrity check on unwrap.
+KeyBytes aesKeyWrap(const KeyBytes& kek, const KeyBytes& key);
+KeyBytes aesKeyUnwrap(const KeyBytes& kek, const uint8_t* wrapped, size_t length);
+
+}  // namespace Macsec

@@ -1,0 +1,176 @@
+#include "model/Values.h"
+
+#include <charconv>
+#include <ostream>
+
+#include "platform/Exception.h"
+
+namespace Macsec {
+
+namespace {
+
+const char* yesNo(bool b) { return b ? "true" : "false"; }
+
+unsigned parseNumber(std::string_view text, const char* field) {
+  unsigned value = 0;
+  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || error != std::errc() || end != text.data() + text.size()) {
+    Zef::throwRangeException(Zef::String("bad ") + field + " in '" + text + "'");
+  }
+  return value;
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& out, CipherSuite suite) {
+  switch (suite) {
+    case cipherSuiteNone:
+      return out << "cipherSuiteNone";
+    case cipherSuiteGcmAes128:
+      return out << "cipherSuiteGcmAes128";
+    case cipherSuiteGcmAes256:
+      return out << "cipherSuiteGcmAes256";
+  }
+  return out << "CipherSuite(" << static_cast<uint32_t>(suite) << ")";
+}
+
+std::ostream& operator<<(std::ostream& out, POSTStage stage) {
+  static const char* const names[] = {"postNotStarted",
+                                      "postTesting128Encryption",
+                                      "postTesting128Decryption",
+                                      "postTesting256Encryption",
+                                      "postTesting256Decryption",
+                                      "postComplete",
+                                      "postFailed",
+                                      "postRetry"};
+  if (stage < std::size(names)) return out << names[stage];
+  return out << "POSTStage(" << static_cast<uint32_t>(stage) << ")";
+}
+
+uint32_t Sci::hash() const noexcept { return Zef::hashMix(addr.asUint64() << 16 | portId); }
+
+Sci Sci::fromText(std::string_view text) {
+  const size_t split = text.rfind("::");
+  if (split == std::string_view::npos)
+    Zef::throwRangeException(Zef::String("missing '::' before portId in '") + text + "'");
+  Sci sci;
+  if (!Lanx::EthAddr::parse(text.substr(0, split), sci.addr)) {
+    Zef::throwRangeException(Zef::String("bad addr in '") + text + "'");
+  }
+  const unsigned port = parseNumber(text.substr(split + 2), "portId");
+  if (port > 0xffff) Zef::throwRangeException(Zef::String("bad portId in '") + text + "'");
+  sci.portId = static_cast<uint16_t>(port);
+  return sci;
+}
+
+std::ostream& operator<<(std::ostream& out, const Sci& sci) { return out << sci.addr << "::" << sci.portId; }
+
+std::ostream& operator<<(std::ostream& out, const Ssci& ssci) { return out << ssci.sci << "/" << ssci.ssci; }
+
+AssociationNumber::AssociationNumber(unsigned value) {
+  if (value > max) {
+    Zef::throwRangeException(
+        "AssociationNumber::value < AssociationNumber::min or > AssociationNumber::max not allowed");
+  }
+  value_ = static_cast<uint8_t>(value);
+}
+
+uint32_t AssociationNumber::hash() const noexcept { return Zef::hashMix(value_); }
+
+AssociationNumber AssociationNumber::fromText(std::string_view text) {
+  return AssociationNumber(parseNumber(text, "AssociationNumber"));
+}
+
+std::ostream& operator<<(std::ostream& out, const AssociationNumber& an) { return out << +an.value(); }
+
+std::ostream& operator<<(std::ostream& out, const Cak& cak) {
+  return out << "Cak(ckn=" << cak.ckn << (cak.cak.empty() ? ", no key)" : ", key set)");
+}
+
+std::ostream& operator<<(std::ostream& out, const GroupCak& g) {
+  return out << "GroupCak(enabled=" << yesNo(g.enabled) << ", lifetimeMinutes=" << g.lifetimeMinutes << ")";
+}
+
+bool Sak::empty() const noexcept { return *this == Sak(); }
+
+std::ostream& operator<<(std::ostream& out, const Sak& sak) {
+  return out << "Sak(an=" << +sak.an << ", mi=" << sak.mi << ", keyNum=" << sak.keyNum
+             << (sak.key.empty() ? ", no key" : ", key set") << (sak.salt.empty() ? ")" : ", salt set)");
+}
+
+std::ostream& operator<<(std::ostream& out, const SakContext& c) {
+  return out << "SakContext(" << c.sak << ", txSaValue=" << c.txSaValue << ", txEnabled=" << yesNo(c.txEnabled)
+             << ", rxEnabled=" << yesNo(c.rxEnabled) << ", txInstalled=" << yesNo(c.txInstalled)
+             << ", rxInstalled=" << yesNo(c.rxInstalled) << ")";
+}
+
+std::ostream& operator<<(std::ostream& out, const KeysLPN& lpn) {
+  return out << "KeysLPN(oldLpn=" << lpn.oldLpn << ", latestLpn=" << lpn.latestLpn << ")";
+}
+
+std::ostream& operator<<(std::ostream& out, const RxLPN& lpn) {
+  return out << "RxLPN(lpn=" << lpn.lpn << ", an=" << lpn.an << ")";
+}
+
+std::ostream& operator<<(std::ostream& out, const MacsecParams& p) {
+  return out << "MacsecParams(cipherSuite=" << p.cipherSuite << ", includeSci=" << yesNo(p.includeSci)
+             << ", bypassLldp=" << yesNo(p.bypassLldp) << ", replayProtection=" << yesNo(p.replayProtection)
+             << ", replayProtectionWindow=" << p.replayProtectionWindow << ")";
+}
+
+std::ostream& operator<<(std::ostream& out, const FipsStatus& f) {
+  return out << "FipsStatus(fipsMode=" << yesNo(f.fipsMode) << ", fipsApplied=" << yesNo(f.fipsApplied) << ")";
+}
+
+std::ostream& operator<<(std::ostream& out, const BasicInfo& b) {
+  return out << "BasicInfo(keyServerPriority=" << +b.keyServerPriority << ", keyServer=" << yesNo(b.keyServer)
+             << ", macsecDesired=" << yesNo(b.macsecDesired) << ", macsecCapability=" << +b.macsecCapability
+             << ", sci=" << b.sci << ", msgId=" << b.msgId << ", msgNum=" << b.msgNum << ", ckn=" << b.ckn << ")";
+}
+
+std::ostream& operator<<(std::ostream& out, const KeyInfo& k) {
+  return out << "KeyInfo(an=" << +k.an << ", tx=" << yesNo(k.tx) << ", rx=" << yesNo(k.rx) << ", mi=" << k.mi
+             << ", keyNum=" << k.keyNum << ", lpn=" << k.lpn << ")";
+}
+
+std::ostream& operator<<(std::ostream& out, const SakUseInfo& s) {
+  return out << "SakUseInfo(latestKey=" << s.latestKey << ", oldKey=" << s.oldKey << ", plainTx=" << yesNo(s.plainTx)
+             << ", plainRx=" << yesNo(s.plainRx) << ", delayProtect=" << yesNo(s.delayProtect) << ")";
+}
+
+std::ostream& operator<<(std::ostream& out, const SakDistInfo& d) {
+  return out << "SakDistInfo(distributedAN=" << +d.distributedAN
+             << ", confidentialityOffset=" << +d.confidentialityOffset << ", keyNumber=" << d.keyNumber
+             << ", cipherSuite=" << d.cipherSuite << (d.wrappedSak.empty() ? ", no key)" : ", key set)");
+}
+
+std::ostream& operator<<(std::ostream& out, const CakDistInfo& c) {
+  return out << "CakDistInfo(ckn=" << c.ckn << (c.cak.empty() ? ", no key)" : ", key set)");
+}
+
+std::ostream& operator<<(std::ostream& out, const POSTInfo& p) {
+  return out << "POSTInfo(encrypt=" << yesNo(p.encrypt) << ", keySize=" << p.keySize << ")";
+}
+
+}  // namespace Macsec
+
+namespace Dot1x {
+
+std::ostream& operator<<(std::ostream& out, Dot1xType type) {
+  switch (type) {
+    case dot1xTypeAuthenticator:
+      return out << "dot1xTypeAuthenticator";
+    case dot1xTypeSupplicant:
+      return out << "dot1xTypeSupplicant";
+    case dot1xTypePreSharedKey:
+      return out << "dot1xTypePreSharedKey";
+  }
+  return out << "Dot1xType(" << +static_cast<uint8_t>(type) << ")";
+}
+
+std::ostream& operator<<(std::ostream& out, const EapKey& key) {
+  return out << "EapKey(dot1xType=" << key.dot1xType << ", sessionId=" << key.sessionId << ", myMac=" << key.myMac
+             << ", peerMac=" << key.peerMac << (key.key.empty() ? ", no key)" : ", key set)");
+}
+
+}  // namespace Dot1x

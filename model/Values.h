@@ -1,0 +1,258 @@
+#pragma once
+
+// The plain values that the state machines exchange: identifiers of secure channels, keys in
+// their stored form, the decoded form of an MKPDU, and the small enumerations of the MACsec and
+// self-test machinery. A default-constructed value is the "empty" one, and the logic tests for
+// it. Stream forms never show key bytes, not even in stored form.
+
+#include <compare>
+#include <cstdint>
+#include <iosfwd>
+#include <string_view>
+
+#include "platform/EthAddr.h"
+#include "platform/IntfId.h"
+#include "platform/String.h"
+
+namespace Macsec {
+
+// The key length in bits, and the logic uses the number as such.
+enum CipherSuite : uint32_t {
+  cipherSuiteNone = 0,  // no encryption
+  cipherSuiteGcmAes128 = 128,
+  cipherSuiteGcmAes256 = 256,
+};
+
+// What the self-test functions take: a key length in bits, or 0 for the plain frame.
+enum CryptoLibCipherSuite : uint32_t {
+  cryptoLibPlainText = 0,
+  cryptoLibGcmAes128 = 128,
+  cryptoLibGcmAes256 = 256,
+};
+
+// The stages of the power-on self test of an interface's cipher path.
+enum POSTStage : uint32_t {
+  postNotStarted = 0,
+  postTesting128Encryption = 1,
+  postTesting128Decryption = 2,
+  postTesting256Encryption = 3,
+  postTesting256Decryption = 4,
+  postComplete = 5,
+  postFailed = 6,
+  postRetry = 7,
+};
+
+std::ostream& operator<<(std::ostream& out, CipherSuite suite);
+std::ostream& operator<<(std::ostream& out, POSTStage stage);
+
+// The secure channel identifier: the interface's MAC address and a port number. SCIs are ordered
+// address first; on the wire they are 8 bytes, the address then the port in network order. The
+// all-zero SCI means none. Text form: the address, "::", the port number.
+struct Sci {
+  Lanx::EthAddr addr;
+  uint16_t portId = 0;
+
+  bool isZero() const noexcept { return addr.isZero() && portId == 0; }
+  uint32_t hash() const noexcept;
+  // Parses "00:1c:73:00:00:01::1". Throws Zef::RangeException naming the missing piece.
+  static Sci fromText(std::string_view text);
+  bool operator==(const Sci&) const noexcept = default;
+  std::strong_ordering operator<=>(const Sci&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const Sci& sci);
+
+// A short secure channel identifier with the channel it belongs to.
+struct Ssci {
+  Sci sci;
+  Zef::String ssci;
+  bool operator==(const Ssci&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const Ssci& ssci);
+
+// An association number: 0 to 3. Next-number arithmetic is done modulo 4 on the plain integer and
+// only then wrapped into this type.
+class AssociationNumber {
+ public:
+  static constexpr uint8_t min = 0;
+  static constexpr uint8_t max = 3;
+
+  AssociationNumber() noexcept = default;
+  AssociationNumber(unsigned value);  // throws Zef::RangeException above 3
+
+  uint8_t value() const noexcept { return value_; }
+  operator uint8_t() const noexcept { return value_; }
+  uint32_t hash() const noexcept;
+  static AssociationNumber fromText(std::string_view text);
+  bool operator==(const AssociationNumber&) const noexcept = default;
+  std::strong_ordering operator<=>(const AssociationNumber&) const noexcept = default;
+
+ private:
+  uint8_t value_ = 0;
+};
+std::ostream& operator<<(std::ostream& out, const AssociationNumber& an);
+
+// A connectivity association key with its name. `ckn` is hexadecimal text and keys the actors;
+// `cak` is the key in stored form. Empty (both strings empty) means no key.
+struct Cak {
+  Zef::String ckn;
+  Zef::String cak;
+  bool empty() const noexcept { return ckn.empty() && cak.empty(); }
+  bool operator==(const Cak&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const Cak& cak);
+
+struct GroupCak {
+  bool enabled = false;
+  uint32_t lifetimeMinutes = 0;
+  bool operator==(const GroupCak&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const GroupCak& groupCak);
+
+// A secure association key. `mi` and `keyNum` make the key identifier; `key` is in stored form;
+// `salt` is filled in only on the copies that are programmed into the hardware.
+struct Sak {
+  uint8_t an = 0;
+  Zef::String mi;
+  uint32_t keyNum = 0;
+  Zef::String key;
+  Zef::String salt;
+  bool empty() const noexcept;
+  bool operator==(const Sak&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const Sak& sak);
+
+// One key slot of the controlled port.
+struct SakContext {
+  Sak sak;
+  uint32_t txSaValue = 0;
+  bool txEnabled = false;
+  bool rxEnabled = false;
+  bool txInstalled = false;
+  bool rxInstalled = false;
+  bool operator==(const SakContext&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const SakContext& context);
+
+struct KeysLPN {
+  uint32_t oldLpn = 0;
+  uint32_t latestLpn = 0;
+  bool operator==(const KeysLPN&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const KeysLPN& lpn);
+
+struct RxLPN {
+  uint32_t lpn = 0;
+  AssociationNumber an;
+  bool operator==(const RxLPN&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const RxLPN& lpn);
+
+// The parameters with which an interface's IntfStatus and CpStatus are made.
+struct MacsecParams {
+  CipherSuite cipherSuite = cipherSuiteGcmAes128;
+  bool includeSci = false;
+  bool bypassLldp = false;
+  bool replayProtection = false;
+  uint32_t replayProtectionWindow = 0;
+  bool operator==(const MacsecParams&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const MacsecParams& params);
+
+struct FipsStatus {
+  bool fipsMode = false;     // the FIPS restrictions asked for
+  bool fipsApplied = false;  // FIPS mode has been switched on successfully
+  bool operator==(const FipsStatus&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const FipsStatus& fips);
+
+// The basic parameter set of an MKPDU.
+struct BasicInfo {
+  uint8_t keyServerPriority = 0;
+  bool keyServer = false;
+  bool macsecDesired = false;
+  uint8_t macsecCapability = 0;
+  Sci sci;
+  Zef::String msgId;  // member identifier: 24 lower-case hexadecimal characters
+  uint32_t msgNum = 0;
+  Zef::String ckn;
+  bool operator==(const BasicInfo&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const BasicInfo& info);
+
+// One key's entry in a SAK use set.
+struct KeyInfo {
+  uint8_t an = 0;
+  bool tx = false;
+  bool rx = false;
+  Zef::String mi;
+  uint32_t keyNum = 0;
+  uint32_t lpn = 0;
+  bool operator==(const KeyInfo&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const KeyInfo& info);
+
+struct SakUseInfo {
+  KeyInfo latestKey;
+  KeyInfo oldKey;
+  bool plainTx = false;
+  bool plainRx = false;
+  bool delayProtect = false;
+  bool operator==(const SakUseInfo&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const SakUseInfo& info);
+
+struct SakDistInfo {
+  uint8_t distributedAN = 0;
+  uint8_t confidentialityOffset = 0;
+  uint32_t keyNumber = 0;
+  CipherSuite cipherSuite = cipherSuiteGcmAes128;
+  Zef::String wrappedSak;  // the SAK in stored form
+  bool operator==(const SakDistInfo&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const SakDistInfo& info);
+
+struct CakDistInfo {
+  Zef::String ckn;
+  Zef::String cak;  // stored form
+  bool operator==(const CakDistInfo&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const CakDistInfo& info);
+
+// What the running self test is doing.
+struct POSTInfo {
+  uint8_t reserved = 0;
+  bool encrypt = false;
+  uint32_t keySize = 0;
+  bool operator==(const POSTInfo&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const POSTInfo& info);
+
+// The same key by identifier: association number, key number and key server.
+inline bool sakMatch(const KeyInfo& info, const Sak& sak) {
+  return info.an == sak.an && info.keyNum == sak.keyNum && info.mi == sak.mi;
+}
+
+}  // namespace Macsec
+
+namespace Dot1x {
+
+// The role of an interface in 802.1X key derivation.
+enum Dot1xType : uint8_t {
+  dot1xTypeAuthenticator = 0,  // keys come from EAP; this side may be key server
+  dot1xTypeSupplicant = 1,     // keys come from EAP; this side never stands for election
+  dot1xTypePreSharedKey = 2,   // no 802.1X: a configured key
+};
+std::ostream& operator<<(std::ostream& out, Dot1xType type);
+
+// One EAP-derived key as the 802.1X agent offers it. `key` is hexadecimal text in stored form.
+struct EapKey {
+  Dot1xType dot1xType = dot1xTypeAuthenticator;
+  Zef::String key;
+  Zef::String sessionId;
+  Lanx::EthAddr myMac;
+  Lanx::EthAddr peerMac;
+  bool operator==(const EapKey&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const EapKey& key);
+
+}  // namespace Dot1x

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+
+namespace Lanx {
+
+// A 48-bit Ethernet address. The default is the all-zero address. Its text form is six pairs of
+// lower-case hexadecimal digits joined by ':', as in "00:1c:73:0a:0b:0c".
+class EthAddr {
+ public:
+  constexpr EthAddr() noexcept = default;
+  constexpr explicit EthAddr(const std::array<uint8_t, 6>& bytes) noexcept : bytes_(bytes) {}
+  // Parses the text form; also takes '-' as the separator and the dotted "001c.730a.0b0c" form.
+  // Throws Zef::RangeException naming the text if it is not an address.
+  static EthAddr fromText(std::string_view text);
+  // The same without throwing; returns false and leaves `out` alone for bad text.
+  static bool parse(std::string_view text, EthAddr& out) noexcept;
+
+  const std::array<uint8_t, 6>& bytes() const noexcept { return bytes_; }
+  const uint8_t* data() const noexcept { return bytes_.data(); }
+  bool isZero() const noexcept { return bytes_ == std::array<uint8_t, 6>{}; }
+  uint64_t asUint64() const noexcept;
+  std::string stringValue() const;
+  uint32_t hash() const noexcept;
+
+  bool operator==(const EthAddr&) const noexcept = default;
+  std::strong_ordering operator<=>(const EthAddr&) const noexcept = default;
+
+ private:
+  std::array<uint8_t, 6> bytes_{};
+};
+
+std::ostream& operator<<(std::ostream& out, const EthAddr& addr);
+
+}  // namespace Lanx

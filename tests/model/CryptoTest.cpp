@@ -1,0 +1,230 @@
+#include "model/Crypto.h"
+
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+
+#include "model/CloakLib.h"
+
+namespace Macsec {
+namespace {
+
+const uint8_t* text(const char* s) { return reinterpret_cast<const uint8_t*>(s); }
+
+KeyBytes bytes(const char* hex) {
+  KeyBytes out;
+  EXPECT_TRUE(hexToBytes(hex, out)) << hex;
+  return out;
+}
+
+std::string hexOf(const KeyBytes& b) { return bytesToHex(b.data(), b.size()).stdString(); }
+
+TEST(Crypto, TheKeyDerivationFunctionMatchesThePublishedVectors) {
+  const KeyBytes context = bytes("01020104");
+  EXPECT_EQ(hexOf(kdf(bytes("1ab9024fa04a03feb9024fa04a03fe11"), "HI THERE", context, 128)),
+            "b57a0b05f43e9600c3c4d15c1e3c26e8");
+  EXPECT_EQ(
+      hexOf(kdf(bytes("3946ec36f59017f1267e914abed2dbf6633f52ae7e20309d3eefdda4073adfad"), "HI THERE", context, 256)),
+      "0efd01e5b03a0951a6df9bbffe419016ee40fdbfc3335ebf92ea03802214a307");
+}
+
+TEST(Crypto, IckAndKekMatchThePublishedVectorsForBothKeyLengths) {
+  Zef::String out;
+  deriveIck(text("135bd758b0ee5c11c55ff6ab19fdb199"), text("96437a93ccf10d9dfe347846cce52c7d"), 128, out);
+  EXPECT_EQ(out, "8f1c5cb1c8ed2e5f047906e0473aad4d");
+  deriveKek(text("135bd758b0ee5c11c55ff6ab19fdb199"), text("96437a93ccf10d9dfe347846cce52c7d"), 128, out);
+  EXPECT_EQ(out, "8f5a384c15d6ae9302b462e363d03ca6");
+  const char* cak256 = "a29efdb63d6fba73c65daab2295340a837a8886e94a905b5c9c7ef1d9dbb297e";
+  deriveIck(text(cak256), text("7888f5d48ba8b24e96bb95bd8c7304ec"), 256, out);
+  EXPECT_EQ(out, "98b8544d7390a41e50ef72e25b4a036523c919e812918871949b48123eab526e");
+  deriveKek(text(cak256), text("7888f5d48ba8b24e96bb95bd8c7304ec"), 256, out);
+  EXPECT_EQ(out, "71340e454c84a1232aa7977d5ed86f78f250f3f9d53584b9337ff0c6dfdc9f96");
+  // Upper-case text denotes the same octets.
+  deriveIck(text("135BD758B0EE5C11C55FF6AB19FDB199"), text("96437A93CCF10D9DFE347846CCE52C7D"), 128, out);
+  EXPECT_EQ(out, "8f1c5cb1c8ed2e5f047906e0473aad4d");
+}
+
+TEST(Crypto, AShortCknIsPaddedAndALongOneCutToSixteenOctets) {
+  const char* cak = "135bd758b0ee5c11c55ff6ab19fdb199";
+  Zef::String shortCkn;
+  Zef::String padded;
+  deriveIck(text(cak), text("abcd"), 128, shortCkn);
+  deriveIck(text(cak), text("abcd0000000000000000000000000000"), 128, padded);
+  EXPECT_EQ(shortCkn, padded);
+  Zef::String longCkn;
+  Zef::String cut;
+  deriveIck(text(cak), text("96437a93ccf10d9dfe347846cce52c7d0102030405060708"), 128, longCkn);
+  deriveIck(text(cak), text("96437a93ccf10d9dfe347846cce52c7d"), 128, cut);
+  EXPECT_EQ(longCkn, cut);
+}
+
+TEST(Crypto, BadInputGivesNoKey) {
+  Zef::String out("previous");
+  deriveIck(text("135bd758"), text("96437a93"), 128, out);  // CAK too short for 128 bits
+  EXPECT_TRUE(out.empty());
+  deriveIck(text("135bd758b0ee5c11c55ff6ab19fdb19z"), text("96437a93"), 128, out);  // not hexadecimal
+  EXPECT_TRUE(out.empty());
+  deriveKek(text("135bd758b0ee5c11c55ff6ab19fdb199"), text("abc"), 128, out);  // odd CKN
+  EXPECT_TRUE(out.empty());
+  deriveSak(text("135bd758b0ee5c11c55ff6ab19fdb199"), text("01"), 192, out);  // no such cipher
+  EXPECT_TRUE(out.empty());
+}
+
+TEST(Crypto, SakMatchesThePublishedVectorsForBothKeyLengths) {
+  Zef::String out;
+  deriveSak(text("135bd758b0ee5c11c55ff6ab19fdb199"),
+            text("0102030405060708090a0b0c0d0e0f10cd421cf86ba457938657675b01020304050607080d1f36cf00000001"), 128, out);
+  EXPECT_EQ(out, "045205925831ae59c14550ed59cc003d");
+  deriveSak(text("a29efdb63d6fba73c65daab2295340a837a8886e94a905b5c9c7ef1d9dbb297e"),
+            text("0102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f00"
+                 "cd421cf86ba457938657675b01020304050607080d1f36cf00000001"),
+            256, out);
+  EXPECT_EQ(out, "bb692568b287484a5f3f4793b09732270d13dd818373c15b3f2793fdc1948a37");
+}
+
+TEST(Crypto, EapDerivedCakAndCknMatchTheVectorsAndAgreeOnBothEnds) {
+  const char* msk = "e68a1ab90313024fda7a04a03fea010f";
+  // deriveKey puts the lower address first, so both ends of the link use the same text.
+  Zef::String cak;
+  deriveCak(text(msk), text("001b6393fcbc00d0b71a7717"), 128, cak);
+  EXPECT_EQ(cak, "135bd758b0ee5c11c55ff6ab19fdb199");
+  Zef::String ckn;
+  const std::string session =
+      "0dd075693f54b2b2eb01da61f0af5d429b65b1ebcaf536fba350777598571728f630c5c8da5475489ad47b6e3489a97372e5a8fd55061797"
+      "2c020d42a3b13a4eae";
+  deriveCkn(text(msk), 128, text((session + "001b6393fcbc00d0b71a7717").c_str()), 128, ckn);
+  EXPECT_EQ(ckn, "96437a93ccf10d9dfe347846cce52c7d");
+  // A key longer than the cipher needs is cut to its first 32 characters.
+  Zef::String fromLong;
+  deriveCak(text("e68a1ab90313024fda7a04a03fea010fffffffff"), text("001b6393fcbc00d0b71a7717"), 128, fromLong);
+  EXPECT_EQ(fromLong, cak);
+}
+
+TEST(Crypto, AesCmacAndKeyWrapMatchTheirRfcVectors) {
+  const KeyBytes message = bytes(
+      "6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e5130c81c46a35ce411e5fbc1191a0a52eff69f2445df4f9b17"
+      "a"
+      "d2b417be66c3710");
+  const KeyBytes k128 = bytes("2b7e151628aed2a6abf7158809cf4f3c");
+  const KeyBytes k256 = bytes("603deb1015ca71be2b73aef0857d77811f352c073b6108d72d9810a30914dff4");
+  const size_t lengths[] = {0, 16, 40, 64};
+  const char* expect128[] = {"bb1d6929e95937287fa37d129b756746", "070a16b46b4d4144f79bdd9dd04a287c",
+                             "dfa66747de9ae63030ca32611497c827", "51f0bebf7e3b9d92fc49741779363cfe"};
+  const char* expect256[] = {"028962f61b7bf89efc6b551f4667d983", "28a7023f452e8f82bd4bf28d8c37c35c",
+                             "aaf3d8f1de5640c232f5b169b9c911e6", "e1992190549f6ed5696a2c056c315410"};
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(hexOf(aesCmac(k128, message.data(), lengths[i])), expect128[i]);
+    EXPECT_EQ(hexOf(aesCmac(k256, message.data(), lengths[i])), expect256[i]);
+  }
+
+  struct Wrap {
+    const char* kek;
+    const char* key;
+    const char* wrapped;
+  };
+  const Wrap vectors[] = {
+      {"000102030405060708090a0b0c0d0e0f", "00112233445566778899aabbccddeeff",
+       "1fa68b0a8112b447aef34bd8fb5a7b829d3e862371d2cfe5"},
+      {"000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f", "00112233445566778899aabbccddeeff",
+       "64e8c3f9ce0f5ba263e9777905818a2a93c8191e7d6e8ae7"},
+      {"000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f",
+       "00112233445566778899aabbccddeeff000102030405060708090a0b0c0d0e0f",
+       "28c9f404c4b810f4cbccb35cfb87f8263f5786e2d80ed326cbc7f0e71a99f43bfb988b9b7a02dd21"},
+      {"e5d058e7f1c22c016c4e1cc9b26b9f8f", "7f604e9b8d39d3c91e193fe6f196c1e3da6211a7c9a33b8873b64b138d1803e4",
+       "60b9f8ac797c56e01e9b5f84d65816a980777869f67991a0e6dc19b8cd75c9b54db4a38456bbd6f3"},
+  };
+  for (const Wrap& v : vectors) {
+    EXPECT_EQ(hexOf(aesKeyWrap(bytes(v.kek), bytes(v.key))), v.wrapped);
+    const KeyBytes wrapped = bytes(v.wrapped);
+    EXPECT_EQ(hexOf(aesKeyUnwrap(bytes(v.kek), wrapped.data(), wrapped.size())), v.key);
+  }
+  // A wrapped key that was changed in transit fails its integrity check.
+  KeyBytes tampered = bytes(vectors[0].wrapped);
+  tampered.data()[5] ^= 1;
+  EXPECT_TRUE(aesKeyUnwrap(bytes(vectors[0].kek), tampered.data(), tampered.size()).empty());
+}
+
+TEST(Crypto, SaltFollowsTheExtendedPacketNumberLayout) {
+  Zef::String salt;
+  // MI 00112233 44556677 8899aabb, KN 0xccddeeff: top 16 bits 0011^eeff, next 16 2233^ccdd.
+  generateSalt(text("001122334455667788990aabb"), 0xccddeeff, salt);
+  EXPECT_TRUE(salt.empty());  // 25 characters: not a member identifier
+  generateSalt(text("00112233445566778899aabb"), 0xccddeeff, salt);
+  EXPECT_EQ(salt, "eeeeeeee445566778899aabb");
+  generateSalt(text("00112233445566778899aabb"), 0, salt);
+  EXPECT_EQ(salt, "00112233445566778899aabb");
+}
+
+TEST(Crypto, RandomNumbersAreHexOfTheAskedLengthAndDiffer) {
+  std::set<std::string> seen;
+  for (int i = 0; i < 50; ++i) {
+    Zef::String id;
+    randomNumberGenerator(96, id);
+    ASSERT_EQ(id.size(), 24u);
+    EXPECT_EQ(id.view().find_first_not_of("0123456789abcdef"), std::string_view::npos);
+    seen.insert(id.stdString());
+  }
+  EXPECT_EQ(seen.size(), 50u);
+  Zef::String nonce;
+  randomNumberGenerator(256, nonce);
+  EXPECT_EQ(nonce.size(), 64u);
+  uint8_t raw[] = {0x00, 0xab, 0xff, 0x10};
+  Zef::String hex;
+  convertByteArrayToHexString(raw, 4, hex);
+  EXPECT_EQ(hex, "00abff10");
+}
+
+TEST(Crypto, SelfTestAnswersAreTheAesGcmOfThePlainFrame) {
+  Zef::String plain;
+  unsigned int plainLength = 0;
+  selfTestPktData(cryptoLibPlainText, plain, plainLength);
+  ASSERT_EQ(plainLength, 36u);
+  const auto* p = reinterpret_cast<const uint8_t*>(plain.charPtr());
+  EXPECT_EQ(p[0], 0x88);
+  EXPECT_EQ(p[1], 0x8e);
+  EXPECT_EQ(p[2], 0xab);
+  EXPECT_EQ(p[3], 0xcd);
+  uint8_t key[32];
+  for (int i = 0; i < 32; ++i) key[i] = static_cast<uint8_t>(i);
+  const uint8_t iv[12] = {0xca, 0xfe, 0xba, 0xbe, 0xfa, 0xce, 0xdb, 0xad, 0xde, 0xca, 0xf8, 0x88};
+  for (CryptoLibCipherSuite suite : {cryptoLibGcmAes128, cryptoLibGcmAes256}) {
+    EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+    EVP_EncryptInit_ex(ctx, suite == cryptoLibGcmAes128 ? EVP_aes_128_gcm() : EVP_aes_256_gcm(), nullptr, key, iv);
+    uint8_t frame[4 + 32 + 16];
+    std::memcpy(frame, p, 4);
+    int n = 0;
+    EVP_EncryptUpdate(ctx, nullptr, &n, p, 4);
+    EVP_EncryptUpdate(ctx, frame + 4, &n, p + 4, 32);
+    EVP_EncryptFinal_ex(ctx, frame + 4 + n, &n);
+    EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_GET_TAG, 16, frame + 36);
+    EVP_CIPHER_CTX_free(ctx);
+    EXPECT_TRUE(selfTestPktCheck(suite, frame, sizeof frame)) << suite;
+    EXPECT_FALSE(selfTestPktCheck(suite, p, plainLength));
+    frame[20] ^= 0x40;
+    EXPECT_FALSE(selfTestPktCheck(suite, frame, sizeof frame));
+  }
+  EXPECT_TRUE(selfTestPktCheck(cryptoLibPlainText, p, plainLength));
+  EXPECT_FALSE(selfTestPktCheck(cryptoLibPlainText, p, plainLength - 1));
+}
+
+TEST(CloakLib, StoredKeysAreNotClearReversibleAndFreshEachTime) {
+  const Zef::String clear("135bd758b0ee5c11c55ff6ab19fdb199");
+  const Zef::String a = CloakLib::doEncodeKey(clear);
+  const Zef::String b = CloakLib::doEncodeKey(clear);
+  EXPECT_NE(a, clear);
+  EXPECT_EQ(a.view().find(clear.view()), std::string_view::npos);
+  EXPECT_NE(a, b);
+  EXPECT_EQ(CloakLib::doDecodeKey(a), clear);
+  EXPECT_EQ(CloakLib::doDecodeKey(b), clear);
+  EXPECT_TRUE(CloakLib::doEncodeKey(Zef::String()).empty());
+  EXPECT_TRUE(CloakLib::doDecodeKey(clear).empty());  // clear text is no stored key
+  std::string tampered = a.stdString();
+  tampered[tampered.size() - 3] = tampered[tampered.size() - 3] == '0' ? '1' : '0';
+  EXPECT_TRUE(CloakLib::doDecodeKey(Zef::String(tampered)).empty());
+}
+
+}  // namespace
+}  // namespace Macsec
