@@ -152,6 +152,23 @@ std::ostream& operator<<(std::ostream& out, const POSTInfo& p) {
   return out << "POSTInfo(encrypt=" << yesNo(p.encrypt) << ", keySize=" << p.keySize << ")";
 }
 
+std::ostream& operator<<(std::ostream& out, const SaStatus& sa) {
+  return out << "SaStatus(an=" << sa.an << ", mi=" << sa.mi << ", keyNum=" << sa.keyNum << ", value=" << sa.value
+             << ")";
+}
+
+std::ostream& operator<<(std::ostream& out, ValidateFrames validate) {
+  switch (validate) {
+    case validateFramesDisabled:
+      return out << "validateFramesDisabled";
+    case validateFramesCheck:
+      return out << "validateFramesCheck";
+    case validateFramesStrict:
+      return out << "validateFramesStrict";
+  }
+  return out << "ValidateFrames(" << +static_cast<uint8_t>(validate) << ")";
+}
+
 }  // namespace Macsec
 
 namespace Dot1x {

@@ -227,6 +227,27 @@ struct POSTInfo {
 };
 std::ostream& operator<<(std::ostream& out, const POSTInfo& info);
 
+// One SA that the hardware reports as installed: the key's association number and identifier,
+// and a value the hardware attaches, which the engine copies without reading. The default is "no
+// SA".
+struct SaStatus {
+  AssociationNumber an;
+  Zef::String mi;
+  uint32_t keyNum = 0;
+  uint32_t value = 0;
+  bool empty() const noexcept { return *this == SaStatus(); }
+  bool operator==(const SaStatus&) const noexcept = default;
+};
+std::ostream& operator<<(std::ostream& out, const SaStatus& sa);
+
+// How the hardware validates received frames; the engine only carries it.
+enum ValidateFrames : uint8_t {
+  validateFramesDisabled = 0,
+  validateFramesCheck = 1,
+  validateFramesStrict = 2,
+};
+std::ostream& operator<<(std::ostream& out, ValidateFrames validate);
+
 // The same key by identifier: association number, key number and key server.
 inline bool sakMatch(const KeyInfo& info, const Sak& sak) {
   return info.an == sak.an && info.keyNum == sak.keyNum && info.mi == sak.mi;

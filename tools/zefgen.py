@@ -388,7 +388,10 @@ class Emitter:
         for a in ctor:
             if a is not base_name:
                 inits.append(f"{a.name}_({a.name})")
-        cw(f"{t.name}::{t.name}({params}){' : ' + ', '.join(inits) if inits else ''} {{}}")
+        cw(f"{t.name}::{t.name}({params}){' : ' + ', '.join(inits) if inits else ''} {{")
+        for statement in t.epilogue:
+            cw(f"  {statement};")
+        cw("}")
         cw("")
         cw(f"{t.name}::~{t.name}() {{")
         for a in reversed(t.attrs):
@@ -786,13 +789,16 @@ class Emitter:
         self.class_tail(t, ctor, params, t.attrs)
         # ---- source
         cw = self.cw
+        # Parameters are spelled _x in the definition, so that the epilogue's calls of the
+        # accessors are not shadowed.
         inits = []
         for a in t.attrs:
             if a.kind == "reactor" and a.is_arg:
-                inits.append(f"{a.name}_(Zef::makeReactor<Zef{a.cap}>({a.name}, this))")
+                inits.append(f"{a.name}_(Zef::makeReactor<Zef{a.cap}>(_{a.name}, this))")
             elif a.is_arg:
-                inits.append(f"{a.name}_({a.name})")
-        cw(f"{t.name}::{t.name}({params}){' : ' + ', '.join(inits) if inits else ''} {{")
+                inits.append(f"{a.name}_(_{a.name})")
+        definition_params = ", ".join(f"{self.sm_param_type(a)} _{a.name}" for a in ctor)
+        cw(f"{t.name}::{t.name}({definition_params}){' : ' + ', '.join(inits) if inits else ''} {{")
         epilogue = t.epilogue or (["handleInitialized()"] if "handleInitialized" in method_names else [])
         if epilogue:
             cw("  ConstructionGuard guard(*this);")
@@ -1029,7 +1035,7 @@ def emit_file(model, rel, types, includes):
         for t in in_ns:
             e.hw(f"class {t.name};")
         e.hw("")
-        for t in in_ns:
+        for t in dependency_order(in_ns):
             if t.kind == "entity":
                 e.entity(t)
             else:
@@ -1038,6 +1044,30 @@ def emit_file(model, rel, types, includes):
             e.hw(f"}}  // namespace {ns}")
             e.cw(f"}}  // namespace {ns}")
     return "\n".join(e.h) + "\n", "\n".join(e.cpp) + "\n"
+
+
+def dependency_order(types):
+    """The types of one file, each after the types of the file that it holds as members, so that
+    an owner's inline mutators see complete member classes; otherwise in declaration order."""
+    by_name = {t.name: t for t in types}
+    ordered, visiting = [], set()
+
+    def visit(t):
+        if t in ordered:
+            return
+        if t.name in visiting:
+            raise ZefError(f"{t.source}: {t.name} holds itself through its members")
+        visiting.add(t.name)
+        for a in t.attrs:
+            member = by_name.get(a.type.split("::")[-1]) if a.kind in ("child", "entities", "sm", "sms") else None
+            if member is not None and member is not t:
+                visit(member)
+        visiting.discard(t.name)
+        ordered.append(t)
+
+    for t in types:
+        visit(t)
+    return ordered
 
 
 def write_if_changed(path, text):

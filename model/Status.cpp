@@ -1,0 +1,10 @@
+#include "model/Status.h"
+
+namespace Macsec {
+
+void MkaActorStatus::zeroDistSakKeyForced() {
+  // In place and without notification: every copy of the stored key shares these bytes.
+  distSak_.key.zeroStringDataUnsafe();
+}
+
+}  // namespace Macsec

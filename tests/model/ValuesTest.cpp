@@ -1,0 +1,162 @@
+#include "model/Values.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "model/MacsecInternalTypes.h"
+#include "model/Status.h"
+#include "platform/Exception.h"
+#include "platform/NetInt.h"
+
+namespace Macsec {
+namespace {
+
+template <class T>
+std::string text(const T& value) {
+  std::ostringstream out;
+  out << value;
+  return out.str();
+}
+
+TEST(Values, AssociationNumbersRunFromZeroToThree) {
+  EXPECT_EQ(AssociationNumber(0).value(), 0);
+  EXPECT_EQ(AssociationNumber(3).value(), 3);
+  try {
+    AssociationNumber(4);
+    ADD_FAILURE() << "4 is no association number";
+  } catch (const Zef::RangeException& e) {
+    EXPECT_STREQ(e.what(), "AssociationNumber::value < AssociationNumber::min or > AssociationNumber::max not allowed");
+  }
+  EXPECT_EQ(text(AssociationNumber(2)), "2");
+  EXPECT_EQ(AssociationNumber::fromText("3"), AssociationNumber(3));
+  EXPECT_THROW(AssociationNumber::fromText("x"), Zef::RangeException);
+}
+
+TEST(Values, DefaultsAreTheEmptyValues) {
+  EXPECT_TRUE(Sak().empty());
+  EXPECT_TRUE(Cak().empty());
+  EXPECT_EQ(SakContext(), SakContext{});
+  EXPECT_EQ(SakUseInfo(), SakUseInfo{});
+  SakDistInfo withCipher;
+  withCipher.cipherSuite = cipherSuiteGcmAes128;
+  EXPECT_EQ(withCipher, SakDistInfo());  // 128 is the default cipher
+  withCipher.cipherSuite = cipherSuiteGcmAes256;
+  EXPECT_NE(withCipher, SakDistInfo());
+  MacsecParams a;
+  MacsecParams b;
+  b.includeSci = true;
+  EXPECT_NE(a, b);
+  a.includeSci = true;
+  EXPECT_EQ(a, b);
+}
+
+TEST(Values, SaltMakesAnotherSakButTheSameKey) {
+  Sak a{1, "00112233445566778899aabb", 7, "stored", {}};
+  Sak b = a;
+  b.salt = "salt";
+  EXPECT_NE(a, b);
+  KeyInfo info{1, true, true, "00112233445566778899aabb", 7, 0};
+  EXPECT_TRUE(sakMatch(info, a));
+  EXPECT_TRUE(sakMatch(info, b));
+  info.keyNum = 8;
+  EXPECT_FALSE(sakMatch(info, a));
+}
+
+TEST(Values, SciOrdersAddressFirstAndReadsBackItsText) {
+  const Sci low{Lanx::EthAddr::fromText("00:1c:73:00:00:01"), 9};
+  const Sci high{Lanx::EthAddr::fromText("00:1c:73:00:00:02"), 1};
+  EXPECT_LT(low, high);
+  EXPECT_TRUE(Sci().isZero());
+  EXPECT_EQ(text(low), "00:1c:73:00:00:01::9");
+  EXPECT_EQ(Sci::fromText("00:1c:73:00:00:01::9"), low);
+  try {
+    Sci::fromText("00:1c:73:00:00:01");
+    ADD_FAILURE();
+  } catch (const Zef::RangeException& e) {
+    EXPECT_NE(std::string(e.what()).find("portId"), std::string::npos);
+  }
+  EXPECT_THROW(Sci::fromText("00:1c:73:zz:00:01::1"), Zef::RangeException);
+}
+
+TEST(Values, StreamFormsNeverShowKeys) {
+  const Sak sak{2, "mi", 3, "STORED-KEY", "SALT"};
+  const Cak cak{"abcd", "STORED-CAK"};
+  const std::string all = text(sak) + text(cak) + text(SakDistInfo{1, 0, 3, cipherSuiteGcmAes128, "WRAPPED"}) +
+                          text(CakDistInfo{"abcd", "DISTCAK"}) + text(SakContext{sak, 0, true, true, false, false});
+  for (const char* secret : {"STORED-KEY", "SALT", "STORED-CAK", "WRAPPED", "DISTCAK"}) {
+    EXPECT_EQ(all.find(secret), std::string::npos) << secret;
+  }
+  EXPECT_NE(all.find("ckn=abcd"), std::string::npos);
+}
+
+TEST(NetworkValues, InterfaceNamesAddressesAndNetworkIntegers) {
+  const Lanx::IntfId eth0("eth0");
+  EXPECT_EQ(eth0, Lanx::IntfId("eth0"));
+  EXPECT_NE(eth0, Lanx::IntfId("enp3s0f1"));
+  EXPECT_EQ(eth0.stringValue(), "eth0");
+  EXPECT_EQ(text(Lanx::IntfId("Ethernet1/1")), "Ethernet1/1");
+  EXPECT_TRUE(Lanx::IntfId("").empty());
+  EXPECT_TRUE(Lanx::IntfId().empty());
+  EXPECT_TRUE(Lanx::SubIntfId::isSubIntfId(Lanx::IntfId("eth0.100")));
+  EXPECT_FALSE(Lanx::SubIntfId::isSubIntfId(eth0));
+
+  const Lanx::EthAddr addr = Lanx::EthAddr::fromText("00:1C:73:0a:0b:0c");
+  EXPECT_EQ(addr.stringValue(), "00:1c:73:0a:0b:0c");
+  EXPECT_EQ(Lanx::EthAddr::fromText("001c.730a.0b0c"), addr);
+  EXPECT_EQ(Lanx::EthAddr::fromText("00-1c-73-0a-0b-0c"), addr);
+  EXPECT_LT(Lanx::EthAddr::fromText("00:1c:73:0a:0b:0b"), addr);
+  EXPECT_THROW(Lanx::EthAddr::fromText("00:1c:73:0a:0b"), Zef::RangeException);
+
+  Lanx::NetU16 n(0x1234);
+  const auto* raw = reinterpret_cast<const uint8_t*>(&n);
+  EXPECT_EQ(raw[0], 0x12);
+  EXPECT_EQ(raw[1], 0x34);
+  EXPECT_EQ(n.value(), 0x1234);
+  Lanx::NetU32 m;
+  m.valueIs(0xc0000000u);
+  EXPECT_EQ(reinterpret_cast<const uint8_t*>(&m)[0], 0xc0);
+}
+
+TEST(Entities, CollectionsReturnTheExistingMemberWhateverTheArguments) {
+  Zef::Ptr<Status> status = Status::StatusIs();
+  MacsecParams params;
+  Zef::Ptr<IntfStatus> first = status->intfStatusIs(Lanx::IntfId("eth1"), params);
+  params.cipherSuite = cipherSuiteGcmAes256;
+  EXPECT_EQ(status->intfStatusIs(Lanx::IntfId("eth1"), params), first);
+  EXPECT_EQ(first->cipherSuite(), cipherSuiteGcmAes128);
+  EXPECT_EQ(status->mkaLifeTime(), 6);
+  EXPECT_EQ(first->keyServerPriority(), 16);
+
+  Zef::Ptr<CpStatus> cp = status->cpStatusIs(Lanx::IntfId("eth1"), params);
+  Sak sak{2, "mi", 1, "k", {}};
+  cp->rxSakIs(sak);
+  EXPECT_EQ(cp->rxSak(AssociationNumber(2)), sak);
+  EXPECT_EQ(cp->rxSakSize(), 1u);
+
+  Zef::Ptr<MkaActorStatus> actor = status->portStatusIs(Lanx::IntfId("eth1"))->actorStatusIs("abcd");
+  EXPECT_TRUE(actor->macsecDesired());
+  Zef::String key("stored-sak");
+  actor->distSakIs(Sak{1, "mi", 1, key, {}});
+  Sak copy = actor->distSak();
+  actor->zeroDistSakKeyForced();
+  for (char c : copy.key) EXPECT_EQ(c, '\0');  // every copy of the key is wiped
+}
+
+TEST(Entities, ThePamManagerHasBothMessageObjectsForItsWholeLife) {
+  Zef::Ptr<MkaPamManager> manager = MkaPamManager::MkaPamManagerIs(nullptr);
+  Zef::Ptr<MkaMessageInfo> rx = manager->rxMessageInfo();
+  ASSERT_TRUE(rx);
+  ASSERT_TRUE(manager->txMessageInfo());
+  EXPECT_NE(rx, manager->txMessageInfo());
+  EXPECT_EQ(manager->rxMessageInfoIs(), rx);
+  EXPECT_FALSE(manager->hasBackupSupport());
+  Zef::Ptr<MkaPamCounter> counter = manager->rxPamCounterIs(Lanx::IntfId("eth1"));
+  EXPECT_EQ(manager->rxPamCounterIs(Lanx::IntfId("eth1")), counter);
+  counter->failureInc(1);
+  EXPECT_EQ(counter->failure(), 1u);
+  EXPECT_FALSE(manager->mkaIntfDel(Lanx::IntfId("eth9")));
+}
+
+}  // namespace
+}  // namespace Macsec
