@@ -4,6 +4,7 @@
 
 #include "model/CloakLib.h"
 #include "model/Crypto.h"
+#include "model/LogMessages.h"
 #include "platform/Clock.h"
 #include "platform/Trace.h"
 
@@ -140,31 +141,432 @@ void MkaActorSm::updateMsgId() {
 
 bool MkaActorSm::parseBasicInfo() {
   ACTOR_ENTRY();
-  return false;
+  const Zef::Ptr<MkaMessageInfo const> message = rxMessageInfo();
+  const Zef::Ptr<MkaInfo const> info = message->mkaInfo();
+  const BasicInfo base = info->baseInfo();
+  const Zef::String& peerId = base.msgId;
+
+  // 1. Our own MKPDU, looped back or from another actor of this port.
+  if (base.sci == portStatus()->mySci()) {
+    TRACE(3, ": Duplicate SCI detected in incoming MKPDU for actor " << ckn() << " on " << intfId());
+    return false;
+  }
+
+  // 2. The sender took our identifier: take a new one, and go on with the message.
+  if (peerId == actorStatus()->msgId()) {
+    TRACE(3, ": Member ID collision detected for actor " << ckn() << " on " << intfId());
+    updateMsgId();
+  }
+
+  // 3. Does the sender list us with one of our last few message numbers? The lower bound is
+  // signed 64-bit so that it does not wrap while our number is still small.
+  const uint32_t myMn = actorStatus()->msgNum();
+  const int64_t lowest = static_cast<int64_t>(myMn) - status()->mkpduThreshold();
+  auto listsMe = [&](auto it) {
+    for (; it; ++it) {
+      if (it.key() == actorStatus()->msgId() && it.value() <= myMn && static_cast<int64_t>(it.value()) >= lowest) {
+        return true;
+      }
+    }
+    return false;
+  };
+  bool mutual = listsMe(message->livePeerIter());
+  if (mutual) {
+    TRACE(3, ": My MN detected in peer's live peer list for actor " << ckn() << " on " << intfId());
+  } else if ((mutual = listsMe(message->potentialPeerIter()))) {
+    TRACE(3, ": My MN detected in peer's potential peer list for actor " << ckn() << " on " << intfId());
+  }
+
+  const double now = Zef::System::currentTime();
+  if (mutual) {
+    // 4. Mutual liveness: the sender is a live peer.
+    Zef::Ptr<MkaPeer> peer = actorStatus()->livePeer(peerId);
+    if (!peer) {
+      TRACE(1, ": Creating new live peer " << peerId << " for actor " << ckn() << " on " << intfId());
+      // The key server and the controlled port hear of the new peer inside this call, before its
+      // record is filled in below.
+      peer = actorStatus()->livePeerIs(peerId);
+      Zef::log(MKA_SESSION_ESTABLISHED, base.sci.addr, base.sci.portId, ckn(), intfId());
+    }
+    peer->baseInfoIs(base);
+    peer->sakUseInfoIs(info->sakUseInfo());
+    peer->timeStampIs(now);
+    if (actorStatus()->potentialPeerHas(peerId)) {
+      TRACE(3, ": Removing " << peerId << " from potential peer list of actor " << ckn() << " on " << intfId());
+      actorStatus()->potentialPeerDel(peerId);
+    }
+    doUpdateKeyServer();
+    doUpdateActorSuccess();
+    return true;
+  }
+
+  // 5. The sender has not heard us (lately). A live peer that stopped listing us is left to age
+  // out; anybody else is a potential peer.
+  if (actorStatus()->livePeerHas(peerId)) return true;
+  Zef::Ptr<MkaPeer> peer = actorStatus()->potentialPeer(peerId);
+  if (!peer) {
+    TRACE(1, ": Creating new potential peer " << peerId << " for actor " << ckn() << " on " << intfId());
+    peer = actorStatus()->potentialPeerIs(peerId);
+  }
+  peer->baseInfoIs(base);
+  peer->sakUseInfoIs(info->sakUseInfo());
+  peer->timeStampIs(now);
+  return true;
 }
 
-void MkaActorSm::parseLivePeerInfo() { ACTOR_ENTRY(); }
+void MkaActorSm::parseLivePeerInfo() {
+  ACTOR_ENTRY();
+  // The sender's live peers are potential peers to us, known by hearsay: no SCI, no key server
+  // flag, only the message number the sender reports for them.
+  const double now = Zef::System::currentTime();
+  for (auto it = rxMessageInfo()->livePeerIter(); it; ++it) {
+    const Zef::String id = it.key();
+    if (id == actorStatus()->msgId()) continue;
+    Zef::Ptr<MkaPeer> peer = actorStatus()->potentialPeer(id);
+    if (!peer) {
+      TRACE(3, ": Adding new potential peer " << id << " for actor " << ckn() << intfId());
+      peer = actorStatus()->potentialPeerIs(id);
+    }
+    BasicInfo reduced;
+    reduced.msgNum = it.value();
+    peer->baseInfoIs(reduced);
+    peer->timeStampIs(now);
+  }
+}
 
-void MkaActorSm::parseCakDistInfo() { ACTOR_ENTRY(); }
+void MkaActorSm::parseCakDistInfo() {
+  ACTOR_ENTRY();
+  const Zef::Ptr<MkaInfo const> info = rxMessageInfo()->mkaInfo();
+  const BasicInfo& base = info->baseInfo();
+  const Zef::String& peerId = base.msgId;
+  if (info->cakDistInfo() == CakDistInfo()) {
+    TRACE(3, ": No Dist CAK set found in MKPDU from peer " << peerId << " for actor " << ckn() << " on " << intfId());
+    return;
+  }
+  if (!actorStatus()->livePeerHas(peerId)) {
+    TRACE(3, ": Peer " << peerId << " not in live peer list of actor " << ckn() << " on " << intfId()
+                       << ". Ignoring CAK dist set.");
+    return;
+  }
+  if (base.sci != actorStatus()->keyServer()) {
+    TRACE(3, ": Received dist CAK from a peer " << peerId << " who is not a key server for actor " << ckn() << " on "
+                                                << intfId());
+    return;
+  }
+  actorStatus()->distCakIs(Cak{info->cakDistInfo().ckn, info->cakDistInfo().cak});
+}
 
-void MkaActorSm::parseSakDistInfo() { ACTOR_ENTRY(); }
+void MkaActorSm::parseSakDistInfo() {
+  ACTOR_ENTRY();
+  const Zef::Ptr<MkaInfo const> info = rxMessageInfo()->mkaInfo();
+  const BasicInfo& base = info->baseInfo();
+  const SakDistInfo dist = info->sakDistInfo();
+  const Zef::String& peerId = base.msgId;
+  if (dist == SakDistInfo()) {
+    TRACE(3, ": No Dist SAK set found in MKPDU from peer " << peerId << " for actor " << ckn() << " on " << intfId());
+    return;
+  }
+  if (!actorStatus()->livePeerHas(peerId)) {
+    TRACE(3, ": Peer " << peerId << " not in live peer list of actor " << ckn() << " on " << intfId()
+                       << ". Ignoring SAK dist set.");
+    return;
+  }
+  if (base.sci != actorStatus()->keyServer()) {
+    TRACE(3, ": Received dist SAK from a peer " << peerId << " who is not a key server for actor " << ckn() << " on "
+                                                << intfId());
+    return;
+  }
+  if (dist.cipherSuite != intfStatus()->cipherSuite()) {
+    TRACE(3, ": Cipher Suite mismatch from peer " << peerId << ". Ignoring dist SAK set for actor " << ckn() << " on "
+                                                  << intfId());
+    return;
+  }
+  // An association number above 3 is a fault of the sender; it ends this MKPDU with the range
+  // error.
+  const Sak sak{AssociationNumber(dist.distributedAN), peerId, dist.keyNumber, dist.wrappedSak, {}};
+  // The key server repeats its key in every MKPDU: a known key identifier is the common case.
+  const Sak& known = actorStatus()->distSak();
+  if (known.mi == peerId && known.keyNum == dist.keyNumber) return;
+  TRACE(1, ": Resetting sakTransmit"
+               << "for actor " << ckn() << " on " << intfId());
+  actorStatus()->sakTransmitIs(false);
+  TRACE(1, ": Installing SAK from peer " << peerId << " for actor " << ckn() << " on " << intfId());
+  actorStatus()->distSakIs(sak);
+}
 
-void MkaActorSm::parseSakUseInfo() { ACTOR_ENTRY(); }
+namespace {
 
-void MkaActorSm::handleMkpduTimerExpiry(bool periodic) {
+// The peer's entry for the key being distributed: its latest key, else its old key, else none.
+KeyInfo keyInUse(const SakUseInfo& use, const Sak& sak) {
+  if (use.latestKey != KeyInfo() && sakMatch(use.latestKey, sak)) return use.latestKey;
+  if (use.oldKey != KeyInfo() && sakMatch(use.oldKey, sak)) return use.oldKey;
+  return KeyInfo();
+}
+
+// Three quarters of the packet number space: a key this far used asks for a new one.
+constexpr uint32_t kLlpnExhaustion = 0xC0000000u;
+
+}  // namespace
+
+void MkaActorSm::parseSakUseInfo() {
+  ACTOR_ENTRY();
+  const Zef::Ptr<MkaInfo const> info = rxMessageInfo()->mkaInfo();
+  const BasicInfo& base = info->baseInfo();
+  const SakUseInfo use = info->sakUseInfo();
+  const Zef::String& peerId = base.msgId;
+  // 1., 2.
+  if (use == SakUseInfo()) {
+    TRACE(3, ": No SAK USE set present in MKPDU from peer " << peerId << " for actor " << ckn() << " on " << intfId());
+    return;
+  }
+  if (!actorStatus()->livePeerHas(peerId)) {
+    TRACE(3, ": Peer " << peerId << " not in live peer list of actor " << ckn() << " on " << intfId()
+                       << ". Ignoring SAK use set.");
+    return;
+  }
+
+  // 3., 4. A follower transmits on the key once its key server does.
+  const KeyInfo matched = keyInUse(use, actorStatus()->distSak());
+  if (base.keyServer && base.sci == actorStatus()->keyServer() && matched != KeyInfo() &&
+      !actorStatus()->electedSelf()) {
+    TRACE(1, ": Setting sakTransmit:  " << matched.tx << " for actor " << ckn() << " on " << intfId());
+    actorStatus()->sakTransmitIs(matched.tx);
+  }
+
+  // 5. The key server transmits on its key once every live peer receives on it, and so does its
+  // own hardware.
+  if (actorStatus()->electedSelf() && !actorStatus()->distSak().empty() && !actorStatus()->sakTransmit()) {
+    bool allReceive = true;
+    for (auto it = actorStatus()->livePeerIter(); it; ++it) {
+      const SakUseInfo& peerUse = it->sakUseInfo();
+      if (peerUse == SakUseInfo() || (peerUse.latestKey == KeyInfo() && peerUse.oldKey == KeyInfo()) ||
+          !keyInUse(peerUse, actorStatus()->distSak()).rx) {
+        allReceive = false;
+        break;
+      }
+    }
+    const bool result = allReceive && cpStatus() && cpStatus()->latestSakContext().rxInstalled;
+    TRACE(1, ": Setting sakTransmit " << result << " for actor " << ckn() << " on " << intfId());
+    actorStatus()->sakTransmitIs(result);
+  }
+
+  // 6. Lowest acceptable packet numbers follow the last sender.
+  if (use.delayProtect) {
+    actorStatus()->keysLPNIs(KeysLPN{use.oldKey.lpn, use.latestKey.lpn});
+  } else {
+    actorStatus()->keysLPNIs(KeysLPN());
+  }
+
+  // 7. A peer's packet numbers running out asks the key server for a new key at once.
+  if (actorStatus()->electedSelf() && (use.latestKey.lpn >= kLlpnExhaustion || use.oldKey.lpn >= kLlpnExhaustion)) {
+    TRACE(1, ": LLPN exhaustion detected for actor " << ckn() << " on " << intfId());
+    actorStatus()->llpnExhaustionInc(1);
+  }
+}
+
+uint8_t MkaActorSm::getKeyServerPriority() const {
+  switch (intfStatus()->dot1xType()) {
+    case Dot1x::dot1xTypePreSharedKey:
+      return intfStatus()->keyServerPriority();
+    case Dot1x::dot1xTypeAuthenticator:
+      return 16;
+    default:
+      return 255;
+  }
+}
+
+// The better of two key server candidates: lower priority, then lower address; null when the two
+// cannot be told apart. The port number of the SCI takes no part.
+Zef::Ptr<MkaPeer> electKeyServer(const Zef::Ptr<MkaPeer>& a, const Zef::Ptr<MkaPeer>& b) {
+  ZEF_TRACE_FN(zefTraceHandle(), 8,
+               "Macsec::MkaPeer::Ptr Macsec::electKeyServer(Macsec::MkaPeer::Ptr, Macsec::MkaPeer::Ptr)", "");
+  const BasicInfo& ai = a->baseInfo();
+  const BasicInfo& bi = b->baseInfo();
+  if (ai.keyServerPriority < bi.keyServerPriority) return a;
+  if (ai.keyServerPriority > bi.keyServerPriority) return b;
+  if (ai.sci.addr < bi.sci.addr) return a;
+  if (ai.sci.addr == bi.sci.addr) return nullptr;
+  return b;
+}
+
+void MkaActorSm::doUpdateKeyServer() {
+  ACTOR_ENTRY();
+  // 1. The best live peer that offers itself. A tie forgets both, and the next candidate starts
+  // afresh.
+  Zef::Ptr<MkaPeer> best;
+  for (auto it = actorStatus()->livePeerIter(); it; ++it) {
+    if (!it->baseInfo().keyServer) continue;
+    best = best ? electKeyServer(it.ptr(), best) : it.ptr();
+  }
+
+  // 2. Ourselves as a candidate; never stored.
+  Zef::Ptr<MkaPeer> self = MkaPeer::MkaPeerIs(actorStatus()->msgId());
+  BasicInfo selfInfo;
+  selfInfo.keyServerPriority = getKeyServerPriority();
+  selfInfo.sci = portStatus()->mySci();
+  self->baseInfoIs(selfInfo);
+
+  // 3. A supplicant of an EAP exchange never stands.
+  bool electedSelf = false;
+  const Dot1x::Dot1xType type = intfStatus()->dot1xType();
+  if (type == Dot1x::dot1xTypePreSharedKey || type == Dot1x::dot1xTypeAuthenticator) {
+    if (!best) {
+      best = self;
+      electedSelf = true;
+    } else {
+      best = electKeyServer(self, best);
+      electedSelf = best && best->id() == actorStatus()->msgId();
+    }
+  }
+
+  // 4. electedSelf first: the key server's handler must still see the previous keyServer.
+  actorStatus()->electedSelfIs(electedSelf);
+  TRACE(1, ": Elected self is: " << (electedSelf ? 1 : 0) << " for actor " << ckn() << " on " << intfId());
+
+  // 5., 6.
+  if (best) {
+    TRACE(1, ": Elected " << best->id() << " as key server for actor " << ckn() << " on " << intfId());
+    actorStatus()->keyServerIs(best->baseInfo().sci);
+  } else {
+    TRACE(1, ": Unable to elect key server for actor " << ckn() << " on " << intfId());
+    actorStatus()->keyServerIs(Sci());
+  }
+}
+
+void MkaActorSm::doUpdateActorSuccess() {
+  ACTOR_ENTRY();
+  const bool up = actorStatus()->livePeerSize() > 0 && !actorStatus()->keyServer().isZero();
+  if (up) {
+    if (actorStatus()->success()) return;
+    TRACE(3, ": Marking actor " << ckn() << " SUCCESS"
+                                << " on " << intfId());
+    Zef::log(MKA_STATE_CHG, ckn(), "UP", intfId());
+    actorStatus()->successIs(true);
+    return;
+  }
+  // Guarded by success: an actor that was never up keeps what its last election gave it.
+  if (!actorStatus()->success()) return;
+  TRACE(3, ": Marking actor " << ckn() << " FAILED"
+                              << " on " << intfId());
+  Zef::log(MKA_STATE_CHG, ckn(), "DOWN", intfId());
+  actorStatus()->successIs(false);
+  actorStatus()->electedSelfIs(false);
+  actorStatus()->keyServerIs(Sci());
+}
+
+void MkaActorSm::handlePeerReview() {
   if (!initialized()) return;
   ACTOR_ENTRY();
-  (void)periodic;
+  const double now = Zef::System::currentTime();
+  const double lifeTime = status()->mkaLifeTime();
+  // A time stamp at or ahead of now is never aged.
+  auto aged = [&](const MkaPeer& peer) { return now > peer.timeStamp() && now - peer.timeStamp() > lifeTime; };
+  for (auto it = actorStatus()->livePeerIter(); it; ++it) {
+    if (!aged(*it.ptr())) continue;
+    TRACE(1, ": Peer " << it.key() << " aged out from live peer list for actor " << ckn() << " on " << intfId());
+    actorStatus()->livePeerDel(Zef::String(it.key()));
+  }
+  for (auto it = actorStatus()->potentialPeerIter(); it; ++it) {
+    if (!aged(*it.ptr())) continue;
+    TRACE(1, ": Peer " << it.key() << " aged out from potential peer list for actor " << ckn() << " on " << intfId());
+    actorStatus()->potentialPeerDel(Zef::String(it.key()));
+  }
+  doUpdateActorSuccess();
+}
+
+namespace {
+
+KeyInfo keyInfoOf(const SakContext& context) {
+  return KeyInfo{context.sak.an, context.txInstalled, context.rxInstalled,
+                 context.sak.mi, context.sak.keyNum,  context.txSaValue};
+}
+
+// The last message number of a member identifier: past it, the actor takes a new identity.
+constexpr uint32_t kLastMsgNum = 0xFFFFFFFFu;
+
+}  // namespace
+
+void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
+  // 1., 2. Only the periodic run ages peers; it does so before anything is read for the MKPDU.
+  if (!initialized()) return;
+  ACTOR_ENTRY();
+  if (timerExpiry) handlePeerReview();
+
+  // 3.
+  const Zef::Ptr<MkaMessageInfo> tx = txMessageInfo();
+  tx->intfIdIs(intfId());
+  Zef::Ptr<MkaInfo> info = tx->mkaInfo() ? tx->mkaInfo() : tx->mkaInfoIs();
+
+  // 4., 5. Until a key server is known, an actor that may stand offers itself.
+  const Dot1x::Dot1xType type = intfStatus()->dot1xType();
+  BasicInfo base;
+  base.keyServerPriority = getKeyServerPriority();
+  base.keyServer = actorStatus()->keyServer().isZero()
+                       ? (type == Dot1x::dot1xTypePreSharedKey || type == Dot1x::dot1xTypeAuthenticator)
+                       : actorStatus()->electedSelf();
+  base.macsecDesired = actorStatus()->macsecDesired();
+  const CipherSuite cipher = intfStatus()->cipherSuite();
+  base.macsecCapability = (cipher == cipherSuiteGcmAes128 || cipher == cipherSuiteGcmAes256) ? 2 : 1;
+  base.sci = portStatus()->mySci();
+  if (actorStatus()->msgNum() == kLastMsgNum) updateMsgId();
+  base.msgId = actorStatus()->msgId();
+  base.msgNum = actorStatus()->msgNumInc(1);
+  base.ckn = ckn();
+  info->baseInfoIs(base);
+
+  // 7., 8., 9.
+  tx->livePeerDelAll();
+  tx->potentialPeerDelAll();
+  for (auto it = actorStatus()->livePeerIter(); it; ++it) tx->livePeerIs(it.key(), it->baseInfo().msgNum);
+  for (auto it = actorStatus()->potentialPeerIter(); it; ++it) tx->potentialPeerIs(it.key(), it->baseInfo().msgNum);
+
+  // 10. The key server repeats its key until everybody transmits on it.
+  const Sak& sak = actorStatus()->distSak();
+  if (actorStatus()->electedSelf() && actorStatus()->principal() && !sak.empty() && !actorStatus()->sakTransmit()) {
+    info->sakDistInfoIs(SakDistInfo{sak.an, 0, sak.keyNum, cipher, sak.key});
+  } else {
+    info->sakDistInfoIs(SakDistInfo());
+  }
+
+  // 11. What the hardware has confirmed, not what was asked of it.
+  const SakContext latest = cpStatus() ? cpStatus()->latestSakContext() : SakContext();
+  const SakContext old = cpStatus() ? cpStatus()->oldSakContext() : SakContext();
+  if ((latest == SakContext() && old == SakContext()) || actorStatus()->livePeerSize() == 0) {
+    info->sakUseInfoIs(SakUseInfo());
+  } else {
+    info->sakUseInfoIs(SakUseInfo{keyInfoOf(latest), keyInfoOf(old), false, false, status()->delayProtection()});
+  }
+
+  // 12. The codec sends the frame inside this call.
+  tx->countInc(1);
+
+  // 13. An immediate MKPDU does not move the periodic one.
+  if (timerExpiry) mkpduTimer()->timeMinIs(Zef::System::currentTime() + status()->mkpduPeriod());
 }
 
 void MkaActorSm::handleDistSak() {
   if (!initialized()) return;
   ACTOR_ENTRY();
+  // The key server's new key goes out at once; a follower that just received one does not answer
+  // here.
+  if (!actorStatus()->distSak().empty() && actorStatus()->electedSelf()) {
+    TRACE(3, ": Actor " << ckn() << " send MKPDU on " << intfId());
+    mkpduImmediateCntInc(1);
+  }
 }
 
 void MkaActorSm::handleLatestSakContext() {
   if (!initialized()) return;
   ACTOR_ENTRY();
+  if (!actorStatus()->principal()) return;
+  // A follower tells the key server that it receives; the key server tells everybody that it
+  // transmits.
+  const SakContext latest = cpStatus()->latestSakContext();
+  const bool electedSelf = actorStatus()->electedSelf();
+  if ((latest.rxInstalled && !latest.txEnabled && !electedSelf) || (latest.txInstalled && electedSelf)) {
+    TRACE(3, ": Actor " << ckn() << " send MKPDU on " << intfId());
+    mkpduImmediateCntInc(1);
+  }
 }
 
 }  // namespace Macsec

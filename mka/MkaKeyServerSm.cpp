@@ -1,14 +1,208 @@
 #include "mka/MkaKeyServerSm.h"
 
+#include <array>
+
+#include "model/CloakLib.h"
+#include "model/Crypto.h"
+#include "model/LogMessages.h"
+#include "platform/Clock.h"
 #include "platform/Trace.h"
 
 ZEF_TRACE_MODULE("Macsec::KeyServer")
 
+// Every handler opens with this line at level 8 once the key server is initialized.
+#define KEY_SERVER_ENTRY() TRACE(8, "")
+#define ON_INTF " on intfId " << intfId() << " for ckn " << ckn()
+
 namespace Macsec {
 
 void MkaKeyServerSm::handleInitialized() {
-  TRACE(8, ": Actor " << ckn() << " on " << intfId());
+  KEY_SERVER_ENTRY();
+  // 1.
+  mkaActorStatusIs(status()->portStatus(intfId())->actorStatus(ckn()));
+  mkaPortStatusIs(status()->portStatus(intfId()));
+  mkaIntfStatusIs(status()->intfStatus(intfId()));
+  // 2., 3. A key server that starts while elected owes a key after one life time.
+  if (mkaActorStatus()->electedSelf()) {
+    mkaActorStatus()->newSakIs(true);
+    armPeriodic();
+    armRekey();
+  } else {
+    mkaActorStatus()->newSakIs(false);
+    if (mkaPeriodicTimer()) mkaPeriodicTimer()->timeMinIs(Orb::never);
+    if (reKeyTimer()) reKeyTimer()->timeMinIs(Orb::never);
+  }
   initializedIs(true);
+}
+
+void MkaKeyServerSm::armPeriodic() {
+  if (mkaPeriodicTimer()) mkaPeriodicTimer()->timeMinIs(Zef::System::currentTime() + status()->mkaLifeTime());
+}
+
+void MkaKeyServerSm::armRekey() {
+  if (!reKeyTimer()) return;
+  const double period = mkaIntfStatus()->reKeyPeriod();
+  reKeyTimer()->timeMinIs(period > 0.0 ? Zef::System::currentTime() + period : Orb::never);
+}
+
+void MkaKeyServerSm::withdrawUnusedKey() {
+  // A key that nobody transmits on yet must not reach a changed peer set.
+  if (!mkaActorStatus()->sakTransmit()) mkaActorStatus()->distSakIs(Sak());
+}
+
+void MkaKeyServerSm::disarmForNoPeers() {
+  TRACE(4, "Live peer list is empty. Disarming timer for sakGeneration" << ON_INTF);
+  mkaPeriodicTimer()->timeMinIs(Orb::never);
+  withdrawUnusedKey();
+}
+
+void MkaKeyServerSm::handleKeyServerChange() {
+  if (!initialized()) return;
+  KEY_SERVER_ENTRY();
+  if (mkaActorStatus()->electedSelf()) {
+    TRACE(4, "Non-key-server changed to key server" << ON_INTF);
+    mkaActorStatus()->newSakIs(true);
+    armPeriodic();
+    armRekey();
+    return;
+  }
+  // The key that was in distribution goes at once; the new key server's key comes in its MKPDUs.
+  TRACE(4, "Key server changed to non-key-server" << ON_INTF);
+  mkaActorStatus()->newSakIs(false);
+  mkaPeriodicTimer()->timeMinIs(Orb::never);
+  reKeyTimer()->timeMinIs(Orb::never);
+  mkaActorStatus()->distSakIs(Sak());
+}
+
+void MkaKeyServerSm::handleLivePeer(const Zef::String& peer) {
+  if (!initialized()) return;
+  KEY_SERVER_ENTRY();
+  // 1.
+  if (mkaActorStatus()->livePeerHas(peer)) {
+    TRACE(8, "New live peer " << peer << " added" << ON_INTF);
+  } else {
+    TRACE(8, "Live peer " << peer << " being deleted" << ON_INTF);
+  }
+  // 2.
+  if (!mkaActorStatus()->electedSelf()) {
+    TRACE(4, "Not the keyServer. Bailing" << ON_INTF);
+    return;
+  }
+  // 4.
+  if (mkaActorStatus()->livePeerSize() == 0) {
+    disarmForNoPeers();
+    return;
+  }
+  // 3.1 No batching under way: a key at once, and the rate limiter starts.
+  if (mkaPeriodicTimer()->timeMin() == Orb::never) {
+    generateNewSak();
+    mkaActorStatus()->newSakIs(false);
+    armPeriodic();
+    return;
+  }
+  // 3.2 Batching: the key is owed at the expiry.
+  mkaActorStatus()->newSakIs(true);
+  withdrawUnusedKey();
+}
+
+void MkaKeyServerSm::handleMkaLifetimeTimerExpiry() {
+  if (!initialized()) return;
+  KEY_SERVER_ENTRY();
+  if (mkaActorStatus()->livePeerSize() == 0) {
+    mkaActorStatus()->newSakIs(false);
+    disarmForNoPeers();
+    return;
+  }
+  if (mkaActorStatus()->newSak()) {
+    TRACE(4, "Generating new SAK upon timer expiry" << ON_INTF);
+    generateNewSak();
+    mkaActorStatus()->newSakIs(false);
+    armPeriodic();
+    return;
+  }
+  TRACE(4, "Not generating new SAK upon timer expiry. Disarming timer" << ON_INTF);
+  mkaPeriodicTimer()->timeMinIs(Orb::never);
+}
+
+void MkaKeyServerSm::handleLlpnExhaustion() {
+  if (!initialized()) return;
+  KEY_SERVER_ENTRY();
+  if (!mkaActorStatus()->electedSelf()) {
+    TRACE(4, "not the keyServer. Bailing" << ON_INTF);
+    return;
+  }
+  if (mkaActorStatus()->livePeerSize() == 0) {
+    disarmForNoPeers();
+    return;
+  }
+  // An exhausted packet number space does not wait for the rate limiter.
+  generateNewSak();
+  mkaActorStatus()->newSakIs(false);
+  armPeriodic();
+}
+
+void MkaKeyServerSm::handleReKeyPeriod() {
+  if (!initialized()) return;
+  KEY_SERVER_ENTRY();
+  if (!mkaActorStatus()->electedSelf()) {
+    TRACE(4, "not the keyServer. Bailing" << ON_INTF);
+    return;
+  }
+  armRekey();  // the new period counts from now
+}
+
+void MkaKeyServerSm::handleReKeyTimerExpiry() {
+  if (!initialized()) return;
+  KEY_SERVER_ENTRY();
+  if (mkaActorStatus()->livePeerSize() > 0) {
+    generateNewSak();
+    mkaActorStatus()->newSakIs(false);
+    armPeriodic();
+    armRekey();
+    return;
+  }
+  // The rekey timer, just expired, stays off until the key server is elected again or the
+  // period changes.
+  TRACE(4, "Live peer list is empty. Disarming mkaPeriodicTimer only" << ON_INTF);
+  mkaPeriodicTimer()->timeMinIs(Orb::never);
+}
+
+void MkaKeyServerSm::generateNewSak() {
+  KEY_SERVER_ENTRY();
+  // 1., 2. The context: a fresh nonce of the key's length and the live peers' identifiers.
+  const int bits = static_cast<int>(mkaIntfStatus()->cipherSuite());
+  Zef::String context;
+  randomNumberGenerator(bits, context);
+  for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) context += it.key();
+
+  // 3. The key number, in network byte order.
+  const uint32_t keyNum = mkaActorStatus()->keyNum() + 1;
+  const std::array<uint8_t, 4> keyNumBytes = {static_cast<uint8_t>(keyNum >> 24), static_cast<uint8_t>(keyNum >> 16),
+                                              static_cast<uint8_t>(keyNum >> 8), static_cast<uint8_t>(keyNum)};
+  Zef::String keyNumHex;
+  convertByteArrayToHexString(keyNumBytes.data(), 4, keyNumHex);
+  context += keyNumHex;
+
+  // 4., 5.
+  Zef::String cak = CloakLib::doDecodeKey(mkaActorStatus()->cak());
+  Zef::String clear;
+  deriveSak(reinterpret_cast<const uint8_t*>(cak.charPtr()), reinterpret_cast<const uint8_t*>(context.charPtr()), bits,
+            clear);
+  cak.zeroStringDataUnsafe();
+
+  // 6.
+  const Zef::String msgId = mkaActorStatus()->msgId();
+  const Sak sak{mkaPortStatus()->anOfNextKey(), msgId, keyNum, CloakLib::doEncodeKey(clear), {}};
+  // 9. (early: nothing below needs the clear key)
+  clear.zeroStringDataUnsafe();
+
+  // 7. The key identifier's tail: the last 8 characters of the member identifier.
+  Zef::log(MKA_SAK_CREATED, msgId.view().substr(msgId.size() >= 16 ? 16 : msgId.size()), keyNum, intfId());
+
+  // 8. sakTransmit first: the notification of distSak must find it cleared.
+  mkaActorStatus()->sakTransmitIs(false);
+  mkaActorStatus()->distSakIs(sak);
+  mkaActorStatus()->keyNumIs(keyNum);
 }
 
 }  // namespace Macsec

@@ -46,4 +46,12 @@ Zef::LogHandle MACSEC_POST_FAILURE("MACSEC_POST_FAILURE", 3,
                                    "Remove and add mac security profile on the interface to retry the test.",
                                    Zef::CallSupportIfPersists, 0, 1.0, 0);
 
+void clearLogHistory() {
+  for (Zef::LogHandle* handle :
+       {&MKA_KEY_IN_USE, &MKA_FALLBACK_KEY_IN_USE, &MKA_UNPROTECTED_TRAFFIC, &MKA_CA_CREATED, &MKA_STATE_CHG,
+        &MKA_SESSION_ESTABLISHED, &MKA_SAK_CREATED, &MKA_SAK_ACTIVATED, &MACSEC_POST_FAILURE}) {
+    handle->clearHistory();
+  }
+}
+
 }  // namespace Macsec

@@ -16,4 +16,7 @@ extern Zef::LogHandle MKA_SAK_CREATED;
 extern Zef::LogHandle MKA_SAK_ACTIVATED;
 extern Zef::LogHandle MACSEC_POST_FAILURE;
 
+// Forgets the rate-limit history of every message, as a restarted agent would.
+void clearLogHistory();
+
 }  // namespace Macsec

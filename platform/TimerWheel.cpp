@@ -37,20 +37,25 @@ TimerWheel::~TimerWheel() {
 
 void TimerWheel::serviceTimers() {
   Zef::Ptr<TimerWheel> keepAlive(this);
-  const double now = Zef::System::currentTime();
-  while (!heap_.empty() && heap_.front()->timeMin_ <= now) {
-    Notifiee* timer = heap_.front();
-    disarm(timer);
-    // The handler may delete the timer, its state machine, or re-arm it: nothing here touches
-    // the timer after the call.
-    if (timer->hasNotificationActive()) {
-      try {
-        timer->onTime();
-      } catch (...) {
-        Zef::onNotificationException(std::current_exception());
-      }
+  while (serviceOneTimer()) {
+  }
+}
+
+bool TimerWheel::serviceOneTimer() {
+  if (heap_.empty() || heap_.front()->timeMin_ > Zef::System::currentTime()) return false;
+  Zef::Ptr<TimerWheel> keepAlive(this);
+  Notifiee* timer = heap_.front();
+  disarm(timer);
+  // The handler may delete the timer, its state machine, or re-arm it: nothing here touches the
+  // timer after the call.
+  if (timer->hasNotificationActive()) {
+    try {
+      timer->onTime();
+    } catch (...) {
+      Zef::onNotificationException(std::current_exception());
     }
   }
+  return true;
 }
 
 void TimerWheel::arm(Notifiee* timer) {

@@ -59,6 +59,9 @@ class TimerWheel : public Zef::Notifier {
   // Fires every timer whose deadline is not after the current time, in deadline order, including
   // timers armed meanwhile for a time already reached.
   void serviceTimers();
+  // Fires the one earliest timer if it is due; returns whether one fired. For drivers that look
+  // at the world after every timer.
+  bool serviceOneTimer();
 
  protected:
   ~TimerWheel() override;

@@ -80,7 +80,11 @@ class TraceHelper {
 
 // Writes one trace line if `handle` is enabled at `level`; `args` is a chain of stream
 // insertions and is not evaluated otherwise.
-#define ZEF_TRACE(handle, level, args)                                                          \
+#define ZEF_TRACE(handle, level, args) ZEF_TRACE_FN(handle, level, __PRETTY_FUNCTION__, args)
+
+// The same with the writing function's signature given as text, for a trace line whose signature
+// is part of its words.
+#define ZEF_TRACE_FN(handle, level, function, args)                                             \
   do {                                                                                          \
     const ::Zef::TraceHandle& zefTraceHandle_ = (handle);                                       \
     if (__builtin_expect(zefTraceHandle_.isEnabled(level), 0)) {                                \
@@ -88,7 +92,7 @@ class TraceHelper {
       if (std::ostream* zefTraceStream_ =                                                       \
               ::Zef::TraceHelper::createIfEnabled(zefTraceHandle_, (level), zefTraceBuffer_)) { \
         *zefTraceStream_ << args;                                                               \
-        ::Zef::TraceHelper::trace(zefTraceBuffer_, __FILE__, __LINE__, __PRETTY_FUNCTION__);    \
+        ::Zef::TraceHelper::trace(zefTraceBuffer_, __FILE__, __LINE__, function);               \
       }                                                                                         \
     }                                                                                           \
   } while (0)

@@ -1,0 +1,202 @@
+#include "sim/Simulation.h"
+
+#include <limits>
+
+#include "model/CloakLib.h"
+
+namespace Sim {
+
+// Stands in for the codec of a real agent: it takes each message the actors send and puts it on
+// the interface's link.
+class Agent::TxReactor : public Macsec::MkaMessageInfo::NotifieeConst {
+ public:
+  TxReactor(const Zef::Ptr<Macsec::MkaMessageInfo>& tx, Agent* agent) : NotifieeConst(tx), agent_(agent) {
+    hasNotificationActiveIs(true);
+  }
+  void onCount() override {
+    if (agent_) agent_->transmit();
+  }
+  void agentIs(Agent* agent) { agent_ = agent; }
+
+ private:
+  Agent* agent_;
+};
+
+void Link::cutIs(bool cut) {
+  if (cut && !cut_) ++generation_;
+  cut_ = cut;
+}
+
+bool Link::joins(const Agent* agent, const Lanx::IntfId& intf) const {
+  for (const End& end : ends_) {
+    if (end.agent == agent && end.intfId == intf) return true;
+  }
+  return false;
+}
+
+void Link::send(const Agent* from, const Lanx::IntfId& intf, const Message& message) {
+  if (cut_) {
+    ++lost_;
+    return;
+  }
+  std::uniform_real_distribution<double> draw(0.0, 1.0);
+  if (loss_ > 0 && draw(sim_.random_) < loss_) {
+    ++lost_;
+    return;
+  }
+  const bool duplicate = duplication_ > 0 && draw(sim_.random_) < duplication_;
+  for (const End& to : ends_) {
+    if (to.agent == from && to.intfId == intf) continue;
+    Message carried = message;
+    carried.intfId = to.intfId;
+    sim_.schedule(this, to.agent, carried, delay_);
+    if (duplicate) sim_.schedule(this, to.agent, carried, delay_);
+  }
+}
+
+Agent::Agent(Simulation& sim, std::string name)
+    : sim_(sim),
+      name_(std::move(name)),
+      status_(Macsec::Status::StatusIs()),
+      pamManager_(Macsec::MkaPamManager::MkaPamManagerIs(nullptr)),
+      wheel_(Orb::TimerWheel::TimerWheelIs()),
+      hwStatus_(Macsec::MacSecIntfStatusPtrDir::MacSecIntfStatusPtrDirIs()),
+      txReactor_(new TxReactor(pamManager_->txMessageInfo(), this)) {
+  status_->macsecEnabledIs(true);
+}
+
+Agent::~Agent() {
+  // Actors go first, while everything they use is still there.
+  actors_.clear();
+  txReactor_->agentIs(nullptr);
+}
+
+void Agent::portIs(const Lanx::IntfId& intf, const PortConfig& config) {
+  Zef::Ptr<Macsec::IntfStatus> intfStatus = status_->intfStatusIs(intf, config.params);
+  intfStatus->keyServerPriorityIs(config.keyServerPriority);
+  intfStatus->dot1xTypeIs(config.dot1xType);
+  status_->cpStatusIs(intf, config.params);
+  status_->portStatusIs(intf)->mySciIs(Macsec::Sci{config.mac, config.portId});
+}
+
+Zef::Ptr<Macsec::MkaActorSm> Agent::actorIs(const Lanx::IntfId& intf, const Zef::String& ckn,
+                                            const Zef::String& clearCak) {
+  const Zef::String stored = CloakLib::doEncodeKey(clearCak);
+  status_->portStatus(intf)->actorStatusIs(ckn);
+  Zef::Ptr<Macsec::MkaActorSm> actor =
+      Macsec::MkaActorSm::MkaActorSmIs(ckn, stored, intf, status_, pamManager_, hwStatus_, wheel_);
+  actors_[{intf, ckn}] = actor;
+  return actor;
+}
+
+void Agent::actorDel(const Lanx::IntfId& intf, const Zef::String& ckn) { actors_.erase({intf, ckn}); }
+
+Zef::Ptr<Macsec::MkaActorSm> Agent::actor(const Lanx::IntfId& intf, const Zef::String& ckn) const {
+  auto it = actors_.find({intf, ckn});
+  return it == actors_.end() ? nullptr : it->second;
+}
+
+Zef::Ptr<Macsec::MkaActorStatus> Agent::actorStatus(const Lanx::IntfId& intf, const Zef::String& ckn) const {
+  Zef::Ptr<Macsec::MkaPortStatus> port = status_->portStatus(intf);
+  return port ? port->actorStatus(ckn) : nullptr;
+}
+
+void Agent::transmit() {
+  const Zef::Ptr<Macsec::MkaMessageInfo>& tx = pamManager_->txMessageInfo();
+  ++sent_;
+  if (muted_) return;
+  Message message;
+  message.intfId = tx->intfId();
+  if (Zef::Ptr<Macsec::MkaInfo const> info = tx->mkaInfo()) {
+    message.baseInfo = info->baseInfo();
+    message.sakUseInfo = info->sakUseInfo();
+    message.sakDistInfo = info->sakDistInfo();
+    message.cakDistInfo = info->cakDistInfo();
+  }
+  for (auto it = tx->livePeerIter(); it; ++it) message.livePeers.emplace_back(it.key(), it.value());
+  for (auto it = tx->potentialPeerIter(); it; ++it) message.potentialPeers.emplace_back(it.key(), it.value());
+  if (sim_.tap_) sim_.tap_(*this, message);
+  if (Link* link = sim_.linkOf(this, tx->intfId())) link->send(this, tx->intfId(), message);
+}
+
+void Agent::deliver(const Message& message) {
+  const Zef::Ptr<Macsec::MkaMessageInfo>& rx = pamManager_->rxMessageInfo();
+  rx->intfIdIs(message.intfId);
+  Zef::Ptr<Macsec::MkaInfo> info = rx->mkaInfoIs();
+  info->baseInfoIs(message.baseInfo);
+  info->sakUseInfoIs(message.sakUseInfo);
+  info->sakDistInfoIs(message.sakDistInfo);
+  info->cakDistInfoIs(message.cakDistInfo);
+  rx->livePeerDelAll();
+  rx->potentialPeerDelAll();
+  for (const auto& [id, number] : message.livePeers) rx->livePeerIs(id, number);
+  for (const auto& [id, number] : message.potentialPeers) rx->potentialPeerIs(id, number);
+  rx->countInc(1);
+}
+
+Simulation::Simulation(double start, uint32_t seed) : clock_(start), scoped_(clock_), random_(seed) {}
+
+Simulation::~Simulation() {
+  // Agents go before the clock that their timers read.
+  agents_.clear();
+}
+
+Agent& Simulation::agentIs(const std::string& name) {
+  auto& slot = agents_[name];
+  if (!slot) slot = std::make_unique<Agent>(*this, name);
+  return *slot;
+}
+
+Link& Simulation::linkIs(Agent& a, const Lanx::IntfId& intfA, Agent& b, const Lanx::IntfId& intfB, double delay) {
+  links_.push_back(std::make_unique<Link>(*this, Link::End{&a, intfA}, Link::End{&b, intfB}, delay));
+  return *links_.back();
+}
+
+Link* Simulation::linkOf(const Agent* agent, const Lanx::IntfId& intf) const {
+  for (const auto& link : links_) {
+    if (link->joins(agent, intf)) return link.get();
+  }
+  return nullptr;
+}
+
+void Simulation::schedule(Link* link, Agent* to, const Message& message, double delay) {
+  wire_.push(Delivery{now() + delay, ++sequence_, link, link->generation_, to, message});
+}
+
+double Simulation::nextEvent() const {
+  double next = std::numeric_limits<double>::infinity();
+  if (!wire_.empty()) next = wire_.top().time;
+  for (const auto& [name, agent] : agents_) next = std::min(next, agent->wheel()->nextDeadline());
+  return next;
+}
+
+void Simulation::runUntil(double t) {
+  for (;;) {
+    const double next = nextEvent();
+    if (next > t) break;
+    clock_.timeIs(next);
+    // Deliveries due now go first, one at a time, then the timers, one at a time.
+    if (!wire_.empty() && wire_.top().time <= now()) {
+      Delivery delivery = wire_.top();
+      wire_.pop();
+      if (delivery.link->cut_ || delivery.generation != delivery.link->generation_) {
+        ++delivery.link->lost_;
+      } else {
+        ++delivery.link->carried_;
+        ++deliveries_;
+        delivery.to->deliver(delivery.message);
+        if (observer_) observer_();
+      }
+      continue;
+    }
+    for (const auto& [name, agent] : agents_) {
+      if (agent->wheel()->serviceOneTimer()) {
+        if (observer_) observer_();
+        break;
+      }
+    }
+  }
+  clock_.timeIs(t);
+}
+
+}  // namespace Sim

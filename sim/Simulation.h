@@ -1,0 +1,190 @@
+#pragma once
+
+// A simulation of MKA agents on virtual time: several agents, each with its own status, message
+// hand-off and timer wheel as a real agent has, joined by links between (agent, interface) pairs.
+// A link carries every transmitted MKPDU to the other end after a delay, from the simulation's
+// loop and never inside the sender's call, as a real wire would; it can drop, duplicate and be
+// cut. The loop moves one virtual clock to the next timer or delivery.
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <queue>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "mka/MkaActorSm.h"
+#include "model/HwStatus.h"
+#include "model/MacsecInternalTypes.h"
+#include "model/Status.h"
+#include "platform/Clock.h"
+#include "platform/TimerWheel.h"
+
+namespace Sim {
+
+class Simulation;
+class Agent;
+
+// One MKPDU in decoded form, as it travels.
+struct Message {
+  Lanx::IntfId intfId;
+  Macsec::BasicInfo baseInfo;
+  Macsec::SakUseInfo sakUseInfo;
+  Macsec::SakDistInfo sakDistInfo;
+  Macsec::CakDistInfo cakDistInfo;
+  std::vector<std::pair<Zef::String, uint32_t>> livePeers;
+  std::vector<std::pair<Zef::String, uint32_t>> potentialPeers;
+};
+
+// What one interface of an agent is given when it is made.
+struct PortConfig {
+  Lanx::EthAddr mac;
+  uint16_t portId = 1;
+  Macsec::MacsecParams params;
+  uint8_t keyServerPriority = 16;
+  Dot1x::Dot1xType dot1xType = Dot1x::dot1xTypePreSharedKey;
+};
+
+// A wire between interfaces: two ends for a point-to-point link, more for a shared segment. What
+// one end sends reaches every other end.
+class Link {
+ public:
+  struct End {
+    Agent* agent;
+    Lanx::IntfId intfId;
+  };
+
+  Link(Simulation& sim, End a, End b, double delay) : sim_(sim), ends_{a, b}, delay_(delay) {}
+
+  // Adds another interface to the segment.
+  void endIs(Agent& agent, const Lanx::IntfId& intf) { ends_.push_back(End{&agent, intf}); }
+
+  double delay() const noexcept { return delay_; }
+  void delayIs(double seconds) { delay_ = seconds; }
+  // The share of messages lost, and of messages delivered twice, drawn from the simulation's
+  // seeded random source.
+  void lossIs(double probability) { loss_ = probability; }
+  void duplicationIs(double probability) { duplication_ = probability; }
+  // A cut link delivers nothing, in either direction, until it is mended; messages already on
+  // the wire are lost.
+  void cutIs(bool cut);
+  bool cut() const noexcept { return cut_; }
+  uint64_t carried() const noexcept { return carried_; }
+  uint64_t lost() const noexcept { return lost_; }
+
+  bool joins(const Agent* agent, const Lanx::IntfId& intf) const;
+  // Puts a message sent at one end on its way to the other.
+  void send(const Agent* from, const Lanx::IntfId& intf, const Message& message);
+
+ private:
+  friend class Simulation;
+  Simulation& sim_;
+  std::vector<End> ends_;
+  double delay_;
+  double loss_ = 0;
+  double duplication_ = 0;
+  bool cut_ = false;
+  uint64_t generation_ = 0;  // messages sent before the last cut carry an older generation
+  uint64_t carried_ = 0;
+  uint64_t lost_ = 0;
+};
+
+// One simulated switch: the entities a real agent creates for the engine, and its actors.
+class Agent {
+ public:
+  Agent(Simulation& sim, std::string name);
+  ~Agent();
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+  const std::string& name() const noexcept { return name_; }
+  const Zef::Ptr<Macsec::Status>& status() const noexcept { return status_; }
+  const Zef::Ptr<Macsec::MkaPamManager>& pamManager() const noexcept { return pamManager_; }
+  const Zef::Ptr<Orb::TimerWheel>& wheel() const noexcept { return wheel_; }
+  const Zef::Ptr<Macsec::MacSecIntfStatusPtrDir>& hwStatus() const noexcept { return hwStatus_; }
+
+  // Makes an interface's IntfStatus, CpStatus and MkaPortStatus (with its SCI).
+  void portIs(const Lanx::IntfId& intf, const PortConfig& config);
+  // Makes an actor for a key (CKN and clear CAK text) on an interface.
+  Zef::Ptr<Macsec::MkaActorSm> actorIs(const Lanx::IntfId& intf, const Zef::String& ckn, const Zef::String& clearCak);
+  void actorDel(const Lanx::IntfId& intf, const Zef::String& ckn);
+  Zef::Ptr<Macsec::MkaActorSm> actor(const Lanx::IntfId& intf, const Zef::String& ckn) const;
+  Zef::Ptr<Macsec::MkaActorStatus> actorStatus(const Lanx::IntfId& intf, const Zef::String& ckn) const;
+  // Silences the agent: nothing it sends leaves it (its actors keep running).
+  void mutedIs(bool muted) { muted_ = muted; }
+
+  // Hands a decoded message to the agent's actors, as its codec would.
+  void deliver(const Message& message);
+  uint64_t sent() const noexcept { return sent_; }
+
+ private:
+  class TxReactor;
+  void transmit();
+
+  Simulation& sim_;
+  std::string name_;
+  Zef::Ptr<Macsec::Status> status_;
+  Zef::Ptr<Macsec::MkaPamManager> pamManager_;
+  Zef::Ptr<Orb::TimerWheel> wheel_;
+  Zef::Ptr<Macsec::MacSecIntfStatusPtrDir> hwStatus_;
+  Zef::Ptr<TxReactor> txReactor_;
+  std::map<std::pair<Lanx::IntfId, Zef::String>, Zef::Ptr<Macsec::MkaActorSm>> actors_;
+  bool muted_ = false;
+  uint64_t sent_ = 0;
+};
+
+class Simulation {
+ public:
+  explicit Simulation(double start = 0.0, uint32_t seed = 1);
+  ~Simulation();
+
+  Agent& agentIs(const std::string& name);
+  Agent& agent(const std::string& name) { return *agents_.at(name); }
+  Link& linkIs(Agent& a, const Lanx::IntfId& intfA, Agent& b, const Lanx::IntfId& intfB, double delay = 0.001);
+
+  double now() const { return clock_.monotonicTime(); }
+  Zef::System::VirtualClock& clock() { return clock_; }
+  // Runs every delivery and timer due up to `t`, in time order, and leaves the clock at `t`.
+  void runUntil(double t);
+  void runFor(double seconds) { runUntil(now() + seconds); }
+  // Called after every delivered message and every fired timer, to check what must always hold.
+  void observerIs(std::function<void()> observer) { observer_ = std::move(observer); }
+  // Called with every message an agent sends on a link, before the link decides its fate.
+  void tapIs(std::function<void(const Agent&, const Message&)> tap) { tap_ = std::move(tap); }
+  uint64_t deliveries() const noexcept { return deliveries_; }
+
+ private:
+  friend class Link;
+  friend class Agent;
+  struct Delivery {
+    double time;
+    uint64_t sequence;
+    Link* link;
+    uint64_t generation;
+    Agent* to;
+    Message message;
+  };
+  struct Later {
+    bool operator()(const Delivery& a, const Delivery& b) const {
+      return a.time > b.time || (a.time == b.time && a.sequence > b.sequence);
+    }
+  };
+  Link* linkOf(const Agent* agent, const Lanx::IntfId& intf) const;
+  void schedule(Link* link, Agent* to, const Message& message, double delay);
+  double nextEvent() const;
+
+  Zef::System::VirtualClock clock_;
+  Zef::System::ScopedClock scoped_;
+  std::mt19937 random_;
+  std::map<std::string, std::unique_ptr<Agent>> agents_;
+  std::vector<std::unique_ptr<Link>> links_;
+  std::priority_queue<Delivery, std::vector<Delivery>, Later> wire_;
+  uint64_t sequence_ = 0;
+  uint64_t deliveries_ = 0;
+  std::function<void()> observer_;
+  std::function<void(const Agent&, const Message&)> tap_;
+};
+
+}  // namespace Sim

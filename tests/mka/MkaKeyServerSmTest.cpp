@@ -1,0 +1,160 @@
+// The key server on the harness: when SAKs are made, how changes of the peer set are batched, and
+// when a key is withdrawn.
+
+#include <gtest/gtest.h>
+
+#include "tests/mka/Scenario.h"
+
+namespace Macsec::Testing {
+namespace {
+
+class KeyServer : public Scenario {
+ protected:
+  // Two actors on one link; a (lower address) is elected.
+  void twoOnALink() {
+    sim.linkIs(a, eth1, b, eth1);
+    sa = join(a, 0x01);
+    sb = join(b, 0x02);
+    keys = 0;
+    watches.push_back([this] {
+      if (sa->keyNum() != lastKeyNum) {
+        lastKeyNum = sa->keyNum();
+        ++keys;
+        keyTimes.push_back(sim.now());
+      }
+    });
+  }
+
+  Sim::Agent& a = sim.agentIs("a");
+  Sim::Agent& b = sim.agentIs("b");
+  Zef::Ptr<MkaActorStatus> sa;
+  Zef::Ptr<MkaActorStatus> sb;
+  uint32_t lastKeyNum = 0;
+  int keys = 0;
+  std::vector<double> keyTimes;
+};
+
+TEST_F(KeyServer, TheFirstKeyComesOneLifeTimeAfterTheElectionAndIsCarriedUntilItIsInUse) {
+  twoOnALink();
+  double* elected = firstTime([&] { return sa->electedSelf(); });
+  double* firstKey = firstTime([&] { return !sa->distSak().empty(); });
+  std::vector<SakDistInfo> carried;
+  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
+    if (&from == &a) carried.push_back(m.sakDistInfo);
+  });
+  sim.runFor(12);
+
+  ASSERT_GT(*elected, 0);
+  ASSERT_GT(*firstKey, 0);
+  EXPECT_DOUBLE_EQ(*firstKey - *elected, 6.0);
+  const Sak sak = sa->distSak();
+  EXPECT_EQ(sak.keyNum, 1u);
+  EXPECT_EQ(sak.mi, sa->msgId());
+  EXPECT_EQ(sak.an, 0);
+  // The follower took the key from an MKPDU.
+  EXPECT_EQ(sb->distSak().mi, sak.mi);
+  EXPECT_EQ(sb->distSak().keyNum, 1u);
+  const std::string tail = sa->msgId().stdString().substr(16);
+  EXPECT_EQ(logCount("MKA_SAK_CREATED New SAK created with key id ending in " + tail + ":1 on interface eth1"), 1);
+
+  // Every MKPDU since the key was made carries it, the first one at once.
+  size_t withKey = 0;
+  for (const SakDistInfo& d : carried) withKey += d.keyNumber == 1 ? 1 : 0;
+  EXPECT_GE(withKey, 3u);
+  EXPECT_EQ(carried.back().keyNumber, 1u);
+  EXPECT_EQ(carried.back().distributedAN, 0);
+  EXPECT_FALSE(carried.back().wrappedSak.empty());
+
+  // Once the key is in use, the MKPDUs stop carrying it.
+  sa->sakTransmitIs(true);
+  carried.clear();
+  sim.runFor(4);
+  ASSERT_FALSE(carried.empty());
+  for (const SakDistInfo& d : carried) EXPECT_EQ(d, SakDistInfo());
+  EXPECT_EQ(keys, 1);
+}
+
+TEST_F(KeyServer, AJoiningPeerIsBatchedIntoOneNewKeyAtTheNextExpiry) {
+  Sim::Agent& c = sim.agentIs("c");
+  Sim::Link& segment = sim.linkIs(a, eth1, b, eth1);
+  segment.endIs(c, eth1);
+  sa = join(a, 0x01);
+  sb = join(b, 0x02);
+  watches.push_back([this] {
+    if (sa->keyNum() != lastKeyNum) {
+      lastKeyNum = sa->keyNum();
+      ++keys;
+      keyTimes.push_back(sim.now());
+    }
+  });
+  for (int step = 0; step < 200 && keys == 0; ++step) sim.runFor(0.1);
+  ASSERT_EQ(keys, 1);
+  const double firstKey = keyTimes[0];
+
+  // c joins while the rate limiter runs: the unused key is withdrawn and one key is owed.
+  auto sc = join(c, 0x03);
+  double* cLive = firstTime([&] { return sa->livePeerSize() == 2; });
+  sim.runUntil(firstKey + 6.0 - 0.001);
+  ASSERT_GT(*cLive, 0);
+  EXPECT_EQ(keys, 1);
+  EXPECT_TRUE(sa->newSak());
+  EXPECT_TRUE(sa->distSak().empty());
+
+  sim.runFor(20);
+  EXPECT_EQ(keys, 2);  // one key for the change, not one per event
+  EXPECT_DOUBLE_EQ(keyTimes[1], firstKey + 6.0);
+  EXPECT_EQ(sa->distSak().keyNum, 2u);
+  EXPECT_EQ(sc->distSak().keyNum, 2u);
+  EXPECT_EQ(sb->distSak().keyNum, 2u);
+  EXPECT_FALSE(sa->newSak());
+}
+
+TEST_F(KeyServer, RekeyAndPacketNumberExhaustionMakeKeysWithoutWaiting) {
+  twoOnALink();
+  a.status()->intfStatus(eth1)->reKeyPeriodIs(30);  // armed from the election on
+  sim.runFor(10);
+  ASSERT_EQ(keys, 1);
+  sa->sakTransmitIs(true);
+
+  // Exhaustion makes a key at once, even while the rate limiter runs.
+  const double now = sim.now();
+  sa->llpnExhaustionInc(1);
+  EXPECT_EQ(sa->keyNum(), 2u);  // made inside the call
+  sim.runFor(0.01);
+  ASSERT_EQ(keys, 2);
+  EXPECT_LT(keyTimes[1] - now, 0.01);
+  sa->sakTransmitIs(true);
+
+  // The rekey period counts from the election, and again from each rekey.
+  sim.runUntil(*std::min_element(keyTimes.begin(), keyTimes.end()) - 6.0 + 30.0 + 0.5);
+  EXPECT_EQ(keys, 3);
+  sa->sakTransmitIs(true);
+  sim.runFor(30);
+  EXPECT_EQ(keys, 4);
+
+  // A period set on the follower is not its business.
+  sb->llpnExhaustionInc(1);
+  b.status()->intfStatus(eth1)->reKeyPeriodIs(5);
+  sim.runFor(10);
+  EXPECT_EQ(sb->keyNum(), 0u);
+}
+
+TEST_F(KeyServer, LosingTheElectionWithdrawsTheKeyAtOnce) {
+  twoOnALink();
+  sim.runFor(10);
+  ASSERT_FALSE(sa->distSak().empty());
+  // A better candidate appears: a is no longer key server at b's next MKPDU.
+  b.status()->intfStatus(eth1)->keyServerPriorityIs(1);
+  double* lost = firstTime([&] { return !sa->electedSelf(); });
+  sim.runFor(4);
+  ASSERT_GT(*lost, 0);
+  EXPECT_FALSE(sa->newSak());
+  // b, now key server, makes its own key one life time after its election.
+  EXPECT_NE(sa->distSak().mi, sa->msgId());
+  sim.runFor(8);
+  EXPECT_EQ(sa->distSak().mi, sb->msgId());
+  EXPECT_EQ(sb->keyNum(), 1u);
+}
+
+}  // namespace
+}  // namespace Macsec::Testing

@@ -1,0 +1,247 @@
+// Two or more actors on a wire: finding each other, electing a key server, keeping the session
+// alive and losing it again.
+
+#include <gtest/gtest.h>
+
+#include "tests/mka/Scenario.h"
+
+namespace Macsec::Testing {
+namespace {
+
+class PeerElection : public Scenario {};
+
+TEST_F(PeerElection, TwoActorsFindEachOtherElectTheLowerAddressAndSucceed) {
+  Sim::Agent& a = sim.agentIs("a");
+  Sim::Agent& b = sim.agentIs("b");
+  sim.linkIs(a, eth1, b, eth1);
+  auto sa = join(a, 0x01);
+  auto sb = join(b, 0x02);
+  double* bothUp = firstTime([&] { return sa->success() && sb->success(); });
+  sim.runFor(20);
+
+  EXPECT_GT(*bothUp, 0);
+  EXPECT_LE(*bothUp - 100.0, 6.0);  // within three periods
+  EXPECT_EQ(sa->livePeerSize(), 1u);
+  EXPECT_EQ(sb->livePeerSize(), 1u);
+  EXPECT_EQ(sa->potentialPeerSize(), 0u);
+  EXPECT_TRUE(sa->electedSelf());
+  EXPECT_FALSE(sb->electedSelf());
+  const Sci aSci{mac(0x01), 1};
+  EXPECT_EQ(sa->keyServer(), aSci);
+  EXPECT_EQ(sb->keyServer(), aSci);
+  EXPECT_EQ(logCount("MKA_SESSION_ESTABLISHED"), 2);
+  EXPECT_EQ(logCount("MKA_STATE_CHG MKA using key " + std::string(kCkn) + " UP on interface eth1"), 2);
+  // A peer listed in a live list of the sender is only hearsay: the sender itself is live.
+  EXPECT_TRUE(sb->livePeerHas(sa->msgId()));
+}
+
+TEST_F(PeerElection, LowerPriorityWinsThenLowerAddressAndAFullTieHasNoKeyServer) {
+  struct Case {
+    uint8_t priorityA, priorityB, macA, macB;
+    uint16_t portA, portB;
+    int winner;  // 0: a, 1: b, -1: nobody
+  };
+  const Case cases[] = {
+      {20, 10, 0x01, 0x02, 1, 1, 1},    // the lower priority beats the lower address
+      {255, 255, 0x02, 0x01, 1, 1, 1},  // equal priorities: the lower address
+      {16, 16, 0x05, 0x05, 1, 2, -1},   // one station address, another port: no winner
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::Message() << "case with winner " << c.winner);
+    Sim::Simulation local(0.0);
+    Sim::Agent& a = local.agentIs("a");
+    Sim::Agent& b = local.agentIs("b");
+    local.linkIs(a, eth1, b, eth1);
+    auto sa = join(a, c.macA, c.priorityA, Dot1x::dot1xTypePreSharedKey, kCkn, c.portA);
+    auto sb = join(b, c.macB, c.priorityB, Dot1x::dot1xTypePreSharedKey, kCkn, c.portB);
+    local.runFor(20);
+    EXPECT_EQ(sa->livePeerSize(), 1u);
+    EXPECT_EQ(sa->electedSelf(), c.winner == 0);
+    EXPECT_EQ(sb->electedSelf(), c.winner == 1);
+    if (c.winner < 0) {
+      EXPECT_TRUE(sa->keyServer().isZero());
+      EXPECT_FALSE(sa->success());
+      EXPECT_FALSE(sb->success());
+    } else {
+      const Sci expected{mac(c.winner == 0 ? c.macA : c.macB), c.winner == 0 ? c.portA : c.portB};
+      EXPECT_EQ(sa->keyServer(), expected);
+      EXPECT_EQ(sb->keyServer(), expected);
+      EXPECT_TRUE(sa->success());
+    }
+  }
+}
+
+TEST_F(PeerElection, ASilentPeerAgesOutWithinOnePeriodAfterTheLifeTimeAndTheSessionGoesDown) {
+  Sim::Agent& a = sim.agentIs("a");
+  Sim::Agent& b = sim.agentIs("b");
+  sim.linkIs(a, eth1, b, eth1);
+  auto sa = join(a, 0x01);
+  join(b, 0x02);
+  sim.runFor(10);  // a has made its first key by now, not yet in use
+  ASSERT_TRUE(sa->success());
+  ASSERT_FALSE(sa->distSak().empty());
+
+  b.mutedIs(true);
+  sim.runFor(0.01);  // what b sent before it fell silent is still on the wire
+  const double lastRefresh = sa->livePeer(sa->livePeerIter().key())->timeStamp();
+  double* gone = firstTime([&] { return sa->livePeerSize() == 0; });
+  sim.runFor(20);
+  ASSERT_GT(*gone, 0);
+  EXPECT_GT(*gone - lastRefresh, 6.0);
+  EXPECT_LE(*gone - lastRefresh, 6.0 + 2.0);
+  EXPECT_FALSE(sa->success());
+  EXPECT_FALSE(sa->electedSelf());
+  EXPECT_TRUE(sa->keyServer().isZero());
+  EXPECT_TRUE(sa->distSak().empty());  // the unused key is withdrawn
+  // The muted side goes down too: no longer listed by a, it ages a out in turn.
+  EXPECT_EQ(logCount("MKA_STATE_CHG MKA using key " + std::string(kCkn) + " DOWN on interface eth1"), 2);
+}
+
+TEST_F(PeerElection, NoSessionAcrossDifferentCknsAndASupplicantNeverStands) {
+  Sim::Agent& a = sim.agentIs("a");
+  Sim::Agent& b = sim.agentIs("b");
+  sim.linkIs(a, eth1, b, eth1);
+  auto sa = join(a, 0x01, 16, Dot1x::dot1xTypeSupplicant);
+  auto sb = join(b, 0x02, 16, Dot1x::dot1xTypePreSharedKey, "abcdef01");
+  std::vector<bool> aOffers;
+  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
+    if (&from == &a) aOffers.push_back(m.baseInfo.keyServer);
+  });
+  sim.runFor(20);
+  EXPECT_EQ(sa->livePeerSize() + sa->potentialPeerSize() + sb->livePeerSize() + sb->potentialPeerSize(), 0u);
+  ASSERT_FALSE(aOffers.empty());
+  for (bool offer : aOffers) EXPECT_FALSE(offer);  // a supplicant never offers itself
+
+  // With the key in common, the other side is elected; with two supplicants nobody is.
+  Sim::Simulation second(0.0);
+  Sim::Agent& c = second.agentIs("c");
+  Sim::Agent& d = second.agentIs("d");
+  second.linkIs(c, eth1, d, eth1);
+  auto sc = join(c, 0x01, 0, Dot1x::dot1xTypeSupplicant);
+  auto sd = join(d, 0x02, 200, Dot1x::dot1xTypeAuthenticator);
+  second.runFor(20);
+  EXPECT_FALSE(sc->electedSelf());
+  EXPECT_TRUE(sd->electedSelf());
+  EXPECT_EQ(sc->keyServer(), (Sci{mac(0x02), 1}));
+
+  Sim::Simulation third(0.0);
+  Sim::Agent& e = third.agentIs("e");
+  Sim::Agent& f = third.agentIs("f");
+  third.linkIs(e, eth1, f, eth1);
+  auto se = join(e, 0x01, 16, Dot1x::dot1xTypeSupplicant);
+  auto sf = join(f, 0x02, 16, Dot1x::dot1xTypeSupplicant);
+  third.runFor(20);
+  EXPECT_EQ(se->livePeerSize(), 1u);
+  EXPECT_TRUE(se->keyServer().isZero());
+  EXPECT_FALSE(se->success());
+  EXPECT_FALSE(sf->success());
+}
+
+TEST_F(PeerElection, DelayProtectionSendsAtOnceAndEveryHalfSecond) {
+  Sim::Agent& a = sim.agentIs("a");
+  Sim::Agent& b = sim.agentIs("b");
+  sim.linkIs(a, eth1, b, eth1);
+  for (Sim::Agent* agent : {&a, &b}) {
+    agent->status()->delayProtectionIs(true);
+    agent->status()->mkpduPeriodIs(0.5);
+  }
+  std::vector<double> sentAt;
+  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
+    if (&from == &a && m.sakDistInfo == SakDistInfo() && m.baseInfo.msgNum <= 6) sentAt.push_back(sim.now());
+  });
+  auto sa = join(a, 0x01);
+  join(b, 0x02);
+  sim.runFor(2.4);
+  // Immediate MKPDUs (a new key) would add times; up to the first key there are only periodic ones.
+  ASSERT_GE(sentAt.size(), 5u);
+  for (size_t i = 0; i < 5; ++i) EXPECT_DOUBLE_EQ(sentAt[i], 100.0 + 0.5 * static_cast<double>(i));
+  EXPECT_TRUE(sa->success());
+}
+
+// One actor fed by hand, for the rules of the message number window and of identity.
+class PeerRules : public Scenario {
+ protected:
+  PeerRules() {
+    status = join(agent, 0x01);
+    sim.tapIs([this](const Sim::Agent&, const Sim::Message& m) { sent.push_back(m); });
+  }
+
+  // An MKPDU of a peer with its own identifier, listing the actor (or not) with a number.
+  Sim::Message from(const char* peerId, uint8_t macByte, int listsMeWith = -1) {
+    Sim::Message m;
+    m.intfId = eth1;
+    m.baseInfo.keyServerPriority = 16;
+    m.baseInfo.keyServer = true;
+    m.baseInfo.sci = Sci{mac(macByte), 1};
+    m.baseInfo.msgId = peerId;
+    m.baseInfo.msgNum = 1;
+    m.baseInfo.ckn = kCkn;
+    if (listsMeWith >= 0) m.livePeers.emplace_back(status->msgId(), static_cast<uint32_t>(listsMeWith));
+    return m;
+  }
+
+  Sim::Agent& agent = sim.agentIs("a");
+  Zef::Ptr<MkaActorStatus> status;
+  std::vector<Sim::Message> sent;
+};
+
+TEST_F(PeerRules, OnlyOneOfTheLastThreeMessageNumbersPromotesAPeer) {
+  status->msgNumIs(10);
+  const char* ids[] = {"00000000000000000000000007", "00000000000000000000000008", "00000000000000000000000009",
+                       "00000000000000000000000010", "00000000000000000000000011"};
+  for (int n = 7; n <= 11; ++n) agent.deliver(from(ids[n - 7], static_cast<uint8_t>(0x10 + n), n));
+  for (int n = 7; n <= 11; ++n) {
+    const bool promoted = n >= 8 && n <= 10;
+    EXPECT_EQ(status->livePeerHas(ids[n - 7]), promoted) << n;
+    EXPECT_EQ(status->potentialPeerHas(ids[n - 7]), !promoted) << n;
+  }
+  // While the actor's own number is small, the window reaches down to zero.
+  status->msgNumIs(0);
+  agent.deliver(from("0000000000000000000000000a", 0x30, 0));
+  agent.deliver(from("0000000000000000000000000b", 0x31, 1));
+  EXPECT_TRUE(status->livePeerHas("0000000000000000000000000a"));
+  EXPECT_FALSE(status->livePeerHas("0000000000000000000000000b"));
+}
+
+TEST_F(PeerRules, CollisionsHearsayAndOwnMessagesChangeWhatTheyShould) {
+  // The actor's own SCI: the message is dropped whole.
+  Sim::Message own = from("0000000000000000000000000c", 0x01);
+  own.livePeers.emplace_back("0000000000000000000000000d", 4);
+  agent.deliver(own);
+  EXPECT_EQ(status->potentialPeerSize(), 0u);
+
+  // A sender with the actor's own identifier: the actor takes a new one, the sender is potential.
+  status->msgNumIs(5);
+  const Zef::String before = status->msgId();
+  agent.deliver(from(before.charPtr(), 0x02));
+  EXPECT_NE(status->msgId(), before);
+  EXPECT_EQ(status->msgNum(), 0u);
+  EXPECT_TRUE(status->potentialPeerHas(before));
+
+  // Hearsay: a peer in the sender's live list is potential, without an SCI.
+  Sim::Message hearsay = from("0000000000000000000000000e", 0x03);
+  hearsay.livePeers.emplace_back("0000000000000000000000000f", 77);
+  hearsay.livePeers.emplace_back(status->msgId(), 99);  // ourselves, out of the window: skipped
+  agent.deliver(hearsay);
+  Zef::Ptr<MkaPeer> heard = status->potentialPeer("0000000000000000000000000f");
+  ASSERT_TRUE(heard);
+  EXPECT_TRUE(heard->baseInfo().sci.isZero());
+  EXPECT_EQ(heard->baseInfo().msgNum, 77u);
+  EXPECT_FALSE(status->potentialPeerHas(status->msgId()));
+}
+
+TEST_F(PeerRules, TheLastMessageNumberIsFollowedByANewIdentity) {
+  sim.runFor(0.0);
+  sent.clear();
+  status->msgNumIs(0xFFFFFFFF);
+  const Zef::String before = status->msgId();
+  sim.runFor(3);
+  ASSERT_FALSE(sent.empty());
+  EXPECT_NE(sent[0].baseInfo.msgId, before);
+  EXPECT_EQ(sent[0].baseInfo.msgId, status->msgId());
+  EXPECT_EQ(sent[0].baseInfo.msgNum, 1u);
+  EXPECT_TRUE(sent[0].baseInfo.keyServer);  // no key server known: it offers itself
+}
+
+}  // namespace
+}  // namespace Macsec::Testing
