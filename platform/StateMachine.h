@@ -97,6 +97,7 @@ class ReactorMap {
     }
     Ptr<R> reactor = makeReactor<R>(notifier, owner, key);
     map_.insert(key, reactor);
+    if constexpr (requires { reactor->zefCreated(); }) reactor->zefCreated();
     return reactor;
   }
 

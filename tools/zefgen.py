@@ -48,6 +48,8 @@ class Reaction:
         self.line = line
         self.handlers = []  # calls, e.g. "handleKey()", "handleIntfStatus(key)"
         self.mirror = None  # Attr of kind "mirror" (nested reactors) or None
+        self.collection = None  # the name of the nested collection, when not the attribute's
+        self.oncreate = []  # handlers a new nested reactor runs on itself
         self.into = None  # name of the state machine's reactor collection that this mirrors into
         self.ondelete = None
 
@@ -247,9 +249,25 @@ def parse_reaction(text, where):
             body, handlers = body.split("->", 1)
             reaction.handlers = parse_calls(handlers.strip())
             body = body.strip()
+        if " oncreate " in " " + body + " ":
+            body, oncreate = (" " + body).split(" oncreate ", 1)
+            oncreate_words = oncreate.split()
+            # oncreate takes the handler names up to the next keyword
+            reaction.oncreate = []
+            rest = []
+            for i, w in enumerate(oncreate_words):
+                if w in ("ondelete", "as"):
+                    rest = oncreate_words[i:]
+                    break
+                reaction.oncreate.append(w if "(" in w else w + "()")
+            body = (body + " " + " ".join(rest)).strip()
         if " ondelete " in " " + body + " ":
             body, ondelete = (" " + body).split(" ondelete ", 1)
             reaction.ondelete = ondelete.strip()
+            body = body.strip()
+        if " as " in " " + body + " ":
+            body, collection = (" " + body).split(" as ", 1)
+            reaction.collection = collection.strip()
             body = body.strip()
         if body.startswith("into "):
             reaction.into = body[len("into ") :].strip()
@@ -534,7 +552,7 @@ class Emitter:
 
     def reactor_class(self, sm, a, indent, owner_type, handlers_on_self, class_name, key_type, full_path):
         """Emits a reactor class for attribute a (a reactor, a reactor collection member, or a
-        mirror's nested reactor). Returns the list of handler declarations it needs."""
+        mirror's nested reactor). Returns the handler declarations the state machine needs."""
         hw = self.hw
         pad = " " * indent
         notifier_spelling, notifier_type = self.notifier_of(sm, a)
@@ -550,51 +568,69 @@ class Emitter:
         declarations = []
         hw(f"{pad}class {class_name} : public {base} {{")
         hw(f"{pad} public:")
-        # Nested mirror classes first, so the outer reactor can hold them.
+
+        # Mirrors: nested reactors, one per member of a watched collection, held here (mirror) or
+        # in a collection of the state machine (mirror into). Nested classes come first.
         mirrors = [r for r in a.reactions if r.mirror is not None]
+        intos = [r for r in a.reactions if r.into is not None]
         for r in mirrors:
             member_attr = self.notifier_attr(notifier_type, r.attr, r.line)
             nested = r.mirror
-            nested.type = member_attr.type if member_attr.kind == "entities" else member_attr.type
-            inner = nested.type
+            inner = member_attr.type
             m = re.match(r"^Zef::Ptr<(.+?)( const)?>$", inner)
             if m:
                 inner = m.group(1)
                 nested.const = nested.const or bool(m.group(2))
-            nested.type = inner
             nested.const = nested.const or a.const
-            nested_class = nested.nested_class or f"Zef{nested.cap}"
-            nested.nested_class = nested_class
-            member_ns = notifier_type.namespace
-            member_type = self.model.find(inner, member_ns)
-            if member_type is not None:
-                nested.type = qual(member_type, sm.namespace)
-            self.reactor_class(sm, nested, indent + 2, class_name, True, nested_class, member_attr.key,
+            nested.nested_class = nested.nested_class or f"Zef{nested.cap}"
+            member_type = self.model.find(inner, notifier_type.namespace)
+            nested.type = qual(member_type, sm.namespace) if member_type is not None else inner
+            nested.oncreate = r.oncreate
+            r.coll = r.collection or r.attr
+            r.key = member_attr.key
+            self.reactor_class(sm, nested, indent + 2, class_name, True, nested.nested_class, member_attr.key,
                                f"{full_path}::{class_name}")
             hw("")
+        for r in intos:
+            r.coll = r.into
+            r.key = self.notifier_attr(notifier_type, r.attr, r.line).key
+
         ctor_extra = f", const {key_type}& key" if key_type else ""
         hw(f"{pad}  {class_name}(const Zef::Ptr<{ptr_type}>& notifier, {owner_type}* owner{ctor_extra})")
-        hw(f"{pad}      : {base}(notifier), owner_(owner){', key_(key)' if key_type else ''} {{}}")
+        hw(f"{pad}      : {base}(notifier), owner_(owner){', key_(key)' if key_type else ''} {{")
+        # A mirror built on a populated collection watches its members from the start, without
+        # running any handler.
+        for r in mirrors:
+            hw(f"{pad}    zefReconcile{r.coll[0].upper() + r.coll[1:]}();")
+        hw(f"{pad}  }}")
         hw(f"{pad}  {owner_type}* owner() const noexcept {{ return owner_; }}")
         if key_type:
             hw(f"{pad}  const {key_type}& key() const noexcept {{ return key_; }}")
         hw(f"{pad}  void zefOwnerIs({owner_type}* owner) noexcept {{")
         hw(f"{pad}    owner_ = owner;")
         for r in mirrors:
-            hw(f"{pad}    {r.attr}_.forEach([](auto& nested) {{ nested.zefOwnerIs(nullptr); }});")
+            hw(f"{pad}    {r.coll}_.forEach([](auto& nested) {{ nested.zefOwnerIs(nullptr); }});")
         hw(f"{pad}  }}")
+        if getattr(a, "oncreate", None):
+            hw(f"{pad}  // Runs once when the reactor is first made for a member.")
+            hw(f"{pad}  void zefCreated() {{")
+            for c in a.oncreate:
+                hw(f"{pad}    {c};")
+            hw(f"{pad}  }}")
+            declarations += [(c, None) for c in a.oncreate]
+
         # Notification overrides.
         overridden = []
         replay_calls = []
         if a.kind == "timer":
-            calls = a.handler
             hw(f"{pad}  void onTime() override {{")
             hw(f"{pad}    if (isZombie() || !owner_) return;")
-            for c in calls:
+            for c in a.handler:
                 hw(f"{pad}    {target}{c};")
             hw(f"{pad}  }}")
-            replay_calls = [target + c for c in calls]
-            declarations += [(c, None) for c in calls]
+            replay_calls = [target + c for c in a.handler]
+            declarations += [(c, None) for c in a.handler]
+        guard = "isZombie()" if handlers_on_self else "isZombie() || !owner_"
         for r in a.reactions:
             n_attr = self.notifier_attr(notifier_type, r.attr, r.line)
             collection = n_attr.kind in ("values", "entities")
@@ -603,40 +639,38 @@ class Emitter:
             if r.mirror is not None or r.into is not None:
                 if not collection:
                     raise ZefError(f"{r.line}: only a collection can be mirrored")
-                coll = r.attr if r.mirror is not None else r.into
-                owner_prefix = "" if r.mirror is not None else "owner_->"
+                holder = "" if r.mirror is not None else "owner_->"
+                cap = r.coll[0].upper() + r.coll[1:]
                 hw(f"{pad}  void on{n_attr.cap}({param_type(n_attr.key)} key) override {{")
-                hw(f"{pad}    if (isZombie()) return;")
-                if r.into is not None:
-                    hw(f"{pad}    if (!owner_) return;")
+                hw(f"{pad}    if ({'isZombie()' if r.mirror is not None else 'isZombie() || !owner_'}) return;")
                 hw(f"{pad}    if (auto member = notifier()->{r.attr}(key)) {{")
-                hw(f"{pad}      {owner_prefix}{coll}Is(key, member);")
+                hw(f"{pad}      {holder}{r.coll}Is(key, member);")
                 hw(f"{pad}    }} else {{")
                 if r.ondelete:
-                    hw(f"{pad}      if (auto nested = {owner_prefix}{coll}(key)) nested->{r.ondelete}();")
-                hw(f"{pad}      {owner_prefix}{coll}Del(key);")
+                    hw(f"{pad}      if (auto nested = {holder}{r.coll}(key)) nested->{r.ondelete}();")
+                hw(f"{pad}      {holder}{r.coll}Del(key);")
                 hw(f"{pad}    }}")
                 for c in keyed:
                     hw(f"{pad}    if (!isZombie() && owner_) {target}{c};")
                 hw(f"{pad}  }}")
                 hw(f"{pad}  void on{n_attr.cap}zefImmediate() override {{")
                 hw(f"{pad}    if (isZombie()) return;")
-                hw(f"{pad}    zefReconcile{n_attr.cap}();")
+                hw(f"{pad}    zefReconcile{cap}();")
                 hw(f"{pad}  }}")
                 overridden.append(f"on{n_attr.cap}")
-                replay_calls.append(f"zefReconcile{n_attr.cap}()")
+                replay_calls.append(f"zefReconcile{cap}()")
                 declarations += [(c, n_attr.key) for c in keyed]
                 continue
             if collection:
                 if keyed:
                     hw(f"{pad}  void on{n_attr.cap}({param_type(n_attr.key)} key) override {{")
-                    hw(f"{pad}    if (isZombie(){'' if handlers_on_self else ' || !owner_'}) return;")
+                    hw(f"{pad}    if ({guard}) return;")
                     for c in keyed:
                         hw(f"{pad}    {target}{c};")
                     hw(f"{pad}  }}")
                 if keyless:
                     hw(f"{pad}  void on{n_attr.cap}zefImmediate() override {{")
-                    hw(f"{pad}    if (isZombie(){'' if handlers_on_self else ' || !owner_'}) return;")
+                    hw(f"{pad}    if ({guard}) return;")
                     for c in keyless:
                         hw(f"{pad}    {target}{c};")
                     hw(f"{pad}  }}")
@@ -645,7 +679,7 @@ class Emitter:
                 declarations += [(c, n_attr.key) for c in keyed] + [(c, None) for c in keyless]
             else:
                 hw(f"{pad}  void on{n_attr.cap}() override {{")
-                hw(f"{pad}    if (isZombie(){'' if handlers_on_self else ' || !owner_'}) return;")
+                hw(f"{pad}    if ({guard}) return;")
                 for c in r.handlers:
                     hw(f"{pad}    {target}{c};")
                 hw(f"{pad}  }}")
@@ -655,14 +689,12 @@ class Emitter:
             hw(f"{pad}  using {base}::{name};")
         if a.replay is not None:
             replay_calls = [target + c for c in a.replay]
+
         # Binding to another notifier replays the reaction.
         hw(f"{pad}  void notifierIs(const {const_ptr}& notifier) override {{")
         hw(f"{pad}    if (notifier.ptr() == notifierRaw()) return;")
         hw(f"{pad}    const bool replay = notifier && !isZombie() && owner_;")
-        if a.kind == "timer":
-            hw(f"{pad}    zefTimerWheelIs(notifier);")
-        else:
-            hw(f"{pad}    zefNotifierIs(notifier);")
+        hw(f"{pad}    {'zefTimerWheelIs' if a.kind == 'timer' else 'zefNotifierIs'}(notifier);")
         if replay_calls:
             hw(f"{pad}    if (replay) {{")
             for c in replay_calls:
@@ -670,48 +702,49 @@ class Emitter:
             hw(f"{pad}    }}")
         else:
             hw(f"{pad}    (void)replay;")
-        for r in mirrors:
-            hw(f"{pad}    if (!notifier) zefReconcile{r.attr[0].upper() + r.attr[1:]}();")
+        for r in mirrors + intos:
+            hw(f"{pad}    if (!notifier) zefReconcile{r.coll[0].upper() + r.coll[1:]}();")
         hw(f"{pad}    isRegisteredNotifieeIs(static_cast<bool>(notifier));")
         hw(f"{pad}  }}")
         hw(f"{pad}  using {base}::notifierIs;")
-        # Mirrors: the nested collection and its mutators.
+
         for r in mirrors:
             nested = r.mirror
-            n_attr = notifier_type.attr(r.attr)
             nested_ptr = f"{nested.type}{' const' if nested.const else ''}"
-            cls = nested.nested_class
-            key = n_attr.key
-            hw(f"{pad}  Zef::Ptr<{cls}> {r.attr}({param_type(key)} key) const {{ return {r.attr}_.find(key); }}")
-            hw(f"{pad}  Zef::Ptr<{cls}> {r.attr}Is({param_type(key)} key, const Zef::Ptr<{nested_ptr}>& member) {{")
-            hw(f"{pad}    if (!member) Zef::throwNullMutatorArgument(\"{r.attr}\", \"{full_path}::{class_name}\", \"{r.attr}\");")
-            hw(f"{pad}    return {r.attr}_.set(key, member, this);")
+            cls, key, coll = nested.nested_class, r.key, r.coll
+            hw(f"{pad}  Zef::Ptr<{cls}> {coll}({param_type(key)} key) const {{ return {coll}_.find(key); }}")
+            hw(f"{pad}  Zef::Ptr<{cls}> {coll}Is({param_type(key)} key, const Zef::Ptr<{nested_ptr}>& member) {{")
+            hw(f"{pad}    if (!member) Zef::throwNullMutatorArgument(\"{coll}\", \"{full_path}::{class_name}\", \"{coll}\");")
+            hw(f"{pad}    return {coll}_.set(key, member, this);")
             hw(f"{pad}  }}")
-            hw(f"{pad}  void {r.attr}Del({param_type(key)} key) {{ {r.attr}_.del(key); }}")
-            hw(f"{pad}  size_t {r.attr}Size() const noexcept {{ return {r.attr}_.size(); }}")
-            hw(f"{pad}  auto {r.attr}Iter() const {{ return {r.attr}_.iterator(); }}")
-            cap = r.attr[0].upper() + r.attr[1:]
+            hw(f"{pad}  void {coll}Del({param_type(key)} key) {{ {coll}_.del(key); }}")
+            hw(f"{pad}  size_t {coll}Size() const noexcept {{ return {coll}_.size(); }}")
+            hw(f"{pad}  auto {coll}Iter() const {{ return {coll}_.iterator(); }}")
+        for r in mirrors + intos:
+            holder = "" if r.mirror is not None else "owner_->"
             hw(f"{pad}  // Makes the nested reactors match the watched collection.")
-            hw(f"{pad}  void zefReconcile{cap}() {{")
+            hw(f"{pad}  void zefReconcile{r.coll[0].upper() + r.coll[1:]}() {{")
+            if r.into is not None:
+                hw(f"{pad}    if (!owner_) return;")
             hw(f"{pad}    auto watched = notifier();")
             hw(f"{pad}    if (watched) {{")
             hw(f"{pad}      for (auto it = watched->{r.attr}Iter(); it; ++it) {{")
-            hw(f"{pad}        if (auto member = watched->{r.attr}({key}(it.key()))) {r.attr}Is({key}(it.key()), member);")
+            hw(f"{pad}        if (auto member = watched->{r.attr}({r.key}(it.key()))) {holder}{r.coll}Is({r.key}(it.key()), member);")
             hw(f"{pad}      }}")
             hw(f"{pad}    }}")
-            hw(f"{pad}    for (auto it = {r.attr}_.iterator(); it; ++it) {{")
-            hw(f"{pad}      if (!watched || !watched->{r.attr}Has(it.key())) {r.attr}Del({key}(it.key()));")
+            hw(f"{pad}    for (auto it = {holder}{r.coll}Iter(); it; ++it) {{")
+            hw(f"{pad}      if (!watched || !watched->{r.attr}Has(it.key())) {holder}{r.coll}Del({r.key}(it.key()));")
             hw(f"{pad}    }}")
             hw(f"{pad}  }}")
         if mirrors:
             hw(f"{pad}  void hasNotificationActiveIs(bool active) override {{")
             hw(f"{pad}    {base}::hasNotificationActiveIs(active);")
             for r in mirrors:
-                hw(f"{pad}    {r.attr}_.forEach([active](auto& nested) {{ nested.hasNotificationActiveIs(active); }});")
+                hw(f"{pad}    {r.coll}_.forEach([active](auto& nested) {{ nested.hasNotificationActiveIs(active); }});")
             hw(f"{pad}  }}")
             hw(f"{pad}  void zefDoZombieReactors(bool zombie) override {{")
             for r in mirrors:
-                hw(f"{pad}    {r.attr}_.forEach([zombie](auto& nested) {{ nested.zefDoZombieReactors(zombie); }});")
+                hw(f"{pad}    {r.coll}_.forEach([zombie](auto& nested) {{ nested.zefDoZombieReactors(zombie); }});")
             hw(f"{pad}    {base}::zefDoZombieReactors(zombie);")
             hw(f"{pad}  }}")
         # Hand-written handlers that live on this reactor class.
@@ -729,8 +762,7 @@ class Emitter:
         if key_type:
             hw(f"{pad}  {key_type} key_;")
         for r in mirrors:
-            n_attr = notifier_type.attr(r.attr)
-            hw(f"{pad}  Zef::ReactorMap<{n_attr.key}, {r.mirror.nested_class}> {r.attr}_;")
+            hw(f"{pad}  Zef::ReactorMap<{r.key}, {r.mirror.nested_class}> {r.coll}_;")
         hw(f"{pad}}};")
         return declarations
 
