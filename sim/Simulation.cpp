@@ -61,8 +61,18 @@ Agent::Agent(Simulation& sim, std::string name)
       pamManager_(Macsec::MkaPamManager::MkaPamManagerIs(nullptr)),
       wheel_(Orb::TimerWheel::TimerWheelIs()),
       hwStatus_(Macsec::MacSecIntfStatusPtrDir::MacSecIntfStatusPtrDirIs()),
+      slice_(Macsec::MacSecStatus::MacSecStatusIs()),
+      emulator_(Macsec::HwEmulator::HwEmulatorIs(status_, hwStatus_)),
       txReactor_(new TxReactor(pamManager_->txMessageInfo(), this)) {
   status_->macsecEnabledIs(true);
+}
+
+void Agent::hardwareLatencyIs(double seconds) {
+  if (seconds <= 0) {
+    emulator_->confirmationSchedulerIs(nullptr);
+    return;
+  }
+  emulator_->confirmationSchedulerIs([this, seconds](std::function<void()> confirm) { sim_.after(seconds, confirm); });
 }
 
 Agent::~Agent() {
@@ -77,6 +87,7 @@ void Agent::portIs(const Lanx::IntfId& intf, const PortConfig& config) {
   intfStatus->dot1xTypeIs(config.dot1xType);
   status_->cpStatusIs(intf, config.params);
   status_->portStatusIs(intf)->mySciIs(Macsec::Sci{config.mac, config.portId});
+  hwStatus_->statusIs(slice_->statusIs(intf));
 }
 
 Zef::Ptr<Macsec::MkaActorSm> Agent::actorIs(const Lanx::IntfId& intf, const Zef::String& ckn,
@@ -160,12 +171,26 @@ Link* Simulation::linkOf(const Agent* agent, const Lanx::IntfId& intf) const {
 }
 
 void Simulation::schedule(Link* link, Agent* to, const Message& message, double delay) {
-  wire_.push(Delivery{now() + delay, ++sequence_, link, link->generation_, to, message});
+  const uint64_t generation = link->generation_;
+  after(delay, [this, link, generation, to, message] {
+    // A cut since the message was sent loses it.
+    if (link->cut_ || generation != link->generation_) {
+      ++link->lost_;
+      return;
+    }
+    ++link->carried_;
+    ++deliveries_;
+    to->deliver(message);
+  });
+}
+
+void Simulation::after(double delay, std::function<void()> action) {
+  events_.push(Event{now() + delay, ++sequence_, std::move(action)});
 }
 
 double Simulation::nextEvent() const {
   double next = std::numeric_limits<double>::infinity();
-  if (!wire_.empty()) next = wire_.top().time;
+  if (!events_.empty()) next = events_.top().time;
   for (const auto& [name, agent] : agents_) next = std::min(next, agent->wheel()->nextDeadline());
   return next;
 }
@@ -175,18 +200,12 @@ void Simulation::runUntil(double t) {
     const double next = nextEvent();
     if (next > t) break;
     clock_.timeIs(next);
-    // Deliveries due now go first, one at a time, then the timers, one at a time.
-    if (!wire_.empty() && wire_.top().time <= now()) {
-      Delivery delivery = wire_.top();
-      wire_.pop();
-      if (delivery.link->cut_ || delivery.generation != delivery.link->generation_) {
-        ++delivery.link->lost_;
-      } else {
-        ++delivery.link->carried_;
-        ++deliveries_;
-        delivery.to->deliver(delivery.message);
-        if (observer_) observer_();
-      }
+    // Events due now go first, one at a time, then the timers, one at a time.
+    if (!events_.empty() && events_.top().time <= now()) {
+      Event event = events_.top();
+      events_.pop();
+      event.action();
+      if (observer_) observer_();
       continue;
     }
     for (const auto& [name, agent] : agents_) {

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "hw/HwEmulator.h"
 #include "mka/MkaActorSm.h"
 #include "model/HwStatus.h"
 #include "model/MacsecInternalTypes.h"
@@ -104,8 +105,14 @@ class Agent {
   const Zef::Ptr<Macsec::MkaPamManager>& pamManager() const noexcept { return pamManager_; }
   const Zef::Ptr<Orb::TimerWheel>& wheel() const noexcept { return wheel_; }
   const Zef::Ptr<Macsec::MacSecIntfStatusPtrDir>& hwStatus() const noexcept { return hwStatus_; }
+  const Zef::Ptr<Macsec::HwEmulator>& emulator() const noexcept { return emulator_; }
+  // The hardware status of an interface, as the emulated hardware writes it.
+  Zef::Ptr<Macsec::MacSecIntfStatus> hw(const Lanx::IntfId& intf) const { return slice_->status(intf); }
+  // How long the emulated hardware takes to confirm an SA request; 0 confirms inside the request.
+  void hardwareLatencyIs(double seconds);
 
-  // Makes an interface's IntfStatus, CpStatus and MkaPortStatus (with its SCI).
+  // Makes an interface's IntfStatus, CpStatus and MkaPortStatus (with its SCI), and its hardware
+  // status.
   void portIs(const Lanx::IntfId& intf, const PortConfig& config);
   // Makes an actor for a key (CKN and clear CAK text) on an interface.
   Zef::Ptr<Macsec::MkaActorSm> actorIs(const Lanx::IntfId& intf, const Zef::String& ckn, const Zef::String& clearCak);
@@ -129,6 +136,8 @@ class Agent {
   Zef::Ptr<Macsec::MkaPamManager> pamManager_;
   Zef::Ptr<Orb::TimerWheel> wheel_;
   Zef::Ptr<Macsec::MacSecIntfStatusPtrDir> hwStatus_;
+  Zef::Ptr<Macsec::MacSecStatus> slice_;
+  Zef::Ptr<Macsec::HwEmulator> emulator_;
   Zef::Ptr<TxReactor> txReactor_;
   std::map<std::pair<Lanx::IntfId, Zef::String>, Zef::Ptr<Macsec::MkaActorSm>> actors_;
   bool muted_ = false;
@@ -151,6 +160,8 @@ class Simulation {
   void runFor(double seconds) { runUntil(now() + seconds); }
   // Called after every delivered message and every fired timer, to check what must always hold.
   void observerIs(std::function<void()> observer) { observer_ = std::move(observer); }
+  // Runs an action after a delay of virtual time, from the loop.
+  void after(double delay, std::function<void()> action);
   // Called with every message an agent sends on a link, before the link decides its fate.
   void tapIs(std::function<void(const Agent&, const Message&)> tap) { tap_ = std::move(tap); }
   uint64_t deliveries() const noexcept { return deliveries_; }
@@ -158,16 +169,13 @@ class Simulation {
  private:
   friend class Link;
   friend class Agent;
-  struct Delivery {
+  struct Event {
     double time;
     uint64_t sequence;
-    Link* link;
-    uint64_t generation;
-    Agent* to;
-    Message message;
+    std::function<void()> action;
   };
   struct Later {
-    bool operator()(const Delivery& a, const Delivery& b) const {
+    bool operator()(const Event& a, const Event& b) const {
       return a.time > b.time || (a.time == b.time && a.sequence > b.sequence);
     }
   };
@@ -180,7 +188,7 @@ class Simulation {
   std::mt19937 random_;
   std::map<std::string, std::unique_ptr<Agent>> agents_;
   std::vector<std::unique_ptr<Link>> links_;
-  std::priority_queue<Delivery, std::vector<Delivery>, Later> wire_;
+  std::priority_queue<Event, std::vector<Event>, Later> events_;
   uint64_t sequence_ = 0;
   uint64_t deliveries_ = 0;
   std::function<void()> observer_;

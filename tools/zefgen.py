@@ -823,19 +823,18 @@ class Emitter:
         cw = self.cw
         # Parameters are spelled _x in the definition, so that the epilogue's calls of the
         # accessors are not shadowed.
-        inits = []
-        for a in t.attrs:
-            if a.kind == "reactor" and a.is_arg:
-                inits.append(f"{a.name}_(Zef::makeReactor<Zef{a.cap}>(_{a.name}, this))")
-            elif a.is_arg:
-                inits.append(f"{a.name}_(_{a.name})")
+        inits = [f"{a.name}_(_{a.name})" for a in t.attrs if a.is_arg and a.kind != "reactor"]
         definition_params = ", ".join(f"{self.sm_param_type(a)} _{a.name}" for a in ctor)
         cw(f"{t.name}::{t.name}({definition_params}){' : ' + ', '.join(inits) if inits else ''} {{")
+        cw("  ConstructionGuard guard(*this);")
+        # Reactors on arguments come first, in declaration order, once every member exists: a
+        # mirror already watches the members of its collection when it is built.
+        for a in t.attrs:
+            if a.kind == "reactor" and a.is_arg:
+                cw(f"  {a.name}_ = Zef::makeReactor<Zef{a.cap}>(_{a.name}, this);")
         epilogue = t.epilogue or (["handleInitialized()"] if "handleInitialized" in method_names else [])
-        if epilogue:
-            cw("  ConstructionGuard guard(*this);")
-            for statement in epilogue:
-                cw(f"  {statement};")
+        for statement in epilogue:
+            cw(f"  {statement};")
         cw("}")
         cw("")
         cw(f"{t.name}::~{t.name}() {{")

@@ -1,0 +1,268 @@
+// A SAK from the key server to the hardware and back: both controlled ports program receive, then
+// transmit, open, and later keys replace earlier ones without a side ever transmitting on a key
+// that its peer cannot receive.
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "tests/mka/Scenario.h"
+
+namespace Macsec::Testing {
+namespace {
+
+bool sameKey(const SaStatus& record, const Sak& sak) {
+  return record.an.value() == sak.an && record.mi == sak.mi && record.keyNum == sak.keyNum;
+}
+
+class ControlledPort : public Scenario, public ::testing::WithParamInterface<double> {
+ protected:
+  ControlledPort() { portStandIn = true; }
+
+  void segmentOf(std::initializer_list<Sim::Agent*> agents) {
+    auto it = agents.begin();
+    Sim::Agent* first = *it++;
+    Sim::Agent* second = *it++;
+    segment = &sim.linkIs(*first, intf(*first), *second, intf(*second));
+    for (; it != agents.end(); ++it) segment->endIs(**it, intf(**it));
+    for (Sim::Agent* agent : agents) add(*agent);
+  }
+
+  void add(Sim::Agent& agent) {
+    agent.hardwareLatencyIs(GetParam());
+    actors[&agent] =
+        join(agent, static_cast<uint8_t>(members.size() + 1), 16, Dot1x::dot1xTypePreSharedKey, kCkn, 1, &intf(agent));
+    members.push_back(&agent);
+  }
+
+  // Each switch names its interface differently, so that the operators' log (one for the
+  // process) tells the switches' messages apart.
+  const Lanx::IntfId& intf(Sim::Agent& agent) {
+    auto [it, added] = intfs.try_emplace(&agent, "eth" + std::to_string(intfs.size() + 1));
+    return it->second;
+  }
+  Zef::Ptr<CpStatus> cp(Sim::Agent& agent) { return agent.status()->cpStatus(intf(agent)); }
+  Zef::Ptr<MacSecIntfStatus> hw(Sim::Agent& agent) { return agent.hw(intf(agent)); }
+
+  // Receives on a key: asked of the hardware and confirmed by it.
+  bool receives(Sim::Agent& agent, const Sak& key) {
+    const AssociationNumber an(key.an);
+    const Sak requested = cp(agent)->rxSak(an);
+    return requested.mi == key.mi && requested.keyNum == key.keyNum && hw(agent)->rxSaStatusHas(an) &&
+           sameKey(hw(agent)->rxSaStatus(an), key);
+  }
+
+  // Checked after every delivery and every timer: no side that is in service transmits on a key
+  // that another side in service cannot receive, and no port in service closes again.
+  void guard(std::vector<Sim::Agent*> inService) {
+    watches.push_back([this, inService] {
+      for (Sim::Agent* x : inService) {
+        EXPECT_TRUE(cp(*x)->controlledPortEnabled()) << x->name() << " at " << sim.now();
+        const SaStatus tx = hw(*x)->txSaStatus();
+        if (tx.empty()) continue;
+        const Sak key{tx.an.value(), tx.mi, tx.keyNum, {}, {}};
+        for (Sim::Agent* y : inService) {
+          if (y == x) continue;
+          EXPECT_TRUE(receives(*y, key)) << x->name() << " transmits " << key << " unknown to " << y->name() << " at "
+                                         << sim.now();
+        }
+      }
+    });
+  }
+
+  // Runs until every member's port transmits and receives on the key server's current key.
+  bool secured(Sim::Agent& keyServer) {
+    const Sak key = actors[&keyServer]->distSak();
+    if (key.empty()) return false;
+    for (Sim::Agent* agent : members) {
+      if (!cp(*agent)->controlledPortEnabled() || !sameKey(hw(*agent)->txSaStatus(), key)) return false;
+      if (!sameKey(SaStatus{AssociationNumber(cp(*agent)->oldSakContext().sak.an), cp(*agent)->oldSakContext().sak.mi,
+                            cp(*agent)->oldSakContext().sak.keyNum, 0},
+                   key)) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  Sim::Agent& a = sim.agentIs("a");
+  Sim::Agent& b = sim.agentIs("b");
+  std::map<Sim::Agent*, Zef::Ptr<MkaActorStatus>> actors;
+  std::vector<Sim::Agent*> members;
+  Sim::Link* segment = nullptr;
+  std::map<Sim::Agent*, Lanx::IntfId> intfs;
+};
+
+TEST_P(ControlledPort, FromColdStartBothSidesRunTheSameKeyAndOpenTheirPorts) {
+  segmentOf({&a, &b});
+  double* open = firstTime([&] { return secured(a); });
+  sim.runFor(30);
+  ASSERT_GT(*open, 0);
+  EXPECT_LT(*open - 100.0, 15.0);
+  const Sak key = actors[&a]->distSak();
+  for (Sim::Agent* agent : {&a, &b}) {
+    SCOPED_TRACE(agent->name());
+    const Zef::Ptr<CpStatus> c = cp(*agent);
+    EXPECT_TRUE(c->controlledPortEnabled());
+    EXPECT_EQ(c->oldSakContext().sak.mi, key.mi);
+    EXPECT_EQ(c->oldSakContext().sak.keyNum, key.keyNum);
+    EXPECT_EQ(c->oldSakContext().sak.an, key.an);
+    EXPECT_TRUE(c->oldSakContext().txInstalled && c->oldSakContext().rxInstalled);
+    EXPECT_EQ(c->latestSakContext(), SakContext());
+    EXPECT_TRUE(c->oldSakContext().sak.salt.empty());  // only the hardware copies carry a salt
+    EXPECT_EQ(c->txSak().salt.size(), 24u);
+  }
+  // The greater SCI takes 1.
+  EXPECT_EQ(cp(a)->mySsci().ssci, "00000002");
+  EXPECT_EQ(cp(a)->peerSsci().ssci, "00000001");
+  EXPECT_EQ(cp(b)->mySsci().ssci, "00000001");
+  EXPECT_EQ(cp(b)->peerSsci().ssci, "00000002");
+  EXPECT_EQ(cp(b)->peerSsci().sci, (Sci{mac(1), 1}));
+  EXPECT_EQ(logCount("MKA_SAK_CREATED"), 1);
+  EXPECT_EQ(logCount("MKA_SAK_ACTIVATED"), 2);
+  // The follower transmits because its key server does. The key server's own decision needs its
+  // latest slot to hold the key when the peer reports it. Hardware that answers at once moves a
+  // first key on to the old slot before that, and the key server keeps announcing the running key,
+  // which the follower knows already.
+  EXPECT_TRUE(actors[&b]->sakTransmit());
+  EXPECT_EQ(actors[&a]->sakTransmit(), GetParam() > 0);
+}
+
+TEST_P(ControlledPort, RekeyByPeriodKeepsTrafficFlowingAndRetiresTheOldKey) {
+  segmentOf({&a, &b});
+  a.status()->intfStatus(intf(a))->reKeyPeriodIs(40);
+  double* open = firstTime([&] { return secured(a); });
+  sim.runFor(30);
+  ASSERT_GT(*open, 0);
+  guard({&a, &b});
+  const Sak first = actors[&a]->distSak();
+  // The old key's receive SA goes one retirement period after the new key transmits.
+  double* newKeyTransmits =
+      firstTime([&] { return actors[&a]->keyNum() == 2 && cp(b)->oldSakContext().sak.keyNum == 2; });
+  double* oldKeyGone =
+      firstTime([&] { return actors[&a]->keyNum() == 2 && !cp(b)->rxSakHas(AssociationNumber(first.an)); });
+  double* txConfirmed = firstTime([&] {
+    return actors[&a]->keyNum() == 2 &&
+           (cp(b)->latestSakContext().txInstalled || cp(b)->oldSakContext().sak.keyNum == 2);
+  });
+  sim.runFor(40);  // one rekey, 40 s after the election
+  ASSERT_GT(*newKeyTransmits, 0);
+  EXPECT_TRUE(secured(a));
+  EXPECT_EQ(actors[&a]->distSak().an, (first.an + 1) % 4);
+  ASSERT_GT(*oldKeyGone, 0);
+  EXPECT_DOUBLE_EQ(*oldKeyGone - *txConfirmed, 3.0);
+  EXPECT_EQ(logCount("MKA_SAK_ACTIVATED"), 4);
+}
+
+TEST_P(ControlledPort, AJoiningPeerGetsTheNextKeyWhileTheOthersKeepTrafficFlowing) {
+  Sim::Agent& c = sim.agentIs("c");
+  segmentOf({&a, &b});
+  sim.runFor(30);
+  ASSERT_TRUE(secured(a));
+  guard({&a, &b});
+  // c joins the segment: the key server makes one key for the three of them.
+  segment->endIs(c, intf(c));
+  add(c);
+  double* allSecured = firstTime([&] { return secured(a) && actors[&a]->keyNum() == 2; });
+  sim.runFor(40);
+  ASSERT_GT(*allSecured, 0);
+  EXPECT_EQ(actors[&a]->keyNum(), 2u);
+  EXPECT_TRUE(cp(c)->controlledPortEnabled());
+}
+
+TEST_P(ControlledPort, PacketNumberExhaustionAsksForANewKeyAtOnce) {
+  segmentOf({&a, &b});
+  Sim::Message last;
+  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
+    if (&from == &b) last = m;
+  });
+  sim.runFor(30);
+  ASSERT_TRUE(secured(a));
+  guard({&a, &b});
+  // b reports that the key in use has three quarters of its packet numbers behind it.
+  Sim::Message report = last;
+  report.intfId = intf(a);
+  report.sakUseInfo.oldKey.lpn = 0xC0000000u;
+  a.deliver(report);
+  EXPECT_EQ(actors[&a]->llpnExhaustion(), 1u);
+  EXPECT_EQ(actors[&a]->keyNum(), 2u);  // at once, not at the rate limiter's next expiry
+  double* rekeyed = firstTime([&] { return secured(a) && actors[&a]->keyNum() == 2; });
+  sim.runFor(20);
+  ASSERT_GT(*rekeyed, 0);
+  EXPECT_EQ(actors[&a]->keyNum(), 2u);
+  // A number just below the mark does nothing.
+  report.sakUseInfo.oldKey.lpn = 0xBFFFFFFFu;
+  a.deliver(report);
+  EXPECT_EQ(actors[&a]->keyNum(), 2u);
+}
+
+TEST_P(ControlledPort, LosingThePeerLeavesTheRunningKeyInService) {
+  segmentOf({&a, &b});
+  sim.runFor(30);
+  ASSERT_TRUE(secured(a));
+  const SakContext running = cp(a)->oldSakContext();
+  const Sak transmitted = cp(a)->txSak();
+  const bool inUse = actors[&a]->sakTransmit();
+  b.mutedIs(true);
+  sim.runFor(20);
+  EXPECT_FALSE(actors[&a]->success());
+  // A key in use stays; a key that was only being announced is withdrawn.
+  EXPECT_EQ(actors[&a]->distSak().empty(), !inUse);
+  // The key in service stays where it is, and the port stays open: closing it is the port's call.
+  EXPECT_EQ(cp(a)->oldSakContext(), running);
+  EXPECT_EQ(cp(a)->txSak(), transmitted);
+  EXPECT_TRUE(cp(a)->controlledPortEnabled());
+}
+
+TEST_P(ControlledPort, KeysFromTheWrongSenderOrWithAnotherCipherAreRefused) {
+  Sim::Agent& c = sim.agentIs("c");
+  segmentOf({&a, &b, &c});
+  std::map<const Sim::Agent*, Sim::Message> last;
+  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) { last[&from] = m; });
+  sim.runFor(30);
+  ASSERT_TRUE(secured(a));
+  const Sak known = actors[&b]->distSak();
+  const SakContext latest = cp(b)->latestSakContext();
+  const SakContext old = cp(b)->oldSakContext();
+  auto unchanged = [&] {
+    EXPECT_EQ(actors[&b]->distSak(), known);
+    EXPECT_TRUE(actors[&b]->sakTransmit());
+    EXPECT_EQ(cp(b)->latestSakContext(), latest);
+    EXPECT_EQ(cp(b)->oldSakContext(), old);
+  };
+  const SakDistInfo newKey{static_cast<uint8_t>((known.an + 1) % 4), 0, 9, cipherSuiteGcmAes128, known.key};
+
+  Sim::Message fromFollower = last[&c];  // a live peer, but not the elected key server
+  fromFollower.intfId = intf(b);
+  fromFollower.sakDistInfo = newKey;
+  b.deliver(fromFollower);
+  unchanged();
+
+  Sim::Message stranger = last[&a];  // a sender that is not live: it lists nobody
+  stranger.intfId = intf(b);
+  stranger.baseInfo.msgId = "ffffffffffffffffffffffff";
+  stranger.baseInfo.sci = Sci{mac(9), 1};
+  stranger.livePeers.clear();
+  stranger.potentialPeers.clear();
+  stranger.sakDistInfo = newKey;
+  b.deliver(stranger);
+  unchanged();
+
+  Sim::Message otherCipher = last[&a];  // the key server, with another cipher
+  otherCipher.intfId = intf(b);
+  otherCipher.sakDistInfo = newKey;
+  otherCipher.sakDistInfo.cipherSuite = cipherSuiteGcmAes256;
+  b.deliver(otherCipher);
+  unchanged();
+
+  Sim::Message repeated = last[&a];  // the key in use, announced again
+  repeated.intfId = intf(b);
+  repeated.sakDistInfo = SakDistInfo{known.an, 0, known.keyNum, cipherSuiteGcmAes128, known.key};
+  b.deliver(repeated);
+  unchanged();
+}
+
+INSTANTIATE_TEST_SUITE_P(HardwareLatency, ControlledPort, ::testing::Values(0.0, 0.3));
+
+}  // namespace
+}  // namespace Macsec::Testing
