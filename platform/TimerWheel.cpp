@@ -15,9 +15,10 @@ void TimerWheel::Notifiee::timeMinIs(double t) {
 
 void TimerWheel::Notifiee::zefTimerWheelIs(const Zef::Ptr<TimerWheel const>& wheel) {
   if (wheel.ptr() == notifier().ptr()) return;
-  if (TimerWheel* old = this->wheel(); old && isArmed()) old->disarm(this);
+  const bool armed = isArmed();
+  if (TimerWheel* old = this->wheel(); old && armed) old->disarm(this);
   zefNotifierIs(wheel);
-  if (TimerWheel* now = this->wheel(); now && timeMin_ != never) now->arm(this);
+  if (TimerWheel* now = this->wheel(); now && armed) now->arm(this);
 }
 
 void TimerWheel::Notifiee::notifierIs(const Zef::Ptr<TimerWheel const>& wheel) {

@@ -20,7 +20,7 @@ class TimerWheel : public Zef::Notifier {
  public:
   class Notifiee : public Zef::NotifieeOf<TimerWheel, Zef::NotifieeConstOf<TimerWheel>> {
    public:
-    // The deadline last set. It keeps its value after the timer fires.
+    // The deadline last set; 0.0 for a timer never armed. It keeps its value after the timer fires.
     double timeMin() const noexcept { return timeMin_; }
     // Schedules one onTime() at the absolute time t, replacing any earlier deadline; `never`
     // switches the timer off.
@@ -45,7 +45,7 @@ class TimerWheel : public Zef::Notifier {
     static constexpr size_t kNotArmed = ~size_t{0};
     TimerWheel* wheel() const noexcept { return const_cast<TimerWheel*>(notifier().ptr()); }
 
-    double timeMin_ = never;
+    double timeMin_ = 0.0;
     uint64_t sequence_ = 0;
     size_t heapIndex_ = kNotArmed;
   };

@@ -76,7 +76,8 @@ void Agent::hardwareLatencyIs(double seconds) {
 }
 
 Agent::~Agent() {
-  // Actors go first, while everything they use is still there.
+  // Ports and actors go first, while everything they use is still there.
+  ports_.clear();
   actors_.clear();
   txReactor_->agentIs(nullptr);
 }
@@ -88,6 +89,37 @@ void Agent::portIs(const Lanx::IntfId& intf, const PortConfig& config) {
   status_->cpStatusIs(intf, config.params);
   status_->portStatusIs(intf)->mySciIs(Macsec::Sci{config.mac, config.portId});
   hwStatus_->statusIs(slice_->statusIs(intf));
+  if (config.runPort) {
+    ports_[intf] = Macsec::MkaPortSm::MkaPortSmIs(intf, status_, pamManager_, hwStatus_, wheel_);
+  }
+}
+
+namespace {
+
+Macsec::Cak storedKey(const Key& key) {
+  if (key.ckn.empty()) return Macsec::Cak();
+  return Macsec::Cak{key.ckn, CloakLib::doEncodeKey(key.cak)};
+}
+
+}  // namespace
+
+void Agent::keyIs(const Lanx::IntfId& intf, const Key& key) { status_->intfStatus(intf)->keyIs(storedKey(key)); }
+
+void Agent::defaultKeyIs(const Lanx::IntfId& intf, const Key& key) {
+  status_->intfStatus(intf)->defaultKeyIs(storedKey(key));
+}
+
+Zef::Ptr<Macsec::MkaPortSm> Agent::port(const Lanx::IntfId& intf) const {
+  auto it = ports_.find(intf);
+  return it == ports_.end() ? nullptr : it->second;
+}
+
+void Agent::portDel(const Lanx::IntfId& intf) {
+  auto it = ports_.find(intf);
+  if (it == ports_.end()) return;
+  Zef::Ptr<Macsec::MkaPortSm> port = std::move(it->second);
+  ports_.erase(it);
+  port->hasNotificationActiveIs(false);
 }
 
 Zef::Ptr<Macsec::MkaActorSm> Agent::actorIs(const Lanx::IntfId& intf, const Zef::String& ckn,

@@ -17,6 +17,7 @@
 
 #include "hw/HwEmulator.h"
 #include "mka/MkaActorSm.h"
+#include "mka/MkaPortSm.h"
 #include "model/HwStatus.h"
 #include "model/MacsecInternalTypes.h"
 #include "model/Status.h"
@@ -46,6 +47,15 @@ struct PortConfig {
   Macsec::MacsecParams params;
   uint8_t keyServerPriority = 16;
   Dot1x::Dot1xType dot1xType = Dot1x::dot1xTypePreSharedKey;
+  // Whether a port state machine runs the interface's actors from its configured keys, as on a
+  // real switch; without one, actors are made by hand with actorIs.
+  bool runPort = false;
+};
+
+// A configured key in clear text, as an operator gives it; the harness stores it encoded.
+struct Key {
+  Zef::String ckn;
+  Zef::String cak;
 };
 
 // A wire between interfaces: two ends for a point-to-point link, more for a shared segment. What
@@ -114,6 +124,12 @@ class Agent {
   // Makes an interface's IntfStatus, CpStatus and MkaPortStatus (with its SCI), and its hardware
   // status.
   void portIs(const Lanx::IntfId& intf, const PortConfig& config);
+  // Configures an interface's primary and fallback keys; an empty key removes it.
+  void keyIs(const Lanx::IntfId& intf, const Key& key);
+  void defaultKeyIs(const Lanx::IntfId& intf, const Key& key);
+  Zef::Ptr<Macsec::MkaPortSm> port(const Lanx::IntfId& intf) const;
+  // Removes an interface's port state machine, as the device does when MKA stops on it.
+  void portDel(const Lanx::IntfId& intf);
   // Makes an actor for a key (CKN and clear CAK text) on an interface.
   Zef::Ptr<Macsec::MkaActorSm> actorIs(const Lanx::IntfId& intf, const Zef::String& ckn, const Zef::String& clearCak);
   void actorDel(const Lanx::IntfId& intf, const Zef::String& ckn);
@@ -140,6 +156,7 @@ class Agent {
   Zef::Ptr<Macsec::HwEmulator> emulator_;
   Zef::Ptr<TxReactor> txReactor_;
   std::map<std::pair<Lanx::IntfId, Zef::String>, Zef::Ptr<Macsec::MkaActorSm>> actors_;
+  std::map<Lanx::IntfId, Zef::Ptr<Macsec::MkaPortSm>> ports_;
   bool muted_ = false;
   uint64_t sent_ = 0;
 };

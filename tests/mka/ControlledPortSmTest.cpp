@@ -11,10 +11,6 @@
 namespace Macsec::Testing {
 namespace {
 
-bool sameKey(const SaStatus& record, const Sak& sak) {
-  return record.an.value() == sak.an && record.mi == sak.mi && record.keyNum == sak.keyNum;
-}
-
 class ControlledPort : public Scenario, public ::testing::WithParamInterface<double> {
  protected:
   ControlledPort() { portStandIn = true; }
@@ -35,62 +31,14 @@ class ControlledPort : public Scenario, public ::testing::WithParamInterface<dou
     members.push_back(&agent);
   }
 
-  // Each switch names its interface differently, so that the operators' log (one for the
-  // process) tells the switches' messages apart.
-  const Lanx::IntfId& intf(Sim::Agent& agent) {
-    auto [it, added] = intfs.try_emplace(&agent, "eth" + std::to_string(intfs.size() + 1));
-    return it->second;
-  }
-  Zef::Ptr<CpStatus> cp(Sim::Agent& agent) { return agent.status()->cpStatus(intf(agent)); }
-  Zef::Ptr<MacSecIntfStatus> hw(Sim::Agent& agent) { return agent.hw(intf(agent)); }
-
-  // Receives on a key: asked of the hardware and confirmed by it.
-  bool receives(Sim::Agent& agent, const Sak& key) {
-    const AssociationNumber an(key.an);
-    const Sak requested = cp(agent)->rxSak(an);
-    return requested.mi == key.mi && requested.keyNum == key.keyNum && hw(agent)->rxSaStatusHas(an) &&
-           sameKey(hw(agent)->rxSaStatus(an), key);
-  }
-
-  // Checked after every delivery and every timer: no side that is in service transmits on a key
-  // that another side in service cannot receive, and no port in service closes again.
-  void guard(std::vector<Sim::Agent*> inService) {
-    watches.push_back([this, inService] {
-      for (Sim::Agent* x : inService) {
-        EXPECT_TRUE(cp(*x)->controlledPortEnabled()) << x->name() << " at " << sim.now();
-        const SaStatus tx = hw(*x)->txSaStatus();
-        if (tx.empty()) continue;
-        const Sak key{tx.an.value(), tx.mi, tx.keyNum, {}, {}};
-        for (Sim::Agent* y : inService) {
-          if (y == x) continue;
-          EXPECT_TRUE(receives(*y, key)) << x->name() << " transmits " << key << " unknown to " << y->name() << " at "
-                                         << sim.now();
-        }
-      }
-    });
-  }
-
-  // Runs until every member's port transmits and receives on the key server's current key.
-  bool secured(Sim::Agent& keyServer) {
-    const Sak key = actors[&keyServer]->distSak();
-    if (key.empty()) return false;
-    for (Sim::Agent* agent : members) {
-      if (!cp(*agent)->controlledPortEnabled() || !sameKey(hw(*agent)->txSaStatus(), key)) return false;
-      if (!sameKey(SaStatus{AssociationNumber(cp(*agent)->oldSakContext().sak.an), cp(*agent)->oldSakContext().sak.mi,
-                            cp(*agent)->oldSakContext().sak.keyNum, 0},
-                   key)) {
-        return false;
-      }
-    }
-    return true;
-  }
+  // Every member's port transmits and receives on the key server's current key.
+  bool secured(Sim::Agent& keyServer) { return securedOn(members, actors[&keyServer]->distSak()); }
 
   Sim::Agent& a = sim.agentIs("a");
   Sim::Agent& b = sim.agentIs("b");
   std::map<Sim::Agent*, Zef::Ptr<MkaActorStatus>> actors;
   std::vector<Sim::Agent*> members;
   Sim::Link* segment = nullptr;
-  std::map<Sim::Agent*, Lanx::IntfId> intfs;
 };
 
 TEST_P(ControlledPort, FromColdStartBothSidesRunTheSameKeyAndOpenTheirPorts) {

@@ -6,6 +6,7 @@
 
 #include <deque>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -39,16 +40,23 @@ class PortStandIn : public MkaActorStatus::Notifiee {
   Zef::Ptr<MkaPortStatus> port_;
 };
 
+// Collects the operators' log from its construction to its destruction.
+struct LogCapture {
+  LogCapture() {
+    Macsec::clearLogHistory();
+    Zef::logSinkIs([this](const Zef::LogRecord& r) { lines.push_back(r.handle->name().stdString() + " " + r.text); });
+  }
+  ~LogCapture() { Zef::logSinkIs(nullptr); }
+  std::vector<std::string> lines;
+};
+
 class Scenario : public ::testing::Test {
  protected:
   Scenario() {
-    Macsec::clearLogHistory();
-    Zef::logSinkIs([this](const Zef::LogRecord& r) { logs.push_back(r.handle->name().stdString() + " " + r.text); });
     sim.observerIs([this] {
       for (auto& watch : watches) watch();
     });
   }
-  ~Scenario() override { Zef::logSinkIs(nullptr); }
 
   // An interface and a principal actor with the shared key on an agent.
   Zef::Ptr<MkaActorStatus> join(Sim::Agent& agent, uint8_t macByte, uint8_t priority = 16,
@@ -81,9 +89,61 @@ class Scenario : public ::testing::Test {
     return slot;
   }
 
+  // Each switch names its interface differently, so that the operators' log (one for the process)
+  // tells the switches' messages apart.
+  const Lanx::IntfId& intf(Sim::Agent& agent) {
+    auto [it, added] = intfs.try_emplace(&agent, "eth" + std::to_string(intfs.size() + 1));
+    return it->second;
+  }
+  Zef::Ptr<CpStatus> cp(Sim::Agent& agent) { return agent.status()->cpStatus(intf(agent)); }
+  Zef::Ptr<MacSecIntfStatus> hw(Sim::Agent& agent) { return agent.hw(intf(agent)); }
+
+  static bool sameKey(const SaStatus& record, const Sak& sak) {
+    return record.an.value() == sak.an && record.mi == sak.mi && record.keyNum == sak.keyNum;
+  }
+
+  // Receives on a key: asked of the hardware and confirmed by it.
+  bool receives(Sim::Agent& agent, const Sak& key) {
+    const AssociationNumber an(key.an);
+    const Sak requested = cp(agent)->rxSak(an);
+    return requested.mi == key.mi && requested.keyNum == key.keyNum && hw(agent)->rxSaStatusHas(an) &&
+           sameKey(hw(agent)->rxSaStatus(an), key);
+  }
+
+  // Every agent's port is open and transmits on `key`, which is in service in its old slot.
+  bool securedOn(const std::vector<Sim::Agent*>& agents, const Sak& key) {
+    if (key.empty()) return false;
+    for (Sim::Agent* agent : agents) {
+      const Sak& running = cp(*agent)->oldSakContext().sak;
+      if (!cp(*agent)->controlledPortEnabled() || !sameKey(hw(*agent)->txSaStatus(), key) || running.mi != key.mi ||
+          running.keyNum != key.keyNum) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  // Checked after every delivery and every timer from now on: no agent in service transmits on a
+  // key that another one cannot receive, and no port in service closes again.
+  void guard(std::vector<Sim::Agent*> inService) {
+    watches.push_back([this, inService] {
+      for (Sim::Agent* x : inService) {
+        EXPECT_TRUE(cp(*x)->controlledPortEnabled()) << x->name() << " at " << sim.now();
+        const SaStatus tx = hw(*x)->txSaStatus();
+        if (tx.empty()) continue;
+        const Sak key{tx.an.value(), tx.mi, tx.keyNum, {}, {}};
+        for (Sim::Agent* y : inService) {
+          if (y == x) continue;
+          EXPECT_TRUE(receives(*y, key)) << x->name() << " transmits " << key << " unknown to " << y->name() << " at "
+                                         << sim.now();
+        }
+      }
+    });
+  }
+
   int logCount(const std::string& prefix) const {
     int count = 0;
-    for (const std::string& line : logs) count += line.rfind(prefix, 0) == 0 ? 1 : 0;
+    for (const std::string& line : log.lines) count += line.rfind(prefix, 0) == 0 ? 1 : 0;
     return count;
   }
 
@@ -91,8 +151,9 @@ class Scenario : public ::testing::Test {
   // Whether join() makes the actor principal at once, or leaves that to a stand-in for the port.
   bool portStandIn = false;
   std::vector<Zef::Ptr<PortStandIn>> standIns;
+  std::map<Sim::Agent*, Lanx::IntfId> intfs;
+  LogCapture log;  // made before the simulation and gone after it, so that it hears teardown too
   Sim::Simulation sim{100.0};
-  std::vector<std::string> logs;
   std::vector<std::function<void()>> watches;
   std::deque<double> times;
 };

@@ -1,0 +1,427 @@
+#include "mka/MkaPortSm.h"
+
+#include <limits>
+#include <vector>
+
+#include "model/CloakLib.h"
+#include "model/LogMessages.h"
+#include "platform/Clock.h"
+#include "platform/Trace.h"
+
+ZEF_TRACE_MODULE("Macsec::MkaPortSm")
+
+namespace Macsec {
+
+namespace {
+
+constexpr double kLargestFinite = std::numeric_limits<double>::max();
+
+// Two stored keys are the same key when their clear bytes are; the clear text is wiped at once.
+bool sameKeyBytes(const Zef::String& a, const Zef::String& b) {
+  Zef::String clearA = CloakLib::doDecodeKey(a);
+  Zef::String clearB = CloakLib::doDecodeKey(b);
+  const bool same = clearA == clearB;
+  clearA.zeroStringDataUnsafe();
+  clearB.zeroStringDataUnsafe();
+  return same;
+}
+
+// The members of the port's actor collection, copied out, so that a walk may delete any of them.
+std::vector<Zef::Ptr<MkaActorStatus>> actorsOf(const Zef::Ptr<MkaPortStatus>& port) {
+  std::vector<Zef::Ptr<MkaActorStatus>> actors;
+  for (auto it = port->actorStatusIter(); it; ++it) actors.push_back(it.ptr());
+  return actors;
+}
+
+}  // namespace
+
+void MkaPortSm::handleInitialized() {
+  // 1., 2.
+  TRACE(8, ": IntfId " << intfId());
+  intfStatusIs(status()->intfStatus(intfId()));
+  cpStatusIs(status()->cpStatus(intfId()));
+  portStatusIs(status()->portStatus(intfId()));
+  // 3., 4.
+  defaultActorTimerIs(timerWheel());
+  actorDeletionTimerIs(timerWheel());
+  portStatus()->numSuccessActorsIs(0);
+  // 5. Entries left by an earlier life of the agent stay if their key is still configured.
+  const Zef::String& primary = intfStatus()->key().ckn;
+  const Zef::String& fallback = intfStatus()->defaultKey().ckn;
+  for (const Zef::Ptr<MkaActorStatus>& actor : actorsOf(portStatus())) {
+    if (actor->ckn() != primary && actor->ckn() != fallback) {
+      TRACE(3, ": Deleting actor status " << actor->ckn() << " on " << intfId());
+      portStatus()->actorStatusDel(actor->ckn());
+      continue;
+    }
+    if (actor->success()) portStatus()->numSuccessActorsInc(1);
+    if (actor->principal()) principalActorCknIs(actor->ckn());
+  }
+  // 6., 7. The fallback key first; static SAKs and keyRetire wait for their next change.
+  initializedIs(true);
+  handleDefaultKey();
+  handleKey();
+  handleAllowUnprotected();
+}
+
+void MkaPortSm::handleKey() {
+  if (!initialized()) return;
+  TRACE(8, ": Processing new key " << intfStatus()->key().ckn << " on " << intfId());
+  doUpdateActors(false);
+}
+
+void MkaPortSm::handleDefaultKey() {
+  if (!initialized()) return;
+  TRACE(8, ": IntfId " << intfId());
+  doUpdateActors(true);
+}
+
+void MkaPortSm::doUpdateActors(bool defaultKey) {
+  // The primary and the fallback key are handled alike, each for the actors of its own kind.
+  const Cak key = defaultKey ? intfStatus()->defaultKey() : intfStatus()->key();
+  bool electionDue = false;
+
+  // 2. The key was deleted: every actor of its kind goes.
+  if (key.empty()) {
+    if (defaultKey) {
+      TRACE(3, ": Default key is deleted, proceeding to delete all default actors for " << intfId());
+    } else {
+      TRACE(3, ": Primary key deleted, proceeding to delete all primary actors for " << intfId());
+    }
+    for (const Zef::Ptr<MkaActorStatus>& actor : actorsOf(portStatus())) {
+      if (actor->defaultActor() != defaultKey) continue;
+      electionDue |= actor->principal() && actor->electedSelf();
+      doCleanupActorSmAndStatus(actor);
+    }
+    if (electionDue) doElectPrincipalActor();
+    return;
+  }
+
+  // 3., 4. An actor under the key's CKN is kept if it is of this kind and has the same key bytes.
+  TRACE(8, (defaultKey ? ": Processing new default key " : ": Processing new primary key ")
+               << key.ckn << " on " << intfId());
+  Zef::Ptr<MkaActorStatus> existing = portStatus()->actorStatus(key.ckn);
+  if (existing && (existing->defaultActor() != defaultKey || !sameKeyBytes(existing->cak(), key.cak))) {
+    electionDue |= existing->principal() && existing->electedSelf();
+    doCleanupActorSmAndStatus(existing);
+    existing = nullptr;
+  }
+  // 5.
+  if (!existing) {
+    if (defaultKey) {
+      TRACE(8, ": Creating actor " << key.ckn << " on " << intfId());
+    } else {
+      TRACE(3, ": Creating actor " << key.ckn << " on " << intfId());
+    }
+    portStatus()->actorStatusIs(key.ckn)->defaultActorIs(defaultKey);
+  }
+  // 6. The fallback key's actor is not announced, by design.
+  if (!mkaActorSm(key.ckn)) {
+    mkaActorSmIs(key.ckn, key.cak, intfId(), status(), pamManager(), hwStatus(), timerWheel());
+    if (!defaultKey) Zef::log(MKA_CA_CREATED, key.ckn, intfId());
+  }
+
+  // 7. Other actors of this kind go, except a principal one that still carries the running
+  // session, unless keys are to be retired.
+  for (const Zef::Ptr<MkaActorStatus>& actor : actorsOf(portStatus())) {
+    if (actor->defaultActor() != defaultKey || actor->ckn() == key.ckn) continue;
+    if (actor->principal() && !intfStatus()->keyRetire()) continue;
+    electionDue |= actor->principal();
+    doCleanupActorSmAndStatus(actor);
+  }
+  // 8.
+  if (electionDue) doElectPrincipalActor();
+}
+
+void MkaPortSm::handleKeyRetire() {
+  if (!initialized() || !intfStatus()->keyRetire()) return;
+  TRACE(8, ": retire if any operational actor is present" << intfStatus()->key().ckn << " on " << intfId());
+  bool electionDue = false;
+  for (const Zef::Ptr<MkaActorStatus>& actor : actorsOf(portStatus())) {
+    if (actor->ckn() == intfStatus()->key().ckn || actor->ckn() == intfStatus()->defaultKey().ckn) continue;
+    electionDue |= actor->principal() && actor->electedSelf();
+    doCleanupActorSmAndStatus(actor);
+  }
+  if (electionDue) doElectPrincipalActor();
+}
+
+void MkaPortSm::handleActorDeletion() {
+  TRACE(8, " on " << intfId());
+  if (!initialized()) return;
+  // Leftovers that are not principal go once a new key has been distributed.
+  for (const Zef::Ptr<MkaActorStatus>& actor : actorsOf(portStatus())) {
+    if (actor->principal()) continue;
+    if (actor->ckn() == intfStatus()->key().ckn || actor->ckn() == intfStatus()->defaultKey().ckn) continue;
+    doCleanupActorSmAndStatus(actor);
+  }
+  actorDeletionTimer()->timeMinIs(Orb::never);
+}
+
+void MkaPortSm::handleDefaultKeyActivation() {
+  TRACE(8, " on " << intfId());
+  if (!initialized()) return;
+  doElectPrincipalActor();
+  defaultActorTimer()->timeMinIs(Orb::never);
+}
+
+void MkaPortSm::doCleanupActorSmAndStatus(const Zef::Ptr<MkaActorStatus>& actor) {
+  // The CKN is copied: the entry goes below. CpStatus keeps what was programmed last.
+  const Zef::String ckn = actor->ckn();
+  TRACE(3, ": Deleting actor " << ckn << " on " << intfId());
+  const bool succeeded = actor->success();
+  mkaActorSmDel(ckn);
+  if (actor->principal()) principalActorCknIs(Zef::String());
+  portStatus()->actorStatusDel(ckn);
+  if (succeeded) portStatus()->numSuccessActorsDec(1);
+}
+
+void MkaPortSm::handleCleanUp() {
+  // 1., 2. Every actor goes, and its distributed key is wiped.
+  TRACE(8, ": IntfId " << intfId());
+  for (const Zef::Ptr<MkaActorStatus>& actor : actorsOf(portStatus())) {
+    const Zef::String ckn = actor->ckn();
+    TRACE(3, "Deleting actor " << ckn << " on " << intfId());
+    mkaActorSmDel(ckn);
+    actor->zeroDistSakKeyForced();
+    portStatus()->actorStatusDel(ckn);
+  }
+  // 3. - 6. The hardware is asked to forget every key, and the port closes.
+  portStatus()->numSuccessActorsIs(0);
+  cpStatus()->oldSakContextIs(SakContext());
+  cpStatus()->latestSakContextIs(SakContext());
+  cpStatus()->txSakIs(Sak());
+  for (auto it = cpStatus()->rxSakIter(); it; ++it) cpStatus()->rxSakDel(AssociationNumber(it.key()));
+  cpStatus()->controlledPortEnabledIs(false);
+}
+
+void MkaPortSm::doElectPrincipalActor() {
+  TRACE(8, ": IntfId " << intfId());
+  // 2. Any election ends the waiting time of a fallback key.
+  if (defaultActorTimer()->timeMin() <= kLargestFinite) defaultActorTimer()->timeMinIs(Orb::never);
+  TRACE(3, ": Starting principal actor election on " << intfId());
+
+  // 4., 5., 6. The candidates.
+  Zef::Ptr<MkaActorStatus> existing;
+  if (!principalActorCkn().empty()) {
+    TRACE(3, ": Existing principal actor on " << intfId() << " is " << principalActorCkn());
+    existing = portStatus()->actorStatus(principalActorCkn());
+    if (!existing) principalActorCknIs(Zef::String());
+  }
+  const Zef::String primaryCkn = intfStatus()->key().ckn;
+  const Zef::String fallbackCkn = intfStatus()->defaultKey().ckn;
+  const Zef::Ptr<MkaActorStatus> configuredPrimary = portStatus()->actorStatus(primaryCkn);
+  const Zef::Ptr<MkaActorStatus> configuredDefault = portStatus()->actorStatus(fallbackCkn);
+  Zef::Ptr<MkaActorStatus> operationalPrimary;
+  Zef::Ptr<MkaActorStatus> operationalDefault;
+  for (auto it = portStatus()->actorStatusIter(); it; ++it) {
+    const Zef::Ptr<MkaActorStatus>& actor = it.ptr();
+    if (!actor->success()) continue;
+    if (!actor->defaultActor() && actor->ckn() != primaryCkn) operationalPrimary = actor;
+    if (actor->defaultActor() && actor->ckn() != fallbackCkn) operationalDefault = actor;
+  }
+
+  // 7. The configured primary, any running primary, the configured fallback, any running fallback.
+  Zef::Ptr<MkaActorStatus> chosen;
+  if (configuredPrimary && configuredPrimary->success()) {
+    chosen = configuredPrimary;
+    TRACE(3, ": Picking configured primary actor " << chosen->ckn() << " as principal actor on " << intfId());
+  } else if (operationalPrimary) {
+    chosen = operationalPrimary;
+    TRACE(3, ": Picking operational primary actor " << chosen->ckn() << " as principal actor on " << intfId());
+  } else if (configuredDefault && configuredDefault->success()) {
+    chosen = configuredDefault;
+    TRACE(3, ": Picking configured default actor " << chosen->ckn() << " as principal actor on " << intfId());
+  } else if (operationalDefault) {
+    chosen = operationalDefault;
+    TRACE(3, ": Picking operational default actor " << chosen->ckn() << " as principal actor on " << intfId());
+  } else {
+    TRACE(3, ": Failed to pick a principal actor on " << intfId());
+  }
+
+  // 8.
+  if (!chosen) {
+    if (existing) {
+      TRACE(3, ": Cleaning up old principal actor " << existing->ckn() << " on " << intfId());
+      existing->principalIs(false);
+      principalActorCknIs(Zef::String());
+    }
+    return;
+  }
+  // 9. - 12.
+  const bool changed = !existing || existing->ckn() != chosen->ckn();
+  if (existing && changed) existing->principalIs(false);
+  TRACE(1, ": Marking " << chosen->ckn() << " as principal actor on " << intfId());
+  if (changed) Zef::log(chosen->defaultActor() ? MKA_FALLBACK_KEY_IN_USE : MKA_KEY_IN_USE, chosen->ckn(), intfId());
+  chosen->principalIs(true);
+  principalActorCknIs(chosen->ckn());
+}
+
+void MkaPortSm::ZefPortStatus::ZefActorStatus::handleActorSuccess() {
+  MkaPortSm* port = owner() ? owner()->owner() : nullptr;
+  if (port == nullptr || !port->initialized()) return;
+  const Zef::String ckn = key();
+  const Lanx::IntfId& intfId = port->intfId();
+  TRACE(8, ": Actor " << ckn << " on " << intfId);
+  const Zef::Ptr<MkaActorStatus> actor = port->portStatus()->actorStatus(ckn);
+  if (!actor) return;
+
+  if (actor->success()) {
+    TRACE(8, ": Actor " << ckn << " succeeded on " << intfId);
+    port->portStatus()->numSuccessActorsInc(1);
+    // A follower becomes principal only through the key it is given.
+    if (!actor->electedSelf()) {
+      TRACE(3, ": Actor " << ckn << " is not the elected key server on " << intfId << ". Bailing");
+      return;
+    }
+    // The primary key gets its activation period to come back before a fallback key is used.
+    // A fresh port's timer (0.0) does not pass this test: there the fallback is taken at once.
+    if (actor->defaultActor() && port->principalActorCkn().empty() &&
+        port->defaultActorTimer()->timeMin() > kLargestFinite) {
+      TRACE(3, ": Starting default actor activation timer on " << intfId);
+      port->defaultActorTimer()->timeMinIs(Zef::System::currentTime() + port->status()->defaultKeyActivationPeriod());
+      return;
+    }
+    TRACE(3, ": Re-evaluating principal actor on " << intfId);
+    port->doElectPrincipalActor();
+    return;
+  }
+
+  TRACE(3, ": Actor " << ckn << " failed on interface " << intfId);
+  port->portStatus()->numSuccessActorsDec(1);
+  if (!actor->principal()) return;
+  // The actors that the deletion timer would remove may be needed now.
+  if (port->actorDeletionTimer()->timeMin() <= kLargestFinite) {
+    TRACE(8, "Killing the actorDeletionTimer");
+    port->actorDeletionTimer()->timeMinIs(Orb::never);
+  }
+  if (actor->electedSelf()) {
+    TRACE(1, ": Actor " << ckn << " was the principal actor. Electing new actor on " << intfId);
+    port->doElectPrincipalActor();
+    return;
+  }
+  // A follower waits for the next distributed key.
+  TRACE(1, ": Unmarking " << ckn << " as the principal actor on " << intfId);
+  actor->principalIs(false);
+  port->principalActorCknIs(Zef::String());
+}
+
+void MkaPortSm::ZefPortStatus::ZefActorStatus::handleDistSak() {
+  MkaPortSm* port = owner() ? owner()->owner() : nullptr;
+  if (port == nullptr || !port->initialized()) return;
+  const Zef::String ckn = key();
+  const Lanx::IntfId& intfId = port->intfId();
+  TRACE(8, ": Actor " << ckn << " on " << intfId);
+  const Zef::Ptr<MkaActorStatus> actor = port->portStatus()->actorStatus(ckn);
+  if (!actor || actor->distSak().empty()) return;
+
+  // 2. The next key takes the next association number.
+  const Sak sak = actor->distSak();
+  port->portStatus()->anOfNextKeyIs(AssociationNumber(sak.an == 3 ? 0 : sak.an + 1));
+
+  // 3. A follower that accepted a key takes over the port.
+  if (!actor->electedSelf() && actor->success()) {
+    TRACE(3, ": Actor " << ckn << " on " << intfId << " is not the key server. Marking it as the principal actor");
+    const Zef::String previous = port->principalActorCkn();
+    if (!previous.empty() && previous != ckn) {
+      TRACE(3, ": Removing old principal actor " << previous << " on " << intfId);
+      if (Zef::Ptr<MkaActorStatus> old = port->portStatus()->actorStatus(previous)) old->principalIs(false);
+    }
+    TRACE(1, ": Marking actor " << ckn << " to be principal"
+                                << " on " << intfId);
+    if (previous != ckn) Zef::log(actor->defaultActor() ? MKA_FALLBACK_KEY_IN_USE : MKA_KEY_IN_USE, ckn, intfId);
+    actor->principalIs(true);
+    port->principalActorCknIs(ckn);
+  }
+
+  // 4. Only one actor of the port holds a distributed key.
+  for (auto it = port->portStatus()->actorStatusIter(); it; ++it) {
+    if (it.key() != ckn) it->distSakIs(Sak());
+  }
+
+  // 5.
+  TRACE(3, ": Starting actor deletion timer on " << intfId);
+  port->actorDeletionTimer()->timeMinIs(Zef::System::currentTime() + port->status()->actorDelPeriod());
+}
+
+void MkaPortSm::handleNumSuccessActors() {
+  if (!initialized()) return;
+  // The count goes out as a raw byte.
+  TRACE(8, ": " << static_cast<char>(portStatus()->numSuccessActors()) << " successful actors on " << intfId());
+  if (intfStatus()->allowUnprotected() && portStatus()->numSuccessActors() == 0) allowUnprotectedTraffic();
+}
+
+void MkaPortSm::handleTxStaticSak() {
+  if (!initialized()) return;
+  const bool inUse = intfStatus()->staticSakInUse();
+  TRACE(3, " : Static SAK is currently " << inUse << " on " << intfId());
+  if (!inUse) return;
+  // Every new static key moves on to the next association number; the first one is 1.
+  portStatus()->txStaticAnIs(AssociationNumber((portStatus()->txStaticAn() + 1) & 3));
+  TRACE(3, " Current association number is " << portStatus()->txStaticAn());
+  Sak sak;
+  sak.an = portStatus()->txStaticAn();
+  sak.key = intfStatus()->txStaticSak().key;
+  cpStatus()->txSakIs(sak);
+}
+
+void MkaPortSm::handleRxStaticSak() {
+  if (!initialized()) return;
+  const bool inUse = intfStatus()->staticSakInUse();
+  TRACE(3, " : Static SAK is currently " << inUse << " on " << intfId());
+  if (!inUse) return;
+  portStatus()->rxStaticAnIs(AssociationNumber((portStatus()->rxStaticAn() + 1) & 3));
+  TRACE(3, " Current association number is " << portStatus()->rxStaticAn());
+  Sak sak;
+  sak.an = portStatus()->rxStaticAn();
+  sak.key = intfStatus()->rxStaticSak().key;
+  cpStatus()->rxSakIs(sak);
+}
+
+bool MkaPortSm::sakCleared() {
+  TRACE(8, ": " << intfId());
+  if (!cpStatus()->txSak().empty()) {
+    TRACE(3, ": found txSak for " << intfId());
+    return false;
+  }
+  if (cpStatus()->rxSakSize() > 0) {
+    TRACE(3, ": found at least one rxSak for " << intfId());
+    return false;
+  }
+  return true;
+}
+
+void MkaPortSm::allowUnprotectedTraffic() {
+  // All key material leaves the hardware; the port's state stays as it is.
+  TRACE(3, ": Allowing unprotected traffic on" << intfId());
+  cpStatus()->oldSakContextIs(SakContext());
+  cpStatus()->latestSakContextIs(SakContext());
+  cpStatus()->rxSakDelAll();
+  cpStatus()->txSakIs(Sak());
+  for (auto it = portStatus()->actorStatusIter(); it; ++it) it->distSakIs(Sak());
+  cpStatus()->unprotectedTrafficIs(true);
+  Zef::log(MKA_UNPROTECTED_TRAFFIC, intfId());
+}
+
+void MkaPortSm::handleAllowUnprotected() {
+  if (!initialized()) return;
+  if (intfStatus()->staticSakInUse()) {
+    TRACE(3, ": Static SAK configured on " << intfId() << " Unprotected traffic not applicable ");
+    return;
+  }
+  TRACE(8, ": unprotected traffic allowed is " << intfStatus()->allowUnprotected() << " on " << intfId());
+  // While a session runs the setting waits; the last actor's failure applies it.
+  if (portStatus()->numSuccessActors() != 0) return;
+  if (intfStatus()->allowUnprotected()) {
+    allowUnprotectedTraffic();
+    cpStatus()->controlledPortEnabledIs(true);
+    return;
+  }
+  // Taken away: the port closes only if no key owns it.
+  if (sakCleared()) {
+    TRACE(3, ": Disallowing unprotected traffic on " << intfId());
+    cpStatus()->unprotectedTrafficIs(false);
+    cpStatus()->controlledPortEnabledIs(false);
+  }
+}
+
+}  // namespace Macsec
