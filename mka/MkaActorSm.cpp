@@ -234,6 +234,15 @@ void MkaActorSm::parseLivePeerInfo() {
   }
 }
 
+bool MkaActorSm::senderIsLive(const Zef::String& peerId, const char* set, const char* caller) {
+  // A sender that has just become a potential peer cannot deliver key material.
+  if (actorStatus()->livePeerHas(peerId)) return true;
+  ZEF_TRACE_FN(zefTraceHandle(), 3, caller,
+               ": Peer " << peerId << " not in live peer list of actor " << ckn() << " on " << intfId() << ". Ignoring "
+                         << set << " set.");
+  return false;
+}
+
 void MkaActorSm::parseCakDistInfo() {
   ACTOR_ENTRY();
   const Zef::Ptr<MkaInfo const> info = rxMessageInfo()->mkaInfo();
@@ -243,11 +252,7 @@ void MkaActorSm::parseCakDistInfo() {
     TRACE(3, ": No Dist CAK set found in MKPDU from peer " << peerId << " for actor " << ckn() << " on " << intfId());
     return;
   }
-  if (!actorStatus()->livePeerHas(peerId)) {
-    TRACE(3, ": Peer " << peerId << " not in live peer list of actor " << ckn() << " on " << intfId()
-                       << ". Ignoring CAK dist set.");
-    return;
-  }
+  if (!senderIsLive(peerId, "CAK dist", __PRETTY_FUNCTION__)) return;
   if (base.sci != actorStatus()->keyServer()) {
     TRACE(3, ": Received dist CAK from a peer " << peerId << " who is not a key server for actor " << ckn() << " on "
                                                 << intfId());
@@ -266,11 +271,7 @@ void MkaActorSm::parseSakDistInfo() {
     TRACE(3, ": No Dist SAK set found in MKPDU from peer " << peerId << " for actor " << ckn() << " on " << intfId());
     return;
   }
-  if (!actorStatus()->livePeerHas(peerId)) {
-    TRACE(3, ": Peer " << peerId << " not in live peer list of actor " << ckn() << " on " << intfId()
-                       << ". Ignoring SAK dist set.");
-    return;
-  }
+  if (!senderIsLive(peerId, "SAK dist", __PRETTY_FUNCTION__)) return;
   if (base.sci != actorStatus()->keyServer()) {
     TRACE(3, ": Received dist SAK from a peer " << peerId << " who is not a key server for actor " << ckn() << " on "
                                                 << intfId());
@@ -319,11 +320,7 @@ void MkaActorSm::parseSakUseInfo() {
     TRACE(3, ": No SAK USE set present in MKPDU from peer " << peerId << " for actor " << ckn() << " on " << intfId());
     return;
   }
-  if (!actorStatus()->livePeerHas(peerId)) {
-    TRACE(3, ": Peer " << peerId << " not in live peer list of actor " << ckn() << " on " << intfId()
-                       << ". Ignoring SAK use set.");
-    return;
-  }
+  if (!senderIsLive(peerId, "SAK use", __PRETTY_FUNCTION__)) return;
 
   // 3., 4. A follower transmits on the key once its key server does.
   const KeyInfo matched = keyInUse(use, actorStatus()->distSak());

@@ -350,31 +350,33 @@ void MkaPortSm::handleNumSuccessActors() {
   if (intfStatus()->allowUnprotected() && portStatus()->numSuccessActors() == 0) allowUnprotectedTraffic();
 }
 
-void MkaPortSm::handleTxStaticSak() {
-  if (!initialized()) return;
-  const bool inUse = intfStatus()->staticSakInUse();
-  TRACE(3, " : Static SAK is currently " << inUse << " on " << intfId());
-  if (!inUse) return;
-  // Every new static key moves on to the next association number; the first one is 1.
-  portStatus()->txStaticAnIs(AssociationNumber((portStatus()->txStaticAn() + 1) & 3));
-  TRACE(3, " Current association number is " << portStatus()->txStaticAn());
-  Sak sak;
-  sak.an = portStatus()->txStaticAn();
-  sak.key = intfStatus()->txStaticSak().key;
-  cpStatus()->txSakIs(sak);
-}
+void MkaPortSm::handleTxStaticSak() { doProgramStaticSak(true); }
 
-void MkaPortSm::handleRxStaticSak() {
+void MkaPortSm::handleRxStaticSak() { doProgramStaticSak(false); }
+
+void MkaPortSm::doProgramStaticSak(bool transmit) {
+  // Transmit and receive keys each move on their own association number, on their own key's
+  // change; the first static key of a port takes number 1.
   if (!initialized()) return;
   const bool inUse = intfStatus()->staticSakInUse();
   TRACE(3, " : Static SAK is currently " << inUse << " on " << intfId());
   if (!inUse) return;
-  portStatus()->rxStaticAnIs(AssociationNumber((portStatus()->rxStaticAn() + 1) & 3));
-  TRACE(3, " Current association number is " << portStatus()->rxStaticAn());
+  const AssociationNumber previous = transmit ? portStatus()->txStaticAn() : portStatus()->rxStaticAn();
+  const AssociationNumber an((previous + 1) & 3);
+  if (transmit) {
+    portStatus()->txStaticAnIs(an);
+  } else {
+    portStatus()->rxStaticAnIs(an);
+  }
+  TRACE(3, " Current association number is " << an);
   Sak sak;
-  sak.an = portStatus()->rxStaticAn();
-  sak.key = intfStatus()->rxStaticSak().key;
-  cpStatus()->rxSakIs(sak);
+  sak.an = an;
+  sak.key = (transmit ? intfStatus()->txStaticSak() : intfStatus()->rxStaticSak()).key;
+  if (transmit) {
+    cpStatus()->txSakIs(sak);
+  } else {
+    cpStatus()->rxSakIs(sak);
+  }
 }
 
 bool MkaPortSm::sakCleared() {

@@ -113,24 +113,22 @@ TEST_F(PeerElection, NoSessionAcrossDifferentCknsAndASupplicantNeverStands) {
   for (bool offer : aOffers) EXPECT_FALSE(offer);  // a supplicant never offers itself
 
   // With the key in common, the other side is elected; with two supplicants nobody is.
-  Sim::Simulation second(0.0);
-  Sim::Agent& c = second.agentIs("c");
-  Sim::Agent& d = second.agentIs("d");
-  second.linkIs(c, eth1, d, eth1);
-  auto sc = join(c, 0x01, 0, Dot1x::dot1xTypeSupplicant);
-  auto sd = join(d, 0x02, 200, Dot1x::dot1xTypeAuthenticator);
-  second.runFor(20);
+  auto pairOf = [&](uint8_t priorityC, Dot1x::Dot1xType typeC, uint8_t priorityD, Dot1x::Dot1xType typeD) {
+    Sim::Simulation local(0.0);
+    Sim::Agent& c = local.agentIs("c");
+    Sim::Agent& d = local.agentIs("d");
+    local.linkIs(c, eth1, d, eth1);
+    auto sc = join(c, 0x01, priorityC, typeC);
+    auto sd = join(d, 0x02, priorityD, typeD);
+    local.runFor(20);
+    return std::pair{sc, sd};
+  };
+  auto [sc, sd] = pairOf(0, Dot1x::dot1xTypeSupplicant, 200, Dot1x::dot1xTypeAuthenticator);
   EXPECT_FALSE(sc->electedSelf());
   EXPECT_TRUE(sd->electedSelf());
   EXPECT_EQ(sc->keyServer(), (Sci{mac(0x02), 1}));
 
-  Sim::Simulation third(0.0);
-  Sim::Agent& e = third.agentIs("e");
-  Sim::Agent& f = third.agentIs("f");
-  third.linkIs(e, eth1, f, eth1);
-  auto se = join(e, 0x01, 16, Dot1x::dot1xTypeSupplicant);
-  auto sf = join(f, 0x02, 16, Dot1x::dot1xTypeSupplicant);
-  third.runFor(20);
+  auto [se, sf] = pairOf(16, Dot1x::dot1xTypeSupplicant, 16, Dot1x::dot1xTypeSupplicant);
   EXPECT_EQ(se->livePeerSize(), 1u);
   EXPECT_TRUE(se->keyServer().isZero());
   EXPECT_FALSE(se->success());
