@@ -10,6 +10,9 @@ packages=(
   libgtest-dev libgmock-dev googletest  # tests
   libbenchmark-dev   # benchmarks
   clang-format       # the format check
+  clang libclang-rt-14-dev  # the fuzzer of the MKPDU decoder (libFuzzer)
+  tshark             # an independent dissector that checks our MKPDU bytes
+  python3-cryptography  # an independent check of ICVs and key wrap
 )
 
 missing=()

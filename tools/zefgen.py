@@ -88,8 +88,8 @@ class ZefError(Exception):
 # --------------------------------------------------------------------------------------------
 # Parsing
 
-ENTITY_KINDS = {"ctor", "value", "counter", "child", "values", "entities"}
-SM_KINDS = {"arg", "data", "reactor", "timer", "sm", "sms", "reactors"}
+ENTITY_KINDS = {"ctor", "value", "counter", "child", "values", "entities", "member"}
+SM_KINDS = {"arg", "data", "reactor", "timer", "sm", "sms", "reactors", "member"}
 CLAUSES = [" = ", " by ", " keyof ", " -> ", " ondelete "]
 
 
@@ -367,7 +367,7 @@ class Emitter:
         hw(f"  class NotifieeConst : public Zef::NotifieeConstOf<{t.name}> {{")
         hw("   public:")
         for a in t.attrs:
-            if a.kind == "ctor":
+            if a.kind in ("ctor", "member"):
                 continue
             if a.kind in ("values", "entities"):
                 hw(f"    virtual void on{a.cap}({param_type(a.key)}) {{}}")
@@ -420,6 +420,12 @@ class Emitter:
         cw("}")
         cw("")
         self.factories(t, params, args)
+
+    def entity_member(self, t, a):
+        """Private storage for the hand-written methods: no accessor, no notification."""
+
+    def sm_member(self, t, a):
+        """Private storage for the hand-written methods: no accessor."""
 
     def entity_ctor(self, t, a):
         if a.name == "name" and a.type == "Zef::Name":
@@ -919,7 +925,7 @@ class Emitter:
 
     def storage(self, a):
         """The member that holds an attribute of an entity or a state machine."""
-        if a.kind in ("ctor", "value", "counter", "data"):
+        if a.kind in ("ctor", "value", "counter", "data", "member"):
             init = f" = {a.default}" if a.default is not None else "{}"
             return f"{a.type} {a.name}_{init}"
         if a.kind in ("child", "sm"):

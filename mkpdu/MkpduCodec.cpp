@@ -1,0 +1,118 @@
+#include "mkpdu/MkpduCodec.h"
+
+#include <cstring>
+
+#include "platform/Trace.h"
+
+ZEF_TRACE_MODULE("Macsec")
+
+namespace Macsec {
+
+void MkpduCodec::handleInitialized() {
+  TRACE(8, "");
+  initializedIs(true);
+  txMessageIs(pamManager()->txMessageInfo());
+  for (auto it = pamManager()->mkaIntfIter(); it; ++it) handleMkaIntf(it.key());
+}
+
+void MkpduCodec::handleMkaIntf(const Lanx::IntfId& intfId) {
+  if (!initialized()) return;
+  TRACE(8, ": intf " << intfId);
+  if (pamManager()->mkaIntfHas(intfId)) {
+    // An access point for the interface, watched for frames, and its counters.
+    pamIs(intfId, pamCollection()->pamIs(intfId));
+    pamManager()->rxPamCounterIs(intfId);
+    pamManager()->txPamCounterIs(intfId);
+    return;
+  }
+  pamDel(intfId);
+  pamCollection()->pamDel(intfId);
+  replay_.erase(intfId);
+}
+
+void MkpduCodec::ZefPam::handleReadable() {
+  MkpduCodec* codec = owner();
+  if (codec == nullptr) return;
+  const Zef::Ptr<Lanx::Pkt> pkt = notifier()->rxPkt();
+  if (!pkt) {
+    TRACE(3, ": Error receiving packet");
+    return;
+  }
+  const std::string frame = pkt->bytes();
+  codec->receive(key(), reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
+}
+
+std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const Zef::String& ckn) const {
+  const Zef::Ptr<MkaPortStatus const> port = Zef::Ptr<Status const>(status())->portStatus(intfId);
+  const Zef::Ptr<IntfStatus const> intf = Zef::Ptr<Status const>(status())->intfStatus(intfId);
+  if (!port || !intf) return std::nullopt;
+  const Zef::Ptr<MkaActorStatus const> actor = port->actorStatus(ckn);
+  if (!actor || actor->ick().empty()) return std::nullopt;
+  return ActorKeys{actor->ick(), actor->kek(), intf->cipherSuite()};
+}
+
+DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, const uint8_t* frame, size_t length) {
+  const Zef::Ptr<MkaPamCounter> counter = pamManager()->rxPamCounter(intfId);
+  DecodedMkpdu message;
+  DecodeResult result = decodeMkpdu(
+      frame, length, [&](const Zef::String& ckn) { return actorKeys(intfId, ckn); }, message);
+  // Each member's numbers must grow: an MKPDU heard again is dropped.
+  if (result == DecodeResult::accepted &&
+      !replay_[intfId].accept(message.baseInfo.ckn.stdString() + message.baseInfo.msgId.stdString(),
+                              message.baseInfo.msgNum)) {
+    result = DecodeResult::replayed;
+  }
+  if (result != DecodeResult::accepted) {
+    TRACE(3, ": Dropping MKPDU on " << intfId << ": " << decodeResultText(result));
+    if (counter) counter->failureInc(1);
+    return result;
+  }
+  if (counter) counter->successInc(1);
+
+  // Into the one received-message object; every actor sees it before this call returns.
+  const Zef::Ptr<MkaMessageInfo>& rx = pamManager()->rxMessageInfo();
+  rx->intfIdIs(intfId);
+  const Zef::Ptr<MkaInfo> info = rx->mkaInfoIs();
+  info->baseInfoIs(message.baseInfo);
+  info->sakUseInfoIs(message.sakUseInfo);
+  info->sakDistInfoIs(message.sakDistInfo);
+  info->cakDistInfoIs(message.cakDistInfo);
+  rx->livePeerDelAll();
+  rx->potentialPeerDelAll();
+  for (const auto& [id, number] : message.livePeers) rx->livePeerIs(id, number);
+  for (const auto& [id, number] : message.potentialPeers) rx->potentialPeerIs(id, number);
+  rx->countInc(1);
+  return DecodeResult::accepted;
+}
+
+void MkpduCodec::handleTransmit() {
+  if (!initialized()) return;
+  const Zef::Ptr<MkaMessageInfo const> tx = txMessage();
+  const Lanx::IntfId intfId = tx->intfId();
+  const Zef::Ptr<MkaPamCounter> counter = pamManager()->txPamCounter(intfId);
+  const Zef::Ptr<Lanx::Pam> pam = pamCollection()->pam(intfId);
+  const Zef::Ptr<MkaInfo const> info = tx->mkaInfo();
+  const Zef::Ptr<MkaPortStatus const> port = Zef::Ptr<Status const>(status())->portStatus(intfId);
+  const std::optional<ActorKeys> keys = info ? actorKeys(intfId, info->baseInfo().ckn) : std::nullopt;
+  DecodedMkpdu message;
+  std::string frame;
+  if (info) {
+    message.baseInfo = info->baseInfo();
+    message.sakUseInfo = info->sakUseInfo();
+    message.sakDistInfo = info->sakDistInfo();
+    message.cakDistInfo = info->cakDistInfo();
+    for (auto it = tx->livePeerIter(); it; ++it) message.livePeers.emplace_back(it.key(), it.value());
+    for (auto it = tx->potentialPeerIter(); it; ++it) message.potentialPeers.emplace_back(it.key(), it.value());
+  }
+  if (!pam || !port || !keys || !encodeMkpdu(message, port->mySci().addr, *keys, frame)) {
+    TRACE(3, ": Cannot send MKPDU on " << intfId);
+    if (counter) counter->failureInc(1);
+    return;
+  }
+  const Zef::Ptr<Lanx::Pkt> pkt = Lanx::globalPktManager().newPkt();
+  std::memcpy(pkt->newHeadData(frame.size()), frame.data(), frame.size());
+  pam->txPkt(pkt);
+  if (counter) counter->successInc(1);
+}
+
+}  // namespace Macsec

@@ -1,0 +1,384 @@
+#include "mkpdu/MkpduCoding.h"
+
+#include <openssl/crypto.h>
+
+#include <cstring>
+
+#include "mkpdu/MkaPdu.h"
+#include "model/CloakLib.h"
+#include "model/Crypto.h"
+
+namespace Macsec {
+
+namespace {
+
+using C = MacsecConstants;
+constexpr size_t kHeader = C::eapolMinSize;
+constexpr size_t kIcv = C::sizeOfIcv;
+constexpr size_t kMi = C::sizeOfMemberIdentifier;
+
+uint16_t be16(const uint8_t* p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
+uint32_t be32(const uint8_t* p) { return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3]; }
+
+void put8(std::string& out, uint8_t v) { out.push_back(static_cast<char>(v)); }
+void put16(std::string& out, uint16_t v) {
+  put8(out, static_cast<uint8_t>(v >> 8));
+  put8(out, static_cast<uint8_t>(v));
+}
+void put32(std::string& out, uint32_t v) {
+  put16(out, static_cast<uint16_t>(v >> 16));
+  put16(out, static_cast<uint16_t>(v));
+}
+void put64(std::string& out, uint64_t v) {
+  put32(out, static_cast<uint32_t>(v >> 32));
+  put32(out, static_cast<uint32_t>(v));
+}
+void putBytes(std::string& out, const uint8_t* p, size_t n) { out.append(reinterpret_cast<const char*>(p), n); }
+void padTo4(std::string& out) {
+  while (out.size() % C::mkaWordAlignment != 0) put8(out, 0);
+}
+
+size_t padded(size_t n) { return (n + 3) & ~size_t{3}; }
+
+// A member identifier's 12 octets as its text; all zeros, as an empty key slot sends it, is no
+// identifier.
+Zef::String miText(const uint8_t* p) {
+  static const uint8_t zeros[kMi] = {};
+  return std::memcmp(p, zeros, kMi) == 0 ? Zef::String() : bytesToHex(p, kMi);
+}
+
+// The 12 octets of a member identifier text; an empty text is all zeros.
+bool putMi(std::string& out, const Zef::String& mi) {
+  if (mi.empty()) {
+    out.append(kMi, '\0');
+    return true;
+  }
+  KeyBytes bytes;
+  if (!hexToBytes(mi.view(), bytes) || bytes.size() != kMi) return false;
+  putBytes(out, bytes.data(), kMi);
+  return true;
+}
+
+// The clear octets of a stored key; wiped when the result goes.
+KeyBytes clearKey(const Zef::String& stored) {
+  Zef::String clear = CloakLib::doDecodeKey(stored);
+  KeyBytes bytes;
+  if (!hexToBytes(clear.view(), bytes)) bytes = KeyBytes();
+  clear.zeroStringDataUnsafe();
+  return bytes;
+}
+
+// Key octets in stored form, as the engine holds them.
+Zef::String storedKey(const KeyBytes& clear) {
+  Zef::String text = bytesToHex(clear.data(), clear.size());
+  Zef::String stored = CloakLib::doEncodeKey(text);
+  text.zeroStringDataUnsafe();
+  return stored;
+}
+
+size_t wrappedLength(CipherSuite cipher) {
+  return cipher == cipherSuiteGcmAes256 ? C::sizeOfWrapped256BitKey : C::sizeOfWrapped128BitKey;
+}
+
+CipherSuite cipherOfReference(uint64_t reference) {
+  if (reference == C::gcmAes128CipherSuiteRefNo) return cipherSuiteGcmAes128;
+  if (reference == C::gcmAes256CipherSuiteRefNo) return cipherSuiteGcmAes256;
+  return cipherSuiteNone;  // a suite this engine does not run: the actor refuses the key
+}
+
+DecodeResult decodePeerList(const uint8_t* body, size_t length, std::vector<std::pair<Zef::String, uint32_t>>& peers) {
+  if (length % C::sizeOfPeerInfo != 0) return DecodeResult::badParameterSet;
+  for (size_t at = 0; at < length; at += C::sizeOfPeerInfo)
+    peers.emplace_back(bytesToHex(body + at, kMi), be32(body + at + kMi));
+  return DecodeResult::accepted;
+}
+
+DecodeResult decodeSakUse(const uint8_t* set, size_t length, SakUseInfo& use) {
+  if (length == 0) return DecodeResult::accepted;  // present but empty
+  if (length != C::sakUseParameterSetBodyLen) return DecodeResult::badParameterSet;
+  const auto* overlay = reinterpret_cast<const SakUseSet*>(set);
+  const SakUseAnAndOffset& an = overlay->sakUseAnAndOffset;
+  const SakUsePlainTxAndLengthSet& flags = overlay->sakUsePlainTxAndLengthSet;
+  use.latestKey = KeyInfo{an.latestKeyAN(),
+                          an.latestKeyTx(),
+                          an.latestKeyRx(),
+                          miText(overlay->latestKeyServerMemberIdentifier),
+                          overlay->latestKeyNumber.value(),
+                          overlay->llpn.value()};
+  use.oldKey = KeyInfo{an.oldKeyAN(),
+                       an.oldKeyTx(),
+                       an.oldKeyRx(),
+                       miText(overlay->oldKeyServerMemberIdentifier),
+                       overlay->oldKeyNumber.value(),
+                       overlay->olpn.value()};
+  use.plainTx = flags.plainTx();
+  use.plainRx = flags.plainRx();
+  use.delayProtect = flags.delayProtect();
+  return DecodeResult::accepted;
+}
+
+DecodeResult decodeDistSak(const uint8_t* set, size_t length, const ActorKeys& keys, SakDistInfo& dist) {
+  if (length == 0) return DecodeResult::accepted;  // no key: traffic in the clear
+  const auto* overlay = reinterpret_cast<const DistSakSet*>(set);
+  size_t keyOffset = 8;  // after the header and the key number; 8 more with a cipher suite
+  CipherSuite cipher = cipherSuiteGcmAes128;
+  size_t wrapped = C::sizeOfWrapped128BitKey;
+  if (length == C::distSakParameterSet128BitKeyBodyLen || length == C::distSakParameterSet256BitKeyBodyLen) {
+    keyOffset += C::sizeOfCipherSuiteParam;
+    cipher = cipherOfReference(overlay->cipherSuite.value());
+    wrapped = length == C::distSakParameterSet256BitKeyBodyLen ? C::sizeOfWrapped256BitKey : C::sizeOfWrapped128BitKey;
+  } else if (length != C::distSakBodyLenWithoutCipherSuiteInfo) {
+    return DecodeResult::badParameterSet;
+  }
+  const KeyBytes kek = clearKey(keys.kek);
+  const KeyBytes sak = aesKeyUnwrap(kek, set + keyOffset, wrapped);
+  if (sak.empty()) return DecodeResult::badKeyWrap;
+  dist.distributedAN = overlay->distSakAnAndOffset.distributedAN();
+  dist.confidentialityOffset = overlay->distSakAnAndOffset.confidentialityOffset();
+  dist.keyNumber = overlay->keyNumber.value();
+  dist.cipherSuite = cipher;
+  dist.wrappedSak = storedKey(sak);
+  return DecodeResult::accepted;
+}
+
+DecodeResult decodeDistCak(const uint8_t* set, size_t length, const ActorKeys& keys, CakDistInfo& dist) {
+  const size_t wrapped = wrappedLength(keys.cipherSuite);
+  if (length < wrapped || length - wrapped > 32) return DecodeResult::badParameterSet;
+  const KeyBytes kek = clearKey(keys.kek);
+  const KeyBytes cak = aesKeyUnwrap(kek, set + C::parameterSetHeaderSize, wrapped);
+  if (cak.empty()) return DecodeResult::badKeyWrap;
+  dist.cak = storedKey(cak);
+  dist.ckn = bytesToHex(set + C::parameterSetHeaderSize + wrapped, length - wrapped);
+  return DecodeResult::accepted;
+}
+
+}  // namespace
+
+const char* decodeResultText(DecodeResult result) {
+  switch (result) {
+    case DecodeResult::accepted:
+      return "accepted";
+    case DecodeResult::tooShort:
+      return "too short";
+    case DecodeResult::notMka:
+      return "not an MKPDU";
+    case DecodeResult::badVersion:
+      return "unsupported version";
+    case DecodeResult::badBodyLength:
+      return "body length disagrees with the frame";
+    case DecodeResult::badParameterSet:
+      return "malformed parameter set";
+    case DecodeResult::badCkn:
+      return "bad CKN length";
+    case DecodeResult::unknownCkn:
+      return "unknown CKN";
+    case DecodeResult::badIcv:
+      return "ICV does not verify";
+    case DecodeResult::badKeyWrap:
+      return "distributed key does not unwrap";
+    case DecodeResult::unsupported:
+      return "unsupported algorithm agility";
+    case DecodeResult::replayed:
+      return "replayed member number";
+  }
+  return "unknown";
+}
+
+DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& keys, DecodedMkpdu& out) {
+  // The EAPOL header.
+  if (frame == nullptr || length < kHeader + C::mkpduMinSize) return DecodeResult::tooShort;
+  const auto* eapol = reinterpret_cast<const Eapol*>(frame);
+  if (std::memcmp(eapol->dst, C::paeGroupAddress.data(), 6) != 0 || eapol->ethType.value() != C::eapolEthType ||
+      eapol->eapolType != EapolType::eapMka) {
+    return DecodeResult::notMka;
+  }
+  if (eapol->version < C::eapolVersion) return DecodeResult::badVersion;
+  const size_t bodyLength = eapol->bodyLen.value();
+  if (bodyLength != length - kHeader || bodyLength % C::mkaWordAlignment != 0 || bodyLength < C::mkpduMinSize + kIcv) {
+    return DecodeResult::badBodyLength;
+  }
+  const uint8_t* body = frame + kHeader;
+  const size_t setsEnd = bodyLength - kIcv;
+
+  // The basic parameter set and its CKN.
+  const auto* basic = reinterpret_cast<const BasicParameterSet*>(body);
+  if (basic->version == 0 || basic->version > 3) return DecodeResult::badVersion;
+  const size_t basicLength = basic->basicParameterSetPart.parameterSetBodyLength();
+  if (basicLength < C::basicParameterSetBodyLen) return DecodeResult::badParameterSet;
+  const size_t cknLength = basicLength - C::basicParameterSetBodyLen;
+  if (cknLength == 0 || cknLength > 32) return DecodeResult::badCkn;
+  if (C::parameterSetHeaderSize + padded(basicLength) > setsEnd) return DecodeResult::badParameterSet;
+  if (basic->algorithmAgility.value() != C::mkaAlgorithmAgility) return DecodeResult::unsupported;
+  const Zef::String ckn = bytesToHex(body + sizeof(BasicParameterSet), cknLength);
+  const std::optional<ActorKeys> actor = keys(ckn);
+  if (!actor) return DecodeResult::unknownCkn;
+
+  // The ICV covers everything from the destination address up to the ICV itself.
+  const KeyBytes ick = clearKey(actor->ick);
+  const KeyBytes icv = aesCmac(ick, frame, kHeader + setsEnd);
+  if (icv.size() != kIcv || CRYPTO_memcmp(icv.data(), body + setsEnd, kIcv) != 0) return DecodeResult::badIcv;
+
+  DecodedMkpdu message;
+  BasicInfo& base = message.baseInfo;
+  base.keyServerPriority = basic->keyServerPriority;
+  base.keyServer = basic->basicParameterSetPart.keyServer();
+  base.macsecDesired = basic->basicParameterSetPart.macsecDesired();
+  base.macsecCapability = basic->basicParameterSetPart.macsecCapability();
+  base.sci = Sci{basic->sci.address(), basic->sci.portId.value()};
+  base.msgId = bytesToHex(basic->memberIdentifier, kMi);
+  base.msgNum = basic->messageNumber.value();
+  base.ckn = ckn;
+
+  // The other sets, each on a 4-octet boundary; unknown types are stepped over.
+  for (size_t at = C::parameterSetHeaderSize + padded(basicLength); at < setsEnd;) {
+    if (setsEnd - at < C::parameterSetHeaderSize) return DecodeResult::badParameterSet;
+    const uint8_t* set = body + at;
+    const uint8_t type = set[0];
+    const size_t setLength = be16(set + 2) & 0x0fff;
+    // An ICV indicator closes the chain: its body is the ICV itself.
+    if (type == icvIndicatorParameterSetType) {
+      if (at + C::parameterSetHeaderSize != setsEnd) return DecodeResult::badParameterSet;
+      break;
+    }
+    if (C::parameterSetHeaderSize + padded(setLength) > setsEnd - at) return DecodeResult::badParameterSet;
+    const uint8_t* setBody = set + C::parameterSetHeaderSize;
+    DecodeResult result = DecodeResult::accepted;
+    switch (type) {
+      case livePeerParameterSetType:
+        result = decodePeerList(setBody, setLength, message.livePeers);
+        break;
+      case potentialPeerParameterSetType:
+        result = decodePeerList(setBody, setLength, message.potentialPeers);
+        break;
+      case sakUseParameterSetType:
+        result = decodeSakUse(set, setLength, message.sakUseInfo);
+        break;
+      case distSakParameterSetType:
+        result = decodeDistSak(set, setLength, *actor, message.sakDistInfo);
+        break;
+      case distCakParameterSetType:
+        result = decodeDistCak(set, setLength, *actor, message.cakDistInfo);
+        break;
+      default:
+        break;
+    }
+    if (result != DecodeResult::accepted) return result;
+    at += C::parameterSetHeaderSize + padded(setLength);
+  }
+  out = std::move(message);
+  return DecodeResult::accepted;
+}
+
+bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const ActorKeys& keys, std::string& frame) {
+  const BasicInfo& base = message.baseInfo;
+  KeyBytes ckn;
+  if (!hexToBytes(base.ckn.view(), ckn) || ckn.empty() || ckn.size() > 32) return false;
+
+  // The basic parameter set, with the CKN padded to 4 octets.
+  std::string body;
+  put8(body, C::mkaVersion);
+  put8(body, base.keyServerPriority);
+  BasicParameterSetPart part;
+  part.keyServerIs(base.keyServer);
+  part.macsecDesiredIs(base.macsecDesired);
+  part.macsecCapabilityIs(base.macsecCapability);
+  part.parameterSetBodyLengthIs(static_cast<uint16_t>(C::basicParameterSetBodyLen + ckn.size()));
+  put16(body, part.value());
+  putBytes(body, base.sci.addr.data(), 6);
+  put16(body, base.sci.portId);
+  if (!putMi(body, base.msgId)) return false;
+  put32(body, base.msgNum);
+  put32(body, C::mkaAlgorithmAgility);
+  putBytes(body, ckn.data(), ckn.size());
+  padTo4(body);
+
+  // The peer lists, each only when it has members.
+  for (auto [type, peers] : {std::pair{livePeerParameterSetType, &message.livePeers},
+                             std::pair{potentialPeerParameterSetType, &message.potentialPeers}}) {
+    if (peers->empty()) continue;
+    put8(body, type);
+    put8(body, 0);
+    put16(body, static_cast<uint16_t>(peers->size() * C::sizeOfPeerInfo));
+    for (const auto& [id, number] : *peers) {
+      if (!putMi(body, id)) return false;
+      put32(body, number);
+    }
+  }
+
+  // The SAK use set, unless it is the default.
+  const SakUseInfo& use = message.sakUseInfo;
+  if (use != SakUseInfo()) {
+    put8(body, sakUseParameterSetType);
+    SakUseAnAndOffset an;
+    an.latestKeyANIs(use.latestKey.an);
+    an.latestKeyTxIs(use.latestKey.tx);
+    an.latestKeyRxIs(use.latestKey.rx);
+    an.oldKeyANIs(use.oldKey.an);
+    an.oldKeyTxIs(use.oldKey.tx);
+    an.oldKeyRxIs(use.oldKey.rx);
+    put8(body, an.value());
+    SakUsePlainTxAndLengthSet flags;
+    flags.plainTxIs(use.plainTx);
+    flags.plainRxIs(use.plainRx);
+    flags.delayProtectIs(use.delayProtect);
+    flags.parameterSetBodyLengthIs(C::sakUseParameterSetBodyLen);
+    put16(body, flags.value());
+    for (const KeyInfo* key : {&use.latestKey, &use.oldKey}) {
+      if (!putMi(body, key->mi)) return false;
+      put32(body, key->keyNum);
+      put32(body, key->lpn);
+    }
+  }
+
+  // The distributed SAK set, unless it is the default: the key wrapped with the KEK, with the
+  // cipher suite only when it is not the default one.
+  const SakDistInfo& dist = message.sakDistInfo;
+  if (dist != SakDistInfo()) {
+    const KeyBytes sak = clearKey(dist.wrappedSak);
+    const KeyBytes wrapped = aesKeyWrap(clearKey(keys.kek), sak);
+    if (wrapped.empty()) return false;
+    const bool withSuite = dist.cipherSuite != cipherSuiteGcmAes128;
+    put8(body, distSakParameterSetType);
+    DistSakAnAndOffset an;
+    an.distributedANIs(dist.distributedAN);
+    an.confidentialityOffsetIs(dist.confidentialityOffset);
+    put8(body, an.value());
+    put16(body, static_cast<uint16_t>(4 + (withSuite ? C::sizeOfCipherSuiteParam : 0) + wrapped.size()));
+    put32(body, dist.keyNumber);
+    if (withSuite) {
+      put64(body, dist.cipherSuite == cipherSuiteGcmAes256 ? C::gcmAes256CipherSuiteRefNo : C::nullCipherSuiteRefNo);
+    }
+    putBytes(body, wrapped.data(), wrapped.size());
+  }
+
+  // The distributed CAK set, unless it is the default.
+  const CakDistInfo& cakDist = message.cakDistInfo;
+  if (cakDist != CakDistInfo()) {
+    KeyBytes name;
+    const KeyBytes wrapped = aesKeyWrap(clearKey(keys.kek), clearKey(cakDist.cak));
+    if (wrapped.empty() || !hexToBytes(cakDist.ckn.view(), name) || name.size() > 32) return false;
+    put8(body, distCakParameterSetType);
+    put8(body, 0);
+    put16(body, static_cast<uint16_t>(wrapped.size() + name.size()));
+    putBytes(body, wrapped.data(), wrapped.size());
+    putBytes(body, name.data(), name.size());
+    padTo4(body);
+  }
+
+  // The EAPOL header, and the ICV over all of it.
+  std::string out;
+  putBytes(out, C::paeGroupAddress.data(), 6);
+  putBytes(out, source.data(), 6);
+  put16(out, C::eapolEthType);
+  put8(out, C::eapolVersion);
+  put8(out, EapolType::eapMka);
+  put16(out, static_cast<uint16_t>(body.size() + kIcv));
+  out += body;
+  const KeyBytes icv = aesCmac(clearKey(keys.ick), reinterpret_cast<const uint8_t*>(out.data()), out.size());
+  if (icv.size() != kIcv) return false;
+  putBytes(out, icv.data(), icv.size());
+  frame = std::move(out);
+  return true;
+}
+
+}  // namespace Macsec

@@ -1,0 +1,322 @@
+#include "mkpdu/MkpduCodec.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+#include "mkpdu/MkaPdu.h"
+#include "model/CloakLib.h"
+#include "model/Crypto.h"
+#include "platform/Exception.h"
+
+namespace Macsec {
+namespace {
+
+// The published 128-bit CAK/CKN vector: ICK and KEK below.
+constexpr const char* kCkn = "96437a93ccf10d9dfe347846cce52c7d";
+constexpr const char* kIck = "8f1c5cb1c8ed2e5f047906e0473aad4d";
+constexpr const char* kKek = "8f5a384c15d6ae9302b462e363d03ca6";
+
+std::string hexOf(const std::string& bytes) {
+  return bytesToHex(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()).stdString();
+}
+
+ActorKeys keys128() {
+  return ActorKeys{CloakLib::doEncodeKey(kIck), CloakLib::doEncodeKey(kKek), cipherSuiteGcmAes128};
+}
+
+KeyLookup lookupOf(const ActorKeys& keys) {
+  return [keys](const Zef::String& ckn) -> std::optional<ActorKeys> {
+    if (ckn == kCkn) return keys;
+    return std::nullopt;
+  };
+}
+
+// A message of a key server with one live peer, a SAK in use and a SAK in distribution.
+DecodedMkpdu typicalMessage(CipherSuite cipher = cipherSuiteGcmAes128) {
+  DecodedMkpdu m;
+  m.baseInfo = BasicInfo{
+      16, true, true, 2, Sci{Lanx::EthAddr::fromText("00:1c:73:00:00:01"), 1}, "0102030405060708090a0b0c", 7, kCkn};
+  m.livePeers = {{"a1a2a3a4a5a6a7a8a9aaabac", 5}};
+  m.sakUseInfo.latestKey = KeyInfo{1, false, true, "0102030405060708090a0b0c", 2, 0};
+  m.sakUseInfo.oldKey = KeyInfo{0, true, true, "0102030405060708090a0b0c", 1, 100};
+  m.sakUseInfo.delayProtect = true;
+  const char* sak = cipher == cipherSuiteGcmAes256 ? "00112233445566778899aabbccddeeff00112233445566778899aabbccddeeff"
+                                                   : "00112233445566778899aabbccddeeff";
+  m.sakDistInfo = SakDistInfo{1, 0, 2, cipher, CloakLib::doEncodeKey(sak)};
+  return m;
+}
+
+// Stored keys differ each time they are encoded: compare the clear keys instead.
+void expectSameMessage(const DecodedMkpdu& a, const DecodedMkpdu& b) {
+  EXPECT_EQ(a.baseInfo, b.baseInfo);
+  EXPECT_EQ(a.sakUseInfo, b.sakUseInfo);
+  EXPECT_EQ(a.livePeers, b.livePeers);
+  EXPECT_EQ(a.potentialPeers, b.potentialPeers);
+  SakDistInfo da = a.sakDistInfo;
+  SakDistInfo db = b.sakDistInfo;
+  EXPECT_EQ(CloakLib::doDecodeKey(da.wrappedSak), CloakLib::doDecodeKey(db.wrappedSak));
+  da.wrappedSak = db.wrappedSak = Zef::String();
+  EXPECT_EQ(da, db);
+}
+
+TEST(MkpduCoding, AFrameForFixedInputsHasTheBytesOfTheStandard) {
+  DecodedMkpdu m;
+  m.baseInfo = BasicInfo{
+      16, true,      true, 2, Sci{Lanx::EthAddr::fromText("00:1c:73:00:00:01"), 1}, "0102030405060708090a0b0c",
+      7,  "11223344"};
+  m.potentialPeers = {{"a1a2a3a4a5a6a7a8a9aaabac", 5}};
+  std::string frame;
+  ASSERT_TRUE(encodeMkpdu(m, Lanx::EthAddr::fromText("00:1c:73:00:00:01"), keys128(), frame));
+  const std::string expected =
+      "0180c2000003"  // to the PAE group address
+      "001c73000001"  // from the interface
+      "888e"
+      "03"
+      "05"
+      "0048"  // EAPOL version 3, MKA, body of 72 octets
+      "01"
+      "10"
+      "e020"  // MKA version 1, priority 16; key server, desired, capability 2, 32
+      "001c73000001"
+      "0001"  // SCI
+      "0102030405060708090a0b0c"
+      "00000007"  // member identifier and number
+      "0080c201"  // algorithm agility
+      "11223344"  // the CKN, 4 octets: no padding
+      "02"
+      "00"
+      "0010"  // potential peer list, one entry
+      "a1a2a3a4a5a6a7a8a9aaabac"
+      "00000005";                      // its member identifier and number
+  ASSERT_EQ(frame.size(), 18u + 72u);  // basic set 36, potential peers 20, ICV 16
+  EXPECT_EQ(hexOf(frame.substr(0, frame.size() - 16)), expected);
+  // The ICV: AES-CMAC with the ICK over everything before it.
+  KeyBytes ick;
+  hexToBytes(kIck, ick);
+  const KeyBytes icv = aesCmac(ick, reinterpret_cast<const uint8_t*>(frame.data()), frame.size() - 16);
+  EXPECT_EQ(hexOf(frame.substr(frame.size() - 16)), bytesToHex(icv.data(), icv.size()).stdString());
+}
+
+TEST(MkpduCoding, DecodingAnEncodedMessageGivesItBack) {
+  for (CipherSuite cipher : {cipherSuiteGcmAes128, cipherSuiteGcmAes256}) {
+    SCOPED_TRACE(cipher);
+    ActorKeys keys = keys128();
+    keys.cipherSuite = cipher;
+    if (cipher == cipherSuiteGcmAes256) {
+      keys.kek = CloakLib::doEncodeKey("71340e454c84a1232aa7977d5ed86f78f250f3f9d53584b9337ff0c6dfdc9f96");
+    }
+    DecodedMkpdu m = typicalMessage(cipher);
+    m.potentialPeers = {{"b1b2b3b4b5b6b7b8b9babbbc", 9}, {"c1c2c3c4c5c6c7c8c9cacbcc", 0}};
+    m.cakDistInfo = CakDistInfo{
+        "0102", CloakLib::doEncodeKey(cipher == cipherSuiteGcmAes256 ? std::string(64, 'a') : std::string(32, 'b'))};
+    std::string frame;
+    ASSERT_TRUE(encodeMkpdu(m, m.baseInfo.sci.addr, keys, frame));
+    // The distributed SAK set: 28 octets for the default suite, 52 with the 256-bit suite named.
+    DecodedMkpdu back;
+    ASSERT_EQ(decodeMkpdu(reinterpret_cast<const uint8_t*>(frame.data()), frame.size(), lookupOf(keys), back),
+              DecodeResult::accepted);
+    expectSameMessage(back, m);
+    EXPECT_EQ(back.cakDistInfo.ckn, "0102");
+    EXPECT_EQ(CloakLib::doDecodeKey(back.cakDistInfo.cak), CloakLib::doDecodeKey(m.cakDistInfo.cak));
+  }
+}
+
+// A frame changed by `edit`, with its ICV made good again when `reseal` is set, so that the
+// change itself is what the decoder sees.
+std::string edited(std::function<void(std::string&)> edit, bool reseal,
+                   const DecodedMkpdu& message = typicalMessage()) {
+  std::string frame;
+  EXPECT_TRUE(encodeMkpdu(message, Lanx::EthAddr::fromText("00:1c:73:00:00:01"), keys128(), frame));
+  edit(frame);
+  if (reseal && frame.size() >= 18 + 16) {
+    KeyBytes ick;
+    hexToBytes(kIck, ick);
+    const KeyBytes icv = aesCmac(ick, reinterpret_cast<const uint8_t*>(frame.data()), frame.size() - 16);
+    frame.replace(frame.size() - 16, 16, reinterpret_cast<const char*>(icv.data()), 16);
+  }
+  return frame;
+}
+
+DecodedMkpdu basicOnly() {
+  DecodedMkpdu m;
+  m.baseInfo = typicalMessage().baseInfo;
+  return m;
+}
+
+void setBodyLength(std::string& f, size_t length) {
+  f[16] = static_cast<char>(length >> 8);
+  f[17] = static_cast<char>(length);
+}
+
+// The codec of an agent with one interface and an actor of the test CKN.
+class Codec : public ::testing::Test {
+ protected:
+  Codec() {
+    status->intfStatusIs(eth1, MacsecParams());
+    Zef::Ptr<MkaPortStatus> port = status->portStatusIs(eth1);
+    port->mySciIs(Sci{Lanx::EthAddr::fromText("00:1c:73:00:00:02"), 1});
+    Zef::Ptr<MkaActorStatus> actor = port->actorStatusIs(kCkn);
+    actor->ickIs(CloakLib::doEncodeKey(kIck));
+    actor->kekIs(CloakLib::doEncodeKey(kKek));
+    pamManager->mkaIntfIs(eth1);
+  }
+  DecodeResult feed(const std::string& frame) {
+    return codec->receive(eth1, reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
+  }
+
+  const Lanx::IntfId eth1{"eth1"};
+  Zef::Ptr<Status> status = Status::StatusIs();
+  Zef::Ptr<Interface::EthDevPamCollection> pams = Interface::EthDevPamCollection::EthDevPamCollectionIs("pams");
+  Zef::Ptr<MkaPamManager> pamManager = MkaPamManager::MkaPamManagerIs(pams);
+  Zef::Ptr<MkpduCodec> codec = MkpduCodec::MkpduCodecIs(status, pamManager, pams);
+};
+
+TEST_F(Codec, MalformedFramesAreRefusedAndCountedAndChangeNothing) {
+  struct Row {
+    const char* what;
+    std::string frame;
+    DecodeResult result;
+  };
+  const std::string good = edited([](std::string&) {}, false);
+  const Row rows[] = {
+      {"empty", std::string(), DecodeResult::tooShort},
+      {"short", good.substr(0, 49), DecodeResult::tooShort},
+      {"truncated", good.substr(0, good.size() - 4), DecodeResult::badBodyLength},
+      {"long", good + std::string(4, '\0'), DecodeResult::badBodyLength},
+      {"another EtherType", edited([](std::string& f) { f[13] = 0x00; }, true), DecodeResult::notMka},
+      {"another EAPOL type", edited([](std::string& f) { f[15] = 0x00; }, true), DecodeResult::notMka},
+      {"an individual destination", edited([](std::string& f) { f[0] = 0x00; }, true), DecodeResult::notMka},
+      {"EAPOL version 2", edited([](std::string& f) { f[14] = 2; }, true), DecodeResult::badVersion},
+      {"MKA version 0", edited([](std::string& f) { f[18] = 0; }, true), DecodeResult::badVersion},
+      {"body length not a multiple of 4", edited([](std::string& f) { setBodyLength(f, f.size() - 18 - 2); }, true),
+       DecodeResult::badBodyLength},
+      {"basic set longer than the body", edited([](std::string& f) { f[21] = 28 + 32; }, true, basicOnly()),
+       DecodeResult::badParameterSet},
+      {"CKN of 33 octets",
+       edited(
+           [](std::string& f) {
+             f[20] = static_cast<char>((f[20] & 0xf0) | 0x00);
+             f[21] = 61;
+           },
+           true),
+       DecodeResult::badCkn},
+      {"another algorithm", edited([](std::string& f) { f[18 + 31] = 0x02; }, true), DecodeResult::unsupported},
+      {"a CKN no actor has", edited([](std::string& f) { f[18 + 32] ^= 0x01; }, true), DecodeResult::unknownCkn},
+      {"bad ICV", edited([](std::string& f) { f[f.size() - 1] ^= 0x01; }, false), DecodeResult::badIcv},
+      {"changed without a new ICV", edited([](std::string& f) { f[18 + 27] ^= 0x01; }, false), DecodeResult::badIcv},
+      {"peer list of 15 octets", edited([](std::string& f) { f[18 + 48 + 3] = 15; }, true),
+       DecodeResult::badParameterSet},
+      {"peer list past the body", edited([](std::string& f) { f[18 + 48 + 2] = 0x0f; }, true),
+       DecodeResult::badParameterSet},
+      {"SAK use set of 36 octets", edited([](std::string& f) { f[18 + 68 + 3] = 36; }, true),
+       DecodeResult::badParameterSet},
+      {"wrapped SAK changed", edited([](std::string& f) { f[18 + 112 + 10] ^= 0x01; }, true), DecodeResult::badKeyWrap},
+  };
+  Zef::Ptr<MkaMessageInfo> rx = pamManager->rxMessageInfo();
+  Zef::Ptr<MkaPamCounter> counter = pamManager->rxPamCounter(eth1);
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    const uint32_t failures = counter->failure();
+    const uint32_t count = rx->count();
+    const DecodeResult result = feed(row.frame);
+    EXPECT_EQ(result, row.result) << decodeResultText(result);
+    EXPECT_EQ(counter->failure(), failures + 1);
+    EXPECT_EQ(rx->count(), count);
+  }
+  EXPECT_EQ(counter->success(), 0u);
+
+  // The good frame passes once; heard again, it is a replay.
+  EXPECT_EQ(feed(good), DecodeResult::accepted);
+  EXPECT_EQ(rx->count(), 1u);
+  EXPECT_EQ(rx->mkaInfo()->baseInfo().msgNum, 7u);
+  EXPECT_EQ(rx->livePeer("a1a2a3a4a5a6a7a8a9aaabac"), 5u);
+  EXPECT_EQ(feed(good), DecodeResult::replayed);
+  EXPECT_EQ(rx->count(), 1u);
+  EXPECT_EQ(counter->success(), 1u);
+}
+
+TEST_F(Codec, TransmitBuildsTheFrameOfTheActorAndSendsItOnTheInterface) {
+  std::vector<std::string> sent;
+  pams->pam(eth1)->transmitterIs([&](const Zef::Ptr<Lanx::Pkt>& pkt) { sent.push_back(pkt->bytes()); });
+  const DecodedMkpdu m = typicalMessage();
+  Zef::Ptr<MkaMessageInfo> tx = pamManager->txMessageInfo();
+  tx->intfIdIs(eth1);
+  Zef::Ptr<MkaInfo> info = tx->mkaInfoIs();
+  info->baseInfoIs(m.baseInfo);
+  info->sakUseInfoIs(m.sakUseInfo);
+  info->sakDistInfoIs(m.sakDistInfo);
+  tx->livePeerIs("a1a2a3a4a5a6a7a8a9aaabac", 5);
+  tx->countInc(1);
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(hexOf(sent[0].substr(6, 6)), "001c73000002");  // from the interface's own address
+  DecodedMkpdu back;
+  ASSERT_EQ(decodeMkpdu(reinterpret_cast<const uint8_t*>(sent[0].data()), sent[0].size(), lookupOf(keys128()), back),
+            DecodeResult::accepted);
+  expectSameMessage(back, m);
+  EXPECT_EQ(pamManager->txPamCounter(eth1)->success(), 1u);
+
+  // A message for a CKN that no actor has any more cannot be sent.
+  BasicInfo base = m.baseInfo;
+  base.ckn = "ffff";
+  info->baseInfoIs(base);
+  tx->countInc(1);
+  EXPECT_EQ(sent.size(), 1u);
+  EXPECT_EQ(pamManager->txPamCounter(eth1)->failure(), 1u);
+}
+
+TEST(MkaPdu, BitFieldsChangeOnlyTheirOwnBitsAndReadBackTheirText) {
+  BasicParameterSetPart part;
+  part.parameterSetBodyLengthIs(28);
+  part.keyServerIs(true);
+  EXPECT_EQ(part.value(), 0x801C);
+  part.parameterSetBodyLengthIs(0x1234);
+  EXPECT_EQ(part.value(), 0x8234);
+  part.macsecCapabilityIs(2);
+  EXPECT_EQ(part.value(), 0xA234);
+  EXPECT_EQ(part.v0(), 0xA2);
+  EXPECT_EQ(part.v1(), 0x34);
+  EXPECT_EQ(bits16Text("BasicParameterSetPart", part),
+            "Value('Macsec::BasicParameterSetPart', ** {'v0': 162, 'v1': 52})");
+  BasicParameterSetPart back;
+  bits16FromText("BasicParameterSetPart", bits16Text("BasicParameterSetPart", part), back);
+  EXPECT_EQ(back.value(), part.value());
+  EXPECT_THROW(bits16FromText("BasicParameterSetPart", "Value('Macsec::BasicParameterSetPart', ** {'v1': 3})", back),
+               Zef::RangeException);
+
+  SakUseAnAndOffset an;
+  an.latestKeyANIs(3);
+  an.latestKeyTxIs(true);
+  an.oldKeyANIs(1);
+  an.oldKeyRxIs(true);
+  EXPECT_EQ(an.value(), 0xE5);
+  DistSakAnAndOffset dist;
+  dist.distributedANIs(2);
+  dist.confidentialityOffsetIs(1);
+  EXPECT_EQ(dist.value(), 0x90);
+
+  SciParameterSet sci{};
+  sci.addressIs(Lanx::EthAddr::fromText("00:1c:73:00:00:01"));
+  sci.portId.valueIs(7);
+  const std::string text = sciParameterSetText(sci);
+  EXPECT_EQ(text, "Value('Macsec::SciParameterSet', ** {'addr': 00:1c:73:00:00:01, 'portId': 7})");
+  EXPECT_EQ(sciParameterSetFromText(text).portId.value(), 7);
+  try {
+    sciParameterSetFromText("Value('Macsec::SciParameterSet', ** {'addr': 00:1c:73:00:00:01})");
+    ADD_FAILURE();
+  } catch (const Zef::RangeException& e) {
+    EXPECT_NE(std::string(e.what()).find("portId"), std::string::npos);
+  }
+
+  try {
+    EapolType(9);
+    ADD_FAILURE();
+  } catch (const Zef::RangeException& e) {
+    EXPECT_STREQ(e.what(), "EapolType::type < 0 or > 8 not allowed");
+  }
+  EXPECT_EQ(parameterSetTypesFromText("sakUseParameterSetType"), sakUseParameterSetType);
+}
+
+}  // namespace
+}  // namespace Macsec
