@@ -1,6 +1,7 @@
 #include "platform/Log.h"
 
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 
 #include "platform/Clock.h"
@@ -16,6 +17,8 @@ LogSink& installedSink() {
   static LogSink sink;
   return sink;
 }
+
+const char* currentSource = "";
 
 int countPlaceholders(std::string_view format) {
   int count = 0;
@@ -73,6 +76,7 @@ LogHandle::LogHandle(String name, LogSeverity severity, String format, String ex
 
 bool LogHandle::okToLog(uint32_t hash) {
   if (minInterval_ <= 0) return true;
+  hash ^= hashBytes(currentSource, std::strlen(currentSource));
   const double now = System::currentTime();
   auto [it, inserted] = lastLogged_.try_emplace(hash, now);
   if (!inserted) {
@@ -86,13 +90,19 @@ bool LogHandle::okToLog(uint32_t hash) {
 }
 
 void LogHandle::log(uint32_t, const String* strings, int count) {
-  const LogRecord record{this, System::currentTimeUtc(), fillIn(format_.view(), strings, count)};
+  const LogRecord record{this, System::currentTimeUtc(), fillIn(format_.view(), strings, count), currentSource};
   if (const LogSink& sink = installedSink()) {
     sink(record);
+  } else if (*currentSource) {
+    std::cerr << currentSource << " " << name_ << ": " << record.text << '\n';
   } else {
     std::cerr << name_ << ": " << record.text << '\n';
   }
 }
+
+void logSourceIs(const char* source) { currentSource = source ? source : ""; }
+
+const char* logSource() { return currentSource; }
 
 void logSinkIs(LogSink sink) { installedSink() = std::move(sink); }
 

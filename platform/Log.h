@@ -68,7 +68,14 @@ struct LogRecord {
   const LogHandle* handle;
   double time;  // Zef::System::currentTimeUtc()
   std::string text;
+  const char* source;  // who speaks: the log source when the message was written, or ""
 };
+
+// Names who speaks from now on: a process that runs several engines (a simulation of many
+// switches) sets the engine whose event it is processing. Each source has its own rate-limit
+// history. Null or empty is the process itself.
+void logSourceIs(const char* source);
+const char* logSource();
 
 using LogSink = std::function<void(const LogRecord&)>;
 

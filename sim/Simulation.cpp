@@ -1,8 +1,11 @@
 #include "sim/Simulation.h"
 
+#include <cstdlib>
+#include <cstring>
 #include <limits>
 
 #include "model/CloakLib.h"
+#include "platform/Log.h"
 
 namespace Sim {
 
@@ -32,6 +35,31 @@ bool Link::joins(const Agent* agent, const Lanx::IntfId& intf) const {
     if (end.agent == agent && end.intfId == intf) return true;
   }
   return false;
+}
+
+void Link::sendFrame(const Agent* from, const Lanx::IntfId& intf, const std::string& frame) {
+  sim_.capture(frame);
+  if (cut_) {
+    ++lost_;
+    return;
+  }
+  std::uniform_real_distribution<double> draw(0.0, 1.0);
+  if (loss_ > 0 && draw(sim_.random_) < loss_) {
+    ++lost_;
+    return;
+  }
+  const bool duplicate = duplication_ > 0 && draw(sim_.random_) < duplication_;
+  for (const End& to : ends_) {
+    if (to.agent == from && to.intfId == intf) continue;
+    std::string carried = frame;
+    if (corruption_ > 0 && draw(sim_.random_) < corruption_ && !carried.empty()) {
+      const size_t bit = std::uniform_int_distribution<size_t>(0, carried.size() * 8 - 1)(sim_.random_);
+      carried[bit / 8] = static_cast<char>(carried[bit / 8] ^ (1 << (bit % 8)));
+    }
+    const double delay = delay_ + (jitter_ > 0 ? draw(sim_.random_) * jitter_ : 0.0);
+    sim_.scheduleFrame(this, to.agent, to.intfId, carried, delay);
+    if (duplicate) sim_.scheduleFrame(this, to.agent, to.intfId, carried, delay);
+  }
 }
 
 void Link::send(const Agent* from, const Lanx::IntfId& intf, const Message& message) {
@@ -65,6 +93,12 @@ Agent::Agent(Simulation& sim, std::string name)
       emulator_(Macsec::HwEmulator::HwEmulatorIs(status_, hwStatus_)),
       txReactor_(new TxReactor(pamManager_->txMessageInfo(), this)) {
   status_->macsecEnabledIs(true);
+  if (sim.wire() == Wire::bytes) {
+    pams_ = Interface::EthDevPamCollection::EthDevPamCollectionIs("pamCollection");
+    pamManager_ = Macsec::MkaPamManager::MkaPamManagerIs(pams_);
+    txReactor_ = Zef::Ptr<TxReactor>(new TxReactor(pamManager_->txMessageInfo(), this));
+    codec_ = Macsec::MkpduCodec::MkpduCodecIs(status_, pamManager_, pams_);
+  }
 }
 
 void Agent::hardwareLatencyIs(double seconds) {
@@ -89,6 +123,14 @@ void Agent::portIs(const Lanx::IntfId& intf, const PortConfig& config) {
   status_->cpStatusIs(intf, config.params);
   status_->portStatusIs(intf)->mySciIs(Macsec::Sci{config.mac, config.portId});
   hwStatus_->statusIs(slice_->statusIs(intf));
+  if (codec_) {
+    // The codec opens an access point for the interface; what it sends goes on the link.
+    pamManager_->mkaIntfIs(intf);
+    pams_->pam(intf)->transmitterIs([this, intf](const Zef::Ptr<Lanx::Pkt>& pkt) {
+      if (muted_) return;
+      if (Link* link = sim_.linkOf(this, intf)) link->sendFrame(this, intf, pkt->bytes());
+    });
+  }
   if (config.runPort) {
     ports_[intf] = Macsec::MkaPortSm::MkaPortSmIs(intf, status_, pamManager_, hwStatus_, wheel_);
   }
@@ -159,7 +201,17 @@ void Agent::transmit() {
   for (auto it = tx->livePeerIter(); it; ++it) message.livePeers.emplace_back(it.key(), it.value());
   for (auto it = tx->potentialPeerIter(); it; ++it) message.potentialPeers.emplace_back(it.key(), it.value());
   if (sim_.tap_) sim_.tap_(*this, message);
+  // Over bytes, the codec sends the frame.
+  if (codec_) return;
   if (Link* link = sim_.linkOf(this, tx->intfId())) link->send(this, tx->intfId(), message);
+}
+
+void Agent::deliverFrame(const Lanx::IntfId& intf, const std::string& frame) {
+  const Zef::Ptr<Lanx::Pam> pam = pams_ ? pams_->pam(intf) : nullptr;
+  if (!pam) return;
+  const Zef::Ptr<Lanx::Pkt> pkt = Lanx::globalPktManager().newPkt();
+  std::memcpy(pkt->newHeadData(frame.size()), frame.data(), frame.size());
+  pam->rxPktIs(pkt);
 }
 
 void Agent::deliver(const Message& message) {
@@ -177,11 +229,65 @@ void Agent::deliver(const Message& message) {
   rx->countInc(1);
 }
 
-Simulation::Simulation(double start, uint32_t seed) : clock_(start), scoped_(clock_), random_(seed) {}
+namespace {
+
+Wire wireFromEnvironment() {
+  const char* wire = std::getenv("MKA_SIM_WIRE");
+  return wire && std::string_view(wire) == "bytes" ? Wire::bytes : Wire::decoded;
+}
+
+}  // namespace
+
+Simulation::Simulation(double start, uint32_t seed) : Simulation(start, seed, wireFromEnvironment()) {}
+
+Simulation::Simulation(double start, uint32_t seed, Wire wire)
+    : wire_(wire), clock_(start), scoped_(clock_), random_(seed) {}
 
 Simulation::~Simulation() {
   // Agents go before the clock that their timers read.
   agents_.clear();
+  Zef::logSourceIs(nullptr);
+  if (pcap_) std::fclose(pcap_);
+}
+
+template <class F>
+void Simulation::as(const Agent* agent, F&& work) {
+  Zef::logSourceIs(agent ? agent->name().c_str() : nullptr);
+  work();
+  Zef::logSourceIs(nullptr);
+}
+
+bool Simulation::pcapIs(const std::string& path) {
+  if (pcap_) std::fclose(pcap_);
+  pcap_ = std::fopen(path.c_str(), "wb");
+  if (!pcap_) return false;
+  // The classic pcap header: microsecond stamps, Ethernet frames.
+  const uint32_t magic = 0xa1b2c3d4;
+  const uint16_t major = 2, minor = 4;
+  const int32_t zone = 0;
+  const uint32_t sigfigs = 0, snaplen = 65535, linktype = 1;
+  std::fwrite(&magic, 4, 1, pcap_);
+  std::fwrite(&major, 2, 1, pcap_);
+  std::fwrite(&minor, 2, 1, pcap_);
+  std::fwrite(&zone, 4, 1, pcap_);
+  std::fwrite(&sigfigs, 4, 1, pcap_);
+  std::fwrite(&snaplen, 4, 1, pcap_);
+  std::fwrite(&linktype, 4, 1, pcap_);
+  return true;
+}
+
+void Simulation::capture(const std::string& frame) {
+  if (!pcap_) return;
+  const double utc = clock_.utcTime();
+  const uint32_t seconds = static_cast<uint32_t>(utc);
+  const uint32_t micros = static_cast<uint32_t>((utc - seconds) * 1e6);
+  const uint32_t length = static_cast<uint32_t>(frame.size());
+  std::fwrite(&seconds, 4, 1, pcap_);
+  std::fwrite(&micros, 4, 1, pcap_);
+  std::fwrite(&length, 4, 1, pcap_);
+  std::fwrite(&length, 4, 1, pcap_);
+  std::fwrite(frame.data(), 1, frame.size(), pcap_);
+  std::fflush(pcap_);  // readable while the simulation runs
 }
 
 Agent& Simulation::agentIs(const std::string& name) {
@@ -212,7 +318,21 @@ void Simulation::schedule(Link* link, Agent* to, const Message& message, double 
     }
     ++link->carried_;
     ++deliveries_;
-    to->deliver(message);
+    as(to, [&] { to->deliver(message); });
+  });
+}
+
+void Simulation::scheduleFrame(Link* link, Agent* to, const Lanx::IntfId& intf, const std::string& frame,
+                               double delay) {
+  const uint64_t generation = link->generation_;
+  after(delay, [this, link, generation, to, intf, frame] {
+    if (link->cut_ || generation != link->generation_) {
+      ++link->lost_;
+      return;
+    }
+    ++link->carried_;
+    ++deliveries_;
+    as(to, [&] { to->deliverFrame(intf, frame); });
   });
 }
 
@@ -241,7 +361,9 @@ void Simulation::runUntil(double t) {
       continue;
     }
     for (const auto& [name, agent] : agents_) {
-      if (agent->wheel()->serviceOneTimer()) {
+      bool fired = false;
+      as(agent.get(), [&] { fired = agent->wheel()->serviceOneTimer(); });
+      if (fired) {
         if (observer_) observer_();
         break;
       }

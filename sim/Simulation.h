@@ -7,6 +7,7 @@
 // cut. The loop moves one virtual clock to the next timer or delivery.
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <memory>
@@ -18,6 +19,7 @@
 #include "hw/HwEmulator.h"
 #include "mka/MkaActorSm.h"
 #include "mka/MkaPortSm.h"
+#include "mkpdu/MkpduCodec.h"
 #include "model/HwStatus.h"
 #include "model/MacsecInternalTypes.h"
 #include "model/Status.h"
@@ -28,6 +30,10 @@ namespace Sim {
 
 class Simulation;
 class Agent;
+
+// How links carry MKPDUs: in the engine's decoded form, or as real frames that each agent's codec
+// encodes and decodes.
+enum class Wire { decoded, bytes };
 
 // One MKPDU in decoded form, as it travels.
 struct Message {
@@ -78,6 +84,10 @@ class Link {
   // seeded random source.
   void lossIs(double probability) { loss_ = probability; }
   void duplicationIs(double probability) { duplication_ = probability; }
+  // Over bytes only: the share of frames with one bit flipped, and a random extra delay of up to
+  // `seconds` per frame, which lets frames overtake each other.
+  void corruptionIs(double probability) { corruption_ = probability; }
+  void jitterIs(double seconds) { jitter_ = seconds; }
   // A cut link delivers nothing, in either direction, until it is mended; messages already on
   // the wire are lost.
   void cutIs(bool cut);
@@ -86,8 +96,9 @@ class Link {
   uint64_t lost() const noexcept { return lost_; }
 
   bool joins(const Agent* agent, const Lanx::IntfId& intf) const;
-  // Puts a message sent at one end on its way to the other.
+  // Puts a message (or a frame) sent at one end on its way to the others.
   void send(const Agent* from, const Lanx::IntfId& intf, const Message& message);
+  void sendFrame(const Agent* from, const Lanx::IntfId& intf, const std::string& frame);
 
  private:
   friend class Simulation;
@@ -96,6 +107,8 @@ class Link {
   double delay_;
   double loss_ = 0;
   double duplication_ = 0;
+  double corruption_ = 0;
+  double jitter_ = 0;
   bool cut_ = false;
   uint64_t generation_ = 0;  // messages sent before the last cut carry an older generation
   uint64_t carried_ = 0;
@@ -140,6 +153,9 @@ class Agent {
 
   // Hands a decoded message to the agent's actors, as its codec would.
   void deliver(const Message& message);
+  // Hands a frame to the access point of an interface (over bytes).
+  void deliverFrame(const Lanx::IntfId& intf, const std::string& frame);
+  const Zef::Ptr<Macsec::MkpduCodec>& codec() const noexcept { return codec_; }
   uint64_t sent() const noexcept { return sent_; }
 
  private:
@@ -154,6 +170,8 @@ class Agent {
   Zef::Ptr<Macsec::MacSecIntfStatusPtrDir> hwStatus_;
   Zef::Ptr<Macsec::MacSecStatus> slice_;
   Zef::Ptr<Macsec::HwEmulator> emulator_;
+  Zef::Ptr<Interface::EthDevPamCollection> pams_;
+  Zef::Ptr<Macsec::MkpduCodec> codec_;
   Zef::Ptr<TxReactor> txReactor_;
   std::map<std::pair<Lanx::IntfId, Zef::String>, Zef::Ptr<Macsec::MkaActorSm>> actors_;
   std::map<Lanx::IntfId, Zef::Ptr<Macsec::MkaPortSm>> ports_;
@@ -163,13 +181,19 @@ class Agent {
 
 class Simulation {
  public:
+  // The wire defaults to decoded messages, or to bytes when the environment variable
+  // MKA_SIM_WIRE is "bytes", so that every scenario can run both ways.
   explicit Simulation(double start = 0.0, uint32_t seed = 1);
+  Simulation(double start, uint32_t seed, Wire wire);
   ~Simulation();
 
   Agent& agentIs(const std::string& name);
   Agent& agent(const std::string& name) { return *agents_.at(name); }
   Link& linkIs(Agent& a, const Lanx::IntfId& intfA, Agent& b, const Lanx::IntfId& intfB, double delay = 0.001);
 
+  Wire wire() const noexcept { return wire_; }
+  // Writes every frame put on a link to a pcap file (over bytes), stamped with virtual time.
+  bool pcapIs(const std::string& path);
   double now() const { return clock_.monotonicTime(); }
   Zef::System::VirtualClock& clock() { return clock_; }
   // Runs every delivery and timer due up to `t`, in time order, and leaves the clock at `t`.
@@ -198,10 +222,17 @@ class Simulation {
   };
   Link* linkOf(const Agent* agent, const Lanx::IntfId& intf) const;
   void schedule(Link* link, Agent* to, const Message& message, double delay);
+  void scheduleFrame(Link* link, Agent* to, const Lanx::IntfId& intf, const std::string& frame, double delay);
+  void capture(const std::string& frame);
+  // Runs one agent's work with the log naming the agent.
+  template <class F>
+  void as(const Agent* agent, F&& work);
   double nextEvent() const;
 
+  Wire wire_;
   Zef::System::VirtualClock clock_;
   Zef::System::ScopedClock scoped_;
+  std::FILE* pcap_ = nullptr;
   std::mt19937 random_;
   std::map<std::string, std::unique_ptr<Agent>> agents_;
   std::vector<std::unique_ptr<Link>> links_;
