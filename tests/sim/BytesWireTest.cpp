@@ -76,7 +76,8 @@ TEST_F(BytesWire, EveryFrameOnTheLinksGoesToThePcapFile) {
   const std::string path = ::testing::TempDir() + "/bytes-wire.pcap";
   ASSERT_TRUE(sim.pcapIs(path));
   sim.runFor(10);
-  const uint64_t sent = rx(a)->success() + rx(b)->success();
+  const uint64_t sent =
+      a.pamManager()->txPamCounter(eth1)->success() + b.pamManager()->txPamCounter(eth1)->success();
   std::ifstream in(path, std::ios::binary);
   std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   ASSERT_GE(bytes.size(), 24u);
