@@ -2,10 +2,12 @@
 
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 30
 JOBS       ?= $(shell nproc)
 CMAKE      := cmake -G Ninja -DMKA_WERROR=ON
 
-.PHONY: all deps build build-asan test run bench format format-check clean
+.PHONY: all deps build build-asan fuzz test run bench format format-check clean
 
 all: build
 
@@ -20,12 +22,22 @@ build-asan: deps
 	@$(CMAKE) -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DMKA_SANITIZE=ON > /dev/null
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 
-test: format-check build build-asan
+# The MKPDU decoder under libFuzzer, with ASan and UBSan, from the seed corpus, for a bounded time.
+fuzz: deps
+	@CC=clang CXX=clang++ $(CMAKE) -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=Debug -DMKA_SANITIZE=ON -DMKA_FUZZ=ON \
+	  -DMKA_BENCH=OFF > /dev/null
+	@cmake --build $(FUZZ_BUILD) --target mkpdu_fuzz -j $(JOBS)
+	@rm -rf $(FUZZ_BUILD)/corpus && cp -r tests/fuzz/corpus $(FUZZ_BUILD)/corpus
+	@$(FUZZ_BUILD)/mkpdu_fuzz -max_total_time=$(FUZZ_SECONDS) $(FUZZ_BUILD)/corpus > $(FUZZ_BUILD)/fuzz.log 2>&1 \
+	  || (tail -n 40 $(FUZZ_BUILD)/fuzz.log; echo "the fuzzer found a fault"; exit 1)
+	@tail -n 1 $(FUZZ_BUILD)/fuzz.log
+
+test: format-check build build-asan fuzz
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 	ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
 
 run: build
-	$(BUILD)/mka-runtime-demo
+	$(BUILD)/mkasim --pcap $(BUILD)/mkasim.pcap
 
 bench: build
 	$(BUILD)/mka_bench
@@ -39,4 +51,4 @@ format-check: deps
 	@clang-format --dry-run --Werror $(SOURCES)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

@@ -79,7 +79,7 @@ void BM_RxDispatchToManyActors(benchmark::State& state) {
   const int actors = static_cast<int>(state.range(0));
   for (int i = 0; i < actors; ++i) {
     Sim::PortConfig config;
-    config.mac = Lanx::EthAddr({0, 0x1c, 0x73, 0, static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
+    config.mac = Lanx::EthAddr({2, 0, 0, 0, static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
     agent.portIs(intfNumber(i), config);
     agent.actorIs(intfNumber(i), kCkn, kCak);
   }
@@ -109,7 +109,7 @@ void BM_PeriodicTransmit(benchmark::State& state) {
   sim.linkIs(a, eth1, b, eth1);
   for (auto [agent, last] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
     Sim::PortConfig config;
-    config.mac = Lanx::EthAddr({0, 0x1c, 0x73, 0, 0, static_cast<uint8_t>(last)});
+    config.mac = Lanx::EthAddr({2, 0, 0, 0, 0, static_cast<uint8_t>(last)});
     agent->portIs(eth1, config);
     agent->actorIs(eth1, kCkn, kCak);
   }
@@ -131,8 +131,8 @@ void BM_Harness256LinksFor60Seconds(benchmark::State& state) {
       sim.linkIs(a, intfNumber(i), b, intfNumber(i));
       for (auto [agent, side] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
         Sim::PortConfig config;
-        config.mac = Lanx::EthAddr(
-            {0, 0x1c, 0x73, static_cast<uint8_t>(side), static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
+        config.mac =
+            Lanx::EthAddr({2, 0, 0, static_cast<uint8_t>(side), static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
         agent->portIs(intfNumber(i), config);
         agent->actorIs(intfNumber(i), kCkn, kCak);
       }

@@ -25,8 +25,8 @@ void build(Sim::Simulation& sim, int links, double hardwareLatency) {
     sim.linkIs(a, intfNumber(i), b, intfNumber(i));
     for (auto [agent, side] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
       Sim::PortConfig config;
-      config.mac = Lanx::EthAddr(
-          {0, 0x1c, 0x73, static_cast<uint8_t>(side), static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
+      config.mac =
+          Lanx::EthAddr({2, 0, 0, static_cast<uint8_t>(side), static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
       config.runPort = true;
       agent->portIs(intfNumber(i), config);
       agent->keyIs(intfNumber(i), kKey);

@@ -54,7 +54,7 @@ struct Sci {
 
   bool isZero() const noexcept { return addr.isZero() && portId == 0; }
   uint32_t hash() const noexcept;
-  // Parses "00:1c:73:00:00:01::1". Throws Zef::RangeException naming the missing piece.
+  // Parses "02:00:00:00:00:01::1". Throws Zef::RangeException naming the missing piece.
   static Sci fromText(std::string_view text);
   bool operator==(const Sci&) const noexcept = default;
   std::strong_ordering operator<=>(const Sci&) const noexcept = default;

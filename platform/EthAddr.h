@@ -10,12 +10,12 @@
 namespace Lanx {
 
 // A 48-bit Ethernet address. The default is the all-zero address. Its text form is six pairs of
-// lower-case hexadecimal digits joined by ':', as in "00:1c:73:0a:0b:0c".
+// lower-case hexadecimal digits joined by ':', as in "02:00:00:0a:0b:0c".
 class EthAddr {
  public:
   constexpr EthAddr() noexcept = default;
   constexpr explicit EthAddr(const std::array<uint8_t, 6>& bytes) noexcept : bytes_(bytes) {}
-  // Parses the text form; also takes '-' as the separator and the dotted "001c.730a.0b0c" form.
+  // Parses the text form; also takes '-' as the separator and the dotted "0200.000a.0b0c" form.
   // Throws Zef::RangeException naming the text if it is not an address.
   static EthAddr fromText(std::string_view text);
   // The same without throwing; returns false and leaves `out` alone for bad text.

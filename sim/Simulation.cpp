@@ -360,9 +360,10 @@ void Simulation::runUntil(double t) {
       if (observer_) observer_();
       continue;
     }
-    for (const auto& [name, agent] : agents_) {
+    for (const auto& entry : agents_) {
+      Agent* agent = entry.second.get();
       bool fired = false;
-      as(agent.get(), [&] { fired = agent->wheel()->serviceOneTimer(); });
+      as(agent, [&] { fired = agent->wheel()->serviceOneTimer(); });
       if (fired) {
         if (observer_) observer_();
         break;

@@ -19,7 +19,7 @@ namespace Macsec::Testing {
 inline constexpr const char* kCkn = "96437a93ccf10d9dfe347846cce52c7d";
 inline constexpr const char* kCak = "135bd758b0ee5c11c55ff6ab19fdb199";
 
-inline Lanx::EthAddr mac(uint8_t last) { return Lanx::EthAddr({0x00, 0x1c, 0x73, 0x00, 0x00, last}); }
+inline Lanx::EthAddr mac(uint8_t last) { return Lanx::EthAddr({0x02, 0x00, 0x00, 0x00, 0x00, last}); }
 
 // Does for one actor what the port state machine does: the actor is principal while its session
 // is up, and each new key moves the port's next association number on. Both happen inside the

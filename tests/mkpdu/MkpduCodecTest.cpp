@@ -37,7 +37,7 @@ KeyLookup lookupOf(const ActorKeys& keys) {
 DecodedMkpdu typicalMessage(CipherSuite cipher = cipherSuiteGcmAes128) {
   DecodedMkpdu m;
   m.baseInfo = BasicInfo{
-      16, true, true, 2, Sci{Lanx::EthAddr::fromText("00:1c:73:00:00:01"), 1}, "0102030405060708090a0b0c", 7, kCkn};
+      16, true, true, 2, Sci{Lanx::EthAddr::fromText("02:00:00:00:00:01"), 1}, "0102030405060708090a0b0c", 7, kCkn};
   m.livePeers = {{"a1a2a3a4a5a6a7a8a9aaabac", 5}};
   m.sakUseInfo.latestKey = KeyInfo{1, false, true, "0102030405060708090a0b0c", 2, 0};
   m.sakUseInfo.oldKey = KeyInfo{0, true, true, "0102030405060708090a0b0c", 1, 100};
@@ -64,14 +64,14 @@ void expectSameMessage(const DecodedMkpdu& a, const DecodedMkpdu& b) {
 TEST(MkpduCoding, AFrameForFixedInputsHasTheBytesOfTheStandard) {
   DecodedMkpdu m;
   m.baseInfo = BasicInfo{
-      16, true,      true, 2, Sci{Lanx::EthAddr::fromText("00:1c:73:00:00:01"), 1}, "0102030405060708090a0b0c",
+      16, true,      true, 2, Sci{Lanx::EthAddr::fromText("02:00:00:00:00:01"), 1}, "0102030405060708090a0b0c",
       7,  "11223344"};
   m.potentialPeers = {{"a1a2a3a4a5a6a7a8a9aaabac", 5}};
   std::string frame;
-  ASSERT_TRUE(encodeMkpdu(m, Lanx::EthAddr::fromText("00:1c:73:00:00:01"), keys128(), frame));
+  ASSERT_TRUE(encodeMkpdu(m, Lanx::EthAddr::fromText("02:00:00:00:00:01"), keys128(), frame));
   const std::string expected =
       "0180c2000003"  // to the PAE group address
-      "001c73000001"  // from the interface
+      "020000000001"  // from the interface
       "888e"
       "03"
       "05"
@@ -79,7 +79,7 @@ TEST(MkpduCoding, AFrameForFixedInputsHasTheBytesOfTheStandard) {
       "01"
       "10"
       "e020"  // MKA version 1, priority 16; key server, desired, capability 2, 32
-      "001c73000001"
+      "020000000001"
       "0001"  // SCI
       "0102030405060708090a0b0c"
       "00000007"  // member identifier and number
@@ -128,7 +128,7 @@ TEST(MkpduCoding, DecodingAnEncodedMessageGivesItBack) {
 std::string edited(std::function<void(std::string&)> edit, bool reseal,
                    const DecodedMkpdu& message = typicalMessage()) {
   std::string frame;
-  EXPECT_TRUE(encodeMkpdu(message, Lanx::EthAddr::fromText("00:1c:73:00:00:01"), keys128(), frame));
+  EXPECT_TRUE(encodeMkpdu(message, Lanx::EthAddr::fromText("02:00:00:00:00:01"), keys128(), frame));
   edit(frame);
   if (reseal && frame.size() >= 18 + 16) {
     KeyBytes ick;
@@ -156,7 +156,7 @@ class Codec : public ::testing::Test {
   Codec() {
     status->intfStatusIs(eth1, MacsecParams());
     Zef::Ptr<MkaPortStatus> port = status->portStatusIs(eth1);
-    port->mySciIs(Sci{Lanx::EthAddr::fromText("00:1c:73:00:00:02"), 1});
+    port->mySciIs(Sci{Lanx::EthAddr::fromText("02:00:00:00:00:02"), 1});
     Zef::Ptr<MkaActorStatus> actor = port->actorStatusIs(kCkn);
     actor->ickIs(CloakLib::doEncodeKey(kIck));
     actor->kekIs(CloakLib::doEncodeKey(kKek));
@@ -250,7 +250,7 @@ TEST_F(Codec, TransmitBuildsTheFrameOfTheActorAndSendsItOnTheInterface) {
   tx->livePeerIs("a1a2a3a4a5a6a7a8a9aaabac", 5);
   tx->countInc(1);
   ASSERT_EQ(sent.size(), 1u);
-  EXPECT_EQ(hexOf(sent[0].substr(6, 6)), "001c73000002");  // from the interface's own address
+  EXPECT_EQ(hexOf(sent[0].substr(6, 6)), "020000000002");  // from the interface's own address
   DecodedMkpdu back;
   ASSERT_EQ(decodeMkpdu(reinterpret_cast<const uint8_t*>(sent[0].data()), sent[0].size(), lookupOf(keys128()), back),
             DecodeResult::accepted);
@@ -297,13 +297,13 @@ TEST(MkaPdu, BitFieldsChangeOnlyTheirOwnBitsAndReadBackTheirText) {
   EXPECT_EQ(dist.value(), 0x90);
 
   SciParameterSet sci{};
-  sci.addressIs(Lanx::EthAddr::fromText("00:1c:73:00:00:01"));
+  sci.addressIs(Lanx::EthAddr::fromText("02:00:00:00:00:01"));
   sci.portId.valueIs(7);
   const std::string text = sciParameterSetText(sci);
-  EXPECT_EQ(text, "Value('Macsec::SciParameterSet', ** {'addr': 00:1c:73:00:00:01, 'portId': 7})");
+  EXPECT_EQ(text, "Value('Macsec::SciParameterSet', ** {'addr': 02:00:00:00:00:01, 'portId': 7})");
   EXPECT_EQ(sciParameterSetFromText(text).portId.value(), 7);
   try {
-    sciParameterSetFromText("Value('Macsec::SciParameterSet', ** {'addr': 00:1c:73:00:00:01})");
+    sciParameterSetFromText("Value('Macsec::SciParameterSet', ** {'addr': 02:00:00:00:00:01})");
     ADD_FAILURE();
   } catch (const Zef::RangeException& e) {
     EXPECT_NE(std::string(e.what()).find("portId"), std::string::npos);

@@ -64,19 +64,19 @@ TEST(Values, SaltMakesAnotherSakButTheSameKey) {
 }
 
 TEST(Values, SciOrdersAddressFirstAndReadsBackItsText) {
-  const Sci low{Lanx::EthAddr::fromText("00:1c:73:00:00:01"), 9};
-  const Sci high{Lanx::EthAddr::fromText("00:1c:73:00:00:02"), 1};
+  const Sci low{Lanx::EthAddr::fromText("02:00:00:00:00:01"), 9};
+  const Sci high{Lanx::EthAddr::fromText("02:00:00:00:00:02"), 1};
   EXPECT_LT(low, high);
   EXPECT_TRUE(Sci().isZero());
-  EXPECT_EQ(text(low), "00:1c:73:00:00:01::9");
-  EXPECT_EQ(Sci::fromText("00:1c:73:00:00:01::9"), low);
+  EXPECT_EQ(text(low), "02:00:00:00:00:01::9");
+  EXPECT_EQ(Sci::fromText("02:00:00:00:00:01::9"), low);
   try {
-    Sci::fromText("00:1c:73:00:00:01");
+    Sci::fromText("02:00:00:00:00:01");
     ADD_FAILURE();
   } catch (const Zef::RangeException& e) {
     EXPECT_NE(std::string(e.what()).find("portId"), std::string::npos);
   }
-  EXPECT_THROW(Sci::fromText("00:1c:73:zz:00:01::1"), Zef::RangeException);
+  EXPECT_THROW(Sci::fromText("02:00:00:zz:00:01::1"), Zef::RangeException);
 }
 
 TEST(Values, StreamFormsNeverShowKeys) {
@@ -101,12 +101,12 @@ TEST(NetworkValues, InterfaceNamesAddressesAndNetworkIntegers) {
   EXPECT_TRUE(Lanx::SubIntfId::isSubIntfId(Lanx::IntfId("eth0.100")));
   EXPECT_FALSE(Lanx::SubIntfId::isSubIntfId(eth0));
 
-  const Lanx::EthAddr addr = Lanx::EthAddr::fromText("00:1C:73:0a:0b:0c");
-  EXPECT_EQ(addr.stringValue(), "00:1c:73:0a:0b:0c");
-  EXPECT_EQ(Lanx::EthAddr::fromText("001c.730a.0b0c"), addr);
-  EXPECT_EQ(Lanx::EthAddr::fromText("00-1c-73-0a-0b-0c"), addr);
-  EXPECT_LT(Lanx::EthAddr::fromText("00:1c:73:0a:0b:0b"), addr);
-  EXPECT_THROW(Lanx::EthAddr::fromText("00:1c:73:0a:0b"), Zef::RangeException);
+  const Lanx::EthAddr addr = Lanx::EthAddr::fromText("02:00:00:0a:0b:0c");
+  EXPECT_EQ(addr.stringValue(), "02:00:00:0a:0b:0c");
+  EXPECT_EQ(Lanx::EthAddr::fromText("0200.000a.0b0c"), addr);
+  EXPECT_EQ(Lanx::EthAddr::fromText("02-00-00-0a-0b-0c"), addr);
+  EXPECT_LT(Lanx::EthAddr::fromText("02:00:00:0a:0b:0b"), addr);
+  EXPECT_THROW(Lanx::EthAddr::fromText("02:00:00:0a:0b"), Zef::RangeException);
 
   Lanx::NetU16 n(0x1234);
   const auto* raw = reinterpret_cast<const uint8_t*>(&n);

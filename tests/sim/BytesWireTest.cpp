@@ -23,7 +23,7 @@ class BytesWire : public ::testing::Test {
     link = &sim.linkIs(a, eth1, b, eth1);
     for (auto [agent, last] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
       PortConfig config;
-      config.mac = Lanx::EthAddr({0, 0x1c, 0x73, 0, 0, static_cast<uint8_t>(last)});
+      config.mac = Lanx::EthAddr({2, 0, 0, 0, 0, static_cast<uint8_t>(last)});
       config.runPort = true;
       agent->portIs(eth1, config);
       agent->keyIs(eth1, kKey);
@@ -76,8 +76,7 @@ TEST_F(BytesWire, EveryFrameOnTheLinksGoesToThePcapFile) {
   const std::string path = ::testing::TempDir() + "/bytes-wire.pcap";
   ASSERT_TRUE(sim.pcapIs(path));
   sim.runFor(10);
-  const uint64_t sent =
-      a.pamManager()->txPamCounter(eth1)->success() + b.pamManager()->txPamCounter(eth1)->success();
+  const uint64_t sent = a.pamManager()->txPamCounter(eth1)->success() + b.pamManager()->txPamCounter(eth1)->success();
   std::ifstream in(path, std::ios::binary);
   std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   ASSERT_GE(bytes.size(), 24u);

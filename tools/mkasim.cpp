@@ -1,0 +1,220 @@
+// mkasim: simulated switches that secure their links with MKA, over real MKPDU frames, on virtual
+// time. Prints the operators' log as it happens and a table of every interface at the end.
+
+#include <cstdio>
+#include <cstdlib>
+#include <iomanip>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "model/Crypto.h"
+#include "platform/Log.h"
+#include "sim/Simulation.h"
+
+namespace {
+
+struct Options {
+  int switches = 2;
+  int links = 1;
+  std::string ckn = "96437a93ccf10d9dfe347846cce52c7d";
+  std::string cak;  // by cipher when not given
+  int cipher = 128;
+  bool delayProtection = false;
+  double duration = 60;
+  std::string pcap;
+  double latency = 0;
+  double loss = 0;
+  unsigned seed = 1;
+  bool quiet = false;
+};
+
+const char* kUsage =
+    "usage: mkasim [options]\n"
+    "  --switches N          switches in a chain (2 or more; default 2)\n"
+    "  --links N             links between neighbouring switches (default 1)\n"
+    "  --ckn HEX             connectivity association key name (1 to 32 octets)\n"
+    "  --cak HEX             connectivity association key (32 or 64 hex digits, by cipher)\n"
+    "  --cipher 128|256      GCM-AES key length (default 128)\n"
+    "  --delay-protection    MKPDUs every 0.5 s with delay protection\n"
+    "  --duration SECONDS    virtual time to run (default 60)\n"
+    "  --latency SECONDS     time the emulated hardware takes to confirm a key (default 0)\n"
+    "  --loss P              share of frames lost on every link (default 0)\n"
+    "  --seed N              seed of the links' random losses (default 1)\n"
+    "  --pcap FILE           write every MKPDU on the links to a pcap file\n"
+    "  --quiet               print only the final table\n";
+
+[[noreturn]] void refuse(const std::string& message) {
+  std::cerr << "mkasim: " << message << "\n" << kUsage;
+  std::exit(2);
+}
+
+bool isHex(const std::string& text) {
+  Macsec::KeyBytes bytes;
+  return Macsec::hexToBytes(text, bytes);
+}
+
+double number(const std::string& flag, const char* text) {
+  char* end = nullptr;
+  const double value = std::strtod(text, &end);
+  if (end == text || *end != '\0') refuse(flag + " takes a number, not '" + text + "'");
+  return value;
+}
+
+Options parse(int argc, char** argv) {
+  Options o;
+  for (int i = 1; i < argc; ++i) {
+    const std::string flag = argv[i];
+    auto value = [&]() -> const char* {
+      if (i + 1 >= argc) refuse(flag + " needs a value");
+      return argv[++i];
+    };
+    if (flag == "--switches") {
+      o.switches = static_cast<int>(number(flag, value()));
+    } else if (flag == "--links") {
+      o.links = static_cast<int>(number(flag, value()));
+    } else if (flag == "--ckn") {
+      o.ckn = value();
+    } else if (flag == "--cak") {
+      o.cak = value();
+    } else if (flag == "--cipher") {
+      o.cipher = static_cast<int>(number(flag, value()));
+    } else if (flag == "--delay-protection") {
+      o.delayProtection = true;
+    } else if (flag == "--duration") {
+      o.duration = number(flag, value());
+    } else if (flag == "--latency") {
+      o.latency = number(flag, value());
+    } else if (flag == "--loss") {
+      o.loss = number(flag, value());
+    } else if (flag == "--seed") {
+      o.seed = static_cast<unsigned>(number(flag, value()));
+    } else if (flag == "--pcap") {
+      o.pcap = value();
+    } else if (flag == "--quiet") {
+      o.quiet = true;
+    } else if (flag == "--help" || flag == "-h") {
+      std::cout << kUsage;
+      std::exit(0);
+    } else {
+      refuse("unknown option " + flag);
+    }
+  }
+  if (o.switches < 2 || o.switches > 64) refuse("--switches must be from 2 to 64");
+  if (o.links < 1 || o.links > 256) refuse("--links must be from 1 to 256");
+  if (o.cipher != 128 && o.cipher != 256) refuse("--cipher must be 128 or 256");
+  if (o.cak.empty()) {
+    o.cak = o.cipher == 128 ? "135bd758b0ee5c11c55ff6ab19fdb199"
+                            : "a29efdb63d6fba73c65daab2295340a837a8886e94a905b5c9c7ef1d9dbb297e";
+  }
+  if (!isHex(o.ckn) || o.ckn.empty() || o.ckn.size() > 64) refuse("--ckn must be 1 to 32 octets of hexadecimal text");
+  if (!isHex(o.cak) || o.cak.size() != static_cast<size_t>(o.cipher / 4)) {
+    refuse("--cak must be " + std::to_string(o.cipher / 4) + " hexadecimal digits for --cipher " +
+           std::to_string(o.cipher));
+  }
+  if (o.duration <= 0 || o.duration > 86400) refuse("--duration must be above 0 and at most 86400 seconds");
+  if (o.latency < 0 || o.latency > 10) refuse("--latency must be from 0 to 10 seconds");
+  if (o.loss < 0 || o.loss >= 1) refuse("--loss must be from 0 up to but not 1");
+  return o;
+}
+
+std::string switchName(int s) { return "sw" + std::to_string(s + 1); }
+
+// Switch s reaches the next switch on Ethernet1..N and the previous one on EthernetN+1..2N.
+Lanx::IntfId intfOf(int link, bool towardsNext, int links) {
+  return Lanx::IntfId("Ethernet" + std::to_string(towardsNext ? link + 1 : links + link + 1));
+}
+
+std::string keyText(const Macsec::Sak& sak) {
+  if (sak.empty()) return "-";
+  std::ostringstream out;
+  out << +sak.an << ":" << sak.mi.view().substr(sak.mi.size() >= 16 ? 16 : 0) << ":" << sak.keyNum;
+  return out.str();
+}
+
+void printTable(Sim::Simulation& sim, const Options& o) {
+  std::cout << "\n"
+            << std::left << std::setw(8) << "switch" << std::setw(12) << "interface" << std::setw(7) << "peers"
+            << std::setw(30) << "key server" << std::setw(18) << "key in use"
+            << "port\n";
+  for (int s = 0; s < o.switches; ++s) {
+    Sim::Agent& agent = sim.agent(switchName(s));
+    for (bool towardsNext : {false, true}) {
+      if ((!towardsNext && s == 0) || (towardsNext && s == o.switches - 1)) continue;
+      for (int l = 0; l < o.links; ++l) {
+        const Lanx::IntfId intf = intfOf(l, towardsNext, o.links);
+        const Zef::Ptr<Macsec::CpStatus> cp = agent.status()->cpStatus(intf);
+        const Zef::Ptr<Macsec::MkaActorStatus> actor = agent.actorStatus(intf, o.ckn);
+        std::string server = "-";
+        if (actor && !actor->keyServer().isZero()) {
+          std::ostringstream text;
+          text << actor->keyServer() << (actor->electedSelf() ? " (self)" : "");
+          server = text.str();
+        }
+        const char* port = !cp->controlledPortEnabled() ? "closed"
+                           : cp->unprotectedTraffic()   ? "open, unprotected"
+                                                        : "secured";
+        std::cout << std::left << std::setw(8) << agent.name() << std::setw(12) << intf.stringValue() << std::setw(7)
+                  << (actor ? actor->livePeerSize() : 0) << std::setw(30) << server << std::setw(18)
+                  << keyText(cp->oldSakContext().sak) << port << "\n";
+      }
+    }
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Options o = parse(argc, argv);
+  Sim::Simulation sim(0.0, o.seed, Sim::Wire::bytes);
+  Zef::logSinkIs([&](const Zef::LogRecord& r) {
+    if (o.quiet) return;
+    std::cout << "[" << std::fixed << std::setprecision(3) << std::setw(9) << sim.now() << "] " << r.source << " "
+              << r.handle->name() << ": " << r.text << "\n";
+  });
+  if (!o.pcap.empty() && !sim.pcapIs(o.pcap)) {
+    std::cerr << "mkasim: cannot write " << o.pcap << "\n";
+    return 1;
+  }
+
+  // The switches, each interface with a port that runs the configured key.
+  Macsec::MacsecParams params;
+  params.cipherSuite = o.cipher == 256 ? Macsec::cipherSuiteGcmAes256 : Macsec::cipherSuiteGcmAes128;
+  std::vector<Sim::Agent*> switches;
+  for (int s = 0; s < o.switches; ++s) {
+    Sim::Agent& agent = sim.agentIs(switchName(s));
+    agent.hardwareLatencyIs(o.latency);
+    agent.status()->delayProtectionIs(o.delayProtection);
+    agent.status()->mkpduPeriodIs(o.delayProtection ? 0.5 : 2.0);
+    switches.push_back(&agent);
+  }
+  for (int s = 0; s + 1 < o.switches; ++s) {
+    for (int l = 0; l < o.links; ++l) {
+      Sim::Link& link = sim.linkIs(*switches[s], intfOf(l, true, o.links), *switches[s + 1], intfOf(l, false, o.links));
+      link.lossIs(o.loss);
+    }
+  }
+  for (int s = 0; s < o.switches; ++s) {
+    Zef::logSourceIs(switches[s]->name().c_str());  // what the switch logs while it is set up
+    for (bool towardsNext : {false, true}) {
+      if ((!towardsNext && s == 0) || (towardsNext && s == o.switches - 1)) continue;
+      for (int l = 0; l < o.links; ++l) {
+        const Lanx::IntfId intf = intfOf(l, towardsNext, o.links);
+        Sim::PortConfig config;
+        config.mac = Lanx::EthAddr({0x02, 0x00, 0x00, static_cast<uint8_t>(s + 1), static_cast<uint8_t>(towardsNext),
+                                    static_cast<uint8_t>(l + 1)});
+        config.params = params;
+        config.runPort = true;
+        switches[s]->portIs(intf, config);
+        switches[s]->keyIs(intf, Sim::Key{o.ckn, o.cak});
+      }
+    }
+  }
+  Zef::logSourceIs(nullptr);
+
+  sim.runFor(o.duration);
+  printTable(sim, o);
+  Zef::logSinkIs(nullptr);
+  return 0;
+}
