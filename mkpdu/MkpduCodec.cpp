@@ -71,16 +71,7 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, const uint8_t* fram
 
   // Into the one received-message object; every actor sees it before this call returns.
   const Zef::Ptr<MkaMessageInfo>& rx = pamManager()->rxMessageInfo();
-  rx->intfIdIs(intfId);
-  const Zef::Ptr<MkaInfo> info = rx->mkaInfoIs();
-  info->baseInfoIs(message.baseInfo);
-  info->sakUseInfoIs(message.sakUseInfo);
-  info->sakDistInfoIs(message.sakDistInfo);
-  info->cakDistInfoIs(message.cakDistInfo);
-  rx->livePeerDelAll();
-  rx->potentialPeerDelAll();
-  for (const auto& [id, number] : message.livePeers) rx->livePeerIs(id, number);
-  for (const auto& [id, number] : message.potentialPeers) rx->potentialPeerIs(id, number);
+  messageInfoIs(*rx, intfId, message);
   rx->countInc(1);
   return DecodeResult::accepted;
 }
@@ -94,16 +85,8 @@ void MkpduCodec::handleTransmit() {
   const Zef::Ptr<MkaInfo const> info = tx->mkaInfo();
   const Zef::Ptr<MkaPortStatus const> port = Zef::Ptr<Status const>(status())->portStatus(intfId);
   const std::optional<ActorKeys> keys = info ? actorKeys(intfId, info->baseInfo().ckn) : std::nullopt;
-  DecodedMkpdu message;
+  const DecodedMkpdu message = decodedMessageOf(*tx);
   std::string frame;
-  if (info) {
-    message.baseInfo = info->baseInfo();
-    message.sakUseInfo = info->sakUseInfo();
-    message.sakDistInfo = info->sakDistInfo();
-    message.cakDistInfo = info->cakDistInfo();
-    for (auto it = tx->livePeerIter(); it; ++it) message.livePeers.emplace_back(it.key(), it.value());
-    for (auto it = tx->potentialPeerIter(); it; ++it) message.potentialPeers.emplace_back(it.key(), it.value());
-  }
   if (!pam || !port || !keys || !encodeMkpdu(message, port->mySci().addr, *keys, frame)) {
     TRACE(3, ": Cannot send MKPDU on " << intfId);
     if (counter) counter->failureInc(1);

@@ -37,8 +37,8 @@ bool Link::joins(const Agent* agent, const Lanx::IntfId& intf) const {
   return false;
 }
 
-void Link::sendFrame(const Agent* from, const Lanx::IntfId& intf, const std::string& frame) {
-  sim_.capture(frame);
+template <class Schedule>
+void Link::carry(const Agent* from, const Lanx::IntfId& intf, Schedule&& schedule) {
   if (cut_) {
     ++lost_;
     return;
@@ -51,35 +51,31 @@ void Link::sendFrame(const Agent* from, const Lanx::IntfId& intf, const std::str
   const bool duplicate = duplication_ > 0 && draw(sim_.random_) < duplication_;
   for (const End& to : ends_) {
     if (to.agent == from && to.intfId == intf) continue;
+    const double delay = delay_ + (jitter_ > 0 ? draw(sim_.random_) * jitter_ : 0.0);
+    schedule(to, delay);
+    if (duplicate) schedule(to, delay);
+  }
+}
+
+void Link::sendFrame(const Agent* from, const Lanx::IntfId& intf, const std::string& frame) {
+  sim_.capture(frame);
+  carry(from, intf, [&](const End& to, double delay) {
     std::string carried = frame;
+    std::uniform_real_distribution<double> draw(0.0, 1.0);
     if (corruption_ > 0 && draw(sim_.random_) < corruption_ && !carried.empty()) {
       const size_t bit = std::uniform_int_distribution<size_t>(0, carried.size() * 8 - 1)(sim_.random_);
       carried[bit / 8] = static_cast<char>(carried[bit / 8] ^ (1 << (bit % 8)));
     }
-    const double delay = delay_ + (jitter_ > 0 ? draw(sim_.random_) * jitter_ : 0.0);
     sim_.scheduleFrame(this, to.agent, to.intfId, carried, delay);
-    if (duplicate) sim_.scheduleFrame(this, to.agent, to.intfId, carried, delay);
-  }
+  });
 }
 
 void Link::send(const Agent* from, const Lanx::IntfId& intf, const Message& message) {
-  if (cut_) {
-    ++lost_;
-    return;
-  }
-  std::uniform_real_distribution<double> draw(0.0, 1.0);
-  if (loss_ > 0 && draw(sim_.random_) < loss_) {
-    ++lost_;
-    return;
-  }
-  const bool duplicate = duplication_ > 0 && draw(sim_.random_) < duplication_;
-  for (const End& to : ends_) {
-    if (to.agent == from && to.intfId == intf) continue;
+  carry(from, intf, [&](const End& to, double delay) {
     Message carried = message;
     carried.intfId = to.intfId;
-    sim_.schedule(this, to.agent, carried, delay_);
-    if (duplicate) sim_.schedule(this, to.agent, carried, delay_);
-  }
+    sim_.schedule(this, to.agent, carried, delay);
+  });
 }
 
 Agent::Agent(Simulation& sim, std::string name)
@@ -191,15 +187,8 @@ void Agent::transmit() {
   ++sent_;
   if (muted_) return;
   Message message;
+  static_cast<Macsec::DecodedMkpdu&>(message) = Macsec::decodedMessageOf(*tx);
   message.intfId = tx->intfId();
-  if (Zef::Ptr<Macsec::MkaInfo const> info = tx->mkaInfo()) {
-    message.baseInfo = info->baseInfo();
-    message.sakUseInfo = info->sakUseInfo();
-    message.sakDistInfo = info->sakDistInfo();
-    message.cakDistInfo = info->cakDistInfo();
-  }
-  for (auto it = tx->livePeerIter(); it; ++it) message.livePeers.emplace_back(it.key(), it.value());
-  for (auto it = tx->potentialPeerIter(); it; ++it) message.potentialPeers.emplace_back(it.key(), it.value());
   if (sim_.tap_) sim_.tap_(*this, message);
   // Over bytes, the codec sends the frame.
   if (codec_) return;
@@ -216,16 +205,7 @@ void Agent::deliverFrame(const Lanx::IntfId& intf, const std::string& frame) {
 
 void Agent::deliver(const Message& message) {
   const Zef::Ptr<Macsec::MkaMessageInfo>& rx = pamManager_->rxMessageInfo();
-  rx->intfIdIs(message.intfId);
-  Zef::Ptr<Macsec::MkaInfo> info = rx->mkaInfoIs();
-  info->baseInfoIs(message.baseInfo);
-  info->sakUseInfoIs(message.sakUseInfo);
-  info->sakDistInfoIs(message.sakDistInfo);
-  info->cakDistInfoIs(message.cakDistInfo);
-  rx->livePeerDelAll();
-  rx->potentialPeerDelAll();
-  for (const auto& [id, number] : message.livePeers) rx->livePeerIs(id, number);
-  for (const auto& [id, number] : message.potentialPeers) rx->potentialPeerIs(id, number);
+  Macsec::messageInfoIs(*rx, message.intfId, message);
   rx->countInc(1);
 }
 

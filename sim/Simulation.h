@@ -19,6 +19,7 @@
 #include "hw/HwEmulator.h"
 #include "mka/MkaActorSm.h"
 #include "mka/MkaPortSm.h"
+#include "mkpdu/HandOff.h"
 #include "mkpdu/MkpduCodec.h"
 #include "model/HwStatus.h"
 #include "model/MacsecInternalTypes.h"
@@ -35,15 +36,9 @@ class Agent;
 // encodes and decodes.
 enum class Wire { decoded, bytes };
 
-// One MKPDU in decoded form, as it travels.
-struct Message {
+// One MKPDU in decoded form, as it travels, with the interface it is sent or received on.
+struct Message : Macsec::DecodedMkpdu {
   Lanx::IntfId intfId;
-  Macsec::BasicInfo baseInfo;
-  Macsec::SakUseInfo sakUseInfo;
-  Macsec::SakDistInfo sakDistInfo;
-  Macsec::CakDistInfo cakDistInfo;
-  std::vector<std::pair<Zef::String, uint32_t>> livePeers;
-  std::vector<std::pair<Zef::String, uint32_t>> potentialPeers;
 };
 
 // What one interface of an agent is given when it is made.
@@ -84,8 +79,8 @@ class Link {
   // seeded random source.
   void lossIs(double probability) { loss_ = probability; }
   void duplicationIs(double probability) { duplication_ = probability; }
-  // Over bytes only: the share of frames with one bit flipped, and a random extra delay of up to
-  // `seconds` per frame, which lets frames overtake each other.
+  // The share of frames with one bit flipped (over bytes only), and a random extra delay of up to
+  // `seconds` per message, which lets messages overtake each other.
   void corruptionIs(double probability) { corruption_ = probability; }
   void jitterIs(double seconds) { jitter_ = seconds; }
   // A cut link delivers nothing, in either direction, until it is mended; messages already on
@@ -102,6 +97,11 @@ class Link {
 
  private:
   friend class Simulation;
+  // What every send does: a cut link or a lost message carries nothing; otherwise each other end
+  // gets it (twice when duplicated) after the link's delay and jitter.
+  template <class Schedule>
+  void carry(const Agent* from, const Lanx::IntfId& intf, Schedule&& schedule);
+
   Simulation& sim_;
   std::vector<End> ends_;
   double delay_;
