@@ -27,3 +27,30 @@ void Pam::transmitterIs(std::function<void(const Zef::Ptr<Pkt>&)> transmitter) {
 }
 
 }  // namespace Lanx
+
+namespace Interface {
+
+void EthDevPamManager::handleInitialized() { initializedIs(true); }
+
+void EthDevPamManager::handleIntfDesired(const Lanx::IntfId& intfId) {
+  if (!initialized()) return;
+  const bool wanted = enabled() && desiredIntfDir()->intfDesired(intfId);
+  if (!wanted) {
+    pamCollection()->pamDel(intfId);
+    return;
+  }
+  if (pamCollection()->pamHas(intfId)) return;
+  const Zef::Ptr<Lanx::Pam> pam = pamCollection()->pamIs(intfId);
+  if (transport()) transport()(pam);
+}
+
+void EthDevPamManager::handleIntfDesired() {
+  if (!initialized()) return;
+  for (auto it = desiredIntfDir()->intfDesiredIter(); it; ++it) handleIntfDesired(Lanx::IntfId(it.key()));
+  // Points of interfaces that are no longer listed go too.
+  for (auto it = pamCollection()->pamIter(); it; ++it) {
+    if (!desiredIntfDir()->intfDesiredHas(it.key())) pamCollection()->pamDel(Lanx::IntfId(it.key()));
+  }
+}
+
+}  // namespace Interface
