@@ -41,7 +41,7 @@ const char* kUsage =
     "  --duration SECONDS    virtual time to run (default 60)\n"
     "  --latency SECONDS     time the emulated hardware takes to confirm a key (default 0)\n"
     "  --loss P              share of frames lost on every link (default 0)\n"
-    "  --seed N              seed of the links' random losses (default 1)\n"
+    "  --seed N              seed of the random losses and start times (default 1)\n"
     "  --pcap FILE           write every MKPDU on the links to a pcap file\n"
     "  --quiet               print only the final table\n";
 
@@ -167,6 +167,8 @@ void printTable(Sim::Simulation& sim, const Options& o) {
 
 int main(int argc, char** argv) {
   const Options o = parse(argc, argv);
+  // One seed for the links' losses and the actors' random start: a run can be repeated exactly.
+  std::srand(o.seed);
   Sim::Simulation sim(0.0, o.seed, Sim::Wire::bytes);
   Zef::logSinkIs([&](const Zef::LogRecord& r) {
     if (o.quiet) return;
