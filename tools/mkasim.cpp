@@ -167,7 +167,8 @@ void printTable(Sim::Simulation& sim, const Options& o) {
 
 int main(int argc, char** argv) {
   const Options o = parse(argc, argv);
-  // One seed for the links' losses and the actors' random start: a run can be repeated exactly.
+  // One seed for the links' losses and the actors' random start, so that a run repeats event for
+  // event. Member identifiers and keys still come from the cryptographic source and differ.
   std::srand(o.seed);
   Sim::Simulation sim(0.0, o.seed, Sim::Wire::bytes);
   Zef::logSinkIs([&](const Zef::LogRecord& r) {
