@@ -1,10 +1,10 @@
 #include "mkpdu/MkaPdu.h"
 
-#include <charconv>
 #include <ostream>
 #include <sstream>
 
 #include "platform/Exception.h"
+#include "platform/ValueText.h"
 
 namespace Macsec {
 
@@ -42,15 +42,6 @@ std::string_view between(std::string_view text, std::string_view before, std::st
   return text.substr(valueStart, end - valueStart);
 }
 
-unsigned number(std::string_view text, const char* attribute) {
-  unsigned value = 0;
-  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (text.empty() || error != std::errc() || end != text.data() + text.size()) {
-    Zef::throwRangeException(Zef::String("bad ") + attribute + " '" + text + "'");
-  }
-  return value;
-}
-
 }  // namespace
 
 std::ostream& operator<<(std::ostream& out, ParameterSetTypes type) {
@@ -83,8 +74,8 @@ std::string bits16Text(const char* typeName, const Bits16& bits) {
 void bits16FromText(const char* typeName, std::string_view text, Bits16& bits) {
   size_t from = 0;
   between(text, std::string("Value('Macsec::"), std::string(typeName) + "', ** {", "type", from);
-  const unsigned v0 = number(between(text, "'v0': ", ",", "v0", from), "v0");
-  const unsigned v1 = number(between(text, "'v1': ", "})", "v1", from), "v1");
+  const unsigned v0 = Zef::numberFromText(between(text, "'v0': ", ",", "v0", from), "v0");
+  const unsigned v1 = Zef::numberFromText(between(text, "'v1': ", "})", "v1", from), "v1");
   if (v0 > 255 || v1 > 255) Zef::throwRangeException(Zef::String("bad byte in '") + text + "'");
   bits.valueIs(static_cast<uint16_t>(v0 << 8 | v1));
 }
@@ -113,7 +104,7 @@ SciParameterSet sciParameterSetFromText(std::string_view text) {
   const std::string_view addrText = between(text, "'addr': ", ",", "addr", from);
   if (!Lanx::EthAddr::parse(addrText, addr)) Zef::throwRangeException(Zef::String("bad addr '") + addrText + "'");
   sci.addressIs(addr);
-  const unsigned port = number(between(text, "'portId': ", "})", "portId", from), "portId");
+  const unsigned port = Zef::numberFromText(between(text, "'portId': ", "})", "portId", from), "portId");
   if (port > 0xffff) Zef::throwRangeException("bad portId");
   sci.portId.valueIs(static_cast<uint16_t>(port));
   return sci;

@@ -1,24 +1,15 @@
 #include "model/Values.h"
 
-#include <charconv>
 #include <ostream>
 
 #include "platform/Exception.h"
+#include "platform/ValueText.h"
 
 namespace Macsec {
 
 namespace {
 
 const char* yesNo(bool b) { return b ? "true" : "false"; }
-
-unsigned parseNumber(std::string_view text, const char* field) {
-  unsigned value = 0;
-  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (text.empty() || error != std::errc() || end != text.data() + text.size()) {
-    Zef::throwRangeException(Zef::String("bad ") + field + " in '" + text + "'");
-  }
-  return value;
-}
 
 }  // namespace
 
@@ -57,7 +48,7 @@ Sci Sci::fromText(std::string_view text) {
   if (!Lanx::EthAddr::parse(text.substr(0, split), sci.addr)) {
     Zef::throwRangeException(Zef::String("bad addr in '") + text + "'");
   }
-  const unsigned port = parseNumber(text.substr(split + 2), "portId");
+  const unsigned port = Zef::numberFromText(text.substr(split + 2), "portId");
   if (port > 0xffff) Zef::throwRangeException(Zef::String("bad portId in '") + text + "'");
   sci.portId = static_cast<uint16_t>(port);
   return sci;
@@ -78,7 +69,7 @@ AssociationNumber::AssociationNumber(unsigned value) {
 uint32_t AssociationNumber::hash() const noexcept { return Zef::hashMix(value_); }
 
 AssociationNumber AssociationNumber::fromText(std::string_view text) {
-  return AssociationNumber(parseNumber(text, "AssociationNumber"));
+  return AssociationNumber(Zef::numberFromText(text, "AssociationNumber"));
 }
 
 std::ostream& operator<<(std::ostream& out, const AssociationNumber& an) { return out << +an.value(); }
