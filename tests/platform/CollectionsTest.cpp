@@ -26,20 +26,6 @@ std::vector<int> walkOrder(const Map& map) {
   return order;
 }
 
-TEST(HashMap, FindsInsertsAndErases) {
-  Map map;
-  EXPECT_FALSE(map.find(1));
-  EXPECT_TRUE(map.insert(1, Zef::Ptr<Member>(new Member(1))));
-  EXPECT_FALSE(map.insert(1, Zef::Ptr<Member>(new Member(99))));  // the key is taken
-  EXPECT_EQ(map.find(1)->id, 1);
-  EXPECT_EQ(map.size(), 1u);
-  Zef::Ptr<Member> gone = map.erase(1);
-  ASSERT_TRUE(gone);
-  EXPECT_EQ(gone->id, 1);
-  EXPECT_FALSE(map.erase(1));
-  EXPECT_TRUE(map.empty());
-}
-
 TEST(HashMap, WalkOrderSurvivesGrowth) {
   // A walk's order is fixed by the keys, not by how large the table happens to be.
   Map small;
@@ -124,19 +110,6 @@ TEST(HashMap, WalksMatchAModelUnderRandomMutation) {
     for (int key : stayed) EXPECT_EQ(seen.count(key), 1u) << "round " << round << " key " << key;
     for (int key : seen) EXPECT_EQ(seen.count(key), 1u);
   }
-}
-
-TEST(HashMap2018, AssignNotifiesOnlyRealChanges) {
-  Map2018 map;
-  EXPECT_TRUE(map.assign(1, 10));
-  EXPECT_FALSE(map.assign(1, 10));
-  EXPECT_TRUE(map.assign(1, 11));
-  EXPECT_EQ(*map.find(1), 11);
-  int old = 0;
-  EXPECT_TRUE(map.erase(1, &old));
-  EXPECT_EQ(old, 11);
-  EXPECT_FALSE(map.erase(1, &old));
-  EXPECT_EQ(map.find(1), nullptr);
 }
 
 TEST(HashMap2018, ADeleteLoopReadsTheStaleNodeAndAdvances) {

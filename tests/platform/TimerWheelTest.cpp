@@ -118,15 +118,4 @@ TEST_F(TimerWheelTest, ManyTimersFireInDeadlineOrder) {
   EXPECT_EQ(seen, deadlines);
 }
 
-TEST(VirtualClock, NeverRunsBackwardsAndMovesUtcAlong) {
-  Zef::System::VirtualClock clock(5.0, 1000.0);
-  Zef::System::ScopedClock scoped(clock);
-  EXPECT_EQ(Zef::System::currentTime(), 5.0);
-  EXPECT_EQ(Zef::System::currentTimeUtc(), 1000.0);
-  clock.timeIs(7.5);
-  clock.timeIs(6.0);
-  EXPECT_EQ(Zef::System::currentTime(), 7.5);
-  EXPECT_EQ(Zef::System::currentTimeUtc(), 1002.5);
-}
-
 }  // namespace
