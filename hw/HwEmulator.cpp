@@ -31,7 +31,7 @@ void HwEmulator::ZefStatus::ZefCpStatus::updateRxSaStatus(const AssociationNumbe
   // A key removed from the requests leaves its record: the hardware keeps the SA until replaced.
   const Sak sak = notifier()->rxSak(an);
   if (sak.empty()) return;
-  HwEmulator* emulator = owner() ? owner()->owner() : nullptr;
+  HwEmulator* emulator = stateMachine();
   if (emulator == nullptr) return;
   Zef::Ptr<MacSecIntfStatusPtrDir> allMacsec = emulator->allMacsec();
   confirm(*emulator, [allMacsec, intfId, sak] {
@@ -54,7 +54,7 @@ void HwEmulator::ZefStatus::ZefCpStatus::updateTxSaStatus() {
   TRACE(8, "intf: " << intfId);
   const Sak sak = notifier()->txSak();
   if (sak.empty()) return;
-  HwEmulator* emulator = owner() ? owner()->owner() : nullptr;
+  HwEmulator* emulator = stateMachine();
   if (emulator == nullptr) return;
   Zef::Ptr<MacSecIntfStatusPtrDir> allMacsec = emulator->allMacsec();
   const uint32_t value = emulator->txSaValue();

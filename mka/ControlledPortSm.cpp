@@ -92,7 +92,7 @@ void ControlledPortSm::handleDistSak() {
 }
 
 void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleRxSaStatus(const AssociationNumber& an) {
-  ControlledPortSm* sm = owner() ? owner()->owner() : nullptr;
+  ControlledPortSm* sm = stateMachine();
   if (sm == nullptr || !sm->initialized() || key() != sm->intfId()) return;
   TRACE(8, "");
   const Zef::String& ckn = sm->ckn();
@@ -196,7 +196,7 @@ void ControlledPortSm::handleLatestKeyTxEnable() {
 }
 
 void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleTxSaStatus() {
-  ControlledPortSm* sm = owner() ? owner()->owner() : nullptr;
+  ControlledPortSm* sm = stateMachine();
   if (sm == nullptr || !sm->initialized() || key() != sm->intfId()) return;
   TRACE(8, "");
   const Zef::String& ckn = sm->ckn();

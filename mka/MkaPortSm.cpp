@@ -257,7 +257,7 @@ void MkaPortSm::doElectPrincipalActor() {
 }
 
 void MkaPortSm::ZefPortStatus::ZefActorStatus::handleActorSuccess() {
-  MkaPortSm* port = owner() ? owner()->owner() : nullptr;
+  MkaPortSm* port = stateMachine();
   if (port == nullptr || !port->initialized()) return;
   const Zef::String ckn = key();
   const Lanx::IntfId& intfId = port->intfId();
@@ -306,7 +306,7 @@ void MkaPortSm::ZefPortStatus::ZefActorStatus::handleActorSuccess() {
 }
 
 void MkaPortSm::ZefPortStatus::ZefActorStatus::handleDistSak() {
-  MkaPortSm* port = owner() ? owner()->owner() : nullptr;
+  MkaPortSm* port = stateMachine();
   if (port == nullptr || !port->initialized()) return;
   const Zef::String ckn = key();
   const Lanx::IntfId& intfId = port->intfId();

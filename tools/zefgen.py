@@ -13,8 +13,10 @@ if its text changed.
 """
 
 import argparse
+import concurrent.futures
 import os
 import re
+import subprocess
 import sys
 
 # --------------------------------------------------------------------------------------------
@@ -36,6 +38,7 @@ class Attr:
         self.reactions = []  # of a reactor
         self.replay = None  # explicit replay order: list of handler calls
         self.handler = None  # on-change handler of data, or the handler of a timer
+        self.strict = False  # sms: building an existing child with other arguments is refused
 
     @property
     def cap(self):
@@ -50,8 +53,6 @@ class Reaction:
         self.mirror = None  # Attr of kind "mirror" (nested reactors) or None
         self.collection = None  # the name of the nested collection, when not the attribute's
         self.oncreate = []  # handlers a new nested reactor runs on itself
-        self.into = None  # name of the state machine's reactor collection that this mirrors into
-        self.ondelete = None
 
 
 class Type:
@@ -90,7 +91,7 @@ class ZefError(Exception):
 
 ENTITY_KINDS = {"ctor", "value", "counter", "child", "values", "entities", "member"}
 SM_KINDS = {"arg", "data", "reactor", "timer", "sm", "sms", "reactors", "member"}
-CLAUSES = [" = ", " by ", " keyof ", " -> ", " ondelete "]
+CLAUSES = [" = ", " by ", " keyof ", " -> "]
 
 
 def split_clauses(text):
@@ -221,6 +222,9 @@ def parse_attr(current, text, where):
         attr.type = attr.type[: -len(" const")].strip()
     if "->" in clauses:
         attr.handler = parse_calls(clauses["->"])
+    if attr.kind == "sms" and attr.key and attr.key.endswith(" strict"):
+        attr.strict = True
+        attr.key = attr.key[: -len(" strict")].strip()
     if attr.kind in ("values", "entities", "sms", "reactors") and not attr.key:
         raise ZefError(f"{where}: collection {name} needs 'by KeyType'")
     if attr.kind == "timer":
@@ -233,7 +237,7 @@ def parse_attr(current, text, where):
 
 
 def parse_reaction(text, where):
-    # "attr -> h1(), h2(key)" | "attr mirror [const] [Class] [ondelete h]" | "attr mirror into coll [-> h(key)]"
+    # "attr -> h1(), h2(key)" | "attr mirror [Class] [-> h(key)] [oncreate h1 h2] [as coll]"
     m = re.match(r"^(\w+)\s+(.*)$", text)
     if not m:
         raise ZefError(f"{where}: cannot read reaction '{text}'")
@@ -256,26 +260,19 @@ def parse_reaction(text, where):
             reaction.oncreate = []
             rest = []
             for i, w in enumerate(oncreate_words):
-                if w in ("ondelete", "as"):
+                if w == "as":
                     rest = oncreate_words[i:]
                     break
                 reaction.oncreate.append(w if "(" in w else w + "()")
             body = (body + " " + " ".join(rest)).strip()
-        if " ondelete " in " " + body + " ":
-            body, ondelete = (" " + body).split(" ondelete ", 1)
-            reaction.ondelete = ondelete.strip()
-            body = body.strip()
         if " as " in " " + body + " ":
             body, collection = (" " + body).split(" as ", 1)
             reaction.collection = collection.strip()
             body = body.strip()
-        if body.startswith("into "):
-            reaction.into = body[len("into ") :].strip()
-            return reaction
         nested = Attr("mirror", reaction.attr, "", where)
-        words = body.split()
-        nested.const = "const" in words
-        names = [w for w in words if w != "const"]
+        names = body.split()
+        if len(names) > 1:
+            raise ZefError(f"{where}: cannot read mirror '{body}'")
         nested.nested_class = names[0] if names else None
         reaction.mirror = nested
         return reaction
@@ -342,6 +339,8 @@ class Emitter:
         self.model = model
         self.h = []
         self.cpp = []
+        # (qualified class, call, where) of every handler a reaction, timer or data names.
+        self.defined_handlers = []
 
     def hw(self, text=""):
         self.h.append(text)
@@ -558,7 +557,8 @@ class Emitter:
 
     def reactor_class(self, sm, a, indent, owner_type, handlers_on_self, class_name, key_type, full_path):
         """Emits a reactor class for attribute a (a reactor, a reactor collection member, or a
-        mirror's nested reactor). Returns the handler declarations the state machine needs."""
+        mirror's nested reactor). Returns the handler declarations the state machine needs, as
+        (call, key type, where) triples."""
         hw = self.hw
         pad = " " * indent
         notifier_spelling, notifier_type = self.notifier_of(sm, a)
@@ -575,10 +575,9 @@ class Emitter:
         hw(f"{pad}class {class_name} : public {base} {{")
         hw(f"{pad} public:")
 
-        # Mirrors: nested reactors, one per member of a watched collection, held here (mirror) or
-        # in a collection of the state machine (mirror into). Nested classes come first.
+        # Mirrors: nested reactors, one per member of a watched collection, held here. Nested
+        # classes come first.
         mirrors = [r for r in a.reactions if r.mirror is not None]
-        intos = [r for r in a.reactions if r.into is not None]
         for r in mirrors:
             member_attr = self.notifier_attr(notifier_type, r.attr, r.line)
             nested = r.mirror
@@ -597,9 +596,6 @@ class Emitter:
             self.reactor_class(sm, nested, indent + 2, class_name, True, nested.nested_class, member_attr.key,
                                f"{full_path}::{class_name}")
             hw("")
-        for r in intos:
-            r.coll = r.into
-            r.key = self.notifier_attr(notifier_type, r.attr, r.line).key
 
         ctor_extra = f", const {key_type}& key" if key_type else ""
         hw(f"{pad}  {class_name}(const Zef::Ptr<{ptr_type}>& notifier, {owner_type}* owner{ctor_extra})")
@@ -610,6 +606,9 @@ class Emitter:
             hw(f"{pad}    zefReconcile{r.coll[0].upper() + r.coll[1:]}();")
         hw(f"{pad}  }}")
         hw(f"{pad}  {owner_type}* owner() const noexcept {{ return owner_; }}")
+        if owner_type != sm.name:
+            hw(f"{pad}  // The state machine of the reactor that holds this one; null once either has gone.")
+            hw(f"{pad}  {sm.name}* stateMachine() const noexcept {{ return owner_ ? owner_->owner() : nullptr; }}")
         if key_type:
             hw(f"{pad}  const {key_type}& key() const noexcept {{ return key_; }}")
         hw(f"{pad}  void zefOwnerIs({owner_type}* owner) noexcept {{")
@@ -623,7 +622,7 @@ class Emitter:
             for c in a.oncreate:
                 hw(f"{pad}    {c};")
             hw(f"{pad}  }}")
-            declarations += [(c, None) for c in a.oncreate]
+            declarations += [(c, None, a.line) for c in a.oncreate]
 
         # Notification overrides.
         overridden = []
@@ -635,26 +634,23 @@ class Emitter:
                 hw(f"{pad}    {target}{c};")
             hw(f"{pad}  }}")
             replay_calls = [target + c for c in a.handler]
-            declarations += [(c, None) for c in a.handler]
+            declarations += [(c, None, a.line) for c in a.handler]
         guard = "isZombie()" if handlers_on_self else "isZombie() || !owner_"
         for r in a.reactions:
             n_attr = self.notifier_attr(notifier_type, r.attr, r.line)
             collection = n_attr.kind in ("values", "entities")
             keyed = [c for c in r.handlers if c.endswith("(key)")]
             keyless = [c for c in r.handlers if not c.endswith("(key)")]
-            if r.mirror is not None or r.into is not None:
+            if r.mirror is not None:
                 if not collection:
                     raise ZefError(f"{r.line}: only a collection can be mirrored")
-                holder = "" if r.mirror is not None else "owner_->"
                 cap = r.coll[0].upper() + r.coll[1:]
                 hw(f"{pad}  void on{n_attr.cap}({param_type(n_attr.key)} key) override {{")
-                hw(f"{pad}    if ({'isZombie()' if r.mirror is not None else 'isZombie() || !owner_'}) return;")
+                hw(f"{pad}    if (isZombie()) return;")
                 hw(f"{pad}    if (auto member = notifier()->{r.attr}(key)) {{")
-                hw(f"{pad}      {holder}{r.coll}Is(key, member);")
+                hw(f"{pad}      {r.coll}Is(key, member);")
                 hw(f"{pad}    }} else {{")
-                if r.ondelete:
-                    hw(f"{pad}      if (auto nested = {holder}{r.coll}(key)) nested->{r.ondelete}();")
-                hw(f"{pad}      {holder}{r.coll}Del(key);")
+                hw(f"{pad}      {r.coll}Del(key);")
                 hw(f"{pad}    }}")
                 for c in keyed:
                     hw(f"{pad}    if (!isZombie() && owner_) {target}{c};")
@@ -665,7 +661,7 @@ class Emitter:
                 hw(f"{pad}  }}")
                 overridden.append(f"on{n_attr.cap}")
                 replay_calls.append(f"zefReconcile{cap}()")
-                declarations += [(c, n_attr.key) for c in keyed]
+                declarations += [(c, n_attr.key, r.line) for c in keyed]
                 continue
             if collection:
                 if keyed:
@@ -682,7 +678,7 @@ class Emitter:
                     hw(f"{pad}  }}")
                 overridden.append(f"on{n_attr.cap}")
                 replay_calls += [target + c for c in keyless]
-                declarations += [(c, n_attr.key) for c in keyed] + [(c, None) for c in keyless]
+                declarations += [(c, n_attr.key, r.line) for c in keyed] + [(c, None, r.line) for c in keyless]
             else:
                 hw(f"{pad}  void on{n_attr.cap}() override {{")
                 hw(f"{pad}    if ({guard}) return;")
@@ -690,7 +686,7 @@ class Emitter:
                     hw(f"{pad}    {target}{c};")
                 hw(f"{pad}  }}")
                 replay_calls += [target + c for c in r.handlers]
-                declarations += [(c, None) for c in r.handlers]
+                declarations += [(c, None, r.line) for c in r.handlers]
         for name in dict.fromkeys(overridden):
             hw(f"{pad}  using {base}::{name};")
         if a.replay is not None:
@@ -708,7 +704,7 @@ class Emitter:
             hw(f"{pad}    }}")
         else:
             hw(f"{pad}    (void)replay;")
-        for r in mirrors + intos:
+        for r in mirrors:
             hw(f"{pad}    if (!notifier) zefReconcile{r.coll[0].upper() + r.coll[1:]}();")
         hw(f"{pad}    isRegisteredNotifieeIs(static_cast<bool>(notifier));")
         hw(f"{pad}  }}")
@@ -726,12 +722,10 @@ class Emitter:
             hw(f"{pad}  void {coll}Del({param_type(key)} key) {{ {coll}_.del(key); }}")
             hw(f"{pad}  size_t {coll}Size() const noexcept {{ return {coll}_.size(); }}")
             hw(f"{pad}  auto {coll}Iter() const {{ return {coll}_.iterator(); }}")
-        for r in mirrors + intos:
-            holder = "" if r.mirror is not None else "owner_->"
+        for r in mirrors:
+            holder = ""
             hw(f"{pad}  // Makes the nested reactors match the watched collection.")
             hw(f"{pad}  void zefReconcile{r.coll[0].upper() + r.coll[1:]}() {{")
-            if r.into is not None:
-                hw(f"{pad}    if (!owner_) return;")
             hw(f"{pad}    auto watched = notifier();")
             hw(f"{pad}    if (watched) {{")
             hw(f"{pad}      for (auto it = watched->{r.attr}Iter(); it; ++it) {{")
@@ -756,8 +750,9 @@ class Emitter:
         # Hand-written handlers that live on this reactor class.
         if handlers_on_self:
             signatures = []
-            for call, key in declarations:
-                signature = self.handler_signature(call, key, r_line=a.line)
+            for call, key, where in declarations:
+                signature = self.handler_signature(call, key, where)
+                self.defined_handlers.append((f"{full_path}::{class_name}", call, where))
                 if signature not in signatures:
                     signatures.append(signature)
                     hw(f"{pad}  void {signature};")
@@ -772,14 +767,14 @@ class Emitter:
         hw(f"{pad}}};")
         return declarations
 
-    def handler_signature(self, call, key, r_line):
+    def handler_signature(self, call, key, where):
         name, args = call.split("(", 1)
         args = args.rstrip(")").strip()
         if args == "":
             return f"{name}()"
         if args == "key":
             return f"{name}({param_type(key)} key)"
-        raise ZefError(f"{r_line}: handler '{call}' passes literal arguments: declare it with 'method'")
+        raise ZefError(f"{where}: handler '{call}' passes literal arguments: declare it with 'method'")
 
     def sm(self, t):
         ns = t.namespace
@@ -811,11 +806,12 @@ class Emitter:
         extra = []
         for a in t.attrs:
             if a.kind == "data" and a.handler:
-                handler_decls += [(call, None) for call in a.handler]
-        for call, key in handler_decls:
+                handler_decls += [(call, None, a.line) for call in a.handler]
+        for call, key, where in handler_decls:
+            self.defined_handlers.append((t.qname, call, where))
             if call.split("(")[0] in method_names:
                 continue
-            signature = self.handler_signature(call, key, t.source)
+            signature = self.handler_signature(call, key, where)
             if signature not in extra:
                 extra.append(signature)
         if extra or t.methods:
@@ -846,8 +842,6 @@ class Emitter:
         cw(f"{t.name}::~{t.name}() {{")
         if "handleCleanUp" in method_names:
             cw("  handleCleanUp();")
-        elif "handleCleanup" in method_names:
-            cw("  handleCleanup();")
         cw("  zefDoZombieReactors(true);")
         for a in t.attrs:
             if a.kind in ("reactor", "timer"):
@@ -1020,13 +1014,18 @@ class Emitter:
         if not ctor:
             raise ZefError(f"{a.line}: {child.qname} needs a constructor argument to key it by")
         hw(f"  Zef::Ptr<{cq}> {a.name}({param_type(a.key)} key) const {{ return {a.name}_.find(key); }}")
-        hw(f"  // Returns the existing child of the key; building it again with other arguments is refused.")
-        hw(f"  Zef::Ptr<{cq}> {a.name}Is({params}) {{")
-        hw(f"    if (Zef::Ptr<{cq}> existing = {a.name}_.find({ctor[0].name})) {{")
-        hw(f"      const Zef::String refusal = existing->zefArgsMismatch({args});")
-        hw("      if (!refusal.empty()) Zef::throwRangeException(refusal);")
-        hw("      return existing;")
-        hw("    }")
+        if a.strict:
+            hw(f"  // Returns the existing child of the key; building it again with other arguments is refused.")
+            hw(f"  Zef::Ptr<{cq}> {a.name}Is({params}) {{")
+            hw(f"    if (Zef::Ptr<{cq}> existing = {a.name}_.find({ctor[0].name})) {{")
+            hw(f"      const Zef::String refusal = existing->zefArgsMismatch({args});")
+            hw("      if (!refusal.empty()) Zef::throwRangeException(refusal);")
+            hw("      return existing;")
+            hw("    }")
+        else:
+            hw(f"  // Returns the existing child of the key unchanged, whatever the other arguments.")
+            hw(f"  Zef::Ptr<{cq}> {a.name}Is({params}) {{")
+            hw(f"    if (Zef::Ptr<{cq}> existing = {a.name}_.find({ctor[0].name})) return existing;")
         hw(f"    Zef::Ptr<{cq}> child = {cq}::{child.name}Is({args});")
         hw(f"    {a.name}_.insert({ctor[0].name}, child);")
         hw("    return child;")
@@ -1080,7 +1079,7 @@ def emit_file(model, rel, types, includes):
         if ns:
             e.hw(f"}}  // namespace {ns}")
             e.cw(f"}}  // namespace {ns}")
-    return "\n".join(e.h) + "\n", "\n".join(e.cpp) + "\n"
+    return "\n".join(e.h) + "\n", "\n".join(e.cpp) + "\n", e.defined_handlers
 
 
 def dependency_order(types):
@@ -1107,6 +1106,40 @@ def dependency_order(types):
     return ordered
 
 
+def check_handlers(source_root, rel, namespaces, handlers):
+    """Every handler that a declaration names must be defined in the hand-written source of the
+    same name, so that a misspelt handler is reported here with its line, not by the linker."""
+    if not handlers:
+        return
+    stem = os.path.splitext(rel)[0]
+    path = os.path.join(source_root, stem + ".cpp")
+    text = ""
+    if os.path.exists(path):
+        with open(path) as f:
+            text = f.read()
+    for qualified, call, where in handlers:
+        cls = qualified
+        for ns in namespaces:
+            if ns and cls.startswith(ns + "::"):
+                cls = cls[len(ns) + 2 :]
+        name = call.split("(")[0]
+        if not re.search(rf"\b{re.escape(cls)}::{re.escape(name)}\s*\(", text):
+            raise ZefError(f"{where}: handler '{name}' of {cls} is not defined in {stem}.cpp")
+
+
+def clang_format(text, assume):
+    """The text formatted by the project's .clang-format, found from `assume`; unformatted if
+    clang-format is not installed."""
+    try:
+        result = subprocess.run(["clang-format", f"--assume-filename={assume}"], input=text, capture_output=True,
+                                text=True, check=True)
+    except FileNotFoundError:
+        return text
+    except subprocess.CalledProcessError as error:
+        raise ZefError(f"{assume}: clang-format failed: {error.stderr.strip()}")
+    return result.stdout
+
+
 def write_if_changed(path, text):
     os.makedirs(os.path.dirname(path), exist_ok=True)
     if os.path.exists(path):
@@ -1130,11 +1163,19 @@ def main():
             types, includes = parse_file(path, rel)
             parsed.append((rel, types, includes))
         model = Model([t for _, types, _ in parsed for t in types])
+        outputs = []
         for rel, types, includes in parsed:
-            header, source = emit_file(model, rel, types, includes)
+            header, source, handlers = emit_file(model, rel, types, includes)
+            check_handlers(options.source_root, rel, {t.namespace for t in types}, handlers)
             stem = os.path.splitext(rel)[0]
-            write_if_changed(os.path.join(options.out_root, stem + ".h"), header)
-            write_if_changed(os.path.join(options.out_root, stem + ".gen.cpp"), source)
+            assume = os.path.join(os.path.abspath(options.source_root), stem)
+            outputs.append((os.path.join(options.out_root, stem + ".h"), header, assume + ".h"))
+            outputs.append((os.path.join(options.out_root, stem + ".gen.cpp"), source, assume + ".cpp"))
+        # clang-format runs as a process per file; they run side by side.
+        with concurrent.futures.ThreadPoolExecutor() as pool:
+            formatted = list(pool.map(lambda o: clang_format(o[1], o[2]), outputs))
+        for (path, _, _), text in zip(outputs, formatted):
+            write_if_changed(path, text)
     except ZefError as error:
         print(f"zefgen: {error}", file=sys.stderr)
         return 1
