@@ -1,7 +1,5 @@
 #include "mka/MkaActorSm.h"
 
-#include <cstdlib>
-
 #include "model/CloakLib.h"
 #include "model/Crypto.h"
 #include "model/LogMessages.h"
@@ -71,7 +69,7 @@ void MkaActorSm::handleInitialized() {
   double deadline = Zef::System::currentTime();
   if (!status()->delayProtection()) {
     const int period = static_cast<int>(status()->mkpduPeriod());
-    if (period > 0) deadline += std::rand() % period;
+    if (period > 0) deadline += timerWheel()->randomBelow(static_cast<uint32_t>(period));
   }
   mkpduTimer()->timeMinIs(deadline);
 }

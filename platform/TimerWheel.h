@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <limits>
+#include <random>
 #include <vector>
 
 #include "platform/Clock.h"
@@ -63,6 +64,13 @@ class TimerWheel : public Zef::Notifier {
   // at the world after every timer.
   bool serviceOneTimer();
 
+  // A whole number from 0 up to but not including `bound` (0 if `bound` is 0), for spreading out
+  // timers that would otherwise fall due together. Each wheel has its own seeded source, so that
+  // the timing of one engine repeats exactly, run after run, whatever else the process does. Not
+  // for keys or identities: those come from the cryptographic source.
+  uint32_t randomBelow(uint32_t bound) { return bound == 0 ? 0 : static_cast<uint32_t>(random_() % bound); }
+  void randomSeedIs(uint64_t seed) { random_.seed(seed); }
+
  protected:
   ~TimerWheel() override;
 
@@ -82,6 +90,7 @@ class TimerWheel : public Zef::Notifier {
 
   std::vector<Notifiee*> heap_;
   uint64_t sequence_ = 0;
+  std::mt19937_64 random_{1};
 };
 
 inline Zef::Ptr<TimerWheel> timerWheelFactory() { return TimerWheel::TimerWheelIs(); }

@@ -88,6 +88,9 @@ Agent::Agent(Simulation& sim, std::string name)
       slice_(Macsec::MacSecStatus::MacSecStatusIs()),
       emulator_(Macsec::HwEmulator::HwEmulatorIs(status_, hwStatus_)),
       txReactor_(new TxReactor(pamManager_->txMessageInfo(), this)) {
+  // Each agent's timing comes from its own source, seeded from the simulation's, so that a run
+  // repeats exactly.
+  wheel_->randomSeedIs(sim.random_());
   status_->macsecEnabledIs(true);
   if (sim.wire() == Wire::bytes) {
     pams_ = Interface::EthDevPamCollection::EthDevPamCollectionIs("pamCollection");

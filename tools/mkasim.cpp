@@ -169,7 +169,6 @@ int main(int argc, char** argv) {
   const Options o = parse(argc, argv);
   // One seed for the links' losses and the actors' random start, so that a run repeats event for
   // event. Member identifiers and keys still come from the cryptographic source and differ.
-  std::srand(o.seed);
   Sim::Simulation sim(0.0, o.seed, Sim::Wire::bytes);
   Zef::logSinkIs([&](const Zef::LogRecord& r) {
     if (o.quiet) return;
