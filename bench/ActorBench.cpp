@@ -3,7 +3,6 @@
 #include "platform/Log.h"
 
 #include "mka/MkaActorSm.h"
-#include "model/CloakLib.h"
 #include "model/Crypto.h"
 #include "platform/Clock.h"
 #include "sim/Simulation.h"
@@ -48,8 +47,8 @@ void BM_RxDispatchReturnsEarly(benchmark::State& state) {
   Zef::Ptr<Macsec::MkaPamManager> pam = Macsec::MkaPamManager::MkaPamManagerIs(nullptr);
   Zef::Ptr<Orb::TimerWheel> wheel = Orb::TimerWheel::TimerWheelIs();
   Zef::Ptr<Macsec::MkaActorSm> actor =
-      Macsec::MkaActorSm::MkaActorSmIs("abcd", CloakLib::doEncodeKey("135bd758b0ee5c11c55ff6ab19fdb199"), eth1, status,
-                                       pam, Macsec::MacSecIntfStatusPtrDir::MacSecIntfStatusPtrDirIs(), wheel);
+      Macsec::MkaActorSm::MkaActorSmIs("abcd", Macsec::StoredKey::ofHex("135bd758b0ee5c11c55ff6ab19fdb199"), eth1,
+                                       status, pam, Macsec::MacSecIntfStatusPtrDir::MacSecIntfStatusPtrDirIs(), wheel);
   Zef::Ptr<Macsec::MkaMessageInfo> rx = pam->rxMessageInfo();
   rx->intfIdIs(Lanx::IntfId("eth2"));
   rx->mkaInfoIs();

@@ -4,15 +4,14 @@
 #include <benchmark/benchmark.h>
 
 #include "mkpdu/MkpduCoding.h"
-#include "model/CloakLib.h"
 
 namespace {
 
 constexpr const char* kCkn = "96437a93ccf10d9dfe347846cce52c7d";
 
 Macsec::ActorKeys keys() {
-  return Macsec::ActorKeys{CloakLib::doEncodeKey("8f1c5cb1c8ed2e5f047906e0473aad4d"),
-                           CloakLib::doEncodeKey("8f5a384c15d6ae9302b462e363d03ca6"), Macsec::cipherSuiteGcmAes128};
+  return Macsec::ActorKeys{Macsec::StoredKey::ofHex("8f1c5cb1c8ed2e5f047906e0473aad4d"),
+                           Macsec::StoredKey::ofHex("8f5a384c15d6ae9302b462e363d03ca6"), Macsec::cipherSuiteGcmAes128};
 }
 
 Macsec::DecodedMkpdu typical() {
@@ -23,7 +22,7 @@ Macsec::DecodedMkpdu typical() {
   m.sakUseInfo.latestKey = Macsec::KeyInfo{1, false, true, "0102030405060708090a0b0c", 2, 0};
   m.sakUseInfo.oldKey = Macsec::KeyInfo{0, true, true, "0102030405060708090a0b0c", 1, 100};
   m.sakDistInfo = Macsec::SakDistInfo{1, 0, 2, Macsec::cipherSuiteGcmAes128,
-                                      CloakLib::doEncodeKey("00112233445566778899aabbccddeeff")};
+                                      Macsec::StoredKey::ofHex("00112233445566778899aabbccddeeff")};
   return m;
 }
 

@@ -1,6 +1,5 @@
 #include "mka/MkaActorSm.h"
 
-#include "model/CloakLib.h"
 #include "model/Crypto.h"
 #include "model/LogMessages.h"
 #include "platform/Clock.h"
@@ -15,19 +14,14 @@ namespace Macsec {
 
 namespace {
 
-// Derives one key of the actor from its stored CAK and returns it in stored form. The clear CAK
-// and the clear result exist only inside this call and are wiped before it returns.
-using Derivation = void (*)(const uint8_t*, const uint8_t*, int, Zef::String&);
+// Derives one key of the actor from its CAK, in stored form. The clear CAK and the clear result
+// exist only inside this call.
+using Derivation = KeyBytes (*)(const KeyBytes&, const KeyBytes&, int);
 
-Zef::String deriveStored(Derivation derive, const Zef::String& storedCak, const Zef::String& ckn, int bits) {
-  Zef::String clearCak = CloakLib::doDecodeKey(storedCak);
-  Zef::String clearKey;
-  derive(reinterpret_cast<const uint8_t*>(clearCak.charPtr()), reinterpret_cast<const uint8_t*>(ckn.charPtr()), bits,
-         clearKey);
-  Zef::String stored = CloakLib::doEncodeKey(clearKey);
-  clearKey.zeroStringDataUnsafe();
-  clearCak.zeroStringDataUnsafe();
-  return stored;
+StoredKey deriveStored(Derivation derive, const StoredKey& cak, const Zef::String& ckn, int bits) {
+  KeyBytes name;
+  if (!hexToBytes(ckn.view(), name)) return StoredKey();
+  return cak.withClear([&](const KeyBytes& clear) { return StoredKey::of(derive(clear, name, bits)); });
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <array>
 
-#include "model/CloakLib.h"
 #include "model/Crypto.h"
 #include "model/LogMessages.h"
 #include "platform/Clock.h"
@@ -169,32 +168,24 @@ void MkaKeyServerSm::handleReKeyTimerExpiry() {
 
 void MkaKeyServerSm::generateNewSak() {
   KEY_SERVER_ENTRY();
-  // 1., 2. The context: a fresh nonce of the key's length and the live peers' identifiers.
+  // The context of the derivation: a fresh nonce of the key's length, the live peers' member
+  // identifiers, and the new key number in network order.
   const int bits = static_cast<int>(mkaIntfStatus()->cipherSuite());
-  Zef::String context;
-  randomNumberGenerator(bits, context);
-  for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) context += it.key();
-
-  // 3. The key number, in network byte order.
+  KeyBytes context = randomBytes(static_cast<size_t>(bits / 8));
+  for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) {
+    KeyBytes peer;
+    if (hexToBytes(it.key().view(), peer)) context.append(peer);
+  }
   const uint32_t keyNum = mkaActorStatus()->keyNum() + 1;
   const std::array<uint8_t, 4> keyNumBytes = {static_cast<uint8_t>(keyNum >> 24), static_cast<uint8_t>(keyNum >> 16),
                                               static_cast<uint8_t>(keyNum >> 8), static_cast<uint8_t>(keyNum)};
-  Zef::String keyNumHex;
-  convertByteArrayToHexString(keyNumBytes.data(), 4, keyNumHex);
-  context += keyNumHex;
+  context.append(keyNumBytes.data(), keyNumBytes.size());
 
-  // 4., 5.
-  Zef::String cak = CloakLib::doDecodeKey(mkaActorStatus()->cak());
-  Zef::String clear;
-  deriveSak(reinterpret_cast<const uint8_t*>(cak.charPtr()), reinterpret_cast<const uint8_t*>(context.charPtr()), bits,
-            clear);
-  cak.zeroStringDataUnsafe();
-
-  // 6.
+  // The new key, made from the CAK and stored at once: its clear octets go with this call.
+  const StoredKey key = mkaActorStatus()->cak().withClear(
+      [&](const KeyBytes& cak) { return StoredKey::of(deriveSak(cak, context, bits)); });
   const Zef::String msgId = mkaActorStatus()->msgId();
-  const Sak sak{mkaPortStatus()->anOfNextKey(), msgId, keyNum, CloakLib::doEncodeKey(clear), {}};
-  // 9. (early: nothing below needs the clear key)
-  clear.zeroStringDataUnsafe();
+  const Sak sak{mkaPortStatus()->anOfNextKey(), msgId, keyNum, key, {}};
 
   // 7. The key identifier's tail: the last 8 characters of the member identifier.
   Zef::log(MKA_SAK_CREATED, msgId.view().substr(msgId.size() >= 16 ? 16 : msgId.size()), keyNum, intfId());

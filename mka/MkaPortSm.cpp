@@ -3,7 +3,6 @@
 #include <limits>
 #include <vector>
 
-#include "model/CloakLib.h"
 #include "model/LogMessages.h"
 #include "platform/Clock.h"
 #include "platform/Trace.h"
@@ -15,16 +14,6 @@ namespace Macsec {
 namespace {
 
 constexpr double kLargestFinite = std::numeric_limits<double>::max();
-
-// Two stored keys are the same key when their clear bytes are; the clear text is wiped at once.
-bool sameKeyBytes(const Zef::String& a, const Zef::String& b) {
-  Zef::String clearA = CloakLib::doDecodeKey(a);
-  Zef::String clearB = CloakLib::doDecodeKey(b);
-  const bool same = clearA == clearB;
-  clearA.zeroStringDataUnsafe();
-  clearB.zeroStringDataUnsafe();
-  return same;
-}
 
 // The members of the port's actor collection, copied out, so that a walk may delete any of them.
 std::vector<Zef::Ptr<MkaActorStatus>> actorsOf(const Zef::Ptr<MkaPortStatus>& port) {
@@ -101,7 +90,7 @@ void MkaPortSm::doUpdateActors(bool defaultKey) {
   TRACE(8, (defaultKey ? ": Processing new default key " : ": Processing new primary key ")
                << key.ckn << " on " << intfId());
   Zef::Ptr<MkaActorStatus> existing = portStatus()->actorStatus(key.ckn);
-  if (existing && (existing->defaultActor() != defaultKey || !sameKeyBytes(existing->cak(), key.cak))) {
+  if (existing && (existing->defaultActor() != defaultKey || !existing->cak().sameKeyAs(key.cak))) {
     electionDue |= existing->principal() && existing->electedSelf();
     doCleanupActorSmAndStatus(existing);
     existing = nullptr;

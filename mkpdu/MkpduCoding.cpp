@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "mkpdu/MkaPdu.h"
-#include "model/CloakLib.h"
 #include "model/Crypto.h"
 
 namespace Macsec {
@@ -59,24 +58,25 @@ bool putMi(std::string& out, const Zef::String& mi) {
   return true;
 }
 
-// The clear octets of a stored key; wiped when the result goes.
-KeyBytes clearKey(const Zef::String& stored) {
-  Zef::String clear = CloakLib::doDecodeKey(stored);
-  KeyBytes bytes;
-  if (!hexToBytes(clear.view(), bytes)) bytes = KeyBytes();
-  clear.zeroStringDataUnsafe();
-  return bytes;
+// A key unwrapped with the actor's KEK, in stored form; none if it does not unwrap.
+StoredKey unwrapped(const StoredKey& kek, const uint8_t* wrapped, size_t length) {
+  return kek.withClear(
+      [&](const KeyBytes& clearKek) { return StoredKey::of(aesKeyUnwrap(clearKek, wrapped, length)); });
 }
 
-// Key octets in stored form, as the engine holds them.
-Zef::String storedKey(const KeyBytes& clear) {
-  Zef::String text = bytesToHex(clear.data(), clear.size());
-  Zef::String stored = CloakLib::doEncodeKey(text);
-  text.zeroStringDataUnsafe();
-  return stored;
+// A stored key wrapped with the actor's KEK; empty if either does not open.
+KeyBytes wrapped(const StoredKey& kek, const StoredKey& key) {
+  return kek.withClear([&](const KeyBytes& clearKek) {
+    return key.withClear([&](const KeyBytes& clearKey) { return aesKeyWrap(clearKek, clearKey); });
+  });
 }
 
-size_t wrappedLength(CipherSuite cipher) {
+// The ICV of a frame's bytes under the actor's ICK; empty if the ICK does not open.
+KeyBytes icvOf(const StoredKey& ick, const uint8_t* frame, size_t length) {
+  return ick.withClear([&](const KeyBytes& clearIck) { return aesCmac(clearIck, frame, length); });
+}
+
+size_t wrappedLengthOf(CipherSuite cipher) {
   return cipher == cipherSuiteGcmAes256 ? C::sizeOfWrapped256BitKey : C::sizeOfWrapped128BitKey;
 }
 
@@ -122,33 +122,32 @@ DecodeResult decodeDistSak(const uint8_t* set, size_t length, const ActorKeys& k
   const auto* overlay = reinterpret_cast<const DistSakSet*>(set);
   size_t keyOffset = 8;  // after the header and the key number; 8 more with a cipher suite
   CipherSuite cipher = cipherSuiteGcmAes128;
-  size_t wrapped = C::sizeOfWrapped128BitKey;
+  size_t wrappedLength = C::sizeOfWrapped128BitKey;
   if (length == C::distSakParameterSet128BitKeyBodyLen || length == C::distSakParameterSet256BitKeyBodyLen) {
     keyOffset += C::sizeOfCipherSuiteParam;
     cipher = cipherOfReference(overlay->cipherSuite.value());
-    wrapped = length == C::distSakParameterSet256BitKeyBodyLen ? C::sizeOfWrapped256BitKey : C::sizeOfWrapped128BitKey;
+    wrappedLength =
+        length == C::distSakParameterSet256BitKeyBodyLen ? C::sizeOfWrapped256BitKey : C::sizeOfWrapped128BitKey;
   } else if (length != C::distSakBodyLenWithoutCipherSuiteInfo) {
     return DecodeResult::badParameterSet;
   }
-  const KeyBytes kek = clearKey(keys.kek);
-  const KeyBytes sak = aesKeyUnwrap(kek, set + keyOffset, wrapped);
+  StoredKey sak = unwrapped(keys.kek, set + keyOffset, wrappedLength);
   if (sak.empty()) return DecodeResult::badKeyWrap;
   dist.distributedAN = overlay->distSakAnAndOffset.distributedAN();
   dist.confidentialityOffset = overlay->distSakAnAndOffset.confidentialityOffset();
   dist.keyNumber = overlay->keyNumber.value();
   dist.cipherSuite = cipher;
-  dist.wrappedSak = storedKey(sak);
+  dist.wrappedSak = std::move(sak);
   return DecodeResult::accepted;
 }
 
 DecodeResult decodeDistCak(const uint8_t* set, size_t length, const ActorKeys& keys, CakDistInfo& dist) {
-  const size_t wrapped = wrappedLength(keys.cipherSuite);
-  if (length < wrapped || length - wrapped > 32) return DecodeResult::badParameterSet;
-  const KeyBytes kek = clearKey(keys.kek);
-  const KeyBytes cak = aesKeyUnwrap(kek, set + C::parameterSetHeaderSize, wrapped);
+  const size_t wrappedLength = wrappedLengthOf(keys.cipherSuite);
+  if (length < wrappedLength || length - wrappedLength > 32) return DecodeResult::badParameterSet;
+  StoredKey cak = unwrapped(keys.kek, set + C::parameterSetHeaderSize, wrappedLength);
   if (cak.empty()) return DecodeResult::badKeyWrap;
-  dist.cak = storedKey(cak);
-  dist.ckn = bytesToHex(set + C::parameterSetHeaderSize + wrapped, length - wrapped);
+  dist.cak = std::move(cak);
+  dist.ckn = bytesToHex(set + C::parameterSetHeaderSize + wrappedLength, length - wrappedLength);
   return DecodeResult::accepted;
 }
 
@@ -214,8 +213,7 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
   if (!actor) return DecodeResult::unknownCkn;
 
   // The ICV covers everything from the destination address up to the ICV itself.
-  const KeyBytes ick = clearKey(actor->ick);
-  const KeyBytes icv = aesCmac(ick, frame, kHeader + setsEnd);
+  const KeyBytes icv = icvOf(actor->ick, frame, kHeader + setsEnd);
   if (icv.size() != kIcv || CRYPTO_memcmp(icv.data(), body + setsEnd, kIcv) != 0) return DecodeResult::badIcv;
 
   DecodedMkpdu message;
@@ -334,33 +332,32 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
   // cipher suite only when it is not the default one.
   const SakDistInfo& dist = message.sakDistInfo;
   if (dist != SakDistInfo()) {
-    const KeyBytes sak = clearKey(dist.wrappedSak);
-    const KeyBytes wrapped = aesKeyWrap(clearKey(keys.kek), sak);
-    if (wrapped.empty()) return false;
+    const KeyBytes wrappedSak = wrapped(keys.kek, dist.wrappedSak);
+    if (wrappedSak.empty()) return false;
     const bool withSuite = dist.cipherSuite != cipherSuiteGcmAes128;
     put8(body, distSakParameterSetType);
     DistSakAnAndOffset an;
     an.distributedANIs(dist.distributedAN);
     an.confidentialityOffsetIs(dist.confidentialityOffset);
     put8(body, an.value());
-    put16(body, static_cast<uint16_t>(4 + (withSuite ? C::sizeOfCipherSuiteParam : 0) + wrapped.size()));
+    put16(body, static_cast<uint16_t>(4 + (withSuite ? C::sizeOfCipherSuiteParam : 0) + wrappedSak.size()));
     put32(body, dist.keyNumber);
     if (withSuite) {
       put64(body, dist.cipherSuite == cipherSuiteGcmAes256 ? C::gcmAes256CipherSuiteRefNo : C::nullCipherSuiteRefNo);
     }
-    putBytes(body, wrapped.data(), wrapped.size());
+    putBytes(body, wrappedSak.data(), wrappedSak.size());
   }
 
   // The distributed CAK set, unless it is the default.
   const CakDistInfo& cakDist = message.cakDistInfo;
   if (cakDist != CakDistInfo()) {
     KeyBytes name;
-    const KeyBytes wrapped = aesKeyWrap(clearKey(keys.kek), clearKey(cakDist.cak));
-    if (wrapped.empty() || !hexToBytes(cakDist.ckn.view(), name) || name.size() > 32) return false;
+    const KeyBytes wrappedCak = wrapped(keys.kek, cakDist.cak);
+    if (wrappedCak.empty() || !hexToBytes(cakDist.ckn.view(), name) || name.size() > 32) return false;
     put8(body, distCakParameterSetType);
     put8(body, 0);
-    put16(body, static_cast<uint16_t>(wrapped.size() + name.size()));
-    putBytes(body, wrapped.data(), wrapped.size());
+    put16(body, static_cast<uint16_t>(wrappedCak.size() + name.size()));
+    putBytes(body, wrappedCak.data(), wrappedCak.size());
     putBytes(body, name.data(), name.size());
     padTo4(body);
   }
@@ -374,7 +371,7 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
   put8(out, EapolType::eapMka);
   put16(out, static_cast<uint16_t>(body.size() + kIcv));
   out += body;
-  const KeyBytes icv = aesCmac(clearKey(keys.ick), reinterpret_cast<const uint8_t*>(out.data()), out.size());
+  const KeyBytes icv = icvOf(keys.ick, reinterpret_cast<const uint8_t*>(out.data()), out.size());
   if (icv.size() != kIcv) return false;
   putBytes(out, icv.data(), icv.size());
   frame = std::move(out);

@@ -29,8 +29,8 @@ struct DecodedMkpdu {
 
 // The keys of the actor that sends or receives an MKPDU, in stored form, and its key length.
 struct ActorKeys {
-  Zef::String ick;
-  Zef::String kek;
+  StoredKey ick;
+  StoredKey kek;
   CipherSuite cipherSuite = cipherSuiteGcmAes128;
 };
 

@@ -1,79 +1,14 @@
 #include "model/CloakLib.h"
 
-#include <openssl/evp.h>
-#include <openssl/rand.h>
-
-#include <memory>
-#include <string_view>
-
-#include "model/Crypto.h"
-#include "platform/Fatal.h"
+#include "model/StoredKey.h"
 
 namespace CloakLib {
 
-namespace {
-
-// Stored form: the prefix, then hexadecimal text of nonce (12) || cipher text || tag (16), with
-// AES-256-GCM under a key drawn at random once per process.
-constexpr std::string_view kPrefix = "$mka1$";
-constexpr size_t kNonce = 12;
-constexpr size_t kTag = 16;
-
-const Macsec::KeyBytes& processKey() {
-  static const Macsec::KeyBytes* key = [] {
-    auto* k = new Macsec::KeyBytes(32);
-    if (RAND_bytes(k->data(), 32) != 1) Zef::fatal("the random number generator failed");
-    return k;
-  }();
-  return *key;
-}
-
-struct CtxDeleter {
-  void operator()(EVP_CIPHER_CTX* ctx) const { EVP_CIPHER_CTX_free(ctx); }
-};
-
-}  // namespace
-
-Zef::String doEncodeKey(const Zef::String& clear) {
-  if (clear.empty()) return Zef::String();
-  Macsec::KeyBytes sealed(kNonce + clear.size() + kTag);
-  uint8_t* nonce = sealed.data();
-  uint8_t* body = nonce + kNonce;
-  uint8_t* tag = body + clear.size();
-  if (RAND_bytes(nonce, kNonce) != 1) Zef::fatal("the random number generator failed");
-  std::unique_ptr<EVP_CIPHER_CTX, CtxDeleter> ctx(EVP_CIPHER_CTX_new());
-  int length = 0;
-  int tail = 0;
-  if (!ctx || EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, processKey().data(), nonce) != 1 ||
-      EVP_EncryptUpdate(ctx.get(), body, &length, reinterpret_cast<const uint8_t*>(clear.charPtr()),
-                        static_cast<int>(clear.size())) != 1 ||
-      EVP_EncryptFinal_ex(ctx.get(), body + length, &tail) != 1 ||
-      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, kTag, tag) != 1) {
-    Zef::fatal("encoding a key failed");
-  }
-  return Zef::String(kPrefix) + Macsec::bytesToHex(sealed.data(), sealed.size());
-}
+Zef::String doEncodeKey(const Zef::String& clear) { return Macsec::StoredKey::ofHex(clear.view()).storedText(); }
 
 Zef::String doDecodeKey(const Zef::String& stored) {
-  const std::string_view text = stored.view();
-  if (text.substr(0, kPrefix.size()) != kPrefix) return Zef::String();
-  Macsec::KeyBytes sealed;
-  if (!Macsec::hexToBytes(text.substr(kPrefix.size()), sealed) || sealed.size() <= kNonce + kTag) return Zef::String();
-  const size_t clearLength = sealed.size() - kNonce - kTag;
-  uint8_t* nonce = sealed.data();
-  uint8_t* body = nonce + kNonce;
-  uint8_t* tag = body + clearLength;
-  Macsec::KeyBytes clear(clearLength);
-  std::unique_ptr<EVP_CIPHER_CTX, CtxDeleter> ctx(EVP_CIPHER_CTX_new());
-  int length = 0;
-  int tail = 0;
-  if (!ctx || EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, processKey().data(), nonce) != 1 ||
-      EVP_DecryptUpdate(ctx.get(), clear.data(), &length, body, static_cast<int>(clearLength)) != 1 ||
-      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, kTag, tag) != 1 ||
-      EVP_DecryptFinal_ex(ctx.get(), clear.data() + length, &tail) != 1) {
-    return Zef::String();
-  }
-  return Zef::String(reinterpret_cast<const char*>(clear.data()), clear.size());
+  return Macsec::StoredKey::fromStoredText(stored).withClear(
+      [](const Macsec::KeyBytes& clear) { return Macsec::bytesToHex(clear); });
 }
 
 }  // namespace CloakLib

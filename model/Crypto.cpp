@@ -42,59 +42,15 @@ KeyBytes keyOf(const uint8_t* text, int bits) {
   return key;
 }
 
-void deriveFromCak(const uint8_t* cak, const uint8_t* ckn, int bits, std::string_view label, Zef::String& out) {
-  out = Zef::String();
-  const KeyBytes key = keyOf(cak, bits);
-  KeyBytes name;
-  if (key.empty() || !hexToBytes(textOf(ckn), name)) return;
+KeyBytes deriveFromCak(const KeyBytes& cak, const KeyBytes& ckn, int bits, std::string_view label) {
+  if ((bits != 128 && bits != 256) || cak.size() < static_cast<size_t>(bits / 8)) return KeyBytes();
   // The context is the first 16 octets of the CKN; a shorter CKN is padded with zeros.
   KeyBytes context(16);
-  std::memcpy(context.data(), name.data(), std::min<size_t>(16, name.size()));
-  hexOut(kdf(key, label, context, bits), out);
+  if (!ckn.empty()) std::memcpy(context.data(), ckn.data(), std::min<size_t>(16, ckn.size()));
+  return kdf(cak.prefix(static_cast<size_t>(bits / 8)), label, context, bits);
 }
 
 }  // namespace
-
-void KeyBytes::wipe() noexcept {
-  if (!bytes_.empty()) OPENSSL_cleanse(bytes_.data(), bytes_.size());
-}
-
-bool hexToBytes(std::string_view hex, KeyBytes& out) {
-  if (hex.size() % 2 != 0) return false;
-  KeyBytes bytes(hex.size() / 2);
-  for (size_t i = 0; i < bytes.size(); ++i) {
-    int value = 0;
-    for (int half = 0; half < 2; ++half) {
-      const char c = hex[2 * i + half];
-      int digit;
-      if (c >= '0' && c <= '9') {
-        digit = c - '0';
-      } else if (c >= 'a' && c <= 'f') {
-        digit = c - 'a' + 10;
-      } else if (c >= 'A' && c <= 'F') {
-        digit = c - 'A' + 10;
-      } else {
-        return false;
-      }
-      value = value << 4 | digit;
-    }
-    bytes.data()[i] = static_cast<uint8_t>(value);
-  }
-  out = std::move(bytes);
-  return true;
-}
-
-Zef::String bytesToHex(const uint8_t* data, size_t size) {
-  static const char* digits = "0123456789abcdef";
-  std::vector<char> text(2 * size);
-  for (size_t i = 0; i < size; ++i) {
-    text[2 * i] = digits[data[i] >> 4];
-    text[2 * i + 1] = digits[data[i] & 0xf];
-  }
-  Zef::String result(text.data(), text.size());
-  OPENSSL_cleanse(text.data(), text.size());
-  return result;
-}
 
 KeyBytes aesCmac(const KeyBytes& key, const uint8_t* message, size_t length) {
   const char* cipher = cbcCipherName(key.size());
@@ -166,13 +122,28 @@ KeyBytes aesKeyUnwrap(const KeyBytes& kek, const uint8_t* wrapped, size_t length
   return KeyBytes(key.data(), length - 8);
 }
 
-void randomNumberGenerator(int bits, Zef::String& out) {
-  KeyBytes random(static_cast<size_t>(bits + 7) / 8);
-  if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1) {
+KeyBytes randomBytes(size_t count) {
+  KeyBytes random(count);
+  if (count > 0 && RAND_bytes(random.data(), static_cast<int>(count)) != 1) {
     Zef::fatal("the random number generator failed");
   }
-  hexOut(random, out);
+  return random;
 }
+
+KeyBytes deriveIck(const KeyBytes& cak, const KeyBytes& ckn, int bits) {
+  return deriveFromCak(cak, ckn, bits, "IEEE8021 ICK");
+}
+
+KeyBytes deriveKek(const KeyBytes& cak, const KeyBytes& ckn, int bits) {
+  return deriveFromCak(cak, ckn, bits, "IEEE8021 KEK");
+}
+
+KeyBytes deriveSak(const KeyBytes& cak, const KeyBytes& context, int bits) {
+  if ((bits != 128 && bits != 256) || cak.size() < static_cast<size_t>(bits / 8)) return KeyBytes();
+  return kdf(cak.prefix(static_cast<size_t>(bits / 8)), "IEEE8021 SAK", context, bits);
+}
+
+void randomNumberGenerator(int bits, Zef::String& out) { hexOut(randomBytes(static_cast<size_t>(bits + 7) / 8), out); }
 
 void deriveCak(const uint8_t* key, const uint8_t* macs, int bits, Zef::String& out) {
   out = Zef::String();
@@ -191,19 +162,21 @@ void deriveCkn(const uint8_t* key, int bits, const uint8_t* data, int cknBits, Z
 }
 
 void deriveIck(const uint8_t* cak, const uint8_t* ckn, int bits, Zef::String& out) {
-  deriveFromCak(cak, ckn, bits, "IEEE8021 ICK", out);
+  KeyBytes name;
+  out = Zef::String();
+  if (hexToBytes(textOf(ckn), name)) hexOut(deriveIck(keyOf(cak, bits), name, bits), out);
 }
 
 void deriveKek(const uint8_t* cak, const uint8_t* ckn, int bits, Zef::String& out) {
-  deriveFromCak(cak, ckn, bits, "IEEE8021 KEK", out);
+  KeyBytes name;
+  out = Zef::String();
+  if (hexToBytes(textOf(ckn), name)) hexOut(deriveKek(keyOf(cak, bits), name, bits), out);
 }
 
 void deriveSak(const uint8_t* cak, const uint8_t* context, int bits, Zef::String& out) {
-  out = Zef::String();
-  const KeyBytes key = keyOf(cak, bits);
   KeyBytes contextBytes;
-  if (key.empty() || !hexToBytes(textOf(context), contextBytes)) return;
-  hexOut(kdf(key, "IEEE8021 SAK", contextBytes, bits), out);
+  out = Zef::String();
+  if (hexToBytes(textOf(context), contextBytes)) hexOut(deriveSak(keyOf(cak, bits), contextBytes, bits), out);
 }
 
 void generateSalt(const uint8_t* mi, unsigned int keyNum, Zef::String& out) {

@@ -1,23 +1,34 @@
 #pragma once
 
-// The crypto functions of the engine, all on OpenSSL's libcrypto. Keys, CKNs and member
-// identifiers are handled as hexadecimal text; the derivations work on the octets that text
-// denotes and follow the key hierarchy of IEEE 802.1X-2010 (clause 6.2), so a CAK/CKN pair gives
-// the same ICK and KEK here as on any other MKA peer. Results are lower-case hexadecimal text in
-// clear: callers put them through CloakLib::doEncodeKey and wipe the clear string.
+// The crypto functions of the engine, all on OpenSSL's libcrypto. The derivations follow the key
+// hierarchy of IEEE 802.1X-2010 (clause 6.2), so a CAK/CKN pair gives the same ICK and KEK here as
+// on any other MKA peer.
 //
-// Text arguments given as `const uint8_t*` are NUL-terminated hexadecimal text, except where a
-// length in bits says how many characters are read. A derivation whose input is not valid
-// hexadecimal text gives an empty result.
+// The engine works on octets (KeyBytes, reached through StoredKey::withClear). The functions on
+// text below them serve interfaces that carry keys as hexadecimal text: arguments given as
+// `const uint8_t*` are NUL-terminated hexadecimal text, except where a length in bits says how
+// many characters are read; results are lower-case hexadecimal text in clear, which the caller
+// stores and wipes. A derivation whose input is not valid gives an empty result.
 
 #include <cstdint>
 #include <string_view>
 #include <vector>
 
+#include "model/KeyBytes.h"
 #include "model/Values.h"
 #include "platform/String.h"
 
 namespace Macsec {
+
+// Octets of cryptographic randomness from OpenSSL's DRBG.
+KeyBytes randomBytes(size_t count);
+// The integrity check key and the key encrypting key of an actor, from the first bits/8 octets of
+// its CAK and its CKN; empty if the CAK is shorter.
+KeyBytes deriveIck(const KeyBytes& cak, const KeyBytes& ckn, int bits);
+KeyBytes deriveKek(const KeyBytes& cak, const KeyBytes& ckn, int bits);
+// A new SAK from the first bits/8 octets of the CAK and the context: the key server's nonce, the
+// live peers' member identifiers, and the key number in network order.
+KeyBytes deriveSak(const KeyBytes& cak, const KeyBytes& context, int bits);
 
 // `bits` of cryptographic randomness from OpenSSL's DRBG, as hexadecimal text.
 void randomNumberGenerator(int bits, Zef::String& out);
@@ -45,37 +56,6 @@ void convertByteArrayToHexString(const uint8_t* bytes, int length, Zef::String& 
 // plain text for suite 0, or its AES-GCM cipher text and tag under the test key of the suite.
 void selfTestPktData(CryptoLibCipherSuite suite, Zef::String& data, unsigned int& length);
 bool selfTestPktCheck(CryptoLibCipherSuite suite, const uint8_t* data, unsigned int length);
-
-// Bytes that are wiped when they go. Clear key octets live only in these.
-class KeyBytes {
- public:
-  KeyBytes() = default;
-  explicit KeyBytes(size_t size) : bytes_(size) {}
-  KeyBytes(const uint8_t* data, size_t size) : bytes_(data, data + size) {}
-  KeyBytes(const KeyBytes&) = default;
-  KeyBytes(KeyBytes&& other) noexcept : bytes_(std::move(other.bytes_)) {}
-  KeyBytes& operator=(KeyBytes other) noexcept {
-    wipe();
-    bytes_.swap(other.bytes_);
-    return *this;
-  }
-  ~KeyBytes() { wipe(); }
-
-  uint8_t* data() noexcept { return bytes_.data(); }
-  const uint8_t* data() const noexcept { return bytes_.data(); }
-  size_t size() const noexcept { return bytes_.size(); }
-  bool empty() const noexcept { return bytes_.empty(); }
-  void append(const uint8_t* data, size_t size) { bytes_.insert(bytes_.end(), data, data + size); }
-  bool operator==(const KeyBytes& other) const noexcept { return bytes_ == other.bytes_; }
-
- private:
-  void wipe() noexcept;
-  std::vector<uint8_t> bytes_;
-};
-
-// Octets from hexadecimal text (either case). False for odd length or a non-hex character.
-bool hexToBytes(std::string_view hex, KeyBytes& out);
-Zef::String bytesToHex(const uint8_t* data, size_t size);
 
 // AES-CMAC (RFC 4493) with a 16- or 32-byte key. Empty for any other key length.
 KeyBytes aesCmac(const KeyBytes& key, const uint8_t* message, size_t length);

@@ -4,7 +4,7 @@ namespace Macsec {
 
 void MkaActorStatus::zeroDistSakKeyForced() {
   // In place and without notification: every copy of the stored key shares these bytes.
-  distSak_.key.zeroStringDataUnsafe();
+  distSak_.key.wipeStoredForm();
 }
 
 }  // namespace Macsec

@@ -75,7 +75,7 @@ AssociationNumber AssociationNumber::fromText(std::string_view text) {
 std::ostream& operator<<(std::ostream& out, const AssociationNumber& an) { return out << +an.value(); }
 
 std::ostream& operator<<(std::ostream& out, const Cak& cak) {
-  return out << "Cak(ckn=" << cak.ckn << (cak.cak.empty() ? ", no key)" : ", key set)");
+  return out << "Cak(ckn=" << cak.ckn << ", " << cak.cak << ")";
 }
 
 std::ostream& operator<<(std::ostream& out, const GroupCak& g) {
@@ -85,8 +85,8 @@ std::ostream& operator<<(std::ostream& out, const GroupCak& g) {
 bool Sak::empty() const noexcept { return *this == Sak(); }
 
 std::ostream& operator<<(std::ostream& out, const Sak& sak) {
-  return out << "Sak(an=" << +sak.an << ", mi=" << sak.mi << ", keyNum=" << sak.keyNum
-             << (sak.key.empty() ? ", no key" : ", key set") << (sak.salt.empty() ? ")" : ", salt set)");
+  return out << "Sak(an=" << +sak.an << ", mi=" << sak.mi << ", keyNum=" << sak.keyNum << ", " << sak.key
+             << (sak.salt.empty() ? ")" : ", salt set)");
 }
 
 std::ostream& operator<<(std::ostream& out, const SakContext& c) {
@@ -132,11 +132,11 @@ std::ostream& operator<<(std::ostream& out, const SakUseInfo& s) {
 std::ostream& operator<<(std::ostream& out, const SakDistInfo& d) {
   return out << "SakDistInfo(distributedAN=" << +d.distributedAN
              << ", confidentialityOffset=" << +d.confidentialityOffset << ", keyNumber=" << d.keyNumber
-             << ", cipherSuite=" << d.cipherSuite << (d.wrappedSak.empty() ? ", no key)" : ", key set)");
+             << ", cipherSuite=" << d.cipherSuite << ", " << d.wrappedSak << ")";
 }
 
 std::ostream& operator<<(std::ostream& out, const CakDistInfo& c) {
-  return out << "CakDistInfo(ckn=" << c.ckn << (c.cak.empty() ? ", no key)" : ", key set)");
+  return out << "CakDistInfo(ckn=" << c.ckn << ", " << c.cak << ")";
 }
 
 std::ostream& operator<<(std::ostream& out, const POSTInfo& p) {
@@ -178,7 +178,7 @@ std::ostream& operator<<(std::ostream& out, Dot1xType type) {
 
 std::ostream& operator<<(std::ostream& out, const EapKey& key) {
   return out << "EapKey(dot1xType=" << key.dot1xType << ", sessionId=" << key.sessionId << ", myMac=" << key.myMac
-             << ", peerMac=" << key.peerMac << (key.key.empty() ? ", no key)" : ", key set)");
+             << ", peerMac=" << key.peerMac << ", " << key.key << ")";
 }
 
 }  // namespace Dot1x

@@ -10,6 +10,7 @@
 #include <iosfwd>
 #include <string_view>
 
+#include "model/StoredKey.h"
 #include "platform/EthAddr.h"
 #include "platform/IntfId.h"
 #include "platform/String.h"
@@ -95,7 +96,7 @@ std::ostream& operator<<(std::ostream& out, const AssociationNumber& an);
 // `cak` is the key in stored form. Empty (both strings empty) means no key.
 struct Cak {
   Zef::String ckn;
-  Zef::String cak;
+  StoredKey cak;
   bool empty() const noexcept { return ckn.empty() && cak.empty(); }
   bool operator==(const Cak&) const noexcept = default;
 };
@@ -114,7 +115,7 @@ struct Sak {
   uint8_t an = 0;
   Zef::String mi;
   uint32_t keyNum = 0;
-  Zef::String key;
+  StoredKey key;
   Zef::String salt;
   bool empty() const noexcept;
   bool operator==(const Sak&) const noexcept = default;
@@ -206,14 +207,14 @@ struct SakDistInfo {
   uint8_t confidentialityOffset = 0;
   uint32_t keyNumber = 0;
   CipherSuite cipherSuite = cipherSuiteGcmAes128;
-  Zef::String wrappedSak;  // the SAK in stored form
+  StoredKey wrappedSak;
   bool operator==(const SakDistInfo&) const noexcept = default;
 };
 std::ostream& operator<<(std::ostream& out, const SakDistInfo& info);
 
 struct CakDistInfo {
   Zef::String ckn;
-  Zef::String cak;  // stored form
+  StoredKey cak;
   bool operator==(const CakDistInfo&) const noexcept = default;
 };
 std::ostream& operator<<(std::ostream& out, const CakDistInfo& info);
@@ -265,10 +266,10 @@ enum Dot1xType : uint8_t {
 };
 std::ostream& operator<<(std::ostream& out, Dot1xType type);
 
-// One EAP-derived key as the 802.1X agent offers it. `key` is hexadecimal text in stored form.
+// One EAP-derived key as the 802.1X agent offers it.
 struct EapKey {
   Dot1xType dot1xType = dot1xTypeAuthenticator;
-  Zef::String key;
+  Macsec::StoredKey key;
   Zef::String sessionId;
   Lanx::EthAddr myMac;
   Lanx::EthAddr peerMac;

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <limits>
 
-#include "model/CloakLib.h"
 #include "platform/Log.h"
 
 namespace Sim {
@@ -139,7 +138,7 @@ namespace {
 
 Macsec::Cak storedKey(const Key& key) {
   if (key.ckn.empty()) return Macsec::Cak();
-  return Macsec::Cak{key.ckn, CloakLib::doEncodeKey(key.cak)};
+  return Macsec::Cak{key.ckn, Macsec::StoredKey::ofHex(key.cak.view())};
 }
 
 }  // namespace
@@ -165,7 +164,7 @@ void Agent::portDel(const Lanx::IntfId& intf) {
 
 Zef::Ptr<Macsec::MkaActorSm> Agent::actorIs(const Lanx::IntfId& intf, const Zef::String& ckn,
                                             const Zef::String& clearCak) {
-  const Zef::String stored = CloakLib::doEncodeKey(clearCak);
+  const Macsec::StoredKey stored = Macsec::StoredKey::ofHex(clearCak.view());
   status_->portStatus(intf)->actorStatusIs(ckn);
   Zef::Ptr<Macsec::MkaActorSm> actor =
       Macsec::MkaActorSm::MkaActorSmIs(ckn, stored, intf, status_, pamManager_, hwStatus_, wheel_);

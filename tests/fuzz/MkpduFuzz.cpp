@@ -7,7 +7,6 @@
 #include <string>
 
 #include "mkpdu/MkpduCoding.h"
-#include "model/CloakLib.h"
 #include "model/Crypto.h"
 
 namespace {
@@ -15,8 +14,8 @@ namespace {
 constexpr const char* kCkn = "96437a93ccf10d9dfe347846cce52c7d";
 
 const Macsec::ActorKeys& keys() {
-  static const Macsec::ActorKeys k{CloakLib::doEncodeKey("8f1c5cb1c8ed2e5f047906e0473aad4d"),
-                                   CloakLib::doEncodeKey("8f5a384c15d6ae9302b462e363d03ca6"),
+  static const Macsec::ActorKeys k{Macsec::StoredKey::ofHex("8f1c5cb1c8ed2e5f047906e0473aad4d"),
+                                   Macsec::StoredKey::ofHex("8f5a384c15d6ae9302b462e363d03ca6"),
                                    Macsec::cipherSuiteGcmAes128};
   return k;
 }

@@ -59,7 +59,7 @@ class MkaActorSmTest : public ::testing::Test {
   Zef::System::VirtualClock clock{1000.0};
   Zef::System::ScopedClock scoped{clock};
   const Lanx::IntfId eth1{"eth1"};
-  const Zef::String storedCak = CloakLib::doEncodeKey(kCak);
+  const StoredKey storedCak = StoredKey::ofHex(kCak);
   Zef::Ptr<Status> status = Status::StatusIs();
   Zef::Ptr<MkaPamManager> pamManager = MkaPamManager::MkaPamManagerIs(nullptr);
   Zef::Ptr<MacSecIntfStatusPtrDir const> hwStatus = MacSecIntfStatusPtrDir::MacSecIntfStatusPtrDirIs();
@@ -73,17 +73,17 @@ TEST_F(MkaActorSmTest, ANewActorGetsAnIdentityAndDerivesItsKeysOnce) {
   EXPECT_EQ(s->msgId().size(), 24u);
   EXPECT_EQ(s->msgNum(), 0u);
   EXPECT_EQ(s->cak(), storedCak);
-  EXPECT_EQ(CloakLib::doDecodeKey(s->ick()), kIck);
-  EXPECT_EQ(CloakLib::doDecodeKey(s->kek()), kKek);
-  EXPECT_NE(s->ick(), kIck);  // held in stored form only
+  EXPECT_EQ(CloakLib::doDecodeKey(s->ick().storedText()), kIck);
+  EXPECT_EQ(CloakLib::doDecodeKey(s->kek().storedText()), kKek);
+  EXPECT_NE(s->ick().storedText(), kIck);  // held in stored form only
   EXPECT_EQ(actor->intfStatus(), status->intfStatus(eth1));
   EXPECT_EQ(actor->cpStatus(), status->cpStatus(eth1));
 
   // Rebuilt over the same status, the actor keeps identity and keys and derives nothing: a new
   // derivation would have given new stored text.
   const Zef::String id = s->msgId();
-  const Zef::String ick = s->ick();
-  const Zef::String kek = s->kek();
+  const StoredKey ick = s->ick();
+  const StoredKey kek = s->kek();
   s->msgNumIs(41);
   actor = nullptr;
   actor = makeActor();

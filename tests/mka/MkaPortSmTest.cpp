@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include "model/CloakLib.h"
 #include "tests/mka/Scenario.h"
 
 namespace Macsec::Testing {
@@ -78,7 +77,7 @@ TEST_F(Port, PrimaryKeysBringOnePrincipalActorPerSideAndOpenThePorts) {
   // Asking the port for the actor of a CKN it has gives that actor, whatever else is asked for:
   // the key's stored form differs at every encoding.
   const Zef::Ptr<MkaActorSm> actorSm = port(a)->mkaActorSm(kPrimary.ckn);
-  EXPECT_EQ(port(a)->mkaActorSmIs(kPrimary.ckn, CloakLib::doEncodeKey(kOther.cak), intf(a), a.status(),
+  EXPECT_EQ(port(a)->mkaActorSmIs(kPrimary.ckn, StoredKey::ofHex(kOther.cak.view()), intf(a), a.status(),
                                   a.pamManager(), a.hwStatus(), a.wheel()),
             actorSm);
   sim.runFor(10);
@@ -193,19 +192,19 @@ TEST_F(Port, UnprotectedTrafficUntilAKeyArrivesAndStaticKeysOnTheirOwnNumbers) {
   // Static keys on b: each new key takes the next association number, the first one 1.
   intfStatus(b)->staticSakInUseIs(true);
   Sak staticKey;
-  staticKey.key = "stored-static-key-1";
+  staticKey.key = StoredKey::ofHex("01010101010101010101010101010101");
   intfStatus(b)->txStaticSakIs(staticKey);
   EXPECT_EQ(cp(b)->txSak().an, 1);
-  EXPECT_EQ(cp(b)->txSak().key, "stored-static-key-1");
-  staticKey.key = "stored-static-key-2";
+  EXPECT_EQ(cp(b)->txSak().key, staticKey.key);
+  staticKey.key = StoredKey::ofHex("02020202020202020202020202020202");
   intfStatus(b)->txStaticSakIs(staticKey);
   EXPECT_EQ(cp(b)->txSak().an, 2);
   intfStatus(b)->rxStaticSakIs(staticKey);
   EXPECT_EQ(portStatus(b)->rxStaticAn(), AssociationNumber(1));
-  EXPECT_EQ(cp(b)->rxSak(AssociationNumber(1)).key, "stored-static-key-2");
+  EXPECT_EQ(cp(b)->rxSak(AssociationNumber(1)).key, staticKey.key);
   // A static key changed while static keys are not in use is ignored.
   intfStatus(b)->staticSakInUseIs(false);
-  staticKey.key = "stored-static-key-3";
+  staticKey.key = StoredKey::ofHex("03030303030303030303030303030303");
   intfStatus(b)->txStaticSakIs(staticKey);
   EXPECT_EQ(cp(b)->txSak().an, 2);
 }
@@ -227,7 +226,7 @@ TEST_F(Port, RemovingThePortWipesEveryKeyAndEmptiesTheControlledPort) {
   EXPECT_TRUE(cp(a)->txSak().empty());
   EXPECT_EQ(cp(a)->rxSakSize(), 0u);
   EXPECT_FALSE(cp(a)->controlledPortEnabled());
-  for (char c : distributed.key) EXPECT_EQ(c, '\0');  // the stored key is wiped in place
+  for (char c : distributed.key.storedText()) EXPECT_EQ(c, '\0');  // the stored key is wiped in place
 }
 
 }  // namespace

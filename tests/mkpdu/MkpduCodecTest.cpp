@@ -22,9 +22,7 @@ std::string hexOf(const std::string& bytes) {
   return bytesToHex(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()).stdString();
 }
 
-ActorKeys keys128() {
-  return ActorKeys{CloakLib::doEncodeKey(kIck), CloakLib::doEncodeKey(kKek), cipherSuiteGcmAes128};
-}
+ActorKeys keys128() { return ActorKeys{StoredKey::ofHex(kIck), StoredKey::ofHex(kKek), cipherSuiteGcmAes128}; }
 
 KeyLookup lookupOf(const ActorKeys& keys) {
   return [keys](const Zef::String& ckn) -> std::optional<ActorKeys> {
@@ -44,7 +42,7 @@ DecodedMkpdu typicalMessage(CipherSuite cipher = cipherSuiteGcmAes128) {
   m.sakUseInfo.delayProtect = true;
   const char* sak = cipher == cipherSuiteGcmAes256 ? "00112233445566778899aabbccddeeff00112233445566778899aabbccddeeff"
                                                    : "00112233445566778899aabbccddeeff";
-  m.sakDistInfo = SakDistInfo{1, 0, 2, cipher, CloakLib::doEncodeKey(sak)};
+  m.sakDistInfo = SakDistInfo{1, 0, 2, cipher, StoredKey::ofHex(sak)};
   return m;
 }
 
@@ -56,8 +54,8 @@ void expectSameMessage(const DecodedMkpdu& a, const DecodedMkpdu& b) {
   EXPECT_EQ(a.potentialPeers, b.potentialPeers);
   SakDistInfo da = a.sakDistInfo;
   SakDistInfo db = b.sakDistInfo;
-  EXPECT_EQ(CloakLib::doDecodeKey(da.wrappedSak), CloakLib::doDecodeKey(db.wrappedSak));
-  da.wrappedSak = db.wrappedSak = Zef::String();
+  EXPECT_EQ(CloakLib::doDecodeKey(da.wrappedSak.storedText()), CloakLib::doDecodeKey(db.wrappedSak.storedText()));
+  da.wrappedSak = db.wrappedSak = StoredKey();
   EXPECT_EQ(da, db);
 }
 
@@ -105,12 +103,12 @@ TEST(MkpduCoding, DecodingAnEncodedMessageGivesItBack) {
     ActorKeys keys = keys128();
     keys.cipherSuite = cipher;
     if (cipher == cipherSuiteGcmAes256) {
-      keys.kek = CloakLib::doEncodeKey("71340e454c84a1232aa7977d5ed86f78f250f3f9d53584b9337ff0c6dfdc9f96");
+      keys.kek = StoredKey::ofHex("71340e454c84a1232aa7977d5ed86f78f250f3f9d53584b9337ff0c6dfdc9f96");
     }
     DecodedMkpdu m = typicalMessage(cipher);
     m.potentialPeers = {{"b1b2b3b4b5b6b7b8b9babbbc", 9}, {"c1c2c3c4c5c6c7c8c9cacbcc", 0}};
     m.cakDistInfo = CakDistInfo{
-        "0102", CloakLib::doEncodeKey(cipher == cipherSuiteGcmAes256 ? std::string(64, 'a') : std::string(32, 'b'))};
+        "0102", StoredKey::ofHex(cipher == cipherSuiteGcmAes256 ? std::string(64, 'a') : std::string(32, 'b'))};
     std::string frame;
     ASSERT_TRUE(encodeMkpdu(m, m.baseInfo.sci.addr, keys, frame));
     // The distributed SAK set: 28 octets for the default suite, 52 with the 256-bit suite named.
@@ -119,7 +117,8 @@ TEST(MkpduCoding, DecodingAnEncodedMessageGivesItBack) {
               DecodeResult::accepted);
     expectSameMessage(back, m);
     EXPECT_EQ(back.cakDistInfo.ckn, "0102");
-    EXPECT_EQ(CloakLib::doDecodeKey(back.cakDistInfo.cak), CloakLib::doDecodeKey(m.cakDistInfo.cak));
+    EXPECT_EQ(CloakLib::doDecodeKey(back.cakDistInfo.cak.storedText()),
+              CloakLib::doDecodeKey(m.cakDistInfo.cak.storedText()));
   }
 }
 
@@ -158,8 +157,8 @@ class Codec : public ::testing::Test {
     Zef::Ptr<MkaPortStatus> port = status->portStatusIs(eth1);
     port->mySciIs(Sci{Lanx::EthAddr::fromText("02:00:00:00:00:02"), 1});
     Zef::Ptr<MkaActorStatus> actor = port->actorStatusIs(kCkn);
-    actor->ickIs(CloakLib::doEncodeKey(kIck));
-    actor->kekIs(CloakLib::doEncodeKey(kKek));
+    actor->ickIs(StoredKey::ofHex(kIck));
+    actor->kekIs(StoredKey::ofHex(kKek));
     pamManager->mkaIntfIs(eth1);
   }
   DecodeResult feed(const std::string& frame) {

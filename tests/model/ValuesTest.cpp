@@ -52,7 +52,7 @@ TEST(Values, DefaultsAreTheEmptyValues) {
 }
 
 TEST(Values, SaltMakesAnotherSakButTheSameKey) {
-  Sak a{1, "00112233445566778899aabb", 7, "stored", {}};
+  Sak a{1, "00112233445566778899aabb", 7, StoredKey::ofHex("0011"), {}};
   Sak b = a;
   b.salt = "salt";
   EXPECT_NE(a, b);
@@ -80,14 +80,41 @@ TEST(Values, SciOrdersAddressFirstAndReadsBackItsText) {
 }
 
 TEST(Values, StreamFormsNeverShowKeys) {
-  const Sak sak{2, "mi", 3, "STORED-KEY", "SALT"};
-  const Cak cak{"abcd", "STORED-CAK"};
-  const std::string all = text(sak) + text(cak) + text(SakDistInfo{1, 0, 3, cipherSuiteGcmAes128, "WRAPPED"}) +
-                          text(CakDistInfo{"abcd", "DISTCAK"}) + text(SakContext{sak, 0, true, true, false, false});
-  for (const char* secret : {"STORED-KEY", "SALT", "STORED-CAK", "WRAPPED", "DISTCAK"}) {
-    EXPECT_EQ(all.find(secret), std::string::npos) << secret;
+  const char* clear[] = {"5a4b0011", "5a4b0022", "5a4b0033", "5a4b0044"};
+  const StoredKey stored[] = {StoredKey::ofHex(clear[0]), StoredKey::ofHex(clear[1]), StoredKey::ofHex(clear[2]),
+                              StoredKey::ofHex(clear[3])};
+  const Sak sak{2, "mi", 3, stored[0], "5a4b0055"};
+  const Cak cak{"abcd", stored[1]};
+  const std::string all = text(sak) + text(cak) + text(SakDistInfo{1, 0, 3, cipherSuiteGcmAes128, stored[2]}) +
+                          text(CakDistInfo{"abcd", stored[3]}) + text(SakContext{sak, 0, true, true, false, false});
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(all.find(clear[i]), std::string::npos) << clear[i];
+    EXPECT_EQ(all.find(stored[i].storedText().stdString()), std::string::npos) << i;
   }
+  EXPECT_EQ(all.find("5a4b0055"), std::string::npos);  // nor the salt
   EXPECT_NE(all.find("ckn=abcd"), std::string::npos);
+  EXPECT_NE(all.find("key set"), std::string::npos);
+}
+
+TEST(Values, AStoredKeyOpensOnlyForOneCallAndComparesByItsClearOctets) {
+  const StoredKey a = StoredKey::ofHex("135bd758b0ee5c11c55ff6ab19fdb199");
+  const StoredKey b = StoredKey::ofHex("135BD758B0EE5C11C55FF6AB19FDB199");
+  EXPECT_NE(a, b);  // two stored forms of one key differ as text
+  EXPECT_TRUE(a.sameKeyAs(b));
+  EXPECT_FALSE(a.sameKeyAs(StoredKey::ofHex("135bd758b0ee5c11c55ff6ab19fdb198")));
+  EXPECT_FALSE(a.sameKeyAs(StoredKey()));
+  EXPECT_TRUE(StoredKey::ofHex("not hex").empty());
+
+  // The call gets the clear octets and gives back what it returns.
+  EXPECT_EQ(a.withClear([](const KeyBytes& clear) { return bytesToHex(clear); }), "135bd758b0ee5c11c55ff6ab19fdb199");
+
+  // A stored form from elsewhere, or one that was tampered with, opens to nothing.
+  std::string tampered = a.storedText().stdString();
+  tampered.back() = tampered.back() == '0' ? '1' : '0';
+  EXPECT_TRUE(StoredKey::fromStoredText(Zef::String(tampered)).withClear([](const KeyBytes& k) { return k.empty(); }));
+  EXPECT_TRUE(StoredKey::fromStoredText("135bd758b0ee5c11c55ff6ab19fdb199").withClear([](const KeyBytes& k) {
+    return k.empty();
+  }));
 }
 
 TEST(NetworkValues, InterfaceNamesAddressesAndNetworkIntegers) {
@@ -129,18 +156,17 @@ TEST(Entities, CollectionsReturnTheExistingMemberWhateverTheArguments) {
   EXPECT_EQ(first->keyServerPriority(), 16);
 
   Zef::Ptr<CpStatus> cp = status->cpStatusIs(Lanx::IntfId("eth1"), params);
-  Sak sak{2, "mi", 1, "k", {}};
+  Sak sak{2, "mi", 1, StoredKey::ofHex("01"), {}};
   cp->rxSakIs(sak);
   EXPECT_EQ(cp->rxSak(AssociationNumber(2)), sak);
   EXPECT_EQ(cp->rxSakSize(), 1u);
 
   Zef::Ptr<MkaActorStatus> actor = status->portStatusIs(Lanx::IntfId("eth1"))->actorStatusIs("abcd");
   EXPECT_TRUE(actor->macsecDesired());
-  Zef::String key("stored-sak");
-  actor->distSakIs(Sak{1, "mi", 1, key, {}});
+  actor->distSakIs(Sak{1, "mi", 1, StoredKey::ofHex("0102"), {}});
   Sak copy = actor->distSak();
   actor->zeroDistSakKeyForced();
-  for (char c : copy.key) EXPECT_EQ(c, '\0');  // every copy of the key is wiped
+  for (char c : copy.key.storedText()) EXPECT_EQ(c, '\0');  // every copy of the key is wiped
 }
 
 TEST(Entities, ThePamManagerHasBothMessageObjectsForItsWholeLife) {
