@@ -8,22 +8,6 @@
 
 namespace Sim {
 
-// Stands in for the codec of a real agent: it takes each message the actors send and puts it on
-// the interface's link.
-class Agent::TxReactor : public Macsec::MkaMessageInfo::NotifieeConst {
- public:
-  TxReactor(const Zef::Ptr<Macsec::MkaMessageInfo>& tx, Agent* agent) : NotifieeConst(tx), agent_(agent) {
-    hasNotificationActiveIs(true);
-  }
-  void onCount() override {
-    if (agent_) agent_->transmit();
-  }
-  void agentIs(Agent* agent) { agent_ = agent; }
-
- private:
-  Agent* agent_;
-};
-
 void Link::cutIs(bool cut) {
   if (cut && !cut_) ++generation_;
   cut_ = cut;
@@ -77,61 +61,34 @@ void Link::send(const Agent* from, const Lanx::IntfId& intf, const Message& mess
   });
 }
 
-Agent::Agent(Simulation& sim, std::string name)
-    : sim_(sim),
-      name_(std::move(name)),
-      status_(Macsec::Status::StatusIs()),
-      pamManager_(Macsec::MkaPamManager::MkaPamManagerIs(nullptr)),
-      wheel_(Orb::TimerWheel::TimerWheelIs()),
-      hwStatus_(Macsec::MacSecIntfStatusPtrDir::MacSecIntfStatusPtrDirIs()),
-      slice_(Macsec::MacSecStatus::MacSecStatusIs()),
-      emulator_(Macsec::HwEmulator::HwEmulatorIs(status_, hwStatus_)),
-      txReactor_(new TxReactor(pamManager_->txMessageInfo(), this)) {
-  // Each agent's timing comes from its own source, seeded from the simulation's, so that a run
-  // repeats exactly.
-  wheel_->randomSeedIs(sim.random_());
-  status_->macsecEnabledIs(true);
-  if (sim.wire() == Wire::bytes) {
-    pams_ = Interface::EthDevPamCollection::EthDevPamCollectionIs("pamCollection");
-    pamManager_ = Macsec::MkaPamManager::MkaPamManagerIs(pams_);
-    txReactor_ = Zef::Ptr<TxReactor>(new TxReactor(pamManager_->txMessageInfo(), this));
-    codec_ = Macsec::MkpduCodec::MkpduCodecIs(status_, pamManager_, pams_);
-  }
+Agent::Agent(Simulation& sim, std::string name, uint64_t seed)
+    : sim_(sim), engine_(Macsec::EngineOptions{std::move(name), sim.wire() == Wire::bytes, seed}) {
+  engine_.messageTransmitterIs(
+      [this](const Lanx::IntfId& intf, const Macsec::DecodedMkpdu& message) { transmitted(intf, message); });
+  engine_.frameTransmitterIs([this](const Lanx::IntfId& intf, const std::string& frame) {
+    if (muted_) return;
+    if (Link* link = sim_.linkOf(this, intf)) link->sendFrame(this, intf, frame);
+  });
 }
 
 void Agent::hardwareLatencyIs(double seconds) {
   if (seconds <= 0) {
-    emulator_->confirmationSchedulerIs(nullptr);
+    engine_.confirmationSchedulerIs(nullptr);
     return;
   }
-  emulator_->confirmationSchedulerIs([this, seconds](std::function<void()> confirm) { sim_.after(seconds, confirm); });
+  engine_.confirmationSchedulerIs([this, seconds](std::function<void()> confirm) {
+    sim_.after(seconds, [this, confirm = std::move(confirm)] { engine_.as(confirm); });
+  });
 }
 
 Agent::~Agent() {
-  // Ports and actors go first, while everything they use is still there.
-  ports_.clear();
-  actors_.clear();
-  txReactor_->agentIs(nullptr);
+  // The hand-made actors go first, while the engine they run in is still there.
+  engine_.as([&] { actors_.clear(); });
 }
 
 void Agent::portIs(const Lanx::IntfId& intf, const PortConfig& config) {
-  Zef::Ptr<Macsec::IntfStatus> intfStatus = status_->intfStatusIs(intf, config.params);
-  intfStatus->keyServerPriorityIs(config.keyServerPriority);
-  intfStatus->dot1xTypeIs(config.dot1xType);
-  status_->cpStatusIs(intf, config.params);
-  status_->portStatusIs(intf)->mySciIs(Macsec::Sci{config.mac, config.portId});
-  hwStatus_->statusIs(slice_->statusIs(intf));
-  if (codec_) {
-    // The codec opens an access point for the interface; what it sends goes on the link.
-    pamManager_->mkaIntfIs(intf);
-    pams_->pam(intf)->transmitterIs([this, intf](const Zef::Ptr<Lanx::Pkt>& pkt) {
-      if (muted_) return;
-      if (Link* link = sim_.linkOf(this, intf)) link->sendFrame(this, intf, pkt->bytes());
-    });
-  }
-  if (config.runPort) {
-    ports_[intf] = Macsec::MkaPortSm::MkaPortSmIs(intf, status_, pamManager_, hwStatus_, wheel_);
-  }
+  engine_.interfaceIs(intf, config);
+  if (config.runPort) engine_.portIs(intf);
 }
 
 namespace {
@@ -143,36 +100,23 @@ Macsec::Cak storedKey(const Key& key) {
 
 }  // namespace
 
-void Agent::keyIs(const Lanx::IntfId& intf, const Key& key) { status_->intfStatus(intf)->keyIs(storedKey(key)); }
+void Agent::keyIs(const Lanx::IntfId& intf, const Key& key) { engine_.keyIs(intf, storedKey(key)); }
 
-void Agent::defaultKeyIs(const Lanx::IntfId& intf, const Key& key) {
-  status_->intfStatus(intf)->defaultKeyIs(storedKey(key));
-}
-
-Zef::Ptr<Macsec::MkaPortSm> Agent::port(const Lanx::IntfId& intf) const {
-  auto it = ports_.find(intf);
-  return it == ports_.end() ? nullptr : it->second;
-}
-
-void Agent::portDel(const Lanx::IntfId& intf) {
-  auto it = ports_.find(intf);
-  if (it == ports_.end()) return;
-  Zef::Ptr<Macsec::MkaPortSm> port = std::move(it->second);
-  ports_.erase(it);
-  port->hasNotificationActiveIs(false);
-}
+void Agent::defaultKeyIs(const Lanx::IntfId& intf, const Key& key) { engine_.defaultKeyIs(intf, storedKey(key)); }
 
 Zef::Ptr<Macsec::MkaActorSm> Agent::actorIs(const Lanx::IntfId& intf, const Zef::String& ckn,
                                             const Zef::String& clearCak) {
   const Macsec::StoredKey stored = Macsec::StoredKey::ofHex(clearCak.view());
-  status_->portStatus(intf)->actorStatusIs(ckn);
-  Zef::Ptr<Macsec::MkaActorSm> actor =
-      Macsec::MkaActorSm::MkaActorSmIs(ckn, stored, intf, status_, pamManager_, hwStatus_, wheel_);
+  status()->portStatus(intf)->actorStatusIs(ckn);
+  Zef::Ptr<Macsec::MkaActorSm> actor = engine_.as(
+      [&] { return Macsec::MkaActorSm::MkaActorSmIs(ckn, stored, intf, status(), pamManager(), hwStatus(), wheel()); });
   actors_[{intf, ckn}] = actor;
   return actor;
 }
 
-void Agent::actorDel(const Lanx::IntfId& intf, const Zef::String& ckn) { actors_.erase({intf, ckn}); }
+void Agent::actorDel(const Lanx::IntfId& intf, const Zef::String& ckn) {
+  engine_.as([&] { actors_.erase({intf, ckn}); });
+}
 
 Zef::Ptr<Macsec::MkaActorSm> Agent::actor(const Lanx::IntfId& intf, const Zef::String& ckn) const {
   auto it = actors_.find({intf, ckn});
@@ -180,35 +124,20 @@ Zef::Ptr<Macsec::MkaActorSm> Agent::actor(const Lanx::IntfId& intf, const Zef::S
 }
 
 Zef::Ptr<Macsec::MkaActorStatus> Agent::actorStatus(const Lanx::IntfId& intf, const Zef::String& ckn) const {
-  Zef::Ptr<Macsec::MkaPortStatus> port = status_->portStatus(intf);
+  Zef::Ptr<Macsec::MkaPortStatus> port = status()->portStatus(intf);
   return port ? port->actorStatus(ckn) : nullptr;
 }
 
-void Agent::transmit() {
-  const Zef::Ptr<Macsec::MkaMessageInfo>& tx = pamManager_->txMessageInfo();
+void Agent::transmitted(const Lanx::IntfId& intf, const Macsec::DecodedMkpdu& decoded) {
   ++sent_;
   if (muted_) return;
   Message message;
-  static_cast<Macsec::DecodedMkpdu&>(message) = Macsec::decodedMessageOf(*tx);
-  message.intfId = tx->intfId();
+  static_cast<Macsec::DecodedMkpdu&>(message) = decoded;
+  message.intfId = intf;
   if (sim_.tap_) sim_.tap_(*this, message);
   // Over bytes, the codec sends the frame.
-  if (codec_) return;
-  if (Link* link = sim_.linkOf(this, tx->intfId())) link->send(this, tx->intfId(), message);
-}
-
-void Agent::deliverFrame(const Lanx::IntfId& intf, const std::string& frame) {
-  const Zef::Ptr<Lanx::Pam> pam = pams_ ? pams_->pam(intf) : nullptr;
-  if (!pam) return;
-  const Zef::Ptr<Lanx::Pkt> pkt = Lanx::globalPktManager().newPkt();
-  std::memcpy(pkt->newHeadData(frame.size()), frame.data(), frame.size());
-  pam->rxPktIs(pkt);
-}
-
-void Agent::deliver(const Message& message) {
-  const Zef::Ptr<Macsec::MkaMessageInfo>& rx = pamManager_->rxMessageInfo();
-  Macsec::messageInfoIs(*rx, message.intfId, message);
-  rx->countInc(1);
+  if (engine_.frames()) return;
+  if (Link* link = sim_.linkOf(this, intf)) link->send(this, intf, message);
 }
 
 namespace {
@@ -228,15 +157,7 @@ Simulation::Simulation(double start, uint32_t seed, Wire wire)
 Simulation::~Simulation() {
   // Agents go before the clock that their timers read.
   agents_.clear();
-  Zef::logSourceIs(nullptr);
   if (pcap_) std::fclose(pcap_);
-}
-
-template <class F>
-void Simulation::as(const Agent* agent, F&& work) {
-  Zef::logSourceIs(agent ? agent->name().c_str() : nullptr);
-  work();
-  Zef::logSourceIs(nullptr);
 }
 
 bool Simulation::pcapIs(const std::string& path) {
@@ -274,7 +195,9 @@ void Simulation::capture(const std::string& frame) {
 
 Agent& Simulation::agentIs(const std::string& name) {
   auto& slot = agents_[name];
-  if (!slot) slot = std::make_unique<Agent>(*this, name);
+  // Each agent's timing comes from its own source, seeded from the simulation's, so that a run
+  // repeats exactly.
+  if (!slot) slot = std::make_unique<Agent>(*this, name, random_());
   return *slot;
 }
 
@@ -300,7 +223,7 @@ void Simulation::schedule(Link* link, Agent* to, const Message& message, double 
     }
     ++link->carried_;
     ++deliveries_;
-    as(to, [&] { to->deliver(message); });
+    to->deliver(message);
   });
 }
 
@@ -314,7 +237,7 @@ void Simulation::scheduleFrame(Link* link, Agent* to, const Lanx::IntfId& intf, 
     }
     ++link->carried_;
     ++deliveries_;
-    as(to, [&] { to->deliverFrame(intf, frame); });
+    to->deliverFrame(intf, frame);
   });
 }
 
@@ -325,7 +248,7 @@ void Simulation::after(double delay, std::function<void()> action) {
 double Simulation::nextEvent() const {
   double next = std::numeric_limits<double>::infinity();
   if (!events_.empty()) next = events_.top().time;
-  for (const auto& [name, agent] : agents_) next = std::min(next, agent->wheel()->nextDeadline());
+  for (const auto& [name, agent] : agents_) next = std::min(next, agent->engine().nextDeadline());
   return next;
 }
 
@@ -343,10 +266,7 @@ void Simulation::runUntil(double t) {
       continue;
     }
     for (const auto& entry : agents_) {
-      Agent* agent = entry.second.get();
-      bool fired = false;
-      as(agent, [&] { fired = agent->wheel()->serviceOneTimer(); });
-      if (fired) {
+      if (entry.second->engine().serviceOneTimer()) {
         if (observer_) observer_();
         break;
       }

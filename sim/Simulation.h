@@ -1,10 +1,10 @@
 #pragma once
 
-// A simulation of MKA agents on virtual time: several agents, each with its own status, message
-// hand-off and timer wheel as a real agent has, joined by links between (agent, interface) pairs.
-// A link carries every transmitted MKPDU to the other end after a delay, from the simulation's
-// loop and never inside the sender's call, as a real wire would; it can drop, duplicate and be
-// cut. The loop moves one virtual clock to the next timer or delivery.
+// A simulation of MKA agents on virtual time: several agents, each running its own engine, joined
+// by links between (agent, interface) pairs. A link carries every transmitted MKPDU to the other
+// end after a delay, from the simulation's loop and never inside the sender's call, as a real
+// wire would; it can drop, duplicate and be cut. The loop moves one virtual clock to the next
+// timer or delivery.
 
 #include <cstdint>
 #include <cstdio>
@@ -16,16 +16,9 @@
 #include <string>
 #include <vector>
 
-#include "hw/HwEmulator.h"
+#include "agent/Engine.h"
 #include "mka/MkaActorSm.h"
-#include "mka/MkaPortSm.h"
-#include "mkpdu/HandOff.h"
-#include "mkpdu/MkpduCodec.h"
-#include "model/HwStatus.h"
-#include "model/MacsecInternalTypes.h"
-#include "model/Status.h"
 #include "platform/Clock.h"
-#include "platform/TimerWheel.h"
 
 namespace Sim {
 
@@ -42,12 +35,7 @@ struct Message : Macsec::DecodedMkpdu {
 };
 
 // What one interface of an agent is given when it is made.
-struct PortConfig {
-  Lanx::EthAddr mac;
-  uint16_t portId = 1;
-  Macsec::MacsecParams params;
-  uint8_t keyServerPriority = 16;
-  Dot1x::Dot1xType dot1xType = Dot1x::dot1xTypePreSharedKey;
+struct PortConfig : Macsec::InterfaceSettings {
   // Whether a port state machine runs the interface's actors from its configured keys, as on a
   // real switch; without one, actors are made by hand with actorIs.
   bool runPort = false;
@@ -115,22 +103,22 @@ class Link {
   uint64_t lost_ = 0;
 };
 
-// One simulated switch: the entities a real agent creates for the engine, and its actors.
+// One simulated switch: an engine, and the actors a test makes by hand on it.
 class Agent {
  public:
-  Agent(Simulation& sim, std::string name);
+  Agent(Simulation& sim, std::string name, uint64_t seed);
   ~Agent();
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 
-  const std::string& name() const noexcept { return name_; }
-  const Zef::Ptr<Macsec::Status>& status() const noexcept { return status_; }
-  const Zef::Ptr<Macsec::MkaPamManager>& pamManager() const noexcept { return pamManager_; }
-  const Zef::Ptr<Orb::TimerWheel>& wheel() const noexcept { return wheel_; }
-  const Zef::Ptr<Macsec::MacSecIntfStatusPtrDir>& hwStatus() const noexcept { return hwStatus_; }
-  const Zef::Ptr<Macsec::HwEmulator>& emulator() const noexcept { return emulator_; }
-  // The hardware status of an interface, as the emulated hardware writes it.
-  Zef::Ptr<Macsec::MacSecIntfStatus> hw(const Lanx::IntfId& intf) const { return slice_->status(intf); }
+  const std::string& name() const noexcept { return engine_.name(); }
+  Macsec::Engine& engine() noexcept { return engine_; }
+  const Zef::Ptr<Macsec::Status>& status() const noexcept { return engine_.status(); }
+  const Zef::Ptr<Macsec::MkaPamManager>& pamManager() const noexcept { return engine_.pamManager(); }
+  const Zef::Ptr<Orb::TimerWheel>& wheel() const noexcept { return engine_.wheel(); }
+  const Zef::Ptr<Macsec::MacSecIntfStatusPtrDir>& hwStatus() const noexcept { return engine_.hwStatus(); }
+  const Zef::Ptr<Macsec::HwEmulator>& emulator() const noexcept { return engine_.emulator(); }
+  Zef::Ptr<Macsec::MacSecIntfStatus> hw(const Lanx::IntfId& intf) const { return engine_.hw(intf); }
   // How long the emulated hardware takes to confirm an SA request; 0 confirms inside the request.
   void hardwareLatencyIs(double seconds);
 
@@ -140,9 +128,9 @@ class Agent {
   // Configures an interface's primary and fallback keys; an empty key removes it.
   void keyIs(const Lanx::IntfId& intf, const Key& key);
   void defaultKeyIs(const Lanx::IntfId& intf, const Key& key);
-  Zef::Ptr<Macsec::MkaPortSm> port(const Lanx::IntfId& intf) const;
+  Zef::Ptr<Macsec::MkaPortSm> port(const Lanx::IntfId& intf) const { return engine_.port(intf); }
   // Removes an interface's port state machine, as the device does when MKA stops on it.
-  void portDel(const Lanx::IntfId& intf);
+  void portDel(const Lanx::IntfId& intf) { engine_.portDel(intf); }
   // Makes an actor for a key (CKN and clear CAK text) on an interface.
   Zef::Ptr<Macsec::MkaActorSm> actorIs(const Lanx::IntfId& intf, const Zef::String& ckn, const Zef::String& clearCak);
   void actorDel(const Lanx::IntfId& intf, const Zef::String& ckn);
@@ -152,29 +140,20 @@ class Agent {
   void mutedIs(bool muted) { muted_ = muted; }
 
   // Hands a decoded message to the agent's actors, as its codec would.
-  void deliver(const Message& message);
+  void deliver(const Message& message) { engine_.messageIs(message.intfId, message); }
   // Hands a frame to the access point of an interface (over bytes).
-  void deliverFrame(const Lanx::IntfId& intf, const std::string& frame);
-  const Zef::Ptr<Macsec::MkpduCodec>& codec() const noexcept { return codec_; }
+  void deliverFrame(const Lanx::IntfId& intf, const std::string& frame) {
+    engine_.frameIs(intf, reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
+  }
+  const Zef::Ptr<Macsec::MkpduCodec>& codec() const noexcept { return engine_.codec(); }
   uint64_t sent() const noexcept { return sent_; }
 
  private:
-  class TxReactor;
-  void transmit();
+  void transmitted(const Lanx::IntfId& intf, const Macsec::DecodedMkpdu& message);
 
   Simulation& sim_;
-  std::string name_;
-  Zef::Ptr<Macsec::Status> status_;
-  Zef::Ptr<Macsec::MkaPamManager> pamManager_;
-  Zef::Ptr<Orb::TimerWheel> wheel_;
-  Zef::Ptr<Macsec::MacSecIntfStatusPtrDir> hwStatus_;
-  Zef::Ptr<Macsec::MacSecStatus> slice_;
-  Zef::Ptr<Macsec::HwEmulator> emulator_;
-  Zef::Ptr<Interface::EthDevPamCollection> pams_;
-  Zef::Ptr<Macsec::MkpduCodec> codec_;
-  Zef::Ptr<TxReactor> txReactor_;
+  Macsec::Engine engine_;
   std::map<std::pair<Lanx::IntfId, Zef::String>, Zef::Ptr<Macsec::MkaActorSm>> actors_;
-  std::map<Lanx::IntfId, Zef::Ptr<Macsec::MkaPortSm>> ports_;
   bool muted_ = false;
   uint64_t sent_ = 0;
 };
@@ -224,9 +203,6 @@ class Simulation {
   void schedule(Link* link, Agent* to, const Message& message, double delay);
   void scheduleFrame(Link* link, Agent* to, const Lanx::IntfId& intf, const std::string& frame, double delay);
   void capture(const std::string& frame);
-  // Runs one agent's work with the log naming the agent.
-  template <class F>
-  void as(const Agent* agent, F&& work);
   double nextEvent() const;
 
   Wire wire_;

@@ -198,7 +198,6 @@ int main(int argc, char** argv) {
     }
   }
   for (int s = 0; s < o.switches; ++s) {
-    Zef::logSourceIs(switches[s]->name().c_str());  // what the switch logs while it is set up
     for (bool towardsNext : {false, true}) {
       if ((!towardsNext && s == 0) || (towardsNext && s == o.switches - 1)) continue;
       for (int l = 0; l < o.links; ++l) {
@@ -213,7 +212,6 @@ int main(int argc, char** argv) {
       }
     }
   }
-  Zef::logSourceIs(nullptr);
 
   sim.runFor(o.duration);
   printTable(sim, o);
