@@ -57,12 +57,12 @@ void ControlledPortSm::handleDistSak() {
   if (!initialized()) return;
   TRACE(8, "");
   const Sak dist = actorStatus()->distSak();
-  // 2. Withdrawing a distributed key never touches the hardware requests.
+  // Withdrawing a distributed key never touches the hardware requests.
   if (dist.empty()) {
     TRACE(3, ": Ignoring empty distSak for actor " << ckn());
     return;
   }
-  // 3., 4. The key is on its way in, or already in service.
+  // The key is on its way in, or already in service.
   if (sameKey(cpStatus()->latestSakContext().sak, dist)) {
     TRACE(3, ": Ignoring duplicate latest SAK for actor " << ckn());
     return;
@@ -71,21 +71,20 @@ void ControlledPortSm::handleDistSak() {
     TRACE(3, ": Ignoring duplicate old SAK for actor " << ckn());
     return;
   }
-  // 5. A key still on its way in is given up, or, if it already transmits, finished early.
+  // A key still on its way in is given up, or, if it already transmits, finished early.
   if (cpStatus()->latestSakContext() != SakContext()) cleanupLatestSakContext();
-  // 6. One receive SA per association number: the old key must leave before the new one can take
+  // One receive SA per association number: the old key must leave before the new one can take
   // its number.
   if (cpStatus()->oldSakContext() != SakContext() && cpStatus()->oldSakContext().sak.an == dist.an) {
     handleOldKeyRetirement();
   }
-  // 7. - 9.
+  // The key goes into the latest slot, receive first.
   SakContext context;
   context.sak = dist;
   context.rxEnabled = true;
-  TRACE(1,
-        ": Enabling receive on key: " << dist.mi << ":" << dist.keyNum << " for actor " << ckn() << " on " << intfId());
+  TRACE(1, ": Enabling receive on key: " << dist.mi << ":" << dist.keyNum << forActor());
   cpStatus()->latestSakContextIs(context);
-  // 10. - 12. Any new key ends unprotected operation, before its receive SA is even requested.
+  // Any new key ends unprotected operation, before its receive SA is even requested.
   const Sak request = withSalt(dist);
   cpStatus()->unprotectedTrafficIs(false);
   cpStatus()->rxSakIs(request);
@@ -97,13 +96,13 @@ void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleRxSaStatus(const 
   TRACE(8, "");
   const Zef::String& ckn = sm->ckn();
   const Lanx::IntfId& intfId = sm->intfId();
-  // 3. The notification of a deletion: this system asked for it.
+  // The notification of a deletion: this system asked for it.
   if (!notifier()->rxSaStatusHas(an)) {
-    TRACE(3, ": Ignoring receive SA being deleted for AN: " << an << " for actor " << ckn << " on " << intfId);
+    TRACE(3, ": Ignoring receive SA being deleted for AN: " << an << sm->forActor());
     return;
   }
   const SaStatus record = notifier()->rxSaStatus(an);
-  // 4., 5.
+  // Only a confirmation of the key on its way in counts, and only once.
   SakContext latest = sm->cpStatus()->latestSakContext();
   if (latest.sak.an != an.value() || record.mi != latest.sak.mi || record.keyNum != latest.sak.keyNum) {
     TRACE(3, ": Ignoring receive SA for AN: " << an << " because it doesn't match with the latestSak for " << ckn
@@ -115,18 +114,15 @@ void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleRxSaStatus(const 
                                               << " on " << intfId);
     return;
   }
-  // 6.
   latest.rxInstalled = true;
-  TRACE(1, ": Starting receive on key: " << latest.sak.mi << ":" << latest.sak.keyNum << " for actor " << ckn << " on "
-                                         << intfId);
+  TRACE(1, ": Starting receive on key: " << latest.sak.mi << ":" << latest.sak.keyNum << sm->forActor());
   sm->cpStatus()->latestSakContextIs(latest);
-  // 7. A follower waits for sakTransmit.
+  // A follower waits for sakTransmit.
   if (!sm->actorStatus()->electedSelf()) return;
-  // 8., 9. With traffic running under an older key, the peers get time to install this one.
+  // With traffic running under an older key, the peers get time to install this one.
   if (sm->cpStatus()->controlledPortEnabled()) {
     const Sak& dist = sm->actorStatus()->distSak();
-    TRACE(1, ": Starting transmit-enable timer for key:" << dist.mi << ":" << dist.keyNum << " for actor " << ckn
-                                                         << " on " << intfId);
+    TRACE(1, ": Starting transmit-enable timer for key:" << dist.mi << ":" << dist.keyNum << sm->forActor());
     sm->latestKeyTxEnableTimer()->timeMinIs(Zef::System::currentTime() + sm->status()->latestKeyEnablePeriod());
   } else {
     sm->handleLatestKeyTxEnable();
@@ -136,7 +132,7 @@ void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleRxSaStatus(const 
 void ControlledPortSm::handleLivePeer(const Zef::String& peer) {
   if (!initialized()) return;
   TRACE(8, "");
-  // 2. A removed peer leaves the SSCI pair as it was.
+  // A removed peer leaves the SSCI pair as it was.
   Zef::Ptr<MkaPeer const> record = actorStatus()->livePeer(peer);
   if (!record) return;
   const Sci peerSci = record->baseInfo().sci;
@@ -144,7 +140,7 @@ void ControlledPortSm::handleLivePeer(const Zef::String& peer) {
     TRACE(3, ": Peer Sci cannot be all zeros");
     return;
   }
-  // 4., 5. The greater SCI takes 1.
+  // The greater SCI takes 1.
   const Sci mySci = portStatus()->mySci();
   const bool mineLower = mySci.addr < peerSci.addr || (mySci.addr == peerSci.addr && peerSci.portId > mySci.portId);
   cpStatus()->mySsciIs(Ssci{mySci, ssciText(mineLower ? 2 : 1)});
@@ -162,8 +158,7 @@ void ControlledPortSm::handleSakTransmit() {
   if (!initialized()) return;
   TRACE(8, "");
   if (!sameKey(cpStatus()->latestSakContext().sak, actorStatus()->distSak())) {
-    TRACE(3, ": Ignoring sakTransmit because distSak and latest key do not match for actor " << ckn() << " on "
-                                                                                             << intfId());
+    TRACE(3, ": Ignoring sakTransmit because distSak and latest key do not match" << forActor());
     return;
   }
   // Clearing sakTransmit has no consequence here.
@@ -176,21 +171,19 @@ void ControlledPortSm::handleLatestKeyTxEnable() {
   SakContext latest = cpStatus()->latestSakContext();
   SakContext old = cpStatus()->oldSakContext();
   const Sak dist = actorStatus()->distSak();
-  // 3. The key server transmits only on a key that its own hardware receives; a follower obeys
+  // The key server transmits only on a key that its own hardware receives; a follower obeys
   // its key server.
   if (actorStatus()->electedSelf() && latest != SakContext() && !latest.rxInstalled) {
-    TRACE(1, ": Ignoring latest key TX enable on key: " << dist.mi << ":" << dist.keyNum << " for actor " << ckn()
-                                                        << " on " << intfId());
+    TRACE(1, ": Ignoring latest key TX enable on key: " << dist.mi << ":" << dist.keyNum << forActor());
     return;
   }
-  // 5. - 7.
+  // Transmit moves from the old key to the new one.
   latest.txEnabled = true;
   old.txEnabled = false;
-  TRACE(1, ": Enabling transmit on key: " << dist.mi << ":" << dist.keyNum << " for actor " << ckn() << " on "
-                                          << intfId());
+  TRACE(1, ": Enabling transmit on key: " << dist.mi << ":" << dist.keyNum << forActor());
   cpStatus()->latestSakContextIs(latest);
   cpStatus()->oldSakContextIs(old);
-  // 8. The key transmitted is the distributed one.
+  // The key transmitted is the distributed one.
   cpStatus()->txSakIs(withSalt(dist));
   latestKeyTxEnableTimer()->timeMinIs(Orb::never);
 }
@@ -202,10 +195,10 @@ void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleTxSaStatus() {
   const Zef::String& ckn = sm->ckn();
   const Lanx::IntfId& intfId = sm->intfId();
   const Zef::Ptr<CpStatus>& cp = sm->cpStatus();
-  // 3., 4.
+  // Only a confirmation of the key on its way in counts.
   const SaStatus record = notifier()->txSaStatus();
   if (record.empty()) {
-    TRACE(3, ": Ignoring empty txSaStatus for actor " << ckn << " on " << intfId);
+    TRACE(3, ": Ignoring empty txSaStatus" << sm->forActor());
     return;
   }
   SakContext latest = cp->latestSakContext();
@@ -215,58 +208,57 @@ void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleTxSaStatus() {
                                                << ckn << " on " << intfId);
     return;
   }
-  // 5., 6.
+  // The hardware's value is kept even from a repeated confirmation.
   latest.txSaValue = record.value;
   if (latest.txInstalled) {
     TRACE(3, ": Ignoring transmit SA for AN: " << record.an << " because the SAK is already installed for TX for "
                                                << ckn << " on " << intfId);
     return;
   }
-  // 7. - 11.
+  // The key is in service: the operators hear of it, and the old key stops transmitting.
   latest.txInstalled = true;
   Zef::log(MKA_SAK_ACTIVATED, miTail(latest.sak.mi), latest.sak.keyNum, intfId);
-  TRACE(1, ": Starting transmit on key: " << latest.sak.mi << ":" << latest.sak.keyNum << " for actor " << ckn << " on "
-                                          << intfId);
+  TRACE(1, ": Starting transmit on key: " << latest.sak.mi << ":" << latest.sak.keyNum << sm->forActor());
   cp->latestSakContextIs(latest);
   old.txInstalled = false;
   cp->oldSakContextIs(old);
-  // 12. The old key stays receivable for the retirement period; with none, the key moves to the
+  // The old key stays receivable for the retirement period; with none, the key moves to the
   // old slot at once.
   if (cp->oldSakContext() == SakContext()) {
     sm->handleOldKeyRetirement();
   } else {
     sm->oldKeyRetirementTimer()->timeMinIs(Zef::System::currentTime() + sm->status()->oldKeyRetirementPeriod());
   }
-  // 13. The port opens last, when the slots have their final values.
+  // The port opens last, when the slots have their final values.
   cp->controlledPortEnabledIs(true);
 }
 
 void ControlledPortSm::handleOldKeyRetirement() {
   if (!initialized()) return;
   TRACE(8, "");
-  // 2. The association number alone decides.
+  // The association number alone decides.
   const SakContext old = cpStatus()->oldSakContext();
   if (!old.sak.empty() && cpStatus()->rxSakHas(AssociationNumber(old.sak.an)) &&
       !cpStatus()->rxSak(AssociationNumber(old.sak.an)).empty()) {
     cpStatus()->rxSakDel(AssociationNumber(old.sak.an));
   }
-  // 3. - 6.
+  // The latest key is now the one in service, and its slot is free.
   cpStatus()->oldSakContextIs(cpStatus()->latestSakContext());
   cpStatus()->latestSakContextIs(SakContext());
-  TRACE(3, ": Moving latest key to old key for actor " << ckn() << " on " << intfId());
+  TRACE(3, ": Moving latest key to old key" << forActor());
   oldKeyRetirementTimer()->timeMinIs(Orb::never);
 }
 
 void ControlledPortSm::cleanupLatestSakContext() {
   TRACE(8, "");
   const SakContext latest = cpStatus()->latestSakContext();
-  // 2. The key already transmits and only waited for the old key to retire: that happens now.
+  // The key already transmits and only waited for the old key to retire: that happens now.
   if (latest.txInstalled) {
     oldKeyRetirementTimer()->timeMinIs(Orb::never);
     handleOldKeyRetirement();
     return;
   }
-  // 3. The key never went into service. A transmit request already made for it stays.
+  // The key never went into service. A transmit request already made for it stays.
   cpStatus()->rxSakDel(AssociationNumber(latest.sak.an));
   cpStatus()->latestSakContextIs(SakContext());
 }

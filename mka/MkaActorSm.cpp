@@ -36,16 +36,16 @@ Zef::Ptr<MkaMessageInfo> MkaActorSm::txMessageInfo() const {
 
 void MkaActorSm::handleInitialized() {
   ACTOR_ENTRY();
-  // 1. The creator has made these entries.
+  // The creator has made these entries.
   intfStatusIs(status()->intfStatus(intfId()));
   portStatusIs(status()->portStatus(intfId()));
   actorStatusIs(portStatus() ? portStatus()->actorStatus(ckn()) : nullptr);
   cpStatusIs(status()->cpStatus(intfId()));
 
-  // 2. The key length in bits.
+  // The key length in bits.
   const int bits = static_cast<int>(intfStatus()->cipherSuite());
 
-  // 3. Only a new actor gets an identity and keys; one rebuilt over its status keeps both.
+  // Only a new actor gets an identity and keys; one rebuilt over its status keeps both.
   if (actorStatus()->msgId().empty()) {
     updateMsgId();
     actorStatus()->cakIs(cak());
@@ -53,11 +53,11 @@ void MkaActorSm::handleInitialized() {
     actorStatus()->ickIs(deriveStored(deriveIck, cak(), ckn(), bits));
   }
 
-  // 4., 5.
+  // From here on the actor takes messages, and its role follows its status.
   initializedIs(true);
   handlePrincipalActor();
 
-  // 6., 7. With delay protection the first MKPDU leaves at once; otherwise after a random number
+  // With delay protection the first MKPDU leaves at once; otherwise after a random number
   // of whole seconds below the period, so that actors started together do not send together.
   mkpduTimerIs(timerWheel());
   double deadline = Zef::System::currentTime();
@@ -112,19 +112,19 @@ void MkaActorSm::updateMsgId() {
   Zef::String id;
   randomNumberGenerator(96, id);
   actorStatus()->msgIdIs(id);
-  TRACE(3, ": Generated msg ID is " << actorStatus()->msgId() << " for actor " << ckn() << " on " << intfId());
+  TRACE(3, ": Generated msg ID is " << actorStatus()->msgId() << forActor());
   actorStatus()->msgNumIs(0);
   // A new identifier must not be one a peer already has.
   for (auto it = actorStatus()->livePeerIter(); it; ++it) {
     if (it.key() == actorStatus()->msgId()) {
-      TRACE(3, ": Found a conflicting msgID in live peer list for actor " << ckn() << " on " << intfId());
+      TRACE(3, ": Found a conflicting msgID in live peer list" << forActor());
       updateMsgId();
       return;
     }
   }
   for (auto it = actorStatus()->potentialPeerIter(); it; ++it) {
     if (it.key() == actorStatus()->msgId()) {
-      TRACE(3, ": Found a conflicting msgID in potential peer list for actor " << ckn() << " on " << intfId());
+      TRACE(3, ": Found a conflicting msgID in potential peer list" << forActor());
       updateMsgId();
       return;
     }
@@ -138,19 +138,19 @@ bool MkaActorSm::parseBasicInfo() {
   const BasicInfo base = info->baseInfo();
   const Zef::String& peerId = base.msgId;
 
-  // 1. Our own MKPDU, looped back or from another actor of this port.
+  // Our own MKPDU, looped back or from another actor of this port.
   if (base.sci == portStatus()->mySci()) {
-    TRACE(3, ": Duplicate SCI detected in incoming MKPDU for actor " << ckn() << " on " << intfId());
+    TRACE(3, ": Duplicate SCI detected in incoming MKPDU" << forActor());
     return false;
   }
 
-  // 2. The sender took our identifier: take a new one, and go on with the message.
+  // The sender took our identifier: take a new one, and go on with the message.
   if (peerId == actorStatus()->msgId()) {
-    TRACE(3, ": Member ID collision detected for actor " << ckn() << " on " << intfId());
+    TRACE(3, ": Member ID collision detected" << forActor());
     updateMsgId();
   }
 
-  // 3. Does the sender list us with one of our last few message numbers? The lower bound is
+  // Does the sender list us with one of our last few message numbers? The lower bound is
   // signed 64-bit so that it does not wrap while our number is still small.
   const uint32_t myMn = actorStatus()->msgNum();
   const int64_t lowest = static_cast<int64_t>(myMn) - status()->mkpduThreshold();
@@ -164,17 +164,17 @@ bool MkaActorSm::parseBasicInfo() {
   };
   bool mutual = listsMe(message->livePeerIter());
   if (mutual) {
-    TRACE(3, ": My MN detected in peer's live peer list for actor " << ckn() << " on " << intfId());
+    TRACE(3, ": My MN detected in peer's live peer list" << forActor());
   } else if ((mutual = listsMe(message->potentialPeerIter()))) {
-    TRACE(3, ": My MN detected in peer's potential peer list for actor " << ckn() << " on " << intfId());
+    TRACE(3, ": My MN detected in peer's potential peer list" << forActor());
   }
 
   const double now = Zef::System::currentTime();
   if (mutual) {
-    // 4. Mutual liveness: the sender is a live peer.
+    // Mutual liveness: the sender is a live peer.
     Zef::Ptr<MkaPeer> peer = actorStatus()->livePeer(peerId);
     if (!peer) {
-      TRACE(1, ": Creating new live peer " << peerId << " for actor " << ckn() << " on " << intfId());
+      TRACE(1, ": Creating new live peer " << peerId << forActor());
       // The key server and the controlled port hear of the new peer inside this call, before its
       // record is filled in below.
       peer = actorStatus()->livePeerIs(peerId);
@@ -192,12 +192,12 @@ bool MkaActorSm::parseBasicInfo() {
     return true;
   }
 
-  // 5. The sender has not heard us (lately). A live peer that stopped listing us is left to age
+  // The sender has not heard us (lately). A live peer that stopped listing us is left to age
   // out; anybody else is a potential peer.
   if (actorStatus()->livePeerHas(peerId)) return true;
   Zef::Ptr<MkaPeer> peer = actorStatus()->potentialPeer(peerId);
   if (!peer) {
-    TRACE(1, ": Creating new potential peer " << peerId << " for actor " << ckn() << " on " << intfId());
+    TRACE(1, ": Creating new potential peer " << peerId << forActor());
     peer = actorStatus()->potentialPeerIs(peerId);
   }
   peer->baseInfoIs(base);
@@ -216,6 +216,7 @@ void MkaActorSm::parseLivePeerInfo() {
     if (id == actorStatus()->msgId()) continue;
     Zef::Ptr<MkaPeer> peer = actorStatus()->potentialPeer(id);
     if (!peer) {
+      // Exact text, with no " on " before the interface: operators' tooling matches it.
       TRACE(3, ": Adding new potential peer " << id << " for actor " << ckn() << intfId());
       peer = actorStatus()->potentialPeerIs(id);
     }
@@ -241,13 +242,12 @@ void MkaActorSm::parseCakDistInfo() {
   const BasicInfo& base = info->baseInfo();
   const Zef::String& peerId = base.msgId;
   if (info->cakDistInfo() == CakDistInfo()) {
-    TRACE(3, ": No Dist CAK set found in MKPDU from peer " << peerId << " for actor " << ckn() << " on " << intfId());
+    TRACE(3, ": No Dist CAK set found in MKPDU from peer " << peerId << forActor());
     return;
   }
   if (!senderIsLive(peerId, "CAK dist", __PRETTY_FUNCTION__)) return;
   if (base.sci != actorStatus()->keyServer()) {
-    TRACE(3, ": Received dist CAK from a peer " << peerId << " who is not a key server for actor " << ckn() << " on "
-                                                << intfId());
+    TRACE(3, ": Received dist CAK from a peer " << peerId << " who is not a key server" << forActor());
     return;
   }
   actorStatus()->distCakIs(Cak{info->cakDistInfo().ckn, info->cakDistInfo().cak});
@@ -260,18 +260,16 @@ void MkaActorSm::parseSakDistInfo() {
   const SakDistInfo dist = info->sakDistInfo();
   const Zef::String& peerId = base.msgId;
   if (dist == SakDistInfo()) {
-    TRACE(3, ": No Dist SAK set found in MKPDU from peer " << peerId << " for actor " << ckn() << " on " << intfId());
+    TRACE(3, ": No Dist SAK set found in MKPDU from peer " << peerId << forActor());
     return;
   }
   if (!senderIsLive(peerId, "SAK dist", __PRETTY_FUNCTION__)) return;
   if (base.sci != actorStatus()->keyServer()) {
-    TRACE(3, ": Received dist SAK from a peer " << peerId << " who is not a key server for actor " << ckn() << " on "
-                                                << intfId());
+    TRACE(3, ": Received dist SAK from a peer " << peerId << " who is not a key server" << forActor());
     return;
   }
   if (dist.cipherSuite != intfStatus()->cipherSuite()) {
-    TRACE(3, ": Cipher Suite mismatch from peer " << peerId << ". Ignoring dist SAK set for actor " << ckn() << " on "
-                                                  << intfId());
+    TRACE(3, ": Cipher Suite mismatch from peer " << peerId << ". Ignoring dist SAK set" << forActor());
     return;
   }
   // An association number above 3 is a fault of the sender; it ends this MKPDU with the range
@@ -280,10 +278,11 @@ void MkaActorSm::parseSakDistInfo() {
   // The key server repeats its key in every MKPDU: a known key identifier is the common case.
   const Sak& known = actorStatus()->distSak();
   if (known.mi == peerId && known.keyNum == dist.keyNumber) return;
+  // Exact text, with no space before "for": operators' tooling matches it.
   TRACE(1, ": Resetting sakTransmit"
                << "for actor " << ckn() << " on " << intfId());
   actorStatus()->sakTransmitIs(false);
-  TRACE(1, ": Installing SAK from peer " << peerId << " for actor " << ckn() << " on " << intfId());
+  TRACE(1, ": Installing SAK from peer " << peerId << forActor());
   actorStatus()->distSakIs(sak);
 }
 
@@ -307,22 +306,22 @@ void MkaActorSm::parseSakUseInfo() {
   const BasicInfo& base = info->baseInfo();
   const SakUseInfo use = info->sakUseInfo();
   const Zef::String& peerId = base.msgId;
-  // 1., 2.
+  // Only a live peer's SAK use set counts.
   if (use == SakUseInfo()) {
-    TRACE(3, ": No SAK USE set present in MKPDU from peer " << peerId << " for actor " << ckn() << " on " << intfId());
+    TRACE(3, ": No SAK USE set present in MKPDU from peer " << peerId << forActor());
     return;
   }
   if (!senderIsLive(peerId, "SAK use", __PRETTY_FUNCTION__)) return;
 
-  // 3., 4. A follower transmits on the key once its key server does.
+  // A follower transmits on the key once its key server does.
   const KeyInfo matched = keyInUse(use, actorStatus()->distSak());
   if (base.keyServer && base.sci == actorStatus()->keyServer() && matched != KeyInfo() &&
       !actorStatus()->electedSelf()) {
-    TRACE(1, ": Setting sakTransmit:  " << matched.tx << " for actor " << ckn() << " on " << intfId());
+    TRACE(1, ": Setting sakTransmit:  " << matched.tx << forActor());
     actorStatus()->sakTransmitIs(matched.tx);
   }
 
-  // 5. The key server transmits on its key once every live peer receives on it, and so does its
+  // The key server transmits on its key once every live peer receives on it, and so does its
   // own hardware.
   if (actorStatus()->electedSelf() && !actorStatus()->distSak().empty() && !actorStatus()->sakTransmit()) {
     bool allReceive = true;
@@ -335,20 +334,20 @@ void MkaActorSm::parseSakUseInfo() {
       }
     }
     const bool result = allReceive && cpStatus() && cpStatus()->latestSakContext().rxInstalled;
-    TRACE(1, ": Setting sakTransmit " << result << " for actor " << ckn() << " on " << intfId());
+    TRACE(1, ": Setting sakTransmit " << result << forActor());
     actorStatus()->sakTransmitIs(result);
   }
 
-  // 6. Lowest acceptable packet numbers follow the last sender.
+  // Lowest acceptable packet numbers follow the last sender.
   if (use.delayProtect) {
     actorStatus()->keysLPNIs(KeysLPN{use.oldKey.lpn, use.latestKey.lpn});
   } else {
     actorStatus()->keysLPNIs(KeysLPN());
   }
 
-  // 7. A peer's packet numbers running out asks the key server for a new key at once.
+  // A peer's packet numbers running out asks the key server for a new key at once.
   if (actorStatus()->electedSelf() && (use.latestKey.lpn >= kLlpnExhaustion || use.oldKey.lpn >= kLlpnExhaustion)) {
-    TRACE(1, ": LLPN exhaustion detected for actor " << ckn() << " on " << intfId());
+    TRACE(1, ": LLPN exhaustion detected" << forActor());
     actorStatus()->llpnExhaustionInc(1);
   }
 }
@@ -380,7 +379,7 @@ Zef::Ptr<MkaPeer> electKeyServer(const Zef::Ptr<MkaPeer>& a, const Zef::Ptr<MkaP
 
 void MkaActorSm::doUpdateKeyServer() {
   ACTOR_ENTRY();
-  // 1. The best live peer that offers itself. A tie forgets both, and the next candidate starts
+  // The best live peer that offers itself. A tie forgets both, and the next candidate starts
   // afresh.
   Zef::Ptr<MkaPeer> best;
   for (auto it = actorStatus()->livePeerIter(); it; ++it) {
@@ -388,14 +387,14 @@ void MkaActorSm::doUpdateKeyServer() {
     best = best ? electKeyServer(it.ptr(), best) : it.ptr();
   }
 
-  // 2. Ourselves as a candidate; never stored.
+  // Ourselves as a candidate; never stored.
   Zef::Ptr<MkaPeer> self = MkaPeer::MkaPeerIs(actorStatus()->msgId());
   BasicInfo selfInfo;
   selfInfo.keyServerPriority = getKeyServerPriority();
   selfInfo.sci = portStatus()->mySci();
   self->baseInfoIs(selfInfo);
 
-  // 3. A supplicant of an EAP exchange never stands.
+  // A supplicant of an EAP exchange never stands.
   bool electedSelf = false;
   const Dot1x::Dot1xType type = intfStatus()->dot1xType();
   if (type == Dot1x::dot1xTypePreSharedKey || type == Dot1x::dot1xTypeAuthenticator) {
@@ -408,16 +407,16 @@ void MkaActorSm::doUpdateKeyServer() {
     }
   }
 
-  // 4. electedSelf first: the key server's handler must still see the previous keyServer.
+  // electedSelf is written first: the key server's handler must still see the previous keyServer.
   actorStatus()->electedSelfIs(electedSelf);
-  TRACE(1, ": Elected self is: " << (electedSelf ? 1 : 0) << " for actor " << ckn() << " on " << intfId());
+  TRACE(1, ": Elected self is: " << (electedSelf ? 1 : 0) << forActor());
 
-  // 5., 6.
+  // The key server's SCI, or none.
   if (best) {
-    TRACE(1, ": Elected " << best->id() << " as key server for actor " << ckn() << " on " << intfId());
+    TRACE(1, ": Elected " << best->id() << " as key server" << forActor());
     actorStatus()->keyServerIs(best->baseInfo().sci);
   } else {
-    TRACE(1, ": Unable to elect key server for actor " << ckn() << " on " << intfId());
+    TRACE(1, ": Unable to elect key server" << forActor());
     actorStatus()->keyServerIs(Sci());
   }
 }
@@ -452,12 +451,12 @@ void MkaActorSm::handlePeerReview() {
   auto aged = [&](const MkaPeer& peer) { return now > peer.timeStamp() && now - peer.timeStamp() > lifeTime; };
   for (auto it = actorStatus()->livePeerIter(); it; ++it) {
     if (!aged(*it.ptr())) continue;
-    TRACE(1, ": Peer " << it.key() << " aged out from live peer list for actor " << ckn() << " on " << intfId());
+    TRACE(1, ": Peer " << it.key() << " aged out from live peer list" << forActor());
     actorStatus()->livePeerDel(Zef::String(it.key()));
   }
   for (auto it = actorStatus()->potentialPeerIter(); it; ++it) {
     if (!aged(*it.ptr())) continue;
-    TRACE(1, ": Peer " << it.key() << " aged out from potential peer list for actor " << ckn() << " on " << intfId());
+    TRACE(1, ": Peer " << it.key() << " aged out from potential peer list" << forActor());
     actorStatus()->potentialPeerDel(Zef::String(it.key()));
   }
   doUpdateActorSuccess();
@@ -476,17 +475,17 @@ constexpr uint32_t kLastMsgNum = 0xFFFFFFFFu;
 }  // namespace
 
 void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
-  // 1., 2. Only the periodic run ages peers; it does so before anything is read for the MKPDU.
+  // Only the periodic run ages peers; it does so before anything is read for the MKPDU.
   if (!initialized()) return;
   ACTOR_ENTRY();
   if (timerExpiry) handlePeerReview();
 
-  // 3.
+  // The message is built in the one transmitted-message object.
   const Zef::Ptr<MkaMessageInfo> tx = txMessageInfo();
   tx->intfIdIs(intfId());
   Zef::Ptr<MkaInfo> info = tx->mkaInfo() ? tx->mkaInfo() : tx->mkaInfoIs();
 
-  // 4., 5. Until a key server is known, an actor that may stand offers itself.
+  // Until a key server is known, an actor that may stand offers itself.
   const Dot1x::Dot1xType type = intfStatus()->dot1xType();
   BasicInfo base;
   base.keyServerPriority = getKeyServerPriority();
@@ -503,13 +502,13 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
   base.ckn = ckn();
   info->baseInfoIs(base);
 
-  // 7., 8., 9.
+  // Every live and potential peer, with the last message number heard from it.
   tx->livePeerDelAll();
   tx->potentialPeerDelAll();
   for (auto it = actorStatus()->livePeerIter(); it; ++it) tx->livePeerIs(it.key(), it->baseInfo().msgNum);
   for (auto it = actorStatus()->potentialPeerIter(); it; ++it) tx->potentialPeerIs(it.key(), it->baseInfo().msgNum);
 
-  // 10. The key server repeats its key until everybody transmits on it.
+  // The key server repeats its key until everybody transmits on it.
   const Sak& sak = actorStatus()->distSak();
   if (actorStatus()->electedSelf() && actorStatus()->principal() && !sak.empty() && !actorStatus()->sakTransmit()) {
     info->sakDistInfoIs(SakDistInfo{sak.an, 0, sak.keyNum, cipher, sak.key});
@@ -517,7 +516,7 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
     info->sakDistInfoIs(SakDistInfo());
   }
 
-  // 11. What the hardware has confirmed, not what was asked of it.
+  // What the hardware has confirmed, not what was asked of it.
   const SakContext latest = cpStatus() ? cpStatus()->latestSakContext() : SakContext();
   const SakContext old = cpStatus() ? cpStatus()->oldSakContext() : SakContext();
   if ((latest == SakContext() && old == SakContext()) || actorStatus()->livePeerSize() == 0) {
@@ -526,10 +525,10 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
     info->sakUseInfoIs(SakUseInfo{keyInfoOf(latest), keyInfoOf(old), false, false, status()->delayProtection()});
   }
 
-  // 12. The codec sends the frame inside this call.
+  // The codec sends the frame inside this call.
   tx->countInc(1);
 
-  // 13. An immediate MKPDU does not move the periodic one.
+  // An immediate MKPDU does not move the periodic one.
   if (timerExpiry) mkpduTimer()->timeMinIs(Zef::System::currentTime() + status()->mkpduPeriod());
 }
 

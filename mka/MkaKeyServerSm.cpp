@@ -17,11 +17,10 @@ namespace Macsec {
 
 void MkaKeyServerSm::handleInitialized() {
   KEY_SERVER_ENTRY();
-  // 1.
   mkaActorStatusIs(status()->portStatus(intfId())->actorStatus(ckn()));
   mkaPortStatusIs(status()->portStatus(intfId()));
   mkaIntfStatusIs(status()->intfStatus(intfId()));
-  // 2., 3. A key server that starts while elected owes a key after one life time.
+  // A key server that starts while elected owes a key after one life time.
   if (mkaActorStatus()->electedSelf()) {
     mkaActorStatus()->newSakIs(true);
     armPeriodic();
@@ -76,30 +75,29 @@ void MkaKeyServerSm::handleKeyServerChange() {
 void MkaKeyServerSm::handleLivePeer(const Zef::String& peer) {
   if (!initialized()) return;
   KEY_SERVER_ENTRY();
-  // 1.
   if (mkaActorStatus()->livePeerHas(peer)) {
     TRACE(8, "New live peer " << peer << " added" << ON_INTF);
   } else {
     TRACE(8, "Live peer " << peer << " being deleted" << ON_INTF);
   }
-  // 2.
+  // Only the key server makes keys.
   if (!mkaActorStatus()->electedSelf()) {
     TRACE(4, "Not the keyServer. Bailing" << ON_INTF);
     return;
   }
-  // 4.
+  // With nobody left there is nothing to key.
   if (mkaActorStatus()->livePeerSize() == 0) {
     disarmForNoPeers();
     return;
   }
-  // 3.1 No batching under way: a key at once, and the rate limiter starts.
+  // No batching under way: a key at once, and the rate limiter starts.
   if (mkaPeriodicTimer()->timeMin() == Orb::never) {
     generateNewSak();
     mkaActorStatus()->newSakIs(false);
     armPeriodic();
     return;
   }
-  // 3.2 Batching: the key is owed at the expiry.
+  // Batching: the key is owed at the expiry.
   mkaActorStatus()->newSakIs(true);
   withdrawUnusedKey();
 }
@@ -187,10 +185,10 @@ void MkaKeyServerSm::generateNewSak() {
   const Zef::String msgId = mkaActorStatus()->msgId();
   const Sak sak{mkaPortStatus()->anOfNextKey(), msgId, keyNum, key, {}};
 
-  // 7. The key identifier's tail: the last 8 characters of the member identifier.
+  // The key identifier's tail: the last 8 characters of the member identifier.
   Zef::log(MKA_SAK_CREATED, msgId.view().substr(msgId.size() >= 16 ? 16 : msgId.size()), keyNum, intfId());
 
-  // 8. sakTransmit first: the notification of distSak must find it cleared.
+  // sakTransmit is cleared first, so that the notification of distSak finds it cleared.
   mkaActorStatus()->sakTransmitIs(false);
   mkaActorStatus()->distSakIs(sak);
   mkaActorStatus()->keyNumIs(keyNum);

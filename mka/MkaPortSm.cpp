@@ -25,16 +25,15 @@ std::vector<Zef::Ptr<MkaActorStatus>> actorsOf(const Zef::Ptr<MkaPortStatus>& po
 }  // namespace
 
 void MkaPortSm::handleInitialized() {
-  // 1., 2.
   TRACE(8, ": IntfId " << intfId());
   intfStatusIs(status()->intfStatus(intfId()));
   cpStatusIs(status()->cpStatus(intfId()));
   portStatusIs(status()->portStatus(intfId()));
-  // 3., 4.
+  // The success count is rebuilt from the actors as they succeed again.
   defaultActorTimerIs(timerWheel());
   actorDeletionTimerIs(timerWheel());
   portStatus()->numSuccessActorsIs(0);
-  // 5. Entries left by an earlier life of the agent stay if their key is still configured.
+  // Entries left by an earlier life of the agent stay if their key is still configured.
   const Zef::String& primary = intfStatus()->key().ckn;
   const Zef::String& fallback = intfStatus()->defaultKey().ckn;
   for (const Zef::Ptr<MkaActorStatus>& actor : actorsOf(portStatus())) {
@@ -46,7 +45,7 @@ void MkaPortSm::handleInitialized() {
     if (actor->success()) portStatus()->numSuccessActorsInc(1);
     if (actor->principal()) principalActorCknIs(actor->ckn());
   }
-  // 6., 7. The fallback key first; static SAKs and keyRetire wait for their next change.
+  // The fallback key first; static SAKs and keyRetire wait for their next change.
   initializedIs(true);
   handleDefaultKey();
   handleKey();
@@ -70,7 +69,7 @@ void MkaPortSm::doUpdateActors(bool defaultKey) {
   const Cak key = defaultKey ? intfStatus()->defaultKey() : intfStatus()->key();
   bool electionDue = false;
 
-  // 2. The key was deleted: every actor of its kind goes.
+  // The key was deleted: every actor of its kind goes.
   if (key.empty()) {
     if (defaultKey) {
       TRACE(3, ": Default key is deleted, proceeding to delete all default actors for " << intfId());
@@ -86,7 +85,7 @@ void MkaPortSm::doUpdateActors(bool defaultKey) {
     return;
   }
 
-  // 3., 4. An actor under the key's CKN is kept if it is of this kind and has the same key bytes.
+  // An actor under the key's CKN is kept if it is of this kind and has the same key bytes.
   TRACE(8, (defaultKey ? ": Processing new default key " : ": Processing new primary key ")
                << key.ckn << " on " << intfId());
   Zef::Ptr<MkaActorStatus> existing = portStatus()->actorStatus(key.ckn);
@@ -95,7 +94,7 @@ void MkaPortSm::doUpdateActors(bool defaultKey) {
     doCleanupActorSmAndStatus(existing);
     existing = nullptr;
   }
-  // 5.
+  // A key without an actor gets one.
   if (!existing) {
     if (defaultKey) {
       TRACE(8, ": Creating actor " << key.ckn << " on " << intfId());
@@ -104,13 +103,13 @@ void MkaPortSm::doUpdateActors(bool defaultKey) {
     }
     portStatus()->actorStatusIs(key.ckn)->defaultActorIs(defaultKey);
   }
-  // 6. The fallback key's actor is not announced, by design.
+  // The fallback key's actor is not announced, by design.
   if (!mkaActorSm(key.ckn)) {
     mkaActorSmIs(key.ckn, key.cak, intfId(), status(), pamManager(), hwStatus(), timerWheel());
     if (!defaultKey) Zef::log(MKA_CA_CREATED, key.ckn, intfId());
   }
 
-  // 7. Other actors of this kind go, except a principal one that still carries the running
+  // Other actors of this kind go, except a principal one that still carries the running
   // session, unless keys are to be retired.
   for (const Zef::Ptr<MkaActorStatus>& actor : actorsOf(portStatus())) {
     if (actor->defaultActor() != defaultKey || actor->ckn() == key.ckn) continue;
@@ -118,7 +117,7 @@ void MkaPortSm::doUpdateActors(bool defaultKey) {
     electionDue |= actor->principal();
     doCleanupActorSmAndStatus(actor);
   }
-  // 8.
+  // A change among the actors may change the principal one.
   if (electionDue) doElectPrincipalActor();
 }
 
@@ -165,7 +164,7 @@ void MkaPortSm::doCleanupActorSmAndStatus(const Zef::Ptr<MkaActorStatus>& actor)
 }
 
 void MkaPortSm::handleCleanUp() {
-  // 1., 2. Every actor goes, and its distributed key is wiped.
+  // Every actor goes, and its distributed key is wiped.
   TRACE(8, ": IntfId " << intfId());
   for (const Zef::Ptr<MkaActorStatus>& actor : actorsOf(portStatus())) {
     const Zef::String ckn = actor->ckn();
@@ -174,7 +173,7 @@ void MkaPortSm::handleCleanUp() {
     actor->zeroDistSakKeyForced();
     portStatus()->actorStatusDel(ckn);
   }
-  // 3. - 6. The hardware is asked to forget every key, and the port closes.
+  // The hardware is asked to forget every key, and the port closes.
   portStatus()->numSuccessActorsIs(0);
   cpStatus()->oldSakContextIs(SakContext());
   cpStatus()->latestSakContextIs(SakContext());
@@ -185,11 +184,11 @@ void MkaPortSm::handleCleanUp() {
 
 void MkaPortSm::doElectPrincipalActor() {
   TRACE(8, ": IntfId " << intfId());
-  // 2. Any election ends the waiting time of a fallback key.
+  // Any election ends the waiting time of a fallback key.
   if (defaultActorTimer()->timeMin() <= kLargestFinite) defaultActorTimer()->timeMinIs(Orb::never);
   TRACE(3, ": Starting principal actor election on " << intfId());
 
-  // 4., 5., 6. The candidates.
+  // The candidates.
   Zef::Ptr<MkaActorStatus> existing;
   if (!principalActorCkn().empty()) {
     TRACE(3, ": Existing principal actor on " << intfId() << " is " << principalActorCkn());
@@ -209,7 +208,7 @@ void MkaPortSm::doElectPrincipalActor() {
     if (actor->defaultActor() && actor->ckn() != fallbackCkn) operationalDefault = actor;
   }
 
-  // 7. The configured primary, any running primary, the configured fallback, any running fallback.
+  // The configured primary, any running primary, the configured fallback, any running fallback.
   Zef::Ptr<MkaActorStatus> chosen;
   if (configuredPrimary && configuredPrimary->success()) {
     chosen = configuredPrimary;
@@ -227,7 +226,7 @@ void MkaPortSm::doElectPrincipalActor() {
     TRACE(3, ": Failed to pick a principal actor on " << intfId());
   }
 
-  // 8.
+  // No candidate: the port has no principal actor.
   if (!chosen) {
     if (existing) {
       TRACE(3, ": Cleaning up old principal actor " << existing->ckn() << " on " << intfId());
@@ -236,7 +235,7 @@ void MkaPortSm::doElectPrincipalActor() {
     }
     return;
   }
-  // 9. - 12.
+  // The chosen actor becomes principal; the operators hear of it only when it changed.
   const bool changed = !existing || existing->ckn() != chosen->ckn();
   if (existing && changed) existing->principalIs(false);
   TRACE(1, ": Marking " << chosen->ckn() << " as principal actor on " << intfId());
@@ -303,11 +302,11 @@ void MkaPortSm::ZefPortStatus::ZefActorStatus::handleDistSak() {
   const Zef::Ptr<MkaActorStatus> actor = port->portStatus()->actorStatus(ckn);
   if (!actor || actor->distSak().empty()) return;
 
-  // 2. The next key takes the next association number.
+  // The next key takes the next association number.
   const Sak sak = actor->distSak();
   port->portStatus()->anOfNextKeyIs(AssociationNumber(sak.an == 3 ? 0 : sak.an + 1));
 
-  // 3. A follower that accepted a key takes over the port.
+  // A follower that accepted a key takes over the port.
   if (!actor->electedSelf() && actor->success()) {
     TRACE(3, ": Actor " << ckn << " on " << intfId << " is not the key server. Marking it as the principal actor");
     const Zef::String previous = port->principalActorCkn();
@@ -322,12 +321,12 @@ void MkaPortSm::ZefPortStatus::ZefActorStatus::handleDistSak() {
     port->principalActorCknIs(ckn);
   }
 
-  // 4. Only one actor of the port holds a distributed key.
+  // Only one actor of the port holds a distributed key.
   for (auto it = port->portStatus()->actorStatusIter(); it; ++it) {
     if (it.key() != ckn) it->distSakIs(Sak());
   }
 
-  // 5.
+  // The other actors go after the deletion period, so that the peers can follow first.
   TRACE(3, ": Starting actor deletion timer on " << intfId);
   port->actorDeletionTimer()->timeMinIs(Zef::System::currentTime() + port->status()->actorDelPeriod());
 }

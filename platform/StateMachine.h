@@ -52,10 +52,9 @@ void retireReactor(Ptr<R> reactor) {
   reactor->hasNotificationActiveIs(false);
 }
 
-// attrIs(ptr) of a reactor attribute:
-// 1. bound to ptr already: nothing; 2. ptr null: the reactor is dropped; 3. another notifier:
-// the reactor moves there and replays; 4. no reactor and ptr null: nothing; 5. no reactor: one
-// is built on ptr, switched on and stored, and does not replay.
+// attrIs(ptr) of a reactor attribute. Bound to ptr already: nothing. A null ptr drops the
+// reactor (or does nothing if there is none). Another notifier: the reactor moves there and
+// replays. No reactor yet: one is built on ptr, switched on and stored, and does not replay.
 template <class R, class N, class Owner>
 void reactorIs(Ptr<R>& slot, const Ptr<N>& notifier, Owner* owner) {
   if (slot) {
