@@ -103,7 +103,7 @@ void MkaPortSm::doUpdateActors(bool defaultKey) {
     }
     portStatus()->actorStatusIs(key.ckn)->defaultActorIs(defaultKey);
   }
-  // The fallback key's actor is not announced, by design.
+  // Kept on purpose: the operators hear of the primary key's actor only, never the fallback's.
   if (!mkaActorSm(key.ckn)) {
     mkaActorSmIs(key.ckn, key.cak, intfId(), status(), pamManager(), hwStatus(), timerWheel());
     if (!defaultKey) Zef::log(MKA_CA_CREATED, key.ckn, intfId());
@@ -123,6 +123,7 @@ void MkaPortSm::doUpdateActors(bool defaultKey) {
 
 void MkaPortSm::handleKeyRetire() {
   if (!initialized() || !intfStatus()->keyRetire()) return;
+  // Exact text, with no space before the CKN: operators' tooling matches it.
   TRACE(8, ": retire if any operational actor is present" << intfStatus()->key().ckn << " on " << intfId());
   bool electionDue = false;
   for (const Zef::Ptr<MkaActorStatus>& actor : actorsOf(portStatus())) {
@@ -347,6 +348,7 @@ void MkaPortSm::doProgramStaticSak(bool transmit) {
   // change; the first static key of a port takes number 1.
   if (!initialized()) return;
   const bool inUse = intfStatus()->staticSakInUse();
+  // Exact text, with its space before the colon: operators' tooling matches it.
   TRACE(3, " : Static SAK is currently " << inUse << " on " << intfId());
   if (!inUse) return;
   const AssociationNumber previous = transmit ? portStatus()->txStaticAn() : portStatus()->rxStaticAn();

@@ -115,7 +115,8 @@ class ReactorMap {
   HashMap<K, R> map_;
 };
 
-// The refusal of a null member by a mirror's mutator.
+// The refusal of a null member by a mirror's mutator. Exact text, with its closing quote and no
+// opening one: operators' tooling matches it.
 [[noreturn]] inline void throwNullMutatorArgument(const char* parameter, const char* className, const char* attribute) {
   throwRangeException(String("null _") + parameter + " parameter to mutator for " + className + "::" + attribute +
                       " not allowed\"");
