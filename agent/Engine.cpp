@@ -68,7 +68,7 @@ void Engine::interfaceIs(const Lanx::IntfId& intf, const InterfaceSettings& sett
 
 void Engine::portIs(const Lanx::IntfId& intf) {
   const Speaking speaking(name());
-  if (ports_.contains(intf)) return;
+  if (ports_.contains(intf) || !status_->intfStatus(intf)) return;
   ports_[intf] = MkaPortSm::MkaPortSmIs(intf, status_, pamManager_, hwStatus_, wheel_);
 }
 
@@ -88,12 +88,12 @@ Zef::Ptr<MkaPortSm> Engine::port(const Lanx::IntfId& intf) const {
 
 void Engine::keyIs(const Lanx::IntfId& intf, const Cak& key) {
   const Speaking speaking(name());
-  status_->intfStatus(intf)->keyIs(key);
+  if (const Zef::Ptr<IntfStatus> intfStatus = status_->intfStatus(intf)) intfStatus->keyIs(key);
 }
 
 void Engine::defaultKeyIs(const Lanx::IntfId& intf, const Cak& key) {
   const Speaking speaking(name());
-  status_->intfStatus(intf)->defaultKeyIs(key);
+  if (const Zef::Ptr<IntfStatus> intfStatus = status_->intfStatus(intf)) intfStatus->defaultKeyIs(key);
 }
 
 void Engine::frameIs(const Lanx::IntfId& intf, const uint8_t* frame, size_t length) {

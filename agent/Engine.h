@@ -64,11 +64,13 @@ class Engine {
   // In: an interface's status (IntfStatus, CpStatus, MkaPortStatus with the SCI made from its
   // address), its hardware status and its access point for MKPDUs.
   void interfaceIs(const Lanx::IntfId& intf, const InterfaceSettings& settings);
-  // In: a port state machine that runs the interface's actors from its configured keys.
+  // In: a port state machine that runs the interface's actors from its configured keys, once the
+  // interface is there.
   void portIs(const Lanx::IntfId& intf);
   // Stops the interface's port state machine, as the device does when MKA stops on it.
   void portDel(const Lanx::IntfId& intf);
-  // In: an interface's primary and fallback keys; an empty key removes it.
+  // In: an interface's primary and fallback keys; an empty key removes it. An interface the engine
+  // does not have is ignored, as are frames for one.
   void keyIs(const Lanx::IntfId& intf, const Cak& key);
   void defaultKeyIs(const Lanx::IntfId& intf, const Cak& key);
 

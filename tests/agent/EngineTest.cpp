@@ -61,6 +61,15 @@ TEST(Engine, TwoEnginesCarryingEachOthersFramesSecureTheLinkAndNameThemselvesInT
     }
 
     EXPECT_GT(sent, 10);
+
+    // What names an interface the engine does not have changes nothing.
+    const Lanx::IntfId eth9("eth9");
+    a.portIs(eth9);
+    a.keyIs(eth9, Cak{"01", StoredKey::ofHex("135bd758b0ee5c11c55ff6ab19fdb199")});
+    const std::string frame(64, '\x01');
+    a.frameIs(eth9, reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
+    EXPECT_FALSE(a.port(eth9));
+    EXPECT_FALSE(a.status()->intfStatus(eth9));
     for (Engine* engine : {&a, &b}) {
       SCOPED_TRACE(engine->name());
       const Zef::Ptr<CpStatus> cp = engine->status()->cpStatus(eth1);
