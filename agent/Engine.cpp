@@ -1,6 +1,7 @@
 #include "agent/Engine.h"
 
 #include <cstring>
+#include <vector>
 
 #include "mkpdu/HandOff.h"
 #include "platform/Log.h"
@@ -34,56 +35,100 @@ Engine::Engine(EngineOptions options)
       wheel_(Orb::TimerWheel::TimerWheelIs()),
       hwStatus_(MacSecIntfStatusPtrDir::MacSecIntfStatusPtrDirIs()),
       slice_(MacSecStatus::MacSecStatusIs()),
-      emulator_(HwEmulator::HwEmulatorIs(status_, hwStatus_)) {
+      emulator_(HwEmulator::HwEmulatorIs(status_, hwStatus_)),
+      ethIntfStatusDir_(Interface::EthIntfStatusDir::EthIntfStatusDirIs("ethIntfStatusDir")),
+      deviceIntfStatusDir_(Interface::DeviceIntfStatusDir::DeviceIntfStatusDirIs("deviceIntfStatusDir")) {
+  const Speaking speaking(name());
   wheel_->randomSeedIs(options_.randomSeed);
   status_->macsecEnabledIs(true);
   // The engine hears what the actors send before the codec encodes it.
   txReactor_ = Zef::Ptr<TxReactor>(new TxReactor(pamManager_->txMessageInfo(), this));
   if (options_.frames) codec_ = MkpduCodec::MkpduCodecIs(status_, pamManager_, pams_);
+  deviceIntfStatusDir_->attacherIs([this](const Zef::Ptr<Lanx::Pam>& pam) { attach(pam); });
+  mkaSm_ = MkaSm::MkaSmIs(status_, ethIntfStatusDir_, deviceIntfStatusDir_, pamManager_, hwStatus_, wheel_);
 }
 
 Engine::~Engine() {
-  // Ports go first, while everything they use is still there.
+  // The device and its ports go first, while everything they use is still there.
   const Speaking speaking(name());
-  for (auto& [intf, port] : ports_) port->hasNotificationActiveIs(false);
-  ports_.clear();
+  if (mkaSm_) mkaSm_->hasNotificationActiveIs(false);
+  mkaSm_ = nullptr;
+  deviceIntfStatusDir_->attacherIs(nullptr);
   txReactor_->engineIs(nullptr);
 }
 
-void Engine::interfaceIs(const Lanx::IntfId& intf, const InterfaceSettings& settings) {
+void Engine::ethernetIs(const Lanx::IntfId& intf, const Lanx::EthAddr& addr, uint16_t portId,
+                        Interface::LinkStatus link) {
   const Speaking speaking(name());
+  const Zef::Ptr<Interface::EthIntfStatus> eth = ethIntfStatusDir_->intfStatusIs(intf);
+  eth->addrIs(addr);
+  eth->portIdIs(portId);
+  eth->linkStatusIs(link);
+}
+
+void Engine::linkIs(const Lanx::IntfId& intf, Interface::LinkStatus link) {
+  const Speaking speaking(name());
+  if (const Zef::Ptr<Interface::EthIntfStatus> eth = ethIntfStatusDir_->intfStatus(intf)) eth->linkStatusIs(link);
+}
+
+void Engine::ethernetDel(const Lanx::IntfId& intf) {
+  const Speaking speaking(name());
+  ethIntfStatusDir_->intfStatusDel(intf);
+}
+
+void Engine::hardwareIs(const Lanx::IntfId& intf) {
+  const Speaking speaking(name());
+  hwStatus_->statusIs(slice_->statusIs(intf));
+}
+
+void Engine::hardwareDel(const Lanx::IntfId& intf) {
+  const Speaking speaking(name());
+  hwStatus_->statusDel(intf);
+  slice_->statusDel(intf);
+}
+
+void Engine::macsecIs(const Lanx::IntfId& intf, const InterfaceSettings& settings) {
+  const Speaking speaking(name());
+  // An interface's parameters are fixed for its IntfStatus: new ones make a new one.
+  if (const Zef::Ptr<IntfStatus> existing = status_->intfStatus(intf);
+      existing && existing->macsecParams() != settings.params) {
+    status_->intfStatusDel(intf);
+  }
+  if (codec_) {
+    // The codec opens an access point for the interface; what it sends there leaves the engine.
+    pamManager_->mkaIntfIs(intf);
+    pams_->pam(intf)->transmitterIs([this, intf](const Zef::Ptr<Lanx::Pkt>& pkt) {
+      if (frameTransmitter_) frameTransmitter_(intf, pkt->bytes());
+    });
+  }
+  // The settings are read by the actors, which come with the first key.
   const Zef::Ptr<IntfStatus> intfStatus = status_->intfStatusIs(intf, settings.params);
   intfStatus->keyServerPriorityIs(settings.keyServerPriority);
   intfStatus->dot1xTypeIs(settings.dot1xType);
-  status_->cpStatusIs(intf, settings.params);
-  status_->portStatusIs(intf)->mySciIs(Sci{settings.mac, settings.portId});
-  hwStatus_->statusIs(slice_->statusIs(intf));
-  if (!codec_) return;
-  // The codec opens an access point for the interface; what it sends there leaves the engine.
-  pamManager_->mkaIntfIs(intf);
-  pams_->pam(intf)->transmitterIs([this, intf](const Zef::Ptr<Lanx::Pkt>& pkt) {
-    if (frameTransmitter_) frameTransmitter_(intf, pkt->bytes());
-  });
 }
 
-void Engine::portIs(const Lanx::IntfId& intf) {
+void Engine::macsecDel(const Lanx::IntfId& intf) {
   const Speaking speaking(name());
-  if (ports_.contains(intf) || !status_->intfStatus(intf)) return;
-  ports_[intf] = MkaPortSm::MkaPortSmIs(intf, status_, pamManager_, hwStatus_, wheel_);
+  status_->intfStatusDel(intf);
+  if (codec_) pamManager_->mkaIntfDel(intf);
+}
+
+void Engine::interfaceIs(const Lanx::IntfId& intf, const InterfaceSettings& settings) {
+  hardwareIs(intf);
+  ethernetIs(intf, settings.mac, settings.portId);
+  macsecIs(intf, settings);
 }
 
 void Engine::portDel(const Lanx::IntfId& intf) {
   const Speaking speaking(name());
-  auto it = ports_.find(intf);
-  if (it == ports_.end()) return;
-  const Zef::Ptr<MkaPortSm> port = std::move(it->second);
-  ports_.erase(it);
-  port->hasNotificationActiveIs(false);
+  if (mkaSm_) mkaSm_->mkaPortSmDel(intf);
 }
 
-Zef::Ptr<MkaPortSm> Engine::port(const Lanx::IntfId& intf) const {
-  auto it = ports_.find(intf);
-  return it == ports_.end() ? nullptr : it->second;
+void Engine::stateMachinesRestart() {
+  const Speaking speaking(name());
+  if (mkaSm_) mkaSm_->hasNotificationActiveIs(false);
+  mkaSm_ = nullptr;
+  mkaSm_ = MkaSm::MkaSmIs(status_, ethIntfStatusDir_, deviceIntfStatusDir_, pamManager_, hwStatus_, wheel_);
 }
 
 void Engine::keyIs(const Lanx::IntfId& intf, const Cak& key) {
@@ -96,13 +141,40 @@ void Engine::defaultKeyIs(const Lanx::IntfId& intf, const Cak& key) {
   if (const Zef::Ptr<IntfStatus> intfStatus = status_->intfStatus(intf)) intfStatus->defaultKeyIs(key);
 }
 
+namespace {
+
+Zef::Ptr<Lanx::Pkt> packetOf(const uint8_t* frame, size_t length) {
+  const Zef::Ptr<Lanx::Pkt> pkt = Lanx::globalPktManager().newPkt();
+  if (length > 0) std::memcpy(pkt->newHeadData(length), frame, length);
+  return pkt;
+}
+
+}  // namespace
+
 void Engine::frameIs(const Lanx::IntfId& intf, const uint8_t* frame, size_t length) {
   const Speaking speaking(name());
-  const Zef::Ptr<Lanx::Pam> pam = pams_ ? pams_->pam(intf) : nullptr;
-  if (!pam) return;
-  const Zef::Ptr<Lanx::Pkt> pkt = Lanx::globalPktManager().newPkt();
-  std::memcpy(pkt->newHeadData(length), frame, length);
-  pam->rxPktIs(pkt);
+  std::vector<Zef::Ptr<Lanx::Pam>> readers;
+  if (const Zef::Ptr<Lanx::Pam> pam = pams_ ? pams_->pam(intf) : nullptr) readers.push_back(pam);
+  for (auto [it, end] = attached_.equal_range(intf); it != end; ++it) readers.push_back(it->second);
+  for (const Zef::Ptr<Lanx::Pam>& pam : readers) pam->rxPktIs(packetOf(frame, length));
+}
+
+void Engine::attach(const Zef::Ptr<Lanx::Pam>& pam) {
+  // Points that their manager has let go are held by nobody else: they leave the list.
+  std::erase_if(attached_, [](const auto& entry) { return entry.second->references() == 1; });
+  const Lanx::IntfId intf = pam->intfId();
+  attached_.emplace(intf, pam);
+  // What the point sends goes to the emulated hardware if it takes it (a self-test frame it loops
+  // back), else to the wire. The point is not captured by its own transmitter, which it holds.
+  Lanx::Pam* sender = pam.ptr();
+  pam->transmitterIs([this, intf, sender](const Zef::Ptr<Lanx::Pkt>& pkt) {
+    const std::string frame = pkt->bytes();
+    const Zef::Ptr<Lanx::Pam> back(sender);
+    const bool looped = emulator_->selfTestFrameIs(intf, frame, [this, back](const std::string& answer) {
+      as([&] { back->rxPktIs(packetOf(reinterpret_cast<const uint8_t*>(answer.data()), answer.size())); });
+    });
+    if (!looped && frameTransmitter_) frameTransmitter_(intf, frame);
+  });
 }
 
 void Engine::messageIs(const Lanx::IntfId& intf, const DecodedMkpdu& message) {

@@ -1,13 +1,15 @@
 #pragma once
 
 // The one assembly of an MKA engine: the entities a switch's agent creates for the state machines
-// (status, message hand-off, timer wheel, hardware status) and the machinery around them (the
-// MKPDU codec, the hardware emulator, the ports). The simulator runs several side by side in one
-// process, the daemon runs one; nothing of an engine is shared with another but the clock, the
-// debug trace and the operators' log, whose records name the engine that speaks.
+// (status, message hand-off, timer wheel, interface and hardware status) and the machinery
+// around them (the MKPDU codec, the hardware emulator, the device state machine, which runs the
+// ports). The simulator runs several side by side in one process, the daemon runs one; nothing
+// of an engine is shared with another but the clock, the debug trace and the operators' log,
+// whose records name the engine that speaks.
 //
-// What goes in: interfaces with their settings and keys, received frames (or, for a simulation
-// that skips the codec, decoded MKPDUs), and time, as the timers fall due.
+// What goes in: the interfaces as the switch has them (address, link, hardware), their MACsec
+// settings and keys, received frames (or, for a simulation that skips the codec, decoded
+// MKPDUs), and time, as the timers fall due.
 // What comes out: frames to send (or decoded MKPDUs), SA requests in each CpStatus, which the
 // hardware emulator answers, status, and the operators' log.
 
@@ -18,7 +20,7 @@
 #include <string>
 
 #include "hw/HwEmulator.h"
-#include "mka/MkaPortSm.h"
+#include "mka/MkaSm.h"
 #include "mkpdu/MkpduCodec.h"
 #include "model/HwStatus.h"
 #include "model/MacsecInternalTypes.h"
@@ -37,7 +39,8 @@ struct EngineOptions {
   uint64_t randomSeed = 1;
 };
 
-// How one interface runs MKA.
+// How one interface runs MKA: its MACsec settings, and for interfaceIs() its Ethernet address and
+// the port number of its SCI.
 struct InterfaceSettings {
   Lanx::EthAddr mac;
   uint16_t portId = 1;
@@ -61,14 +64,25 @@ class Engine {
   const std::string& name() const noexcept { return options_.name; }
   bool frames() const noexcept { return options_.frames; }
 
-  // In: an interface's status (IntfStatus, CpStatus, MkaPortStatus with the SCI made from its
-  // address), its hardware status and its access point for MKPDUs.
+  // In: an Ethernet interface of the switch, with its address, port number and link; its link
+  // alone; and its going away.
+  void ethernetIs(const Lanx::IntfId& intf, const Lanx::EthAddr& addr, uint16_t portId,
+                  Interface::LinkStatus link = Interface::linkUp);
+  void linkIs(const Lanx::IntfId& intf, Interface::LinkStatus link);
+  void ethernetDel(const Lanx::IntfId& intf);
+  // In: the interface in the (emulated) hardware's status, and its going away.
+  void hardwareIs(const Lanx::IntfId& intf);
+  void hardwareDel(const Lanx::IntfId& intf);
+  // In: MACsec on an interface, with its settings (an IntfStatus), and its removal. The codec
+  // listens for MKPDUs on every such interface.
+  void macsecIs(const Lanx::IntfId& intf, const InterfaceSettings& settings);
+  void macsecDel(const Lanx::IntfId& intf);
+  // All of the above for an interface that is up: the device starts its port.
   void interfaceIs(const Lanx::IntfId& intf, const InterfaceSettings& settings);
-  // In: a port state machine that runs the interface's actors from its configured keys, once the
-  // interface is there.
-  void portIs(const Lanx::IntfId& intf);
-  // Stops the interface's port state machine, as the device does when MKA stops on it.
+  // Stops the interface's port state machine, as the device does when the link goes down.
   void portDel(const Lanx::IntfId& intf);
+  // Rebuilds the state machines over the status they leave, as after a restart of the agent.
+  void stateMachinesRestart();
   // In: an interface's primary and fallback keys; an empty key removes it. An interface the engine
   // does not have is ignored, as are frames for one.
   void keyIs(const Lanx::IntfId& intf, const Cak& key);
@@ -100,7 +114,9 @@ class Engine {
   const Zef::Ptr<MkpduCodec>& codec() const noexcept { return codec_; }
   // The hardware status of an interface, as the emulated hardware writes it.
   Zef::Ptr<MacSecIntfStatus> hw(const Lanx::IntfId& intf) const { return slice_->status(intf); }
-  Zef::Ptr<MkaPortSm> port(const Lanx::IntfId& intf) const;
+  Zef::Ptr<MkaPortSm> port(const Lanx::IntfId& intf) const { return mkaSm_ ? mkaSm_->mkaPortSm(intf) : nullptr; }
+  const Zef::Ptr<MkaSm>& device() const noexcept { return mkaSm_; }
+  const Zef::Ptr<Interface::EthIntfStatusDir>& ethIntfStatusDir() const noexcept { return ethIntfStatusDir_; }
 
   // Runs work as this engine: the operators' log names it as the source.
   template <class Work>
@@ -122,6 +138,9 @@ class Engine {
   };
 
   void transmitted();
+  // Attaches an access point that a state machine opened (the self test's) to the hardware and
+  // the wire.
+  void attach(const Zef::Ptr<Lanx::Pam>& pam);
 
   EngineOptions options_;
   Zef::Ptr<Status> status_;
@@ -133,7 +152,12 @@ class Engine {
   Zef::Ptr<HwEmulator> emulator_;
   Zef::Ptr<TxReactor> txReactor_;
   Zef::Ptr<MkpduCodec> codec_;
-  std::map<Lanx::IntfId, Zef::Ptr<MkaPortSm>> ports_;
+  Zef::Ptr<Interface::EthIntfStatusDir> ethIntfStatusDir_;
+  Zef::Ptr<Interface::DeviceIntfStatusDir> deviceIntfStatusDir_;
+  // The access points attached through the device, by interface; a frame received on an
+  // interface reaches each of them as well as the codec.
+  std::multimap<Lanx::IntfId, Zef::Ptr<Lanx::Pam>> attached_;
+  Zef::Ptr<MkaSm> mkaSm_;
   FrameTransmitter frameTransmitter_;
   MessageTransmitter messageTransmitter_;
 };

@@ -1,5 +1,6 @@
 #include "hw/HwEmulator.h"
 
+#include "model/Crypto.h"
 #include "platform/Trace.h"
 
 ZEF_TRACE_MODULE("Macsec::HwEmulator")
@@ -63,6 +64,56 @@ void HwEmulator::ZefStatus::ZefCpStatus::updateTxSaStatus() {
     ZEF_ASSERT(hw);
     hw->txSaStatusIs(SaStatus{AssociationNumber(sak.an), sak.mi, sak.keyNum, value});
   });
+}
+
+void HwEmulator::ZefStatus::ZefCpStatus::updatePostStatus() {
+  HwEmulator* emulator = stateMachine();
+  if (emulator == nullptr || emulator->selfTestResponder() == selfTestResponderOff) return;
+  const Lanx::IntfId intfId = notifier()->intfId();
+  const POSTStage stage = notifier()->postStatus();
+  TRACE(8, "intf: " << intfId << " postStatus " << stage);
+  // The hardware is ready for the stage the test asks for (or has reset itself for a retry).
+  Zef::Ptr<MacSecIntfStatusPtrDir> allMacsec = emulator->allMacsec();
+  confirm(*emulator, [allMacsec, intfId, stage] {
+    const Zef::Ptr<MacSecIntfStatus> hw = Zef::constPtrCast<MacSecIntfStatus>(allMacsec->status(intfId));
+    if (hw) hw->hwPostStatusIs(stage);
+  });
+}
+
+bool HwEmulator::selfTestFrameIs(const Lanx::IntfId& intfId, const std::string& frame,
+                                 std::function<void(const std::string&)> answer) {
+  if (selfTestResponder() == selfTestResponderOff) return false;
+  const Zef::Ptr<MacSecIntfStatus const> hw = allMacsec()->status(intfId);
+  if (!hw) return false;
+  // The stage says what the cipher path is set up to do with the frame.
+  CryptoLibCipherSuite suite;
+  bool encrypt;
+  switch (hw->hwPostStatus()) {
+    case postTesting128Encryption:
+      suite = cryptoLibGcmAes128, encrypt = true;
+      break;
+    case postTesting128Decryption:
+      suite = cryptoLibGcmAes128, encrypt = false;
+      break;
+    case postTesting256Encryption:
+      suite = cryptoLibGcmAes256, encrypt = true;
+      break;
+    case postTesting256Decryption:
+      suite = cryptoLibGcmAes256, encrypt = false;
+      break;
+    default:
+      return false;
+  }
+  constexpr size_t kAddresses = 12;
+  if (frame.size() <= kAddresses) return false;
+  TRACE(8, "intf: " << intfId << " self-test frame of " << frame.size() << " bytes");
+  if (selfTestResponder() == selfTestResponderSilent) return true;
+  const std::string payload = selfTestCipherPath(
+      suite, encrypt, reinterpret_cast<const uint8_t*>(frame.data()) + kAddresses, frame.size() - kAddresses);
+  std::string back = frame.substr(0, kAddresses) + payload;
+  if (selfTestResponder() == selfTestResponderCorrupt) back.back() = static_cast<char>(back.back() ^ 0x01);
+  confirm(*this, [answer = std::move(answer), back] { answer(back); });
+  return true;
 }
 
 }  // namespace Macsec

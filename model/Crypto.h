@@ -11,6 +11,7 @@
 // stores and wipes. A derivation whose input is not valid gives an empty result.
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -56,6 +57,11 @@ void convertByteArrayToHexString(const uint8_t* bytes, int length, Zef::String& 
 // plain text for suite 0, or its AES-GCM cipher text and tag under the test key of the suite.
 void selfTestPktData(CryptoLibCipherSuite suite, Zef::String& data, unsigned int& length);
 bool selfTestPktCheck(CryptoLibCipherSuite suite, const uint8_t* data, unsigned int length);
+// What a cipher path under test does to such a frame, with the test key of a 128- or 256-bit
+// suite: encrypting seals the payload after the 4 header bytes into cipher text and tag,
+// decrypting opens it again. Empty for another suite, a frame too short, or one that does not
+// open.
+std::string selfTestCipherPath(CryptoLibCipherSuite suite, bool encrypt, const uint8_t* data, size_t length);
 
 // AES-CMAC (RFC 4493) with a 16- or 32-byte key. Empty for any other key length.
 KeyBytes aesCmac(const KeyBytes& key, const uint8_t* message, size_t length);

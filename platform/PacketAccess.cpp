@@ -41,7 +41,11 @@ void EthDevPamManager::handleIntfDesired(const Lanx::IntfId& intfId) {
   }
   if (pamCollection()->pamHas(intfId)) return;
   const Zef::Ptr<Lanx::Pam> pam = pamCollection()->pamIs(intfId);
-  if (transport()) transport()(pam);
+  if (transport()) {
+    transport()(pam);
+  } else if (deviceIntfStatusDir()) {
+    deviceIntfStatusDir()->attach(pam);
+  }
 }
 
 void EthDevPamManager::handleIntfDesired() {

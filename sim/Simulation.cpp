@@ -87,8 +87,18 @@ Agent::~Agent() {
 }
 
 void Agent::portIs(const Lanx::IntfId& intf, const PortConfig& config) {
-  engine_.interfaceIs(intf, config);
-  if (config.runPort) engine_.portIs(intf);
+  if (config.runPort) {
+    engine_.interfaceIs(intf, config);
+    return;
+  }
+  // Without a port, the interface's status is made here, as the device would make it, and its
+  // Ethernet interface stays unknown to the device, which therefore starts no port on it.
+  engine_.hardwareIs(intf);
+  engine_.macsecIs(intf, config);
+  engine_.as([&] {
+    status()->cpStatusIs(intf, config.params);
+    status()->portStatusIs(intf)->mySciIs(Macsec::Sci{config.mac, config.portId});
+  });
 }
 
 namespace {

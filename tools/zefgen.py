@@ -293,6 +293,8 @@ class Model:
 
     def find(self, name, namespace):
         name = name.strip()
+        if name.startswith("::"):
+            return self.types.get(name[2:])
         for candidate in (f"{namespace}::{name}" if namespace else name, name):
             if candidate in self.types:
                 return self.types[candidate]

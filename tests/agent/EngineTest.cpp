@@ -42,7 +42,6 @@ TEST(Engine, TwoEnginesCarryingEachOthersFramesSecureTheLinkAndNameThemselvesInT
       InterfaceSettings settings;
       settings.mac = Lanx::EthAddr({2, 0, 0, 0, 0, static_cast<uint8_t>(last)});
       engine->interfaceIs(eth1, settings);
-      engine->portIs(eth1);
       engine->keyIs(eth1,
                     Cak{"96437a93ccf10d9dfe347846cce52c7d", StoredKey::ofHex("135bd758b0ee5c11c55ff6ab19fdb199")});
     }
@@ -64,7 +63,6 @@ TEST(Engine, TwoEnginesCarryingEachOthersFramesSecureTheLinkAndNameThemselvesInT
 
     // What names an interface the engine does not have changes nothing.
     const Lanx::IntfId eth9("eth9");
-    a.portIs(eth9);
     a.keyIs(eth9, Cak{"01", StoredKey::ofHex("135bd758b0ee5c11c55ff6ab19fdb199")});
     const std::string frame(64, '\x01');
     a.frameIs(eth9, reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
