@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "mkpdu/HandOff.h"
+#include "platform/Clock.h"
 #include "platform/Log.h"
 
 namespace Macsec {
@@ -22,6 +23,31 @@ class Engine::TxReactor : public MkaMessageInfo::NotifieeConst {
  private:
   Engine* engine_;
 };
+
+// One action on the engine's timer wheel, run once.
+class Engine::Deferred : public Orb::TimerWheel::Notifiee {
+ public:
+  Deferred(const Zef::Ptr<Orb::TimerWheel>& wheel, std::function<void()> action)
+      : Notifiee(wheel), action_(std::move(action)) {}
+  void onTime() override {
+    std::function<void()> action = std::move(action_);
+    done_ = true;
+    action();
+  }
+  bool done() const noexcept { return done_; }
+
+ private:
+  std::function<void()> action_;
+  bool done_ = false;
+};
+
+void Engine::later(std::function<void()> action) {
+  std::erase_if(deferred_, [](const Zef::Ptr<Deferred>& d) { return d->done(); });
+  const Zef::Ptr<Deferred> deferred(new Deferred(wheel_, [this, action = std::move(action)] { as(action); }));
+  deferred->hasNotificationActiveIs(true);
+  deferred->timeMinIs(Zef::System::currentTime());
+  deferred_.push_back(deferred);
+}
 
 Engine::Speaking::Speaking(const std::string& name) : previous_(Zef::logSource()) { Zef::logSourceIs(name.c_str()); }
 
@@ -50,9 +76,9 @@ Engine::Engine(EngineOptions options)
 
 Engine::~Engine() {
   // The device and its ports go first, while everything they use is still there.
+  stateMachinesStop();
   const Speaking speaking(name());
-  if (mkaSm_) mkaSm_->hasNotificationActiveIs(false);
-  mkaSm_ = nullptr;
+  deferred_.clear();
   deviceIntfStatusDir_->attacherIs(nullptr);
   txReactor_->engineIs(nullptr);
 }
@@ -124,11 +150,16 @@ void Engine::portDel(const Lanx::IntfId& intf) {
   if (mkaSm_) mkaSm_->mkaPortSmDel(intf);
 }
 
-void Engine::stateMachinesRestart() {
+void Engine::stateMachinesStop() {
   const Speaking speaking(name());
   if (mkaSm_) mkaSm_->hasNotificationActiveIs(false);
   mkaSm_ = nullptr;
-  mkaSm_ = MkaSm::MkaSmIs(status_, ethIntfStatusDir_, deviceIntfStatusDir_, pamManager_, hwStatus_, wheel_);
+}
+
+void Engine::stateMachinesStart() {
+  const Speaking speaking(name());
+  if (!mkaSm_)
+    mkaSm_ = MkaSm::MkaSmIs(status_, ethIntfStatusDir_, deviceIntfStatusDir_, pamManager_, hwStatus_, wheel_);
 }
 
 void Engine::keyIs(const Lanx::IntfId& intf, const Cak& key) {
@@ -171,7 +202,8 @@ void Engine::attach(const Zef::Ptr<Lanx::Pam>& pam) {
     const std::string frame = pkt->bytes();
     const Zef::Ptr<Lanx::Pam> back(sender);
     const bool looped = emulator_->selfTestFrameIs(intf, frame, [this, back](const std::string& answer) {
-      as([&] { back->rxPktIs(packetOf(reinterpret_cast<const uint8_t*>(answer.data()), answer.size())); });
+      later(
+          [back, answer] { back->rxPktIs(packetOf(reinterpret_cast<const uint8_t*>(answer.data()), answer.size())); });
     });
     if (!looped && frameTransmitter_) frameTransmitter_(intf, frame);
   });

@@ -18,6 +18,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "hw/HwEmulator.h"
 #include "mka/MkaSm.h"
@@ -81,8 +82,10 @@ class Engine {
   void interfaceIs(const Lanx::IntfId& intf, const InterfaceSettings& settings);
   // Stops the interface's port state machine, as the device does when the link goes down.
   void portDel(const Lanx::IntfId& intf);
-  // Rebuilds the state machines over the status they leave, as after a restart of the agent.
-  void stateMachinesRestart();
+  // Stops the state machines, leaving the status as it is, and starts them again over it, as the
+  // agent does across a restart; what changes in between is what changed while it was away.
+  void stateMachinesStop();
+  void stateMachinesStart();
   // In: an interface's primary and fallback keys; an empty key removes it. An interface the engine
   // does not have is ignored, as are frames for one.
   void keyIs(const Lanx::IntfId& intf, const Cak& key);
@@ -127,6 +130,7 @@ class Engine {
 
  private:
   class TxReactor;
+  class Deferred;
   // The log source for the time of one call, and the one before it back after.
   class Speaking {
    public:
@@ -141,6 +145,9 @@ class Engine {
   // Attaches an access point that a state machine opened (the self test's) to the hardware and
   // the wire.
   void attach(const Zef::Ptr<Lanx::Pam>& pam);
+  // Runs an action from the engine's timers, at the current time: after the call that asked for
+  // it has returned, as hardware answers.
+  void later(std::function<void()> action);
 
   EngineOptions options_;
   Zef::Ptr<Status> status_;
@@ -158,6 +165,7 @@ class Engine {
   // interface reaches each of them as well as the codec.
   std::multimap<Lanx::IntfId, Zef::Ptr<Lanx::Pam>> attached_;
   Zef::Ptr<MkaSm> mkaSm_;
+  std::vector<Zef::Ptr<Deferred>> deferred_;
   FrameTransmitter frameTransmitter_;
   MessageTransmitter messageTransmitter_;
 };

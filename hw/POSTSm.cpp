@@ -84,12 +84,15 @@ void POSTSm::txTestPkt(CryptoLibCipherSuite cipher, bool encrypt) {
   const Lanx::EthAddr source = eth ? eth->addr() : Lanx::EthAddr();
   std::memcpy(frame + 6, source.data(), 6);
   std::memcpy(frame + kAddresses, data.charPtr(), length);
-  TRACE(0, "txTestPkt" << ": size: " << pkt->size());
+  TRACE(0, "txTestPkt"
+               << ": size: " << pkt->size());
   if (intfPam()) intfPam()->txPkt(pkt);
 }
 
 void POSTSm::handleReadableCount() {
   if (!initialized()) return;
+  // The stage written below can make the device delete this test.
+  const Zef::Ptr<POSTSm> self(this);
   TRACE(8, ": intf " << intfId());
   const Zef::Ptr<Lanx::Pkt> pkt = intfPam()->rxPkt();
   if (!pkt) {
@@ -155,6 +158,7 @@ bool POSTSm::verifyTestPkt(const Zef::Ptr<Lanx::Pkt>& pkt) {
 
 void POSTSm::handleTimer() {
   if (!initialized()) return;
+  const Zef::Ptr<POSTSm> self(this);
   if (attemptNumber() < 3) {
     TRACE(2, "handleTimer" << intfId() << " starting retry attempt " << attemptNumber() + 1);
     attemptNumberIs(attemptNumber() + 1);

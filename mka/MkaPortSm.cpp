@@ -165,8 +165,14 @@ void MkaPortSm::doCleanupActorSmAndStatus(const Zef::Ptr<MkaActorStatus>& actor)
 }
 
 void MkaPortSm::handleCleanUp() {
-  // Every actor goes, and its distributed key is wiped.
   TRACE(8, ": IntfId " << intfId());
+  // Going down with the whole device while MACsec stays in service, the port leaves its status to
+  // the next run: the actors' state machines go, their status and the keys in service stay.
+  if (statusKeptOnExit()) {
+    mkaActorSmDelAll();
+    return;
+  }
+  // Every actor goes, and its distributed key is wiped.
   for (const Zef::Ptr<MkaActorStatus>& actor : actorsOf(portStatus())) {
     const Zef::String ckn = actor->ckn();
     TRACE(3, "Deleting actor " << ckn << " on " << intfId());

@@ -208,8 +208,12 @@ void MkaSm::ZefHwStatus::ZefIntfHwStatus::handleHwPostStatus() {
 
 void MkaSm::handleCleanUp() {
   TRACE(8, "");
-  // Going down with MACsec in service, the status stays for the next run.
-  if (status()->macsecEnabled()) return;
+  // Going down with MACsec in service, the status stays for the next run: the ports go with the
+  // device, but leave their status as it is.
+  if (status()->macsecEnabled()) {
+    for (auto it = mkaPortSmIter(); it; ++it) it->statusKeptOnExitIs(true);
+    return;
+  }
   for (const Lanx::IntfId& intfId : keysOf(mkaPortSmIter())) createOrDeletePortSm(intfId, true);
 }
 

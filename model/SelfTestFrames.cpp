@@ -95,8 +95,8 @@ std::string selfTestCipherPath(CryptoLibCipherSuite suite, bool encrypt, const u
       (body > 0 && EVP_CipherUpdate(ctx.get(), o + kHeader, &n, data + kHeader, static_cast<int>(body)) != 1)) {
     return {};
   }
-  if (!encrypt && EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, kTag,
-                                      const_cast<uint8_t*>(data + kHeader + body)) != 1) {
+  if (!encrypt &&
+      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, kTag, const_cast<uint8_t*>(data + kHeader + body)) != 1) {
     return {};
   }
   int tail = 0;

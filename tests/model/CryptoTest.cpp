@@ -213,8 +213,8 @@ TEST(Crypto, SelfTestAnswersAreTheAesGcmOfThePlainFrame) {
   // tampered frame.
   for (CryptoLibCipherSuite suite : {cryptoLibGcmAes128, cryptoLibGcmAes256}) {
     const std::string sealed = selfTestCipherPath(suite, true, p, plainLength);
-    EXPECT_TRUE(selfTestPktCheck(suite, reinterpret_cast<const uint8_t*>(sealed.data()),
-                                 static_cast<unsigned>(sealed.size())));
+    EXPECT_TRUE(
+        selfTestPktCheck(suite, reinterpret_cast<const uint8_t*>(sealed.data()), static_cast<unsigned>(sealed.size())));
     const std::string opened =
         selfTestCipherPath(suite, false, reinterpret_cast<const uint8_t*>(sealed.data()), sealed.size());
     EXPECT_TRUE(selfTestPktCheck(cryptoLibPlainText, reinterpret_cast<const uint8_t*>(opened.data()),

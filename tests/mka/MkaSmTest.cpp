@@ -1,0 +1,236 @@
+// The device on the harness: interfaces come and go with their configuration, link and hardware
+// status; a restart of the state machines goes on over the status it finds; in FIPS mode a port
+// runs only once the emulated hardware has passed the power-on self test.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/mka/Scenario.h"
+
+namespace Macsec::Testing {
+namespace {
+
+const Sim::Key kKey{"0101010101010101", "135bd758b0ee5c11c55ff6ab19fdb199"};
+
+class Device : public Scenario {
+ protected:
+  Device() {
+    const Lanx::IntfId& first = intf(a);  // a is eth1, b eth2
+    sim.linkIs(a, first, b, intf(b));
+  }
+
+  InterfaceSettings settings(uint8_t macByte, CipherSuite cipher = cipherSuiteGcmAes128) {
+    InterfaceSettings s;
+    s.mac = mac(macByte);
+    s.params.cipherSuite = cipher;
+    return s;
+  }
+  // An interface that is configured, up and in the hardware, with the key.
+  void start(Sim::Agent& agent, uint8_t macByte) {
+    agent.engine().interfaceIs(intf(agent), settings(macByte));
+    agent.keyIs(intf(agent), kKey);
+  }
+  Zef::Ptr<MkaPortStatus> portStatus(Sim::Agent& agent) { return agent.status()->portStatus(intf(agent)); }
+  // The key server's key (a has the lower address) runs on both ports.
+  bool secured() {
+    const Zef::Ptr<MkaPortStatus> port = portStatus(a);
+    const Zef::Ptr<MkaActorStatus> server = port ? port->actorStatus(kKey.ckn) : nullptr;
+    return server && securedOn({&a, &b}, server->distSak());
+  }
+
+  Sim::Agent& a = sim.agentIs("a");
+  Sim::Agent& b = sim.agentIs("b");
+};
+
+TEST_F(Device, PortsComeWithTheLinkAndGoWithItWhileTheirStatusStays) {
+  // Configured, but with its link down: nothing is made, not even the controlled port's status.
+  Engine& ea = a.engine();
+  ea.hardwareIs(intf(a));
+  ea.ethernetIs(intf(a), mac(1), 1, Interface::linkDown);
+  ea.macsecIs(intf(a), settings(1));
+  a.keyIs(intf(a), kKey);
+  start(b, 2);
+  sim.runFor(10);
+  EXPECT_FALSE(cp(a));
+  EXPECT_FALSE(portStatus(a));
+  EXPECT_FALSE(a.port(intf(a)));
+
+  // The link comes up: status, SCI and port follow, and the link is secured.
+  ea.linkIs(intf(a), Interface::linkUp);
+  ASSERT_TRUE(a.port(intf(a)));
+  EXPECT_EQ(portStatus(a)->mySci(), (Sci{mac(1), 1}));
+  double* up = firstTime([&] { return secured(); });
+  sim.runFor(30);
+  ASSERT_GT(*up, 0);
+
+  // b's link goes down: its port goes, its actors with it, and its controlled port closes; the
+  // status objects stay.
+  const Zef::Ptr<CpStatus> cpBefore = cp(b);
+  const Zef::Ptr<MkaPortStatus> portBefore = portStatus(b);
+  b.engine().linkIs(intf(b), Interface::linkDown);
+  EXPECT_FALSE(b.port(intf(b)));
+  EXPECT_EQ(cp(b), cpBefore);
+  EXPECT_EQ(portStatus(b), portBefore);
+  EXPECT_FALSE(cp(b)->controlledPortEnabled());
+  EXPECT_EQ(cp(b)->oldSakContext(), SakContext());
+  EXPECT_EQ(cp(b)->rxSakSize(), 0u);
+  EXPECT_EQ(portStatus(b)->actorStatusSize(), 0u);
+
+  // While it is down the interface gets another address; coming up writes the new SCI, and the
+  // link is secured again.
+  b.engine().ethernetIs(intf(b), mac(7), 3, Interface::linkDown);
+  sim.runFor(10);
+  b.engine().linkIs(intf(b), Interface::linkUp);
+  EXPECT_EQ(portStatus(b)->mySci(), (Sci{mac(7), 3}));
+  const double back = sim.now();
+  double* again = firstTime([&] { return secured(); });
+  sim.runFor(30);
+  EXPECT_GT(*again, back);
+
+  // The Ethernet interface goes away: everything of the interface goes.
+  b.engine().ethernetDel(intf(b));
+  EXPECT_FALSE(b.port(intf(b)));
+  EXPECT_FALSE(cp(b));
+  EXPECT_FALSE(portStatus(b));
+}
+
+TEST_F(Device, ARestartGoesOnOverTheStatusItFinds) {
+  start(a, 1);
+  start(b, 2);
+  double* up = firstTime([&] { return secured(); });
+  sim.runFor(30);
+  ASSERT_GT(*up, 0);
+  const Sak running = cp(b)->oldSakContext().sak;
+  const int keysMade = logCount("MKA_SAK_CREATED");
+
+  // With the link up, b's restart keeps the key in service: no port closes, nobody transmits on
+  // a key the other cannot receive, and no new key is needed.
+  guard({&a, &b});
+  b.engine().stateMachinesStop();
+  EXPECT_FALSE(b.port(intf(b)));
+  EXPECT_TRUE(cp(b)->controlledPortEnabled());
+  sim.runFor(1);
+  b.engine().stateMachinesStart();
+  EXPECT_TRUE(b.port(intf(b)));
+  sim.runFor(30);
+  EXPECT_TRUE(secured());
+  EXPECT_EQ(cp(b)->oldSakContext().sak.keyNum, running.keyNum);
+  EXPECT_EQ(cp(b)->oldSakContext().sak.mi, running.mi);
+  EXPECT_EQ(logCount("MKA_SAK_CREATED"), keysMade);
+  watches.clear();
+
+  // The link went down while b was away: its statuses survive, empty.
+  b.engine().stateMachinesStop();
+  b.engine().linkIs(intf(b), Interface::linkDown);
+  b.engine().stateMachinesStart();
+  ASSERT_TRUE(cp(b));
+  ASSERT_TRUE(portStatus(b));
+  EXPECT_FALSE(cp(b)->controlledPortEnabled());
+  EXPECT_TRUE(cp(b)->txSak().empty());
+  EXPECT_EQ(cp(b)->rxSakSize(), 0u);
+  EXPECT_EQ(portStatus(b)->actorStatusSize(), 0u);
+
+  // Its parameters changed while it was away: the controlled port's status goes (a new one comes
+  // with the port), the port's status stays.
+  b.engine().linkIs(intf(b), Interface::linkUp);
+  sim.runFor(30);
+  const Zef::Ptr<CpStatus> cpBefore = cp(b);
+  const Zef::Ptr<MkaPortStatus> portBefore = portStatus(b);
+  b.engine().stateMachinesStop();
+  b.engine().macsecIs(intf(b), settings(2, cipherSuiteGcmAes256));
+  b.keyIs(intf(b), kKey);
+  b.engine().stateMachinesStart();
+  EXPECT_EQ(portStatus(b), portBefore);
+  ASSERT_TRUE(cp(b));
+  EXPECT_NE(cp(b), cpBefore);
+  EXPECT_EQ(cp(b)->macsecParams().cipherSuite, cipherSuiteGcmAes256);
+}
+
+class Fips : public Device {
+ protected:
+  void startFips(Sim::Agent& agent, uint8_t macByte, SelfTestResponder responder) {
+    agent.status()->fipsStatusIs(FipsStatus{true, true});
+    agent.emulator()->selfTestResponderIs(responder);
+    start(agent, macByte);
+  }
+  std::vector<std::string> failures() const {
+    std::vector<std::string> lines;
+    for (const std::string& line : log.lines) {
+      if (line.rfind("MACSEC_POST_FAILURE", 0) == 0) lines.push_back(line);
+    }
+    return lines;
+  }
+};
+
+TEST_F(Fips, APortRunsOnlyOnceTheHardwareHasPassedItsSelfTest) {
+  a.hardwareLatencyIs(0.1);
+  startFips(a, 1, selfTestResponderOn);
+  startFips(b, 2, selfTestResponderOn);
+  // The test runs first, and there is no port while it does.
+  EXPECT_FALSE(a.port(intf(a)));
+  EXPECT_TRUE(a.engine().device()->postSm(intf(a)));
+  EXPECT_NE(cp(a)->postStatus(), postNotStarted);
+
+  double* up = firstTime([&] { return secured(); });
+  sim.runFor(30);
+  ASSERT_GT(*up, 0);
+  for (Sim::Agent* agent : {&a, &b}) {
+    SCOPED_TRACE(agent->name());
+    EXPECT_EQ(hw(*agent)->hwPostStatus(), postComplete);
+    EXPECT_FALSE(agent->engine().device()->postSm(intf(*agent)));
+    EXPECT_TRUE(agent->port(intf(*agent)));
+  }
+  EXPECT_TRUE(failures().empty());
+
+  // A subinterface never starts a test, so its port never comes.
+  const Lanx::IntfId sub("eth1.100");
+  a.engine().interfaceIs(sub, settings(9));
+  EXPECT_FALSE(a.engine().device()->postSm(sub));
+  EXPECT_FALSE(a.port(sub));
+  EXPECT_EQ(a.status()->cpStatus(sub)->postStatus(), postNotStarted);
+}
+
+TEST_F(Fips, AFrameThatComesBackWrongFailsTheTestAtOnce) {
+  startFips(a, 1, selfTestResponderCorrupt);
+  sim.runFor(5);
+  EXPECT_EQ(cp(a)->postStatus(), postFailed);
+  EXPECT_EQ(hw(a)->hwPostStatus(), postFailed);
+  EXPECT_FALSE(a.engine().device()->postSm(intf(a)));
+  EXPECT_FALSE(a.port(intf(a)));
+  ASSERT_EQ(failures().size(), 1u);
+  EXPECT_NE(failures()[0].find("encryption with 128-bit key due to unexpected payload on interface eth1"),
+            std::string::npos)
+      << failures()[0];
+}
+
+TEST_F(Fips, ASilentHardwareIsRetriedThreeTimesAndFailsAfterFourPeriods) {
+  startFips(a, 1, selfTestResponderSilent);
+  const double started = sim.now();
+  // Frames that are not the test's own are dropped, and the test goes on waiting.
+  std::string foreign(64, '\0');
+  const uint8_t pae[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x03};
+  std::copy(pae, pae + 6, foreign.begin());
+  const Lanx::EthAddr own = mac(1);
+  std::copy(own.data(), own.data() + 6, foreign.begin() + 6);
+  foreign[12] = static_cast<char>(0x88);
+  foreign[13] = static_cast<char>(0x8e);
+  foreign[14] = static_cast<char>(0xab);  // the marker's second byte is wrong
+  foreign[15] = static_cast<char>(0xce);
+  a.deliverFrame(intf(a), foreign);
+  a.deliverFrame(intf(a), std::string(10, '\x55'));
+  EXPECT_NE(cp(a)->postStatus(), postFailed);
+
+  sim.runUntil(started + 4 * 180 - 1);
+  EXPECT_TRUE(failures().empty());
+  EXPECT_EQ(a.engine().device()->postSm(intf(a))->attemptNumber(), 3u);
+  sim.runUntil(started + 4 * 180 + 1);
+  ASSERT_EQ(failures().size(), 1u);
+  EXPECT_NE(failures()[0].find("due to timeout on interface eth1"), std::string::npos) << failures()[0];
+  EXPECT_EQ(cp(a)->postStatus(), postFailed);
+  EXPECT_FALSE(a.engine().device()->postSm(intf(a)));
+  EXPECT_FALSE(a.port(intf(a)));
+}
+
+}  // namespace
+}  // namespace Macsec::Testing
