@@ -88,6 +88,18 @@ TEST_F(Device, PortsComeWithTheLinkAndGoWithItWhileTheirStatusStays) {
   sim.runFor(30);
   EXPECT_GT(*again, back);
 
+  // The interface leaves the hardware's status and comes back: the port goes with its status,
+  // and everything comes back with it.
+  b.engine().hardwareDel(intf(b));
+  EXPECT_FALSE(b.port(intf(b)));
+  EXPECT_FALSE(cp(b));
+  EXPECT_FALSE(portStatus(b));
+  b.engine().hardwareIs(intf(b));
+  EXPECT_TRUE(b.port(intf(b)));
+  double* third = firstTime([&] { return secured(); });
+  sim.runFor(30);
+  EXPECT_GT(*third, 0);
+
   // The Ethernet interface goes away: everything of the interface goes.
   b.engine().ethernetDel(intf(b));
   EXPECT_FALSE(b.port(intf(b)));
