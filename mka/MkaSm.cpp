@@ -164,7 +164,7 @@ void MkaSm::ZefEthIntfStatusDir::ZefEthIntfStatus::handleLinkStatus() {
   sm->mkaPortSmDel(intfId);
 }
 
-void MkaSm::handleEthIntfStatus(const Lanx::IntfId& intfId) {
+void MkaSm::handleEthIntfDelete(const Lanx::IntfId& intfId) {
   // Only the deletion of an Ethernet interface matters here; its arrival runs handleLinkStatus.
   if (ethIntfStatusDir()->intfStatusHas(intfId)) return;
   TRACE(8, ": IntfId " << intfId);

@@ -22,6 +22,7 @@ struct Options {
   std::string cak;  // by cipher when not given
   int cipher = 128;
   bool delayProtection = false;
+  bool fips = false;
   double duration = 60;
   std::string pcap;
   double latency = 0;
@@ -38,6 +39,7 @@ const char* kUsage =
     "  --cak HEX             connectivity association key (32 or 64 hex digits, by cipher)\n"
     "  --cipher 128|256      GCM-AES key length (default 128)\n"
     "  --delay-protection    MKPDUs every 0.5 s with delay protection\n"
+    "  --fips                FIPS mode: each port waits for its hardware's power-on self test\n"
     "  --duration SECONDS    virtual time to run (default 60)\n"
     "  --latency SECONDS     time the emulated hardware takes to confirm a key (default 0)\n"
     "  --loss P              share of frames lost on every link (default 0)\n"
@@ -82,6 +84,8 @@ Options parse(int argc, char** argv) {
       o.cipher = static_cast<int>(number(flag, value()));
     } else if (flag == "--delay-protection") {
       o.delayProtection = true;
+    } else if (flag == "--fips") {
+      o.fips = true;
     } else if (flag == "--duration") {
       o.duration = number(flag, value());
     } else if (flag == "--latency") {
@@ -189,6 +193,10 @@ int main(int argc, char** argv) {
     agent.hardwareLatencyIs(o.latency);
     agent.status()->delayProtectionIs(o.delayProtection);
     agent.status()->mkpduPeriodIs(o.delayProtection ? 0.5 : 2.0);
+    if (o.fips) {
+      agent.status()->fipsStatusIs(Macsec::FipsStatus{true, true});
+      agent.emulator()->selfTestResponderIs(Macsec::selfTestResponderOn);
+    }
     switches.push_back(&agent);
   }
   for (int s = 0; s + 1 < o.switches; ++s) {
