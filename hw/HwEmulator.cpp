@@ -86,30 +86,14 @@ bool HwEmulator::selfTestFrameIs(const Lanx::IntfId& intfId, const std::string& 
   const Zef::Ptr<MacSecIntfStatus const> hw = allMacsec()->status(intfId);
   if (!hw) return false;
   // The stage says what the cipher path is set up to do with the frame.
-  CryptoLibCipherSuite suite;
-  bool encrypt;
-  switch (hw->hwPostStatus()) {
-    case postTesting128Encryption:
-      suite = cryptoLibGcmAes128, encrypt = true;
-      break;
-    case postTesting128Decryption:
-      suite = cryptoLibGcmAes128, encrypt = false;
-      break;
-    case postTesting256Encryption:
-      suite = cryptoLibGcmAes256, encrypt = true;
-      break;
-    case postTesting256Decryption:
-      suite = cryptoLibGcmAes256, encrypt = false;
-      break;
-    default:
-      return false;
-  }
+  const std::optional<POSTTest> test = postTestOf(hw->hwPostStatus());
   constexpr size_t kAddresses = 12;
-  if (frame.size() <= kAddresses) return false;
+  if (!test || frame.size() <= kAddresses) return false;
   TRACE(8, "intf: " << intfId << " self-test frame of " << frame.size() << " bytes");
   if (selfTestResponder() == selfTestResponderSilent) return true;
-  const std::string payload = selfTestCipherPath(
-      suite, encrypt, reinterpret_cast<const uint8_t*>(frame.data()) + kAddresses, frame.size() - kAddresses);
+  const std::string payload =
+      selfTestCipherPath(test->suite, test->encrypt, reinterpret_cast<const uint8_t*>(frame.data()) + kAddresses,
+                         frame.size() - kAddresses);
   std::string back = frame.substr(0, kAddresses) + payload;
   if (selfTestResponder() == selfTestResponderCorrupt) back.back() = static_cast<char>(back.back() ^ 0x01);
   confirm(*this, [answer = std::move(answer), back] { answer(back); });

@@ -48,24 +48,12 @@ void POSTSm::handleHwPostStatus() {
   if (!initialized() || cpStatus()->postStatus() == postFailed) return;
   const POSTStage stage = hwStatus()->hwPostStatus();
   TRACE(2, "handleHwPostStatus " << intfId() << " hwPostStatus is: " << stage);
-  switch (stage) {
-    case postTesting128Encryption:
-      txTestPkt(cryptoLibGcmAes128, true);
-      break;
-    case postTesting128Decryption:
-      txTestPkt(cryptoLibGcmAes128, false);
-      break;
-    case postTesting256Encryption:
-      txTestPkt(cryptoLibGcmAes256, true);
-      break;
-    case postTesting256Decryption:
-      txTestPkt(cryptoLibGcmAes256, false);
-      break;
-    case postRetry:
-      startTests();
-      break;
-    default:
-      break;
+  // The hardware is set up for a test: its frame goes out. After a reset for a retry, the tests
+  // start again.
+  if (const std::optional<POSTTest> test = postTestOf(stage)) {
+    txTestPkt(test->suite, test->encrypt);
+  } else if (stage == postRetry) {
+    startTests();
   }
 }
 

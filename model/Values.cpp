@@ -38,6 +38,21 @@ std::ostream& operator<<(std::ostream& out, POSTStage stage) {
   return out << "POSTStage(" << static_cast<uint32_t>(stage) << ")";
 }
 
+std::optional<POSTTest> postTestOf(POSTStage stage) {
+  switch (stage) {
+    case postTesting128Encryption:
+      return POSTTest{cryptoLibGcmAes128, true};
+    case postTesting128Decryption:
+      return POSTTest{cryptoLibGcmAes128, false};
+    case postTesting256Encryption:
+      return POSTTest{cryptoLibGcmAes256, true};
+    case postTesting256Decryption:
+      return POSTTest{cryptoLibGcmAes256, false};
+    default:
+      return std::nullopt;
+  }
+}
+
 uint32_t Sci::hash() const noexcept { return Zef::hashMix(addr.asUint64() << 16 | portId); }
 
 Sci Sci::fromText(std::string_view text) {

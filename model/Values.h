@@ -8,6 +8,7 @@
 #include <compare>
 #include <cstdint>
 #include <iosfwd>
+#include <optional>
 #include <string_view>
 
 #include "model/StoredKey.h"
@@ -45,6 +46,14 @@ enum POSTStage : uint32_t {
 
 std::ostream& operator<<(std::ostream& out, CipherSuite suite);
 std::ostream& operator<<(std::ostream& out, POSTStage stage);
+
+// What one stage of the self test tests: a key length and a direction.
+struct POSTTest {
+  CryptoLibCipherSuite suite = cryptoLibPlainText;
+  bool encrypt = false;
+};
+// The test of a testing stage (1 to 4); none for the others.
+std::optional<POSTTest> postTestOf(POSTStage stage);
 
 // The secure channel identifier: the interface's MAC address and a port number. SCIs are ordered
 // address first; on the wire they are 8 bytes, the address then the port in network order. The
