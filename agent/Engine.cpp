@@ -184,15 +184,20 @@ Zef::Ptr<Lanx::Pkt> packetOf(const uint8_t* frame, size_t length) {
 
 void Engine::frameIs(const Lanx::IntfId& intf, const uint8_t* frame, size_t length) {
   const Speaking speaking(name());
+  forgetDetached();
   std::vector<Zef::Ptr<Lanx::Pam>> readers;
   if (const Zef::Ptr<Lanx::Pam> pam = pams_ ? pams_->pam(intf) : nullptr) readers.push_back(pam);
   for (auto [it, end] = attached_.equal_range(intf); it != end; ++it) readers.push_back(it->second);
   for (const Zef::Ptr<Lanx::Pam>& pam : readers) pam->rxPktIs(packetOf(frame, length));
 }
 
-void Engine::attach(const Zef::Ptr<Lanx::Pam>& pam) {
-  // Points that their manager has let go are held by nobody else: they leave the list.
+void Engine::forgetDetached() {
+  // Points that their manager has let go are held by nobody else.
   std::erase_if(attached_, [](const auto& entry) { return entry.second->references() == 1; });
+}
+
+void Engine::attach(const Zef::Ptr<Lanx::Pam>& pam) {
+  forgetDetached();
   const Lanx::IntfId intf = pam->intfId();
   attached_.emplace(intf, pam);
   // What the point sends goes to the emulated hardware if it takes it (a self-test frame it loops

@@ -145,6 +145,7 @@ class Engine {
   // Attaches an access point that a state machine opened (the self test's) to the hardware and
   // the wire.
   void attach(const Zef::Ptr<Lanx::Pam>& pam);
+  void forgetDetached();
   // Runs an action from the engine's timers, at the current time: after the call that asked for
   // it has returned, as hardware answers.
   void later(std::function<void()> action);
