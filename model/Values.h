@@ -107,6 +107,8 @@ struct Cak {
   Zef::String ckn;
   StoredKey cak;
   bool empty() const noexcept { return ckn.empty() && cak.empty(); }
+  // The same key: the same name and the same secret, whatever the two stored forms.
+  bool sameKeyAs(const Cak& other) const { return ckn == other.ckn && cak.sameKeyAs(other.cak); }
   bool operator==(const Cak&) const noexcept = default;
 };
 std::ostream& operator<<(std::ostream& out, const Cak& cak);

@@ -1,0 +1,196 @@
+#include "config/ConfigSm.h"
+
+#include <vector>
+
+#include "platform/Trace.h"
+
+ZEF_TRACE_MODULE("Macsec::ConfigSm")
+
+namespace Macsec {
+
+namespace {
+
+// The parameters an IntfStatus is made with, from its profile. They are fixed for the life of
+// the IntfStatus: a change means a new one.
+MacsecParams paramsOf(const Profile& profile) {
+  MacsecParams params;
+  params.cipherSuite = profile.cipherSuite();
+  params.includeSci = profile.includeSci();
+  params.bypassLldp = profile.bypassLldp();
+  params.replayProtection = profile.replayProtection();
+  params.replayProtectionWindow = profile.replayProtectionWindow();
+  return params;
+}
+
+// A static SAK runs only where there is no key.
+bool staticSakInUse(const Profile& profile) {
+  return (!profile.txStaticSak().empty() || !profile.rxStaticSak().empty()) && profile.key().empty();
+}
+
+template <class Iterator>
+std::vector<Lanx::IntfId> keysOf(Iterator it) {
+  std::vector<Lanx::IntfId> keys;
+  for (; it; ++it) keys.emplace_back(it.key());
+  return keys;
+}
+
+}  // namespace
+
+void ConfigSm::handleInitialized() {
+  TRACE(8, "");
+  // What an earlier life left: an IntfStatus whose profile no longer has the interface, or has
+  // neither a key nor keys from EAP, goes.
+  for (const Lanx::IntfId& intfId : keysOf(status()->intfStatusIter())) {
+    const Zef::Ptr<IntfStatus const> intf = status()->intfStatus(intfId);
+    const Zef::Ptr<Profile const> profile = config()->profile(Zef::Name(intf->profileName()));
+    if (profile && profile->intf(intfId) && (!profile->key().empty() || profile->dot1xEnabled())) continue;
+    TRACE(6, ": Deleting stale intfStatus for " << intfId);
+    status()->intfStatusDel(intfId);
+  }
+  initializedIs(true);
+  handleDelayProtection();
+}
+
+void ConfigSm::handleIntf(const Profile& profile, const Lanx::IntfId& intfId) {
+  TRACE(8, ": IntfId " << intfId);
+  // Nothing to protect: no IntfStatus, unless the interface has moved to another profile.
+  const bool nothing = profile.key().empty() && profile.txStaticSak().empty() && profile.rxStaticSak().empty() &&
+                       !profile.dot1xEnabled();
+  if (!profile.intf(intfId) || nothing) {
+    const Zef::Ptr<IntfStatus> existing = status()->intfStatus(intfId);
+    if (existing && existing->profileName() == profile.name()) {
+      TRACE(6, ": Deleting intfStatus for " << intfId);
+      status()->intfStatusDel(intfId);
+    }
+    return;
+  }
+  const MacsecParams params = paramsOf(profile);
+  Zef::Ptr<IntfStatus> intf = status()->intfStatus(intfId);
+  if (intf && intf->macsecParams() == params) {
+    TRACE(6, ": IntfStatus " << intfId << " already exists.");
+  } else {
+    if (intf) {
+      TRACE(6, ": IntfStatus " << intfId << " exists but not updated, removing.");
+      status()->intfStatusDel(intfId);
+    }
+    TRACE(6, ": Creating an intfStatus for " << intfId);
+    intf = status()->intfStatusIs(intfId, params);
+  }
+  TRACE(6, ": Updating intfStatus for " << intfId);
+  updateIntf(profile, intf);
+}
+
+void ConfigSm::handleIntf(const Profile& profile) {
+  TRACE(8, "");
+  for (const Lanx::IntfId& intfId : keysOf(profile.intfIter())) handleIntf(profile, intfId);
+}
+
+void ConfigSm::updateIntf(const Profile& profile, const Zef::Ptr<IntfStatus>& intf) {
+  TRACE(8, ": IntfId " << intf->intfId());
+  intf->profileNameIs(profile.name());
+  intf->keyServerPriorityIs(profile.keyServerPriority());
+  intf->reKeyPeriodIs(static_cast<double>(profile.sessionReKeyPeriod()));
+  intf->allowUnprotectedIs(profile.allowUnprotected());
+  intf->keyRetireIs(profile.keyRetire());
+  // Keys are written only when they are other keys: a new encoding of the same secret is none.
+  if (!intf->defaultKey().sameKeyAs(profile.defaultKey())) intf->defaultKeyIs(profile.defaultKey());
+  if (staticSakInUse(profile)) {
+    intf->txStaticSakIs(profile.txStaticSak());
+    intf->rxStaticSakIs(profile.rxStaticSak());
+    intf->staticSakInUseIs(true);
+    intf->allowUnprotectedIs(false);
+  } else {
+    intf->staticSakInUseIs(false);
+  }
+  const GroupCak group = profile.groupCak();
+  intf->groupCakLifetimeIs(group.enabled ? group.lifetimeMinutes * 60u : 0u);
+  intf->dot1xTypeIs(Dot1x::dot1xTypePreSharedKey);
+  if (!intf->key().sameKeyAs(profile.key())) intf->keyIs(profile.key());
+}
+
+void ConfigSm::handleProfileAttrs(const Profile& profile) {
+  TRACE(8, "");
+  for (const Lanx::IntfId& intfId : keysOf(profile.intfIter())) {
+    if (const Zef::Ptr<IntfStatus> intf = status()->intfStatus(intfId)) {
+      TRACE(6, ": Updating intfStatus " << intfId);
+      updateIntf(profile, intf);
+    }
+  }
+}
+
+void ConfigSm::handleMacsecParamsUpdate(const Profile& profile) {
+  // There is no change of these parameters in place: the interface's IntfStatus, and with it its
+  // port and actors, is built anew.
+  for (const Lanx::IntfId& intfId : keysOf(profile.intfIter())) {
+    status()->intfStatusDel(intfId);
+    handleIntf(profile, intfId);
+  }
+}
+
+// The profile reactors hand their notifications to the state machine, with their profile.
+
+void ConfigSm::ZefConfig::ZefProfile::handleIntf(const Lanx::IntfId& intfId) {
+  if (ConfigSm* sm = stateMachine()) sm->handleIntf(*notifier(), intfId);
+}
+
+void ConfigSm::ZefConfig::ZefProfile::handleIntf() {
+  if (ConfigSm* sm = stateMachine()) sm->handleIntf(*notifier());
+}
+
+void ConfigSm::ZefConfig::ZefProfile::handleKeys() {
+  TRACE(8, "");
+  handleIntf();
+}
+
+void ConfigSm::ZefConfig::ZefProfile::handleProfileAttrs() {
+  if (ConfigSm* sm = stateMachine()) sm->handleProfileAttrs(*notifier());
+}
+
+void ConfigSm::ZefConfig::ZefProfile::handleCipherSuite() {
+  TRACE(8, " Updating Cipher");
+  if (ConfigSm* sm = stateMachine()) sm->handleMacsecParamsUpdate(*notifier());
+}
+
+void ConfigSm::ZefConfig::ZefProfile::handleIncludeSci() {
+  TRACE(8, " Updating SCI Inclusion Flag");
+  if (ConfigSm* sm = stateMachine()) sm->handleMacsecParamsUpdate(*notifier());
+}
+
+void ConfigSm::ZefConfig::ZefProfile::handleBypassLldp() {
+  TRACE(8, " Updating Bypass LLDP Flag");
+  if (ConfigSm* sm = stateMachine()) sm->handleMacsecParamsUpdate(*notifier());
+}
+
+void ConfigSm::ZefConfig::ZefProfile::handleReplayProtection() {
+  TRACE(8, " Updating Replay Protection Flag");
+  if (ConfigSm* sm = stateMachine()) sm->handleMacsecParamsUpdate(*notifier());
+}
+
+void ConfigSm::ZefConfig::ZefProfile::handleReplayProtectionWindow() {
+  TRACE(8, " Updating Replay Protection Window");
+  if (ConfigSm* sm = stateMachine()) sm->handleMacsecParamsUpdate(*notifier());
+}
+
+void ConfigSm::handleProfile(const Zef::Name& name) {
+  // A removed profile's interfaces lose their IntfStatus. The walk is over the interfaces'
+  // configuration, since the profile itself is gone.
+  if (config()->profileHas(name)) return;
+  TRACE(8, ": profile " << name);
+  for (auto it = config()->intfConfigIter(); it; ++it) {
+    const Lanx::IntfId intfId(it.key());
+    if (it->profileName() == name && status()->intfStatusHas(intfId)) {
+      TRACE(6, ": Deleting intfStatus for " << intfId);
+      status()->intfStatusDel(intfId);
+    }
+  }
+}
+
+void ConfigSm::handleDelayProtection() {
+  if (!initialized()) return;
+  TRACE(8, " Updating Delay Protection Flag");
+  status()->mkpduPeriodIs(config()->delayProtection() ? 0.5 : 2.0);
+  status()->delayProtectionIs(config()->delayProtection());
+  status()->mkpduThresholdIs(2);
+}
+
+}  // namespace Macsec
