@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "model/Crypto.h"
 #include "platform/Trace.h"
 
 ZEF_TRACE_MODULE("Macsec::ConfigSm")
@@ -104,6 +105,11 @@ void ConfigSm::updateIntf(const Profile& profile, const Zef::Ptr<IntfStatus>& in
   }
   const GroupCak group = profile.groupCak();
   intf->groupCakLifetimeIs(group.enabled ? group.lifetimeMinutes * 60u : 0u);
+  // With EAP the key is the one derived from the exchange, and the profile's is not used.
+  if (profile.dot1xEnabled()) {
+    handleEapKeyStatus(intf->intfId());
+    return;
+  }
   intf->dot1xTypeIs(Dot1x::dot1xTypePreSharedKey);
   if (!intf->key().sameKeyAs(profile.key())) intf->keyIs(profile.key());
 }
@@ -183,6 +189,87 @@ void ConfigSm::handleProfile(const Zef::Name& name) {
       status()->intfStatusDel(intfId);
     }
   }
+}
+
+namespace {
+
+// The CAK and CKN of a finished EAP exchange, as both ends derive them: from the master session
+// key, both MAC addresses (the lower first) and the session identifier. None if the addresses are
+// equal or the key does not open.
+Cak deriveKey(CipherSuite cipher, const Dot1x::EapKey& eapKey) {
+  TRACE(8, "");
+  const Lanx::EthAddr& low = eapKey.myMac < eapKey.peerMac ? eapKey.myMac : eapKey.peerMac;
+  const Lanx::EthAddr& high = eapKey.myMac < eapKey.peerMac ? eapKey.peerMac : eapKey.myMac;
+  if (!(low < high)) {
+    TRACE(1, " Self and peer MAC address are the same. Key derivation failed.");
+    return Cak();
+  }
+  KeyBytes macs(low.data(), 6);
+  macs.append(high.data(), 6);
+  KeyBytes context;
+  if (!hexToBytes(eapKey.sessionId.view(), context)) return Cak();
+  context.append(macs);
+  const int bits = static_cast<int>(cipher);
+  return eapKey.key.withClear([&](const KeyBytes& msk) {
+    const KeyBytes ckn = deriveCkn(msk, bits, context, 128);
+    const StoredKey cak = StoredKey::of(deriveCak(msk, macs, bits));
+    if (ckn.empty() || cak.empty()) return Cak();
+    return Cak{bytesToHex(ckn), cak};
+  });
+}
+
+}  // namespace
+
+void ConfigSm::handleEapKeyStatus() {
+  TRACE(8, "");
+  if (!eapKeyStatus()) return;
+  for (const Lanx::IntfId& intfId : keysOf(eapKeyStatus()->keyIter())) handleEapKeyStatus(intfId);
+}
+
+void ConfigSm::handleEapKeyStatus(const Lanx::IntfId& intfId) {
+  TRACE(8, ": IntfId " << intfId);
+  const Zef::Ptr<IntfStatus> intf = status()->intfStatus(intfId);
+  if (!intf) {
+    TRACE(6, ": No intfStatus found. Ignoring EAP key status update on " << intfId);
+    return;
+  }
+  // While the profiles are first bound the configuration reactor is still being built; the pass
+  // over every EAP key that ends the constructor comes back here.
+  if (!config()) return;
+  const Zef::Ptr<Profile const> profile = config()->profile(Zef::Name(intf->profileName()));
+  if (!profile || !profile->dot1xEnabled()) {
+    TRACE(6, ": Profile " << intf->profileName() << " is not configured for Dot1x. Ignoring EAP key status update on "
+                          << intfId);
+    return;
+  }
+  const Dot1x::EapKey eapKey = eapKeyStatus() ? eapKeyStatus()->key(intfId) : Dot1x::EapKey();
+  // A key withdrawn by the 802.1X agent stays in use: only the loss of the link ends it.
+  if (eapKey == Dot1x::EapKey()) {
+    TRACE(6, ": Ignoring EAP key deletion on " << intfId);
+    return;
+  }
+  const Cak derived = deriveKey(intf->cipherSuite(), eapKey);
+  if (derived.empty()) return;
+  // The side of the exchange first, so that whoever reacts to the key sees it.
+  intf->dot1xTypeIs(eapKey.dot1xType);
+  if (!intf->key().sameKeyAs(derived)) intf->keyIs(derived);
+}
+
+void ConfigSm::ZefEthIntfStatusDir::ZefEthIntfStatus::handleLinkStatus() {
+  const Lanx::IntfId& intfId = key();
+  TRACE(8, ": IntfId " << intfId);
+  ConfigSm* sm = stateMachine();
+  if (sm == nullptr || !sm->initialized()) {
+    TRACE(3, ": ConfigSm not initialized. Bailing.");
+    return;
+  }
+  const Zef::Ptr<IntfStatus> intf = sm->status()->intfStatus(intfId);
+  // A configured key outlives a link flap; a key from EAP goes with the link.
+  if (!intf || notifier()->linkStatus() == Interface::linkUp || intf->dot1xType() == Dot1x::dot1xTypePreSharedKey) {
+    return;
+  }
+  TRACE(3, ": Deleting Dot1x derived primary key on " << intfId);
+  intf->keyIs(Cak());
 }
 
 void ConfigSm::handleDelayProtection() {

@@ -145,20 +145,30 @@ KeyBytes deriveSak(const KeyBytes& cak, const KeyBytes& context, int bits) {
 
 void randomNumberGenerator(int bits, Zef::String& out) { hexOut(randomBytes(static_cast<size_t>(bits + 7) / 8), out); }
 
+KeyBytes deriveCak(const KeyBytes& msk, const KeyBytes& macs, int bits) {
+  if ((bits != 128 && bits != 256) || msk.size() < static_cast<size_t>(bits / 8) || macs.size() != 12)
+    return KeyBytes();
+  return kdf(msk.prefix(static_cast<size_t>(bits / 8)), "IEEE8021 EAP CAK", macs, bits);
+}
+
+KeyBytes deriveCkn(const KeyBytes& msk, int bits, const KeyBytes& context, int cknBits) {
+  if ((bits != 128 && bits != 256) || msk.size() < static_cast<size_t>(bits / 8) || cknBits <= 0 || cknBits > 256 ||
+      cknBits % 8 != 0) {
+    return KeyBytes();
+  }
+  return kdf(msk.prefix(static_cast<size_t>(bits / 8)), "IEEE8021 EAP CKN", context, cknBits);
+}
+
 void deriveCak(const uint8_t* key, const uint8_t* macs, int bits, Zef::String& out) {
-  out = Zef::String();
-  const KeyBytes kdk = keyOf(key, bits);
   KeyBytes context;
-  if (kdk.empty() || !hexToBytes(textOf(macs), context) || context.size() != 12) return;
-  hexOut(kdf(kdk, "IEEE8021 EAP CAK", context, bits), out);
+  out = Zef::String();
+  if (hexToBytes(textOf(macs), context)) hexOut(deriveCak(keyOf(key, bits), context, bits), out);
 }
 
 void deriveCkn(const uint8_t* key, int bits, const uint8_t* data, int cknBits, Zef::String& out) {
-  out = Zef::String();
-  const KeyBytes kdk = keyOf(key, bits);
   KeyBytes context;
-  if (kdk.empty() || cknBits <= 0 || cknBits > 256 || cknBits % 8 != 0 || !hexToBytes(textOf(data), context)) return;
-  hexOut(kdf(kdk, "IEEE8021 EAP CKN", context, cknBits), out);
+  out = Zef::String();
+  if (hexToBytes(textOf(data), context)) hexOut(deriveCkn(keyOf(key, bits), bits, context, cknBits), out);
 }
 
 void deriveIck(const uint8_t* cak, const uint8_t* ckn, int bits, Zef::String& out) {

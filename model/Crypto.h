@@ -30,6 +30,11 @@ KeyBytes deriveKek(const KeyBytes& cak, const KeyBytes& ckn, int bits);
 // A new SAK from the first bits/8 octets of the CAK and the context: the key server's nonce, the
 // live peers' member identifiers, and the key number in network order.
 KeyBytes deriveSak(const KeyBytes& cak, const KeyBytes& context, int bits);
+// The CAK and CKN of an EAP exchange, from the first bits/8 octets of its master session key: the
+// CAK's context is the two MAC addresses, the lower first; the CKN's is the EAP session
+// identifier followed by the same addresses.
+KeyBytes deriveCak(const KeyBytes& msk, const KeyBytes& macs, int bits);
+KeyBytes deriveCkn(const KeyBytes& msk, int bits, const KeyBytes& context, int cknBits);
 
 // `bits` of cryptographic randomness from OpenSSL's DRBG, as hexadecimal text.
 void randomNumberGenerator(int bits, Zef::String& out);

@@ -39,13 +39,16 @@ class Configuration : public ::testing::Test {
   Zef::System::ScopedClock scoped{clock};
   Zef::Ptr<Config> config = Config::ConfigIs();
   Zef::Ptr<Status> status = Status::StatusIs();
+  Zef::Ptr<Dot1x::EapKeyStatus> eapKeys = Dot1x::EapKeyStatus::EapKeyStatusIs();
+  Zef::Ptr<Interface::EthIntfStatusDir> links = Interface::EthIntfStatusDir::EthIntfStatusDirIs("links");
+  Zef::Ptr<ConfigSm> configSm() { return ConfigSm::ConfigSmIs(config, status, eapKeys, links); }
 };
 
 TEST_F(Configuration, AProfileWithAKeyGivesItsInterfacesTheirStatusAndFollowsEveryChange) {
   const Zef::Ptr<Profile> a = profileOf("a", {eth1, eth2});
   a->keyServerPriorityIs(7);
   a->sessionReKeyPeriodIs(60);
-  const Zef::Ptr<ConfigSm> sm = ConfigSm::ConfigSmIs(config, status);
+  const Zef::Ptr<ConfigSm> sm = configSm();
 
   // Interfaces, but nothing to protect: no status. A fallback key alone is not enough.
   a->defaultKeyIs(key("0f", "8f1c5cb1c8ed2e5f047906e0473aad4d"));
@@ -123,7 +126,7 @@ TEST_F(Configuration, AProfileThatGoesTakesItsInterfacesAndARestartDropsWhatIsNo
   a->keyIs(key("01", "135bd758b0ee5c11c55ff6ab19fdb199"));
   const Zef::Ptr<Profile> b = profileOf("b", {eth2});
   b->keyIs(key("02", "135bd758b0ee5c11c55ff6ab19fdb199"));
-  Zef::Ptr<ConfigSm> sm = ConfigSm::ConfigSmIs(config, status);
+  Zef::Ptr<ConfigSm> sm = configSm();
   ASSERT_EQ(status->intfStatusSize(), 2u);
   const Zef::Ptr<IntfStatus> kept = status->intfStatus(eth2);
 
@@ -134,13 +137,61 @@ TEST_F(Configuration, AProfileThatGoesTakesItsInterfacesAndARestartDropsWhatIsNo
   sm = nullptr;
   status->intfStatusIs(eth1, MacsecParams())->profileNameIs("gone");
   b->keyIs(Cak());
-  sm = ConfigSm::ConfigSmIs(config, status);
+  sm = configSm();
   EXPECT_EQ(status->intfStatusSize(), 0u);
 
   // b gets its key back: a status again, for the same interface.
   b->keyIs(key("02", "135bd758b0ee5c11c55ff6ab19fdb199"));
   ASSERT_TRUE(status->intfStatus(eth2));
   EXPECT_NE(status->intfStatus(eth2), kept);
+}
+
+TEST_F(Configuration, AProfileWithDot1xTakesTheKeyDerivedFromEachInterfacesEapExchange) {
+  // The published vector: this master session key, these two addresses and this session
+  // identifier give the CAK 135b... and the CKN 9643... at both ends.
+  const char* msk = "e68a1ab90313024fda7a04a03fea010f";
+  const char* session =
+      "0dd075693f54b2b2eb01da61f0af5d429b65b1ebcaf536fba350777598571728f630c5c8da5475489ad47b6e3489a97372e5a8fd5506179"
+      "72c020d42a3b13a4eae";
+  const Lanx::EthAddr low({0x00, 0x1b, 0x63, 0x93, 0xfc, 0xbc});
+  const Lanx::EthAddr high({0x00, 0xd0, 0xb7, 0x1a, 0x77, 0x17});
+  eapKeys->keyIs(eth1, Dot1x::EapKey{Dot1x::dot1xTypeSupplicant, StoredKey::ofHex(msk), session, high, low});
+  const Zef::Ptr<Profile> a = profileOf("a", {eth1, eth2});
+  a->dot1xEnabledIs(true);
+  const Zef::Ptr<ConfigSm> sm = configSm();
+
+  const Zef::Ptr<IntfStatus> intf = status->intfStatus(eth1);
+  ASSERT_TRUE(intf);
+  EXPECT_EQ(intf->key().ckn, "96437a93ccf10d9dfe347846cce52c7d");
+  EXPECT_TRUE(intf->key().sameKeyAs(key("96437a93ccf10d9dfe347846cce52c7d", "135bd758b0ee5c11c55ff6ab19fdb199")));
+  EXPECT_EQ(intf->dot1xType(), Dot1x::dot1xTypeSupplicant);
+  // eth2 has no exchange yet: its status waits without a key.
+  ASSERT_TRUE(status->intfStatus(eth2));
+  EXPECT_TRUE(status->intfStatus(eth2)->key().empty());
+
+  // The other end of the link, with the addresses the other way round, derives the same key; a
+  // new session gives a new name to the same secret.
+  const Zef::Ptr<KeyWatch> watch(new KeyWatch(intf));
+  eapKeys->keyIs(eth1, Dot1x::EapKey{Dot1x::dot1xTypeSupplicant, StoredKey::ofHex(msk), session, low, high});
+  EXPECT_EQ(watch->writes, 0);
+  eapKeys->keyIs(eth1, Dot1x::EapKey{Dot1x::dot1xTypeAuthenticator, StoredKey::ofHex(msk), "00", low, high});
+  EXPECT_EQ(watch->writes, 1);
+  EXPECT_NE(intf->key().ckn, "96437a93ccf10d9dfe347846cce52c7d");
+  EXPECT_EQ(intf->dot1xType(), Dot1x::dot1xTypeAuthenticator);
+
+  // The 802.1X agent withdrawing the key leaves it in use; the link going down ends it.
+  eapKeys->keyDel(eth1);
+  EXPECT_FALSE(intf->key().empty());
+  const Zef::Ptr<Interface::EthIntfStatus> link = links->intfStatusIs(eth1);
+  link->linkStatusIs(Interface::linkUp);
+  EXPECT_FALSE(intf->key().empty());
+  link->linkStatusIs(Interface::linkDown);
+  EXPECT_TRUE(intf->key().empty());
+  EXPECT_EQ(status->intfStatus(eth1), intf);
+
+  // Equal addresses derive nothing.
+  eapKeys->keyIs(eth2, Dot1x::EapKey{Dot1x::dot1xTypeAuthenticator, StoredKey::ofHex(msk), session, low, low});
+  EXPECT_TRUE(status->intfStatus(eth2)->key().empty());
 }
 
 TEST_F(Configuration, TheRootRunsConfigurationThenTheDeviceWhileMacsecIsEnabled) {
@@ -160,7 +211,7 @@ TEST_F(Configuration, TheRootRunsConfigurationThenTheDeviceWhileMacsecIsEnabled)
   // Shut down from the start: no children, and nothing in the status.
   status->macsecEnabledIs(false);
   status->cpStatusIs(eth1, MacsecParams());  // left by an earlier run
-  const Zef::Ptr<MkaRootSm> root = MkaRootSm::MkaRootSmIs(config, status, eth, device, pamManager, hw, wheel);
+  const Zef::Ptr<MkaRootSm> root = MkaRootSm::MkaRootSmIs(config, status, eapKeys, eth, device, pamManager, hw, wheel);
   EXPECT_FALSE(root->configSm());
   EXPECT_FALSE(root->mkaSm());
   EXPECT_EQ(status->cpStatusSize(), 0u);
