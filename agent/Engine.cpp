@@ -62,6 +62,7 @@ Engine::Engine(EngineOptions options)
       hwStatus_(MacSecIntfStatusPtrDir::MacSecIntfStatusPtrDirIs()),
       slice_(MacSecStatus::MacSecStatusIs()),
       emulator_(HwEmulator::HwEmulatorIs(status_, hwStatus_)),
+      counters_(Memtab::MessageCounters::MessageCountersIs()),
       ethIntfStatusDir_(Interface::EthIntfStatusDir::EthIntfStatusDirIs("ethIntfStatusDir")),
       deviceIntfStatusDir_(Interface::DeviceIntfStatusDir::DeviceIntfStatusDirIs("deviceIntfStatusDir")) {
   const Speaking speaking(name());
@@ -69,7 +70,7 @@ Engine::Engine(EngineOptions options)
   status_->macsecEnabledIs(true);
   // The engine hears what the actors send before the codec encodes it.
   txReactor_ = Zef::Ptr<TxReactor>(new TxReactor(pamManager_->txMessageInfo(), this));
-  if (options_.frames) codec_ = MkpduCodec::MkpduCodecIs(status_, pamManager_, pams_);
+  if (options_.frames) codec_ = MkpduCodec::MkpduCodecIs(status_, pamManager_, pams_, counters_);
   deviceIntfStatusDir_->attacherIs([this](const Zef::Ptr<Lanx::Pam>& pam) { attach(pam); });
   mkaSm_ = MkaSm::MkaSmIs(status_, ethIntfStatusDir_, deviceIntfStatusDir_, pamManager_, hwStatus_, wheel_);
 }

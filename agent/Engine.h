@@ -115,6 +115,7 @@ class Engine {
   const Zef::Ptr<MacSecIntfStatusPtrDir>& hwStatus() const noexcept { return hwStatus_; }
   const Zef::Ptr<HwEmulator>& emulator() const noexcept { return emulator_; }
   const Zef::Ptr<MkpduCodec>& codec() const noexcept { return codec_; }
+  const Zef::Ptr<Memtab::MessageCounters>& counters() const noexcept { return counters_; }
   // The hardware status of an interface, as the emulated hardware writes it.
   Zef::Ptr<MacSecIntfStatus> hw(const Lanx::IntfId& intf) const { return slice_->status(intf); }
   Zef::Ptr<MkaPortSm> port(const Lanx::IntfId& intf) const { return mkaSm_ ? mkaSm_->mkaPortSm(intf) : nullptr; }
@@ -159,6 +160,7 @@ class Engine {
   Zef::Ptr<MacSecStatus> slice_;
   Zef::Ptr<HwEmulator> emulator_;
   Zef::Ptr<TxReactor> txReactor_;
+  Zef::Ptr<Memtab::MessageCounters> counters_;
   Zef::Ptr<MkpduCodec> codec_;
   Zef::Ptr<Interface::EthIntfStatusDir> ethIntfStatusDir_;
   Zef::Ptr<Interface::DeviceIntfStatusDir> deviceIntfStatusDir_;

@@ -8,6 +8,47 @@ ZEF_TRACE_MODULE("Macsec")
 
 namespace Macsec {
 
+namespace {
+
+// The column that counts a kind of refused frame.
+uint64_t Memtab::MessageCounterData::*columnOf(DecodeResult result) {
+  using Row = Memtab::MessageCounterData;
+  switch (result) {
+    case DecodeResult::accepted:
+      return &Row::inMkpdus;
+    case DecodeResult::tooShort:
+    case DecodeResult::badBodyLength:
+    case DecodeResult::badParameterSet:
+    case DecodeResult::badCkn:
+      return &Row::inMalformed;
+    case DecodeResult::notMka:
+      return &Row::inNotMka;
+    case DecodeResult::badVersion:
+      return &Row::inBadVersion;
+    case DecodeResult::unsupported:
+      return &Row::inUnsupportedAgility;
+    case DecodeResult::unknownCkn:
+      return &Row::inUnknownCkn;
+    case DecodeResult::badIcv:
+      return &Row::inBadIcv;
+    case DecodeResult::badKeyWrap:
+      return &Row::inBadKeyWrap;
+    case DecodeResult::replayed:
+      return &Row::inReplayed;
+  }
+  return &Row::inMalformed;
+}
+
+}  // namespace
+
+void MkpduCodec::count(const Lanx::IntfId& intfId, uint64_t Memtab::MessageCounterData::*column) {
+  if (!counters()) return;
+  Memtab::MessageCounterData row = counters()->row(intfId);
+  row.intfId = intfId;
+  ++(row.*column);
+  counters()->rowIs(row);
+}
+
 void MkpduCodec::handleInitialized() {
   TRACE(8, "");
   initializedIs(true);
@@ -65,9 +106,11 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, const uint8_t* fram
   if (result != DecodeResult::accepted) {
     TRACE(3, ": Dropping MKPDU on " << intfId << ": " << decodeResultText(result));
     if (counter) counter->failureInc(1);
+    count(intfId, columnOf(result));
     return result;
   }
   if (counter) counter->successInc(1);
+  count(intfId, &Memtab::MessageCounterData::inMkpdus);
 
   // Into the one received-message object; every actor sees it before this call returns.
   const Zef::Ptr<MkaMessageInfo>& rx = pamManager()->rxMessageInfo();
@@ -90,12 +133,14 @@ void MkpduCodec::handleTransmit() {
   if (!pam || !port || !keys || !encodeMkpdu(message, port->mySci().addr, *keys, frame)) {
     TRACE(3, ": Cannot send MKPDU on " << intfId);
     if (counter) counter->failureInc(1);
+    count(intfId, &Memtab::MessageCounterData::outErrors);
     return;
   }
   const Zef::Ptr<Lanx::Pkt> pkt = Lanx::globalPktManager().newPkt();
   std::memcpy(pkt->newHeadData(frame.size()), frame.data(), frame.size());
   pam->txPkt(pkt);
   if (counter) counter->successInc(1);
+  count(intfId, &Memtab::MessageCounterData::outMkpdus);
 }
 
 }  // namespace Macsec

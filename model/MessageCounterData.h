@@ -7,21 +7,31 @@
 
 namespace Macsec::Memtab {
 
-// One interface's MKPDU counters, as the codec keeps them.
+// One interface's MKPDU counters, as the codec keeps them: what went in and out, and each kind of
+// refused frame on its own.
 struct MessageCounterData {
   Lanx::IntfId intfId;
-  uint64_t rxSuccess = 0;
-  uint64_t rxFailure = 0;
-  uint64_t txSuccess = 0;
-  uint64_t txFailure = 0;
+  uint64_t inMkpdus = 0;              // accepted and handed to the actors
+  uint64_t outMkpdus = 0;             // sent
+  uint64_t outErrors = 0;             // could not be built or sent
+  uint64_t inMalformed = 0;           // too short, bad lengths, a malformed parameter set or CKN
+  uint64_t inNotMka = 0;              // another EtherType, EAPOL type or destination
+  uint64_t inBadVersion = 0;          // an EAPOL or MKA version not understood
+  uint64_t inUnsupportedAgility = 0;  // an algorithm agility other than AES-CMAC-128
+  uint64_t inUnknownCkn = 0;          // no actor on the interface has the CKN
+  uint64_t inBadIcv = 0;              // the integrity check value does not verify
+  uint64_t inBadKeyWrap = 0;          // a distributed key that does not unwrap
+  uint64_t inReplayed = 0;            // a member number already seen
 
   const Lanx::IntfId& key() const noexcept { return intfId; }
   bool operator==(const MessageCounterData&) const noexcept = default;
 };
 
 inline std::ostream& operator<<(std::ostream& out, const MessageCounterData& d) {
-  return out << "MessageCounterData(" << d.intfId << ", rx " << d.rxSuccess << "/" << d.rxFailure << ", tx "
-             << d.txSuccess << "/" << d.txFailure << ")";
+  return out << "MessageCounterData(" << d.intfId << ", in " << d.inMkpdus << ", out " << d.outMkpdus << "/"
+             << d.outErrors << ", refused: malformed " << d.inMalformed << ", not MKA " << d.inNotMka << ", version "
+             << d.inBadVersion << ", agility " << d.inUnsupportedAgility << ", unknown CKN " << d.inUnknownCkn
+             << ", ICV " << d.inBadIcv << ", key wrap " << d.inBadKeyWrap << ", replayed " << d.inReplayed << ")";
 }
 
 }  // namespace Macsec::Memtab

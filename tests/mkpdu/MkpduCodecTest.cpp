@@ -169,7 +169,8 @@ class Codec : public ::testing::Test {
   Zef::Ptr<Status> status = Status::StatusIs();
   Zef::Ptr<Interface::EthDevPamCollection> pams = Interface::EthDevPamCollection::EthDevPamCollectionIs("pams");
   Zef::Ptr<MkaPamManager> pamManager = MkaPamManager::MkaPamManagerIs(pams);
-  Zef::Ptr<MkpduCodec> codec = MkpduCodec::MkpduCodecIs(status, pamManager, pams);
+  Zef::Ptr<Memtab::MessageCounters> table = Memtab::MessageCounters::MessageCountersIs();
+  Zef::Ptr<MkpduCodec> codec = MkpduCodec::MkpduCodecIs(status, pamManager, pams, table);
 };
 
 TEST_F(Codec, MalformedFramesAreRefusedAndCountedAndChangeNothing) {
@@ -234,6 +235,18 @@ TEST_F(Codec, MalformedFramesAreRefusedAndCountedAndChangeNothing) {
   EXPECT_EQ(feed(good), DecodeResult::replayed);
   EXPECT_EQ(rx->count(), 1u);
   EXPECT_EQ(counter->success(), 1u);
+
+  // The table counts each kind of refusal on its own.
+  const Memtab::MessageCounterData counts = table->row(eth1);
+  EXPECT_EQ(counts.inMkpdus, 1u);
+  EXPECT_EQ(counts.inMalformed, 10u);
+  EXPECT_EQ(counts.inNotMka, 3u);
+  EXPECT_EQ(counts.inBadVersion, 2u);
+  EXPECT_EQ(counts.inUnsupportedAgility, 1u);
+  EXPECT_EQ(counts.inUnknownCkn, 1u);
+  EXPECT_EQ(counts.inBadIcv, 2u);
+  EXPECT_EQ(counts.inBadKeyWrap, 1u);
+  EXPECT_EQ(counts.inReplayed, 1u);
 }
 
 TEST_F(Codec, TransmitBuildsTheFrameOfTheActorAndSendsItOnTheInterface) {
