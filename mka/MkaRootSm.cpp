@@ -18,7 +18,7 @@ void MkaRootSm::handleMacsecEnabled() {
   if (status()->macsecEnabled()) {
     // Configuration first, so that the device finds the IntfStatus entries when it reconciles
     // what an earlier run left.
-    configSmIs(config(), status(), eapKeyStatus(), ethIntfStatusDir());
+    configSmIs(config(), status(), eapKeyStatus(), ethIntfStatusDir(), memtabCounters());
     mkaSmIs(status(), ethIntfStatusDir(), deviceIntfStatusDir(), pamManager(), hwStatus(), timerWheel());
     return;
   }

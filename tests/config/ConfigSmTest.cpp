@@ -5,7 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "mka/MkaRootSm.h"
+#include "model/CryptoMode.h"
 #include "platform/Clock.h"
 
 namespace Macsec {
@@ -15,6 +18,12 @@ const Lanx::IntfId eth1("eth1");
 const Lanx::IntfId eth2("eth2");
 
 Cak key(const char* ckn, const char* cak) { return Cak{ckn, StoredKey::ofHex(cak)}; }
+
+// The crypto library's FIPS switch replaced for the life of the object.
+struct FipsSwitch {
+  explicit FipsSwitch(std::function<bool(bool)> fipsSwitch) { fipsModeSwitchIs(std::move(fipsSwitch)); }
+  ~FipsSwitch() { fipsModeSwitchIs(nullptr); }
+};
 
 // Counts the writes of one IntfStatus's key.
 class KeyWatch : public IntfStatus::NotifieeConst {
@@ -41,7 +50,8 @@ class Configuration : public ::testing::Test {
   Zef::Ptr<Status> status = Status::StatusIs();
   Zef::Ptr<Dot1x::EapKeyStatus> eapKeys = Dot1x::EapKeyStatus::EapKeyStatusIs();
   Zef::Ptr<Interface::EthIntfStatusDir> links = Interface::EthIntfStatusDir::EthIntfStatusDirIs("links");
-  Zef::Ptr<ConfigSm> configSm() { return ConfigSm::ConfigSmIs(config, status, eapKeys, links); }
+  Zef::Ptr<Memtab::MessageCounters> counters = Memtab::MessageCounters::MessageCountersIs();
+  Zef::Ptr<ConfigSm> configSm() { return ConfigSm::ConfigSmIs(config, status, eapKeys, links, counters); }
 };
 
 TEST_F(Configuration, AProfileWithAKeyGivesItsInterfacesTheirStatusAndFollowsEveryChange) {
@@ -194,6 +204,61 @@ TEST_F(Configuration, AProfileWithDot1xTakesTheKeyDerivedFromEachInterfacesEapEx
   EXPECT_TRUE(status->intfStatus(eth2)->key().empty());
 }
 
+TEST_F(Configuration, FipsRestrictionsSwitchTheCryptoLibraryOnceAndAChangeTearsEverythingDown) {
+  std::vector<bool> switched;
+  const FipsSwitch recorded([&](bool on) {
+    switched.push_back(on);
+    return true;
+  });
+  config->fipsRestrictionsIs(true);
+  const Zef::Ptr<Profile> a = profileOf("a", {eth1});
+  a->keyIs(key("01", "135bd758b0ee5c11c55ff6ab19fdb199"));
+  status->cpStatusIs(eth1, MacsecParams());
+  Zef::Ptr<ConfigSm> sm = configSm();
+  EXPECT_EQ(switched, std::vector<bool>{true});
+  EXPECT_EQ(status->fipsStatus(), (FipsStatus{true, true}));
+  ASSERT_TRUE(status->intfStatus(eth1));
+
+  // A change while it runs empties the status and leaves the library as it is.
+  config->fipsRestrictionsIs(false);
+  EXPECT_EQ(switched.size(), 1u);
+  EXPECT_EQ(status->intfStatusSize(), 0u);
+  EXPECT_EQ(status->cpStatusSize(), 0u);
+  EXPECT_EQ(status->fipsStatus(), (FipsStatus{false, false}));
+
+  // The next one applies it; going away in FIPS mode takes the status along.
+  sm = nullptr;
+  config->fipsRestrictionsIs(true);
+  sm = configSm();
+  EXPECT_EQ(switched, (std::vector<bool>{true, true}));
+  ASSERT_TRUE(status->intfStatus(eth1));
+  sm = nullptr;
+  EXPECT_EQ(status->intfStatusSize(), 0u);
+  EXPECT_EQ(status->fipsStatus(), (FipsStatus{false, false}));
+
+  // A library that cannot enter FIPS mode ends the process, saying why.
+  const FipsSwitch failing([](bool) { return false; });
+  EXPECT_EXIT(configSm(), ::testing::ExitedWithCode(0), "FIPS provider is not available");
+}
+
+TEST_F(Configuration, ClearingCountersKeepsThemRunningAndSnapshotsEachConfiguredInterface) {
+  const Zef::Ptr<Profile> a = profileOf("a", {eth1});
+  a->keyIs(key("01", "135bd758b0ee5c11c55ff6ab19fdb199"));
+  Memtab::MessageCounterData row;
+  row.intfId = eth1;
+  row.inMkpdus = 12;
+  row.inBadIcv = 3;
+  counters->rowIs(row);
+  Memtab::MessageCounterData other = row;
+  other.intfId = eth2;  // counted, but not configured
+  counters->rowIs(other);
+  const Zef::Ptr<ConfigSm> sm = configSm();
+  config->clearMkaCountersInc(1);
+  EXPECT_EQ(counters->msgCounterSnapshot(eth1), row);
+  EXPECT_EQ(counters->row(eth1), row);
+  EXPECT_FALSE(counters->msgCounterSnapshotHas(eth2));
+}
+
 TEST_F(Configuration, TheRootRunsConfigurationThenTheDeviceWhileMacsecIsEnabled) {
   const Zef::Ptr<Profile> a = profileOf("a", {eth1});
   a->keyIs(key("01", "135bd758b0ee5c11c55ff6ab19fdb199"));
@@ -211,7 +276,8 @@ TEST_F(Configuration, TheRootRunsConfigurationThenTheDeviceWhileMacsecIsEnabled)
   // Shut down from the start: no children, and nothing in the status.
   status->macsecEnabledIs(false);
   status->cpStatusIs(eth1, MacsecParams());  // left by an earlier run
-  const Zef::Ptr<MkaRootSm> root = MkaRootSm::MkaRootSmIs(config, status, eapKeys, eth, device, pamManager, hw, wheel);
+  const Zef::Ptr<MkaRootSm> root =
+      MkaRootSm::MkaRootSmIs(config, status, eapKeys, eth, device, pamManager, hw, wheel, counters);
   EXPECT_FALSE(root->configSm());
   EXPECT_FALSE(root->mkaSm());
   EXPECT_EQ(status->cpStatusSize(), 0u);
