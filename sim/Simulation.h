@@ -36,8 +36,8 @@ struct Message : Macsec::DecodedMkpdu {
 
 // What one interface of an agent is given when it is made.
 struct PortConfig : Macsec::InterfaceSettings {
-  // Whether a port state machine runs the interface's actors from its configured keys, as on a
-  // real switch; without one, actors are made by hand with actorIs.
+  // Whether the device runs a port state machine on the interface, which makes the actors from
+  // its configured keys, as on a real switch; without one, actors are made by hand with actorIs.
   bool runPort = false;
 };
 
@@ -122,8 +122,8 @@ class Agent {
   // How long the emulated hardware takes to confirm an SA request; 0 confirms inside the request.
   void hardwareLatencyIs(double seconds);
 
-  // Makes an interface's IntfStatus, CpStatus and MkaPortStatus (with its SCI), and its hardware
-  // status.
+  // Gives the engine an interface: with runPort, one that is up, configured and in the hardware,
+  // on which the device starts a port; without, only its status, made here, for hand-made actors.
   void portIs(const Lanx::IntfId& intf, const PortConfig& config);
   // Configures an interface's primary and fallback keys; an empty key removes it.
   void keyIs(const Lanx::IntfId& intf, const Key& key);
