@@ -235,7 +235,7 @@ void ConfigSm::ZefConfig::ZefProfile::handleReplayProtectionWindow() {
   if (ConfigSm* sm = stateMachine()) sm->handleMacsecParamsUpdate(*notifier());
 }
 
-void ConfigSm::handleProfile(const Zef::Name& name) {
+void ConfigSm::handleDel(const Zef::Name& name) {
   // A removed profile's interfaces lose their IntfStatus. The walk is over the interfaces'
   // configuration, since the profile itself is gone.
   if (config()->profileHas(name)) return;
