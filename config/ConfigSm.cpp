@@ -31,20 +31,13 @@ bool staticSakInUse(const Profile& profile) {
   return (!profile.txStaticSak().empty() || !profile.rxStaticSak().empty()) && profile.key().empty();
 }
 
-template <class Iterator>
-std::vector<Lanx::IntfId> keysOf(Iterator it) {
-  std::vector<Lanx::IntfId> keys;
-  for (; it; ++it) keys.emplace_back(it.key());
-  return keys;
-}
-
 }  // namespace
 
 void ConfigSm::handleInitialized() {
   TRACE(8, "");
   // What an earlier life left: an IntfStatus whose profile no longer has the interface, or has
   // neither a key nor keys from EAP, goes.
-  for (const Lanx::IntfId& intfId : keysOf(status()->intfStatusIter())) {
+  for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(status()->intfStatusIter())) {
     const Zef::Ptr<IntfStatus const> intf = status()->intfStatus(intfId);
     const Zef::Ptr<Profile const> profile = config()->profile(Zef::Name(intf->profileName()));
     if (profile && profile->intf(intfId) && (!profile->key().empty() || profile->dot1xEnabled())) continue;
@@ -91,7 +84,7 @@ void ConfigSm::updateFipsStatus() {
 void ConfigSm::handleClearMkaCounters() {
   if (!initialized()) return;
   TRACE(8, "");
-  for (const Lanx::IntfId& intfId : keysOf(status()->intfStatusIter())) doClearCounters(intfId);
+  for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(status()->intfStatusIter())) doClearCounters(intfId);
 }
 
 void ConfigSm::doClearCounters(const Lanx::IntfId& intfId) {
@@ -141,7 +134,7 @@ void ConfigSm::handleIntf(const Profile& profile, const Lanx::IntfId& intfId) {
 
 void ConfigSm::handleIntf(const Profile& profile) {
   TRACE(8, "");
-  for (const Lanx::IntfId& intfId : keysOf(profile.intfIter())) handleIntf(profile, intfId);
+  for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(profile.intfIter())) handleIntf(profile, intfId);
 }
 
 void ConfigSm::updateIntf(const Profile& profile, const Zef::Ptr<IntfStatus>& intf) {
@@ -174,7 +167,7 @@ void ConfigSm::updateIntf(const Profile& profile, const Zef::Ptr<IntfStatus>& in
 
 void ConfigSm::handleProfileAttrs(const Profile& profile) {
   TRACE(8, "");
-  for (const Lanx::IntfId& intfId : keysOf(profile.intfIter())) {
+  for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(profile.intfIter())) {
     if (const Zef::Ptr<IntfStatus> intf = status()->intfStatus(intfId)) {
       TRACE(6, ": Updating intfStatus " << intfId);
       updateIntf(profile, intf);
@@ -185,7 +178,7 @@ void ConfigSm::handleProfileAttrs(const Profile& profile) {
 void ConfigSm::handleMacsecParamsUpdate(const Profile& profile) {
   // There is no change of these parameters in place: the interface's IntfStatus, and with it its
   // port and actors, is built anew.
-  for (const Lanx::IntfId& intfId : keysOf(profile.intfIter())) {
+  for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(profile.intfIter())) {
     status()->intfStatusDel(intfId);
     handleIntf(profile, intfId);
   }
@@ -281,7 +274,7 @@ Cak deriveKey(CipherSuite cipher, const Dot1x::EapKey& eapKey) {
 void ConfigSm::handleEapKeyStatus() {
   TRACE(8, "");
   if (!eapKeyStatus()) return;
-  for (const Lanx::IntfId& intfId : keysOf(eapKeyStatus()->keyIter())) handleEapKeyStatus(intfId);
+  for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(eapKeyStatus()->keyIter())) handleEapKeyStatus(intfId);
 }
 
 void ConfigSm::handleEapKeyStatus(const Lanx::IntfId& intfId) {

@@ -1,24 +1,10 @@
 #include "mka/MkaSm.h"
 
-#include <vector>
-
 #include "platform/Trace.h"
 
 ZEF_TRACE_MODULE("Macsec::MkaSm")
 
 namespace Macsec {
-
-namespace {
-
-// The keys of a collection, copied out, so that a walk may delete any member.
-template <class Iterator>
-std::vector<Lanx::IntfId> keysOf(Iterator it) {
-  std::vector<Lanx::IntfId> keys;
-  for (; it; ++it) keys.emplace_back(it.key());
-  return keys;
-}
-
-}  // namespace
 
 bool MkaSm::linkUp(const Lanx::IntfId& intfId) const {
   const Zef::Ptr<Interface::EthIntfStatus const> eth = ethIntfStatusDir()->intfStatus(intfId);
@@ -29,7 +15,7 @@ void MkaSm::handleInitialized() {
   TRACE(8, "");
   // What an earlier run left in Status: a controlled port whose parameters are no longer
   // configured goes; one whose link is down cannot have keys in the hardware, so it is emptied.
-  for (const Lanx::IntfId& intfId : keysOf(status()->cpStatusIter())) {
+  for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(status()->cpStatusIter())) {
     const Zef::Ptr<IntfStatus> intf = status()->intfStatus(intfId);
     const Zef::Ptr<CpStatus> cp = status()->cpStatus(intfId);
     if (!intf || intf->macsecParams() != cp->macsecParams()) {
@@ -46,7 +32,7 @@ void MkaSm::handleInitialized() {
   }
   // Likewise the ports' status: unconfigured ones go, those of links that are down lose their
   // actors.
-  for (const Lanx::IntfId& intfId : keysOf(status()->portStatusIter())) {
+  for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(status()->portStatusIter())) {
     if (!status()->intfStatusHas(intfId)) {
       TRACE(3, ": Deleting stale portStatus for intfId " << intfId);
       status()->portStatusDel(intfId);
@@ -60,7 +46,7 @@ void MkaSm::handleInitialized() {
 
 void MkaSm::handleIntfStatus() {
   TRACE(8, "");
-  for (const Lanx::IntfId& intfId : keysOf(status()->intfStatusIter())) handleIntfStatus(intfId);
+  for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(status()->intfStatusIter())) handleIntfStatus(intfId);
 }
 
 void MkaSm::handleIntfStatus(const Lanx::IntfId& intfId) {
@@ -214,7 +200,7 @@ void MkaSm::handleCleanUp() {
     for (auto it = mkaPortSmIter(); it; ++it) it->statusKeptOnExitIs(true);
     return;
   }
-  for (const Lanx::IntfId& intfId : keysOf(mkaPortSmIter())) createOrDeletePortSm(intfId, true);
+  for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(mkaPortSmIter())) createOrDeletePortSm(intfId, true);
 }
 
 }  // namespace Macsec

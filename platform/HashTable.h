@@ -222,3 +222,16 @@ class HashCursor {
 };
 
 }  // namespace Zef::detail
+
+namespace Zef {
+
+// The keys of a collection's walk, copied out, for a loop that may delete any member, including
+// the one it is at, and must visit exactly the members there were when it started.
+template <class Key, class Iterator>
+std::vector<Key> keysOf(Iterator it) {
+  std::vector<Key> keys;
+  for (; it; ++it) keys.emplace_back(it.key());
+  return keys;
+}
+
+}  // namespace Zef
