@@ -24,6 +24,20 @@ class Engine::TxReactor : public MkaMessageInfo::NotifieeConst {
   Engine* engine_;
 };
 
+// Keeps MACsec running unless the configuration shuts it down.
+class Engine::ShutdownReactor : public Config::NotifieeConst {
+ public:
+  ShutdownReactor(const Zef::Ptr<Config>& config, const Zef::Ptr<Status>& status)
+      : NotifieeConst(config), status_(status) {
+    hasNotificationActiveIs(true);
+    onShutdown();
+  }
+  void onShutdown() override { status_->macsecEnabledIs(!notifier()->shutdown()); }
+
+ private:
+  Zef::Ptr<Status> status_;
+};
+
 // One action on the engine's timer wheel, run once.
 class Engine::Deferred : public Orb::TimerWheel::Notifiee {
  public:
@@ -67,12 +81,15 @@ Engine::Engine(EngineOptions options)
       deviceIntfStatusDir_(Interface::DeviceIntfStatusDir::DeviceIntfStatusDirIs("deviceIntfStatusDir")) {
   const Speaking speaking(name());
   wheel_->randomSeedIs(options_.randomSeed);
-  status_->macsecEnabledIs(true);
   // The engine hears what the actors send before the codec encodes it.
   txReactor_ = Zef::Ptr<TxReactor>(new TxReactor(pamManager_->txMessageInfo(), this));
   if (options_.frames) codec_ = MkpduCodec::MkpduCodecIs(status_, pamManager_, pams_, counters_);
   deviceIntfStatusDir_->attacherIs([this](const Zef::Ptr<Lanx::Pam>& pam) { attach(pam); });
-  mkaSm_ = MkaSm::MkaSmIs(status_, ethIntfStatusDir_, deviceIntfStatusDir_, pamManager_, hwStatus_, wheel_);
+  config_ = Config::ConfigIs();
+  eapKeyStatus_ = Dot1x::EapKeyStatus::EapKeyStatusIs();
+  // MACsec runs unless the configuration shuts it down.
+  shutdownReactor_ = Zef::Ptr<ShutdownReactor>(new ShutdownReactor(config_, status_));
+  stateMachinesStart();
 }
 
 Engine::~Engine() {
@@ -121,17 +138,20 @@ void Engine::macsecIs(const Lanx::IntfId& intf, const InterfaceSettings& setting
       existing && existing->macsecParams() != settings.params) {
     status_->intfStatusDel(intf);
   }
-  if (codec_) {
-    // The codec opens an access point for the interface; what it sends there leaves the engine.
-    pamManager_->mkaIntfIs(intf);
-    pams_->pam(intf)->transmitterIs([this, intf](const Zef::Ptr<Lanx::Pkt>& pkt) {
-      if (frameTransmitter_) frameTransmitter_(intf, pkt->bytes());
-    });
-  }
+  openAccessPoint(intf);
   // The settings are read by the actors, which come with the first key.
   const Zef::Ptr<IntfStatus> intfStatus = status_->intfStatusIs(intf, settings.params);
   intfStatus->keyServerPriorityIs(settings.keyServerPriority);
   intfStatus->dot1xTypeIs(settings.dot1xType);
+}
+
+void Engine::openAccessPoint(const Lanx::IntfId& intf) {
+  if (!codec_) return;
+  // The codec opens an access point for the interface; what it sends there leaves the engine.
+  pamManager_->mkaIntfIs(intf);
+  pams_->pam(intf)->transmitterIs([this, intf](const Zef::Ptr<Lanx::Pkt>& pkt) {
+    if (frameTransmitter_) frameTransmitter_(intf, pkt->bytes());
+  });
 }
 
 void Engine::macsecDel(const Lanx::IntfId& intf) {
@@ -146,21 +166,33 @@ void Engine::interfaceIs(const Lanx::IntfId& intf, const InterfaceSettings& sett
   macsecIs(intf, settings);
 }
 
+void Engine::linkedInterfaceIs(const Lanx::IntfId& intf, const Lanx::EthAddr& addr, uint16_t portId) {
+  hardwareIs(intf);
+  ethernetIs(intf, addr, portId);
+  openAccessPoint(intf);
+}
+
+Zef::Ptr<MkaPortSm> Engine::port(const Lanx::IntfId& intf) const {
+  const Zef::Ptr<MkaSm> sm = device();
+  return sm ? sm->mkaPortSm(intf) : nullptr;
+}
+
 void Engine::portDel(const Lanx::IntfId& intf) {
   const Speaking speaking(name());
-  if (mkaSm_) mkaSm_->mkaPortSmDel(intf);
+  if (const Zef::Ptr<MkaSm> sm = device()) sm->mkaPortSmDel(intf);
 }
 
 void Engine::stateMachinesStop() {
   const Speaking speaking(name());
-  if (mkaSm_) mkaSm_->hasNotificationActiveIs(false);
-  mkaSm_ = nullptr;
+  if (root_) root_->hasNotificationActiveIs(false);
+  root_ = nullptr;
 }
 
 void Engine::stateMachinesStart() {
   const Speaking speaking(name());
-  if (!mkaSm_)
-    mkaSm_ = MkaSm::MkaSmIs(status_, ethIntfStatusDir_, deviceIntfStatusDir_, pamManager_, hwStatus_, wheel_);
+  if (root_) return;
+  root_ = MkaRootSm::MkaRootSmIs(config_, status_, eapKeyStatus_, ethIntfStatusDir_, deviceIntfStatusDir_, pamManager_,
+                                 hwStatus_, wheel_, counters_);
 }
 
 void Engine::keyIs(const Lanx::IntfId& intf, const Cak& key) {

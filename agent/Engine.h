@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "hw/HwEmulator.h"
-#include "mka/MkaSm.h"
+#include "mka/MkaRootSm.h"
 #include "mkpdu/MkpduCodec.h"
 #include "model/HwStatus.h"
 #include "model/MacsecInternalTypes.h"
@@ -74,11 +74,15 @@ class Engine {
   // In: the interface in the (emulated) hardware's status, and its going away.
   void hardwareIs(const Lanx::IntfId& intf);
   void hardwareDel(const Lanx::IntfId& intf);
-  // In: MACsec on an interface, with its settings (an IntfStatus), and its removal. The codec
-  // listens for MKPDUs on every such interface.
+  // In: MACsec on an interface, with its settings, written as its IntfStatus directly (below the
+  // configuration, for scenarios of the port), and its removal. The codec listens for MKPDUs on
+  // every such interface. Configuration writes the IntfStatus through config() instead.
   void macsecIs(const Lanx::IntfId& intf, const InterfaceSettings& settings);
   void macsecDel(const Lanx::IntfId& intf);
   // All of the above for an interface that is up: the device starts its port.
+  // An interface that is up, in the hardware, with a codec's access point, whose MACsec settings
+  // and keys come from the configuration.
+  void linkedInterfaceIs(const Lanx::IntfId& intf, const Lanx::EthAddr& addr, uint16_t portId = 1);
   void interfaceIs(const Lanx::IntfId& intf, const InterfaceSettings& settings);
   // Stops the interface's port state machine, as the device does when the link goes down.
   void portDel(const Lanx::IntfId& intf);
@@ -118,8 +122,14 @@ class Engine {
   const Zef::Ptr<Memtab::MessageCounters>& counters() const noexcept { return counters_; }
   // The hardware status of an interface, as the emulated hardware writes it.
   Zef::Ptr<MacSecIntfStatus> hw(const Lanx::IntfId& intf) const { return slice_->status(intf); }
-  Zef::Ptr<MkaPortSm> port(const Lanx::IntfId& intf) const { return mkaSm_ ? mkaSm_->mkaPortSm(intf) : nullptr; }
-  const Zef::Ptr<MkaSm>& device() const noexcept { return mkaSm_; }
+  Zef::Ptr<MkaPortSm> port(const Lanx::IntfId& intf) const;
+  // The device state machine while MACsec is enabled, else null.
+  Zef::Ptr<MkaSm> device() const { return root_ ? root_->mkaSm() : nullptr; }
+  // In: the configuration the engine runs (profiles, interfaces, switch-wide settings). MACsec
+  // runs unless it says shutdown.
+  const Zef::Ptr<Config>& config() const noexcept { return config_; }
+  // In: the keys of finished EAP exchanges, by interface, as the 802.1X agent gives them.
+  const Zef::Ptr<Dot1x::EapKeyStatus>& eapKeyStatus() const noexcept { return eapKeyStatus_; }
   const Zef::Ptr<Interface::EthIntfStatusDir>& ethIntfStatusDir() const noexcept { return ethIntfStatusDir_; }
 
   // Runs work as this engine: the operators' log names it as the source.
@@ -131,6 +141,7 @@ class Engine {
 
  private:
   class TxReactor;
+  class ShutdownReactor;
   class Deferred;
   // The log source for the time of one call, and the one before it back after.
   class Speaking {
@@ -147,6 +158,7 @@ class Engine {
   // the wire.
   void attach(const Zef::Ptr<Lanx::Pam>& pam);
   void forgetDetached();
+  void openAccessPoint(const Lanx::IntfId& intf);
   // Runs an action from the engine's timers, at the current time: after the call that asked for
   // it has returned, as hardware answers.
   void later(std::function<void()> action);
@@ -167,7 +179,10 @@ class Engine {
   // The access points attached through the device, by interface; a frame received on an
   // interface reaches each of them as well as the codec.
   std::multimap<Lanx::IntfId, Zef::Ptr<Lanx::Pam>> attached_;
-  Zef::Ptr<MkaSm> mkaSm_;
+  Zef::Ptr<Config> config_;
+  Zef::Ptr<Dot1x::EapKeyStatus> eapKeyStatus_;
+  Zef::Ptr<ShutdownReactor> shutdownReactor_;
+  Zef::Ptr<MkaRootSm> root_;
   std::vector<Zef::Ptr<Deferred>> deferred_;
   FrameTransmitter frameTransmitter_;
   MessageTransmitter messageTransmitter_;

@@ -184,15 +184,19 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  // The switches, each interface with a port that runs the configured key.
-  Macsec::MacsecParams params;
-  params.cipherSuite = o.cipher == 256 ? Macsec::cipherSuiteGcmAes256 : Macsec::cipherSuiteGcmAes128;
+  // The switches, configured as the daemon configures: one profile with the key, the cipher suite
+  // and every interface, and the switch-wide delay protection.
   std::vector<Sim::Agent*> switches;
   for (int s = 0; s < o.switches; ++s) {
     Sim::Agent& agent = sim.agentIs(switchName(s));
     agent.hardwareLatencyIs(o.latency);
-    agent.status()->delayProtectionIs(o.delayProtection);
-    agent.status()->mkpduPeriodIs(o.delayProtection ? 0.5 : 2.0);
+    const Zef::Ptr<Macsec::Config>& config = agent.engine().config();
+    config->delayProtectionIs(o.delayProtection);
+    const Zef::Ptr<Macsec::Profile> profile = config->profileIs(Zef::Name("mkasim"));
+    profile->cipherSuiteIs(o.cipher == 256 ? Macsec::cipherSuiteGcmAes256 : Macsec::cipherSuiteGcmAes128);
+    profile->keyIs(Macsec::Cak{o.ckn, Macsec::StoredKey::ofHex(o.cak)});
+    // Simulated FIPS mode: the ports wait for the emulated hardware's self test; the process's
+    // crypto library is not switched.
     if (o.fips) {
       agent.status()->fipsStatusIs(Macsec::FipsStatus{true, true});
       agent.emulator()->selfTestResponderIs(Macsec::selfTestResponderOn);
@@ -210,13 +214,11 @@ int main(int argc, char** argv) {
       if ((!towardsNext && s == 0) || (towardsNext && s == o.switches - 1)) continue;
       for (int l = 0; l < o.links; ++l) {
         const Lanx::IntfId intf = intfOf(l, towardsNext, o.links);
-        Sim::PortConfig config;
-        config.mac = Lanx::EthAddr({0x02, 0x00, 0x00, static_cast<uint8_t>(s + 1), static_cast<uint8_t>(towardsNext),
-                                    static_cast<uint8_t>(l + 1)});
-        config.params = params;
-        config.runPort = true;
-        switches[s]->portIs(intf, config);
-        switches[s]->keyIs(intf, Sim::Key{o.ckn, o.cak});
+        Macsec::Engine& engine = switches[s]->engine();
+        engine.linkedInterfaceIs(intf, Lanx::EthAddr({0x02, 0x00, 0x00, static_cast<uint8_t>(s + 1),
+                                                      static_cast<uint8_t>(towardsNext), static_cast<uint8_t>(l + 1)}));
+        engine.config()->intfConfigIs(intf)->profileNameIs("mkasim");
+        engine.config()->profile(Zef::Name("mkasim"))->intfIs(intf, true);
       }
     }
   }

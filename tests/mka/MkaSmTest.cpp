@@ -31,6 +31,15 @@ class Device : public Scenario {
     agent.engine().interfaceIs(intf(agent), settings(macByte));
     agent.keyIs(intf(agent), kKey);
   }
+  // The same through the engine's configuration: a profile "link" with the key and the interface.
+  void startConfigured(Sim::Agent& agent, uint8_t macByte) {
+    Engine& engine = agent.engine();
+    engine.linkedInterfaceIs(intf(agent), mac(macByte));
+    const Zef::Ptr<Profile> profile = engine.config()->profileIs(Zef::Name("link"));
+    profile->keyIs(Cak{kKey.ckn, StoredKey::ofHex(kKey.cak.view())});
+    profile->intfIs(intf(agent), true);
+    engine.config()->intfConfigIs(intf(agent))->profileNameIs("link");
+  }
   Zef::Ptr<MkaPortStatus> portStatus(Sim::Agent& agent) { return agent.status()->portStatus(intf(agent)); }
   // The key server's key (a has the lower address) runs on both ports.
   bool secured() {
@@ -108,8 +117,9 @@ TEST_F(Device, PortsComeWithTheLinkAndGoWithItWhileTheirStatusStays) {
 }
 
 TEST_F(Device, ARestartGoesOnOverTheStatusItFinds) {
-  start(a, 1);
-  start(b, 2);
+  // Configured as the daemon configures: a profile with the key, for the interface of each side.
+  startConfigured(a, 1);
+  startConfigured(b, 2);
   double* up = firstTime([&] { return secured(); });
   sim.runFor(30);
   ASSERT_GT(*up, 0);
@@ -150,8 +160,7 @@ TEST_F(Device, ARestartGoesOnOverTheStatusItFinds) {
   const Zef::Ptr<CpStatus> cpBefore = cp(b);
   const Zef::Ptr<MkaPortStatus> portBefore = portStatus(b);
   b.engine().stateMachinesStop();
-  b.engine().macsecIs(intf(b), settings(2, cipherSuiteGcmAes256));
-  b.keyIs(intf(b), kKey);
+  b.engine().config()->profile(Zef::Name("link"))->cipherSuiteIs(cipherSuiteGcmAes256);
   b.engine().stateMachinesStart();
   EXPECT_EQ(portStatus(b), portBefore);
   ASSERT_TRUE(cp(b));
