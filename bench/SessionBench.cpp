@@ -54,7 +54,7 @@ void BM_VirtualTimeToSecureAndRekey(benchmark::State& state) {
   for (auto _ : state) {
     Sim::Simulation sim(0.0);
     build(sim, 1, latency);
-    sim.agent("a").status()->intfStatus(intfNumber(0))->reKeyPeriodIs(60);
+    sim.agent("a").profile(intfNumber(0))->sessionReKeyPeriodIs(60);
     double securedAt = -1;
     double rekeyedAt = -1;
     double rekeyStarts = -1;

@@ -88,7 +88,17 @@ Agent::~Agent() {
 
 void Agent::portIs(const Lanx::IntfId& intf, const PortConfig& config) {
   if (config.runPort) {
-    engine_.interfaceIs(intf, config);
+    // Configured as the daemon configures: a profile of its own for the interface.
+    engine_.linkedInterfaceIs(intf, config.mac, config.portId);
+    const Zef::Ptr<Macsec::Profile> profile = this->profile(intf);
+    profile->cipherSuiteIs(config.params.cipherSuite);
+    profile->includeSciIs(config.params.includeSci);
+    profile->bypassLldpIs(config.params.bypassLldp);
+    profile->replayProtectionIs(config.params.replayProtection);
+    profile->replayProtectionWindowIs(config.params.replayProtectionWindow);
+    profile->keyServerPriorityIs(config.keyServerPriority);
+    profile->intfIs(intf, true);
+    engine_.config()->intfConfigIs(intf)->profileNameIs(profile->name());
     return;
   }
   // Without a port, the interface's status is made here, as the device would make it, and its
@@ -110,9 +120,25 @@ Macsec::Cak storedKey(const Key& key) {
 
 }  // namespace
 
-void Agent::keyIs(const Lanx::IntfId& intf, const Key& key) { engine_.keyIs(intf, storedKey(key)); }
+Zef::Ptr<Macsec::Profile> Agent::profile(const Lanx::IntfId& intf) {
+  return engine_.config()->profileIs(Zef::Name("intf " + intf.stringValue()));
+}
 
-void Agent::defaultKeyIs(const Lanx::IntfId& intf, const Key& key) { engine_.defaultKeyIs(intf, storedKey(key)); }
+void Agent::keyIs(const Lanx::IntfId& intf, const Key& key) {
+  if (engine_.config()->intfConfigHas(intf)) {
+    engine_.as([&] { profile(intf)->keyIs(storedKey(key)); });
+  } else {
+    engine_.keyIs(intf, storedKey(key));
+  }
+}
+
+void Agent::defaultKeyIs(const Lanx::IntfId& intf, const Key& key) {
+  if (engine_.config()->intfConfigHas(intf)) {
+    engine_.as([&] { profile(intf)->defaultKeyIs(storedKey(key)); });
+  } else {
+    engine_.defaultKeyIs(intf, storedKey(key));
+  }
+}
 
 Zef::Ptr<Macsec::MkaActorSm> Agent::actorIs(const Lanx::IntfId& intf, const Zef::String& ckn,
                                             const Zef::String& clearCak) {

@@ -125,6 +125,8 @@ class Agent {
   // Gives the engine an interface: with runPort, one that is up, configured and in the hardware,
   // on which the device starts a port; without, only its status, made here, for hand-made actors.
   void portIs(const Lanx::IntfId& intf, const PortConfig& config);
+  // The profile of an interface with a port: the interface's own, in its engine's configuration.
+  Zef::Ptr<Macsec::Profile> profile(const Lanx::IntfId& intf);
   // Configures an interface's primary and fallback keys; an empty key removes it.
   void keyIs(const Lanx::IntfId& intf, const Key& key);
   void defaultKeyIs(const Lanx::IntfId& intf, const Key& key);

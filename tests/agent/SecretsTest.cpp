@@ -75,7 +75,7 @@ TEST(Secrets, NoKeyReachesTheTraceTheLogOrTheStatusAtAnyLevel) {
       agent->portIs(eth1, config);
       agent->keyIs(eth1, Sim::Key{kCkn, kCak});
     }
-    a.status()->intfStatus(eth1)->reKeyPeriodIs(5);
+    a.profile(eth1)->sessionReKeyPeriodIs(5);
     const Zef::Ptr<SakWatch> watch(new SakWatch(a.status()->portStatus(eth1)->actorStatus(kCkn), saks));
     sim.runFor(30);
     seen += dumpOf(a) + dumpOf(b);

@@ -29,6 +29,18 @@ class Port : public Scenario {
     start(b, 2);
   }
 
+  // The same with each interface's status written directly, below the configuration: for what
+  // no configuration gives, such as a port without key material.
+  void twoSwitchesBelowConfiguration() {
+    const Lanx::IntfId& intfA = intf(a);
+    sim.linkIs(a, intfA, b, intf(b));
+    for (auto [agent, last] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
+      InterfaceSettings settings;
+      settings.mac = mac(static_cast<uint8_t>(last));
+      agent->engine().interfaceIs(intf(*agent), settings);
+    }
+  }
+
   Zef::Ptr<MkaPortSm> port(Sim::Agent& agent) { return agent.port(intf(agent)); }
   Zef::Ptr<MkaPortStatus> portStatus(Sim::Agent& agent) { return agent.status()->portStatus(intf(agent)); }
   Zef::Ptr<MkaActorStatus> actor(Sim::Agent& agent, const Sim::Key& key) {
@@ -90,7 +102,7 @@ TEST_P(KeyChange, ANewPrimaryKeyTakesOverWithoutDroppingTraffic) {
   twoSwitches();
   for (Sim::Agent* agent : {&a, &b}) {
     agent->hardwareLatencyIs(0.05);
-    intfStatus(*agent)->keyRetireIs(GetParam());
+    agent->profile(intf(*agent))->keyRetireIs(GetParam());
     agent->keyIs(intf(*agent), kPrimary);
   }
   sim.runFor(30);
@@ -157,7 +169,7 @@ TEST_F(Port, AfterAnElectionTheFallbackKeyWaitsItsActivationPeriod) {
   ASSERT_TRUE(running(kPrimary));
   // The primary keys stop matching and b retires its old actor: the session ends, and a's election
   // finds nobody.
-  intfStatus(b)->keyRetireIs(true);
+  b.profile(intf(b))->keyRetireIs(true);
   b.keyIs(intf(b), kOther);
   sim.runFor(20);
   EXPECT_TRUE(port(a)->principalActorCkn().empty());
@@ -174,7 +186,7 @@ TEST_F(Port, AfterAnElectionTheFallbackKeyWaitsItsActivationPeriod) {
 }
 
 TEST_F(Port, UnprotectedTrafficUntilAKeyArrivesAndStaticKeysOnTheirOwnNumbers) {
-  twoSwitches();
+  twoSwitchesBelowConfiguration();
   // No actor has succeeded: the port opens in the clear.
   intfStatus(a)->allowUnprotectedIs(true);
   EXPECT_TRUE(cp(a)->controlledPortEnabled());
