@@ -990,7 +990,20 @@ class Emitter:
     def child_params(self, t, a):
         child = self.model.need(a.type, t.namespace, a.line)
         ctor = child.ctor_attrs()
-        return child, ctor, ", ".join(f"{self.sm_param_type(c)} {c.name}" for c in ctor), ", ".join(c.name for c in ctor)
+        params = ", ".join(f"{self.respell(self.sm_param_type(c), child.namespace, t.namespace)} {c.name}" for c in ctor)
+        return child, ctor, params, ", ".join(c.name for c in ctor)
+
+    def respell(self, text, written_in, spelled_from):
+        """A type written in one namespace, as it is spelled from another: the declared types it
+        names without qualification get their namespace."""
+        if written_in == spelled_from:
+            return text
+
+        def name(m):
+            found = self.model.find(m.group(0), written_in)
+            return qual(found, spelled_from) if found is not None else m.group(0)
+
+        return re.sub(r"(?<![:\w])[A-Za-z_]\w*(?:::\w+)*", name, text)
 
     def sm_sm(self, t, a):
         hw = self.hw
