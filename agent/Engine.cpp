@@ -74,7 +74,7 @@ Engine::Engine(EngineOptions options)
       pamManager_(MkaPamManager::MkaPamManagerIs(pams_)),
       wheel_(Orb::TimerWheel::TimerWheelIs()),
       hwStatus_(MacSecIntfStatusPtrDir::MacSecIntfStatusPtrDirIs()),
-      slice_(MacSecStatus::MacSecStatusIs()),
+      hwStatusSliceDir_(Zef::Dir::DirIs("hwStatusSliceDir")),
       emulator_(HwEmulator::HwEmulatorIs(status_, hwStatus_)),
       counters_(Memtab::MessageCounters::MessageCountersIs()),
       ethIntfStatusDir_(Interface::EthIntfStatusDir::EthIntfStatusDirIs("ethIntfStatusDir")),
@@ -85,10 +85,16 @@ Engine::Engine(EngineOptions options)
   txReactor_ = Zef::Ptr<TxReactor>(new TxReactor(pamManager_->txMessageInfo(), this));
   if (options_.frames) codec_ = MkpduCodec::MkpduCodecIs(status_, pamManager_, pams_, counters_);
   deviceIntfStatusDir_->attacherIs([this](const Zef::Ptr<Lanx::Pam>& pam) { attach(pam); });
-  config_ = Config::ConfigIs();
+  hwStatusSm_ = HwStatusSm::HwStatusSmIs(hwStatus_, hwStatusSliceDir_);
+  configSources_ = Zef::Dir::DirIs("configSources");
+  mergedConfig_ = Config::ConfigIs("merged");
+  merge_ = MacsecConfigMergeSm::MacsecConfigMergeSmIs(configSources_, mergedConfig_);
+  config_ = configSourceIs("cli", kCliPriority);
   eapKeyStatus_ = Dot1x::EapKeyStatus::EapKeyStatusIs();
   // MACsec runs unless the configuration shuts it down.
-  shutdownReactor_ = Zef::Ptr<ShutdownReactor>(new ShutdownReactor(config_, status_));
+  shutdownReactor_ = Zef::Ptr<ShutdownReactor>(new ShutdownReactor(mergedConfig_, status_));
+  forwardingModel_ = Interface::IntfForwardingModelInputDir::IntfForwardingModelInputDirIs("forwardingModelInputDir");
+  proxyStatus_ = MacsecProxy::Status::StatusIs();
   stateMachinesStart();
 }
 
@@ -120,15 +126,55 @@ void Engine::ethernetDel(const Lanx::IntfId& intf) {
   ethIntfStatusDir_->intfStatusDel(intf);
 }
 
+namespace {
+
+Zef::Name sliceName(size_t index) { return Zef::Name("slice" + std::to_string(index)); }
+
+}  // namespace
+
 void Engine::hardwareIs(const Lanx::IntfId& intf) {
   const Speaking speaking(name());
-  hwStatus_->statusIs(slice_->statusIs(intf));
+  if (hw(intf)) return;
+  // The first slice with room takes the interface; when all are full, a new one comes.
+  for (size_t index = 0;; ++index) {
+    Zef::Ptr<MacSecStatus> slice = Zef::ptrCast<MacSecStatus>(hwStatusSliceDir_->entityPtr(sliceName(index)));
+    if (slice && slice->statusSize() >= kInterfacesPerSlice) continue;
+    if (!slice) {
+      slice = MacSecStatus::MacSecStatusIs(sliceName(index));
+      hwStatusSliceDir_->entityPtrIs(slice);
+    }
+    slice->statusIs(intf);
+    return;
+  }
 }
 
 void Engine::hardwareDel(const Lanx::IntfId& intf) {
   const Speaking speaking(name());
-  hwStatus_->statusDel(intf);
-  slice_->statusDel(intf);
+  const Zef::Ptr<MacSecIntfStatus> hw = this->hw(intf);
+  // The slice that holds the interface is its owner.
+  const Zef::Ptr<MacSecStatus> slice(hw ? dynamic_cast<MacSecStatus*>(hw->parent()) : nullptr);
+  if (!slice) return;
+  slice->statusDel(intf);
+  if (slice->statusSize() == 0) hwStatusSliceDir_->entityPtrDel(slice->name());
+}
+
+Zef::Ptr<MacSecIntfStatus> Engine::hw(const Lanx::IntfId& intf) const {
+  return Zef::constPtrCast<MacSecIntfStatus>(hwStatus_->status(intf));
+}
+
+Zef::Ptr<Config> Engine::configSourceIs(const Zef::Name& name, uint32_t priority) {
+  const Speaking speaking(this->name());
+  if (const Zef::Ptr<Config> existing = Zef::ptrCast<Config>(configSources_->entityPtr(name))) return existing;
+  // The priority is read as each entry registers, so it is set before the source joins.
+  const Zef::Ptr<Config> source = Config::ConfigIs(name);
+  source->configPriorityIs(priority);
+  configSources_->entityPtrIs(source);
+  return source;
+}
+
+void Engine::configSourceDel(const Zef::Name& name) {
+  const Speaking speaking(this->name());
+  configSources_->entityPtrDel(name);
 }
 
 void Engine::macsecIs(const Lanx::IntfId& intf, const InterfaceSettings& settings) {
@@ -184,6 +230,10 @@ void Engine::portDel(const Lanx::IntfId& intf) {
 
 void Engine::stateMachinesStop() {
   const Speaking speaking(name());
+  if (proxyPostSm_) proxyPostSm_->hasNotificationActiveIs(false);
+  proxyPostSm_ = nullptr;
+  if (forwardingModelSm_) forwardingModelSm_->hasNotificationActiveIs(false);
+  forwardingModelSm_ = nullptr;
   if (root_) root_->hasNotificationActiveIs(false);
   root_ = nullptr;
 }
@@ -191,8 +241,11 @@ void Engine::stateMachinesStop() {
 void Engine::stateMachinesStart() {
   const Speaking speaking(name());
   if (root_) return;
-  root_ = MkaRootSm::MkaRootSmIs(config_, status_, eapKeyStatus_, ethIntfStatusDir_, deviceIntfStatusDir_, pamManager_,
-                                 hwStatus_, wheel_, counters_);
+  root_ = MkaRootSm::MkaRootSmIs(mergedConfig_, status_, eapKeyStatus_, ethIntfStatusDir_, deviceIntfStatusDir_,
+                                 pamManager_, hwStatus_, wheel_, counters_);
+  forwardingModelSm_ = MacsecForwardingModelSm::MacsecForwardingModelSmIs(status_, forwardingModel_);
+  proxyPostSm_ = MacsecProxy::MacsecProxyPOSTSm::MacsecProxyPOSTSmIs(proxyStatus_, status_, hwStatus_,
+                                                                     deviceIntfStatusDir_, ethIntfStatusDir_, wheel_);
 }
 
 void Engine::keyIs(const Lanx::IntfId& intf, const Cak& key) {

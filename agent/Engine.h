@@ -1,11 +1,13 @@
 #pragma once
 
 // The one assembly of an MKA engine: the entities a switch's agent creates for the state machines
-// (status, message hand-off, timer wheel, interface and hardware status) and the machinery
-// around them (the MKPDU codec, the hardware emulator, the device state machine, which runs the
-// ports). The simulator runs several side by side in one process, the daemon runs one; nothing
-// of an engine is shared with another but the clock, the debug trace and the operators' log,
-// whose records name the engine that speaks.
+// (status, message hand-off, timer wheel, interface and hardware status, configuration sources)
+// and the machinery around them (the MKPDU codec, the hardware emulator and the aggregation of its
+// status slices, the configuration merge, the root state machine, which runs the device and its
+// ports, the forwarding veto and the self test of proxy interfaces). The simulator runs several
+// side by side in one process, the daemon runs one; nothing of an engine is shared with another
+// but the clock, the debug trace and the operators' log, whose records name the engine that
+// speaks.
 //
 // What goes in: the interfaces as the switch has them (address, link, hardware), their MACsec
 // settings and keys, received frames (or, for a simulation that skips the codec, decoded
@@ -20,12 +22,18 @@
 #include <string>
 #include <vector>
 
+#include "config/MacsecConfigMergeSm.h"
 #include "hw/HwEmulator.h"
+#include "hw/HwStatusSm.h"
+#include "hw/MacsecForwardingModelSm.h"
+#include "hw/MacsecProxyPostSm.h"
 #include "mka/MkaRootSm.h"
 #include "mkpdu/MkpduCodec.h"
 #include "model/HwStatus.h"
 #include "model/MacsecInternalTypes.h"
 #include "model/Status.h"
+#include "platform/Dir.h"
+#include "platform/ForwardingModel.h"
 #include "platform/PacketAccess.h"
 #include "platform/TimerWheel.h"
 
@@ -71,7 +79,10 @@ class Engine {
                   Interface::LinkStatus link = Interface::linkUp);
   void linkIs(const Lanx::IntfId& intf, Interface::LinkStatus link);
   void ethernetDel(const Lanx::IntfId& intf);
-  // In: the interface in the (emulated) hardware's status, and its going away.
+  // In: the interface in the (emulated) hardware's status, and its going away. The hardware
+  // publishes its status in slices of up to `kInterfacesPerSlice` interfaces, as a switch does; a
+  // slice comes with its first interface and goes with its last.
+  static constexpr size_t kInterfacesPerSlice = 16;
   void hardwareIs(const Lanx::IntfId& intf);
   void hardwareDel(const Lanx::IntfId& intf);
   // In: MACsec on an interface, with its settings, written as its IntfStatus directly (below the
@@ -86,8 +97,10 @@ class Engine {
   void interfaceIs(const Lanx::IntfId& intf, const InterfaceSettings& settings);
   // Stops the interface's port state machine, as the device does when the link goes down.
   void portDel(const Lanx::IntfId& intf);
-  // Stops the state machines, leaving the status as it is, and starts them again over it, as the
-  // agent does across a restart; what changes in between is what changed while it was away.
+  // Stops the state machines (the root and what it runs, the forwarding veto, the proxy self
+  // test), leaving the status as it is, and starts them again over it, as the agent does across a
+  // restart; what changes in between is what changed while it was away. The configuration merge
+  // and the hardware aggregation go on.
   void stateMachinesStop();
   void stateMachinesStart();
   // In: an interface's primary and fallback keys; an empty key removes it. An interface the engine
@@ -121,13 +134,27 @@ class Engine {
   const Zef::Ptr<MkpduCodec>& codec() const noexcept { return codec_; }
   const Zef::Ptr<Memtab::MessageCounters>& counters() const noexcept { return counters_; }
   // The hardware status of an interface, as the emulated hardware writes it.
-  Zef::Ptr<MacSecIntfStatus> hw(const Lanx::IntfId& intf) const { return slice_->status(intf); }
+  Zef::Ptr<MacSecIntfStatus> hw(const Lanx::IntfId& intf) const;
+  // The slices of hardware status by name, as the hardware publishes them.
+  const Zef::Ptr<Zef::Dir>& hwStatusSliceDir() const noexcept { return hwStatusSliceDir_; }
   Zef::Ptr<MkaPortSm> port(const Lanx::IntfId& intf) const;
   // The device state machine while MACsec is enabled, else null.
   Zef::Ptr<MkaSm> device() const { return root_ ? root_->mkaSm() : nullptr; }
-  // In: the configuration the engine runs (profiles, interfaces, switch-wide settings). MACsec
-  // runs unless it says shutdown.
+  // In: the operators' configuration (profiles, interfaces, switch-wide settings), the source
+  // named "cli". It is one of the sources that the engine merges, and the only one whose
+  // switch-wide settings count. MACsec runs unless it says shutdown.
   const Zef::Ptr<Config>& config() const noexcept { return config_; }
+  static constexpr uint32_t kCliPriority = 100;
+  // In: another source of configuration, made with its priority if it is new, and its removal;
+  // for each profile and each interface the source of the highest priority that has it wins.
+  Zef::Ptr<Config> configSourceIs(const Zef::Name& name, uint32_t priority);
+  void configSourceDel(const Zef::Name& name);
+  // Out: the configuration the engine runs, merged from all sources.
+  const Zef::Ptr<Config>& mergedConfig() const noexcept { return mergedConfig_; }
+  // Out: the veto on forwarding of each interface whose controlled port is closed.
+  const Zef::Ptr<Interface::IntfForwardingModelInputDir>& forwardingModel() const noexcept { return forwardingModel_; }
+  // In: the proxy interfaces, whose cipher path is tested while their hardware is at the start.
+  const Zef::Ptr<MacsecProxy::Status>& proxyStatus() const noexcept { return proxyStatus_; }
   // In: the keys of finished EAP exchanges, by interface, as the 802.1X agent gives them.
   const Zef::Ptr<Dot1x::EapKeyStatus>& eapKeyStatus() const noexcept { return eapKeyStatus_; }
   const Zef::Ptr<Interface::EthIntfStatusDir>& ethIntfStatusDir() const noexcept { return ethIntfStatusDir_; }
@@ -169,7 +196,8 @@ class Engine {
   Zef::Ptr<MkaPamManager> pamManager_;
   Zef::Ptr<Orb::TimerWheel> wheel_;
   Zef::Ptr<MacSecIntfStatusPtrDir> hwStatus_;
-  Zef::Ptr<MacSecStatus> slice_;
+  Zef::Ptr<Zef::Dir> hwStatusSliceDir_;
+  Zef::Ptr<HwStatusSm> hwStatusSm_;
   Zef::Ptr<HwEmulator> emulator_;
   Zef::Ptr<TxReactor> txReactor_;
   Zef::Ptr<Memtab::MessageCounters> counters_;
@@ -179,10 +207,17 @@ class Engine {
   // The access points attached through the device, by interface; a frame received on an
   // interface reaches each of them as well as the codec.
   std::multimap<Lanx::IntfId, Zef::Ptr<Lanx::Pam>> attached_;
+  Zef::Ptr<Zef::Dir> configSources_;
   Zef::Ptr<Config> config_;
+  Zef::Ptr<Config> mergedConfig_;
+  Zef::Ptr<MacsecConfigMergeSm> merge_;
   Zef::Ptr<Dot1x::EapKeyStatus> eapKeyStatus_;
   Zef::Ptr<ShutdownReactor> shutdownReactor_;
+  Zef::Ptr<Interface::IntfForwardingModelInputDir> forwardingModel_;
+  Zef::Ptr<MacsecProxy::Status> proxyStatus_;
   Zef::Ptr<MkaRootSm> root_;
+  Zef::Ptr<MacsecForwardingModelSm> forwardingModelSm_;
+  Zef::Ptr<MacsecProxy::MacsecProxyPOSTSm> proxyPostSm_;
   std::vector<Zef::Ptr<Deferred>> deferred_;
   FrameTransmitter frameTransmitter_;
   MessageTransmitter messageTransmitter_;

@@ -97,7 +97,6 @@ void Agent::portIs(const Lanx::IntfId& intf, const PortConfig& config) {
     profile->replayProtectionIs(config.params.replayProtection);
     profile->replayProtectionWindowIs(config.params.replayProtectionWindow);
     profile->keyServerPriorityIs(config.keyServerPriority);
-    profile->intfIs(intf, true);
     engine_.config()->intfConfigIs(intf)->profileNameIs(profile->name());
     return;
   }

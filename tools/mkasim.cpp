@@ -140,8 +140,8 @@ std::string keyText(const Macsec::Sak& sak) {
 void printTable(Sim::Simulation& sim, const Options& o) {
   std::cout << "\n"
             << std::left << std::setw(8) << "switch" << std::setw(12) << "interface" << std::setw(7) << "peers"
-            << std::setw(30) << "key server" << std::setw(18) << "key in use"
-            << "port\n";
+            << std::setw(30) << "key server" << std::setw(18) << "key in use" << std::setw(20) << "port"
+            << "forwarding\n";
   for (int s = 0; s < o.switches; ++s) {
     Sim::Agent& agent = sim.agent(switchName(s));
     for (bool towardsNext : {false, true}) {
@@ -159,9 +159,12 @@ void printTable(Sim::Simulation& sim, const Options& o) {
         const char* port = !cp->controlledPortEnabled() ? "closed"
                            : cp->unprotectedTraffic()   ? "open, unprotected"
                                                         : "secured";
+        // The interface layer holds back an interface that MACsec vetoes.
+        const bool vetoed = agent.engine().forwardingModel()->forwardingModelInputHas(intf);
         std::cout << std::left << std::setw(8) << agent.name() << std::setw(12) << intf.stringValue() << std::setw(7)
                   << (actor ? actor->livePeerSize() : 0) << std::setw(30) << server << std::setw(18)
-                  << keyText(cp->oldSakContext().sak) << port << "\n";
+                  << keyText(cp->oldSakContext().sak) << std::setw(20) << port << (vetoed ? "held back" : "allowed")
+                  << "\n";
       }
     }
   }
@@ -184,8 +187,8 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  // The switches, configured as the daemon configures: one profile with the key, the cipher suite
-  // and every interface, and the switch-wide delay protection.
+  // The switches, configured as the daemon configures: one profile with the key and the cipher
+  // suite, named by every interface, and the switch-wide delay protection.
   std::vector<Sim::Agent*> switches;
   for (int s = 0; s < o.switches; ++s) {
     Sim::Agent& agent = sim.agentIs(switchName(s));
@@ -218,7 +221,6 @@ int main(int argc, char** argv) {
         engine.linkedInterfaceIs(intf, Lanx::EthAddr({0x02, 0x00, 0x00, static_cast<uint8_t>(s + 1),
                                                       static_cast<uint8_t>(towardsNext), static_cast<uint8_t>(l + 1)}));
         engine.config()->intfConfigIs(intf)->profileNameIs("mkasim");
-        engine.config()->profile(Zef::Name("mkasim"))->intfIs(intf, true);
       }
     }
   }

@@ -46,7 +46,7 @@ class Configuration : public ::testing::Test {
 
   Zef::System::VirtualClock clock{0.0};
   Zef::System::ScopedClock scoped{clock};
-  Zef::Ptr<Config> config = Config::ConfigIs();
+  Zef::Ptr<Config> config = Config::ConfigIs(Zef::Name("config"));
   Zef::Ptr<Status> status = Status::StatusIs();
   Zef::Ptr<Dot1x::EapKeyStatus> eapKeys = Dot1x::EapKeyStatus::EapKeyStatusIs();
   Zef::Ptr<Interface::EthIntfStatusDir> links = Interface::EthIntfStatusDir::EthIntfStatusDirIs("links");
@@ -269,7 +269,7 @@ TEST_F(Configuration, TheRootRunsConfigurationThenTheDeviceWhileMacsecIsEnabled)
   const auto device = Interface::DeviceIntfStatusDir::DeviceIntfStatusDirIs("device");
   const auto pamManager = MkaPamManager::MkaPamManagerIs(nullptr);
   const auto hw = MacSecIntfStatusPtrDir::MacSecIntfStatusPtrDirIs();
-  const auto slice = MacSecStatus::MacSecStatusIs();
+  const auto slice = MacSecStatus::MacSecStatusIs(Zef::Name("slice"));
   hw->statusIs(slice->statusIs(eth1));
   const auto wheel = Orb::TimerWheel::TimerWheelIs();
 

@@ -1,5 +1,6 @@
 // Two switches configured through their Config, as the daemon configures them: the link follows
-// every change of the profile, and shutdown takes everything down until it is cleared.
+// every change of the profile, shutdown takes everything down until it is cleared, and a second,
+// lower source of configuration is merged with the operators' own.
 
 #include <gtest/gtest.h>
 
@@ -39,6 +40,12 @@ class ConfiguredLink : public Scenario {
     return secured();
   }
 
+  // The CKN of the key that an agent's interface runs, empty if it runs none.
+  Zef::String runningCkn(Sim::Agent& agent) {
+    const Zef::Ptr<IntfStatus> configured = agent.status()->intfStatus(intf(agent));
+    return configured ? configured->key().ckn : Zef::String();
+  }
+
   Sim::Agent& a = sim.agentIs("a");
   Sim::Agent& b = sim.agentIs("b");
 };
@@ -76,6 +83,83 @@ TEST_F(ConfiguredLink, TheLinkFollowsItsProfileAndShutdownTakesEverythingDown) {
   b.keyIs(intf(b), Sim::Key{});
   EXPECT_FALSE(b.status()->intfStatus(intf(b)));
   EXPECT_FALSE(b.port(intf(b)));
+}
+
+TEST_F(ConfiguredLink, TwoSourcesMergePerProfileAndPerInterfaceByPriority) {
+  ASSERT_TRUE(securedWithin(30));
+  const Zef::Ptr<Config>& merged = a.engine().mergedConfig();
+  const Zef::Name own("intf eth1");  // a's interface profile, in its operators' source
+  const Zef::Name base("base");
+
+  // A low source with a profile nobody else has, which also names the interface: the profile is
+  // merged, the interface stays with the operators' source, which had it first, and the port
+  // runs on untouched.
+  const Zef::Ptr<MkaPortSm> port = a.port(intf(a));
+  const Zef::Ptr<Config> file = a.engine().configSourceIs("file", 10);
+  const Zef::Ptr<Profile> fileBase = file->profileIs(base);
+  fileBase->keyIs(Cak{k256.ckn, StoredKey::ofHex(k256.cak.view())});
+  fileBase->cipherSuiteIs(cipherSuiteGcmAes256);
+  file->intfConfigIs(intf(a))->profileNameIs("base");
+  ASSERT_TRUE(merged->profileHas(base));
+  EXPECT_EQ(merged->profile(base)->cipherSuite(), cipherSuiteGcmAes256);
+  EXPECT_EQ(merged->intfConfig(intf(a))->profileName(), own);
+  EXPECT_FALSE(merged->profile(base)->intfHas(intf(a)));
+  EXPECT_EQ(a.port(intf(a)), port);
+  EXPECT_EQ(runningCkn(a), kKey.ckn);
+
+  // A change of the low source's interface, which it does not win, is not merged; one of its
+  // own profile is.
+  file->intfConfig(intf(a))->profileNameIs("elsewhere");
+  fileBase->keyServerPriorityIs(7);
+  EXPECT_EQ(merged->intfConfig(intf(a))->profileName(), own);
+  EXPECT_EQ(merged->profile(base)->keyServerPriority(), 7);
+  file->intfConfig(intf(a))->profileNameIs("base");
+
+  // The operators' source lets the interface go: the low source takes it over, and the link runs
+  // the low source's key once the other end has it too.
+  a.engine().config()->intfConfigDel(intf(a));
+  EXPECT_EQ(merged->intfConfig(intf(a))->profileName(), base);
+  EXPECT_TRUE(merged->profile(base)->intfHas(intf(a)));
+  EXPECT_FALSE(merged->profile(own)->intfHas(intf(a)));
+  EXPECT_EQ(runningCkn(a), k256.ckn);
+  b.profile(intf(b))->cipherSuiteIs(cipherSuiteGcmAes256);
+  b.keyIs(intf(b), k256);
+  ASSERT_TRUE(securedWithin(30));
+
+  // The operators' source names the interface again, with the profile it runs: the port runs on
+  // undisturbed, and the operators' next change of profile takes effect.
+  const Zef::Ptr<MkaPortSm> onBase = a.port(intf(a));
+  a.engine().config()->intfConfigIs(intf(a))->profileNameIs("base");
+  EXPECT_EQ(merged->intfConfig(intf(a))->profileName(), base);
+  EXPECT_EQ(a.port(intf(a)), onBase);
+  a.engine().config()->intfConfig(intf(a))->profileNameIs(own);
+  EXPECT_EQ(merged->intfConfig(intf(a))->profileName(), own);
+  EXPECT_TRUE(merged->profile(own)->intfHas(intf(a)));
+  EXPECT_EQ(runningCkn(a), kKey.ckn);
+
+  // The high source offers the low source's profile: it wins it, and the merged profile is built
+  // anew from it; when it lets it go, the low source's comes back.
+  a.engine().config()->profileIs(base)->keyServerPriorityIs(3);
+  EXPECT_EQ(merged->profile(base)->keyServerPriority(), 3);
+  EXPECT_EQ(merged->profile(base)->cipherSuite(), cipherSuiteGcmAes128);
+  fileBase->keyServerPriorityIs(9);
+  EXPECT_EQ(merged->profile(base)->keyServerPriority(), 3);
+  a.engine().config()->profileDel(base);
+  EXPECT_EQ(merged->profile(base)->keyServerPriority(), 9);
+  EXPECT_EQ(merged->profile(base)->cipherSuite(), cipherSuiteGcmAes256);
+
+  // The low source drops its profile and its interface: both leave the merged configuration,
+  // and the interface it no longer names runs on.
+  file->intfConfigDel(intf(a));
+  file->profileDel(base);
+  EXPECT_FALSE(merged->profileHas(base));
+  EXPECT_EQ(merged->intfConfig(intf(a))->profileName(), own);
+  EXPECT_EQ(runningCkn(a), kKey.ckn);
+
+  // Only the operators' source sets the switch-wide settings.
+  file->delayProtectionIs(true);
+  EXPECT_FALSE(merged->delayProtection());
+  EXPECT_FALSE(a.status()->delayProtection());
 }
 
 }  // namespace

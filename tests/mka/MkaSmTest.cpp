@@ -1,6 +1,7 @@
 // The device on the harness: interfaces come and go with their configuration, link and hardware
-// status; a restart of the state machines goes on over the status it finds; in FIPS mode a port
-// runs only once the emulated hardware has passed the power-on self test.
+// status, and forwarding is vetoed exactly while a controlled port is closed; a restart of the
+// state machines goes on over the status it finds; in FIPS mode a port runs only once the emulated
+// hardware has passed the power-on self test, and proxy interfaces are tested the same way.
 
 #include <gtest/gtest.h>
 
@@ -31,13 +32,12 @@ class Device : public Scenario {
     agent.engine().interfaceIs(intf(agent), settings(macByte));
     agent.keyIs(intf(agent), kKey);
   }
-  // The same through the engine's configuration: a profile "link" with the key and the interface.
+  // The same through the engine's configuration: a profile "link" with the key, which the interface names.
   void startConfigured(Sim::Agent& agent, uint8_t macByte) {
     Engine& engine = agent.engine();
     engine.linkedInterfaceIs(intf(agent), mac(macByte));
     const Zef::Ptr<Profile> profile = engine.config()->profileIs(Zef::Name("link"));
     profile->keyIs(Cak{kKey.ckn, StoredKey::ofHex(kKey.cak.view())});
-    profile->intfIs(intf(agent), true);
     engine.config()->intfConfigIs(intf(agent))->profileNameIs("link");
   }
   Zef::Ptr<MkaPortStatus> portStatus(Sim::Agent& agent) { return agent.status()->portStatus(intf(agent)); }
@@ -48,11 +48,22 @@ class Device : public Scenario {
     return server && securedOn({&a, &b}, server->distSak());
   }
 
+  bool vetoed(Sim::Agent& agent) { return agent.engine().forwardingModel()->forwardingModelInputHas(intf(agent)); }
+  // Forwarding is vetoed exactly while the interface has a controlled port that is closed.
+  void vetoFollowsPort(Sim::Agent& agent) {
+    const bool closed = cp(agent) && !cp(agent)->controlledPortEnabled();
+    EXPECT_EQ(vetoed(agent), closed) << agent.name() << " at " << sim.now();
+  }
+
   Sim::Agent& a = sim.agentIs("a");
   Sim::Agent& b = sim.agentIs("b");
 };
 
 TEST_F(Device, PortsComeWithTheLinkAndGoWithItWhileTheirStatusStays) {
+  watches.push_back([this] {
+    vetoFollowsPort(a);
+    vetoFollowsPort(b);
+  });
   // Configured, but with its link down: nothing is made, not even the controlled port's status.
   Engine& ea = a.engine();
   ea.hardwareIs(intf(a));
@@ -85,6 +96,7 @@ TEST_F(Device, PortsComeWithTheLinkAndGoWithItWhileTheirStatusStays) {
   EXPECT_EQ(cp(b)->oldSakContext(), SakContext());
   EXPECT_EQ(cp(b)->rxSakSize(), 0u);
   EXPECT_EQ(portStatus(b)->actorStatusSize(), 0u);
+  EXPECT_TRUE(vetoed(b));
 
   // While it is down the interface gets another address; coming up writes the new SCI, and the
   // link is secured again.
@@ -103,7 +115,9 @@ TEST_F(Device, PortsComeWithTheLinkAndGoWithItWhileTheirStatusStays) {
   EXPECT_FALSE(b.port(intf(b)));
   EXPECT_FALSE(cp(b));
   EXPECT_FALSE(portStatus(b));
+  EXPECT_FALSE(vetoed(b));
   b.engine().hardwareIs(intf(b));
+  EXPECT_TRUE(vetoed(b));
   EXPECT_TRUE(b.port(intf(b)));
   double* third = firstTime([&] { return secured(); });
   sim.runFor(30);
@@ -142,10 +156,15 @@ TEST_F(Device, ARestartGoesOnOverTheStatusItFinds) {
   EXPECT_EQ(logCount("MKA_SAK_CREATED"), keysMade);
   watches.clear();
 
-  // The link went down while b was away: its statuses survive, empty.
+  // The link went down while b was away: its statuses survive, empty, and its forwarding is held
+  // back from the start. A veto left for an interface that MACsec no longer runs on is lifted.
+  const Lanx::IntfId gone("eth9");
   b.engine().stateMachinesStop();
   b.engine().linkIs(intf(b), Interface::linkDown);
+  b.engine().forwardingModel()->forwardingModelInputIs(gone, Interface::intfForwardingModelUnauthorized());
   b.engine().stateMachinesStart();
+  EXPECT_TRUE(vetoed(b));
+  EXPECT_FALSE(b.engine().forwardingModel()->forwardingModelInputHas(gone));
   ASSERT_TRUE(cp(b));
   ASSERT_TRUE(portStatus(b));
   EXPECT_FALSE(cp(b)->controlledPortEnabled());
@@ -155,8 +174,13 @@ TEST_F(Device, ARestartGoesOnOverTheStatusItFinds) {
 
   // Its parameters changed while it was away: the controlled port's status goes (a new one comes
   // with the port), the port's status stays.
+  // The veto outlives the state machines that wrote it, until the port opens again.
+  b.engine().stateMachinesStop();
+  EXPECT_TRUE(vetoed(b));
+  b.engine().stateMachinesStart();
   b.engine().linkIs(intf(b), Interface::linkUp);
   sim.runFor(30);
+  EXPECT_FALSE(vetoed(b));
   const Zef::Ptr<CpStatus> cpBefore = cp(b);
   const Zef::Ptr<MkaPortStatus> portBefore = portStatus(b);
   b.engine().stateMachinesStop();
@@ -251,6 +275,60 @@ TEST_F(Fips, ASilentHardwareIsRetriedThreeTimesAndFailsAfterFourPeriods) {
   EXPECT_EQ(cp(a)->postStatus(), postFailed);
   EXPECT_FALSE(a.engine().device()->postSm(intf(a)));
   EXPECT_FALSE(a.port(intf(a)));
+}
+
+TEST_F(Fips, AProxyInterfaceIsTestedAsAnEnginePortIs) {
+  Engine& engine = a.engine();
+  const Lanx::IntfId proxy("eth5");
+  const auto testing = [&] { return static_cast<bool>(a.status()->cpStatus(proxy)); };
+  // The hardware resets the interface: it leaves the hardware's status and comes back at the start.
+  const auto reset = [&](SelfTestResponder responder) {
+    a.emulator()->selfTestResponderIs(responder);
+    engine.hardwareDel(proxy);
+    engine.hardwareIs(proxy);
+  };
+
+  // A proxy interface without hardware status is not tested; the status's arrival starts the test.
+  engine.ethernetIs(proxy, mac(5), 1);
+  engine.proxyStatus()->proxyIntfIs(proxy, true);
+  EXPECT_FALSE(testing());
+  reset(selfTestResponderOn);
+  ASSERT_TRUE(testing());
+  EXPECT_NE(a.status()->cpStatus(proxy)->postStatus(), postNotStarted);
+
+  // Passed: the test's controlled port goes, and nothing tests the interface again.
+  sim.runFor(5);
+  EXPECT_EQ(a.hw(proxy)->hwPostStatus(), postComplete);
+  EXPECT_FALSE(testing());
+  sim.runFor(1000);
+  EXPECT_FALSE(testing());
+  EXPECT_TRUE(failures().empty());
+
+  // A frame that comes back wrong fails the test at once.
+  reset(selfTestResponderCorrupt);
+  ASSERT_TRUE(testing());
+  sim.runFor(5);
+  EXPECT_EQ(a.hw(proxy)->hwPostStatus(), postFailed);
+  EXPECT_FALSE(testing());
+  ASSERT_EQ(failures().size(), 1u);
+  EXPECT_NE(failures()[0].find("unexpected payload on interface eth5"), std::string::npos) << failures()[0];
+
+  // Silent hardware: the test fails after four periods.
+  reset(selfTestResponderSilent);
+  sim.runFor(4 * 180 - 1);
+  EXPECT_TRUE(testing());
+  sim.runFor(2);
+  EXPECT_FALSE(testing());
+  ASSERT_EQ(failures().size(), 2u);
+  EXPECT_NE(failures()[1].find("due to timeout on interface eth5"), std::string::npos) << failures()[1];
+
+  // An interface that stops being a proxy during its test loses it at once, without a failure.
+  reset(selfTestResponderSilent);
+  ASSERT_TRUE(testing());
+  engine.proxyStatus()->proxyIntfDel(proxy);
+  EXPECT_FALSE(testing());
+  sim.runFor(4 * 180 + 1);
+  EXPECT_EQ(failures().size(), 2u);
 }
 
 }  // namespace
