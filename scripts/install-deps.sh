@@ -13,6 +13,12 @@ packages=(
   clang libclang-rt-14-dev  # the fuzzer of the MKPDU decoder (libFuzzer)
   tshark             # an independent dissector that checks our MKPDU bytes
   python3-cryptography  # an independent check of ICVs and key wrap
+  libtomlplusplus-dev  # the daemon's configuration file (TOML)
+  nlohmann-json3-dev   # JSON for the control socket and mkactl
+  libcli11-dev         # the programs' command lines
+  libsystemd-dev       # sd_notify for the systemd unit
+  libnl-3-dev libnl-route-3-dev libnl-genl-3-dev  # netlink: links and the kernel's MACsec
+  iproute2             # network namespaces and veth pairs for the daemon's tests
 )
 
 missing=()

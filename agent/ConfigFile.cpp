@@ -1,0 +1,295 @@
+#include "agent/ConfigFile.h"
+
+#include <fcntl.h>
+#include <openssl/crypto.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <toml++/toml.h>
+#include <cerrno>
+#include <cstring>
+#include <initializer_list>
+#include <string_view>
+
+#include "model/KeyBytes.h"
+#include "model/StoredKey.h"
+#include "platform/HashTable.h"
+
+namespace Macsec {
+
+const char* dataPlaneName(DataPlane plane) { return plane == DataPlane::kernel ? "kernel" : "emulated"; }
+
+namespace {
+
+constexpr size_t kLongestCkn = 32;  // octets
+constexpr size_t kLongestInterfaceName = 15;
+constexpr size_t kLongestKeyFile = 4096;
+
+void wipe(std::string& text) {
+  if (!text.empty()) OPENSSL_cleanse(text.data(), text.size());
+}
+
+// Reads one file's tables into a ConfigFile, and stops at the first error.
+class Reader {
+ public:
+  Reader(const std::string& path, toml::table& root) : path_(path), root_(root) {}
+
+  ConfigFile read() {
+    ConfigFile file;
+    file.path = path_;
+    onlyKnown(root_, "", {"global", "profile", "interface"});
+    if (toml::node* global = root_.get("global")) readGlobal(file, table(*global, "global"));
+    if (toml::node* profiles = root_.get("profile")) {
+      for (auto&& [name, node] : table(*profiles, "profile")) {
+        const std::string field = "profile." + std::string(name.str());
+        file.profiles[std::string(name.str())] = readProfile(table(node, field), field);
+      }
+    }
+    if (toml::node* interfaces = root_.get("interface")) {
+      for (auto&& [name, node] : table(*interfaces, "interface")) {
+        const std::string field = "interface." + std::string(name.str());
+        file.interfaces[std::string(name.str())] =
+            readInterface(file, std::string(name.str()), table(node, field), field);
+      }
+    }
+    return file;
+  }
+
+ private:
+  [[noreturn]] void fail(const toml::node& node, const std::string& field, const std::string& what) const {
+    throw ConfigFileError(path_ + ":" + std::to_string(node.source().begin.line) + ": " + field + ": " + what);
+  }
+
+  static std::string join(const std::string& field, std::string_view key) {
+    return field.empty() ? std::string(key) : field + "." + std::string(key);
+  }
+
+  toml::table& table(toml::node& node, const std::string& field) const {
+    toml::table* t = node.as_table();
+    if (t == nullptr) fail(node, field, "must be a table");
+    return *t;
+  }
+
+  void onlyKnown(toml::table& t, const std::string& field, std::initializer_list<std::string_view> known) const {
+    for (auto&& [key, node] : t) {
+      bool found = false;
+      for (std::string_view k : known) found = found || key.str() == k;
+      if (!found) fail(node, join(field, key.str()), "unknown field");
+    }
+  }
+
+  bool boolean(toml::table& t, const std::string& field, std::string_view key, bool otherwise) const {
+    toml::node* node = t.get(key);
+    if (node == nullptr) return otherwise;
+    if (!node->is_boolean()) fail(*node, join(field, key), "must be true or false");
+    return node->as_boolean()->get();
+  }
+
+  uint32_t number(toml::table& t, const std::string& field, std::string_view key, uint32_t otherwise,
+                  uint32_t highest) const {
+    toml::node* node = t.get(key);
+    if (node == nullptr) return otherwise;
+    if (!node->is_integer()) fail(*node, join(field, key), "must be a whole number");
+    const int64_t value = node->as_integer()->get();
+    if (value < 0 || value > static_cast<int64_t>(highest)) {
+      fail(*node, join(field, key), "must be from 0 to " + std::to_string(highest));
+    }
+    return static_cast<uint32_t>(value);
+  }
+
+  // Text, or null if the key is absent. The string lives in the parsed tables, so that key text
+  // can be wiped where it lies.
+  std::string* text(toml::table& t, const std::string& field, std::string_view key) const {
+    toml::node* node = t.get(key);
+    if (node == nullptr) return nullptr;
+    if (!node->is_string()) fail(*node, join(field, key), "must be text in quotes");
+    return &node->as_string()->get();
+  }
+
+  void readGlobal(ConfigFile& file, toml::table& global) const {
+    onlyKnown(global, "global", {"dataplane", "delay-protection", "fips"});
+    if (std::string* plane = text(global, "global", "dataplane")) {
+      if (*plane == "kernel") {
+        file.dataPlane = DataPlane::kernel;
+      } else if (*plane != "emulated") {
+        fail(*global.get("dataplane"), "global.dataplane", "must be \"emulated\" or \"kernel\"");
+      }
+    }
+    file.delayProtection = boolean(global, "global", "delay-protection", false);
+    file.fips = boolean(global, "global", "fips", false);
+  }
+
+  ProfileSettings readProfile(toml::table& t, const std::string& field) const {
+    onlyKnown(t, field,
+              {"ckn", "cak", "cak-file", "fallback-ckn", "fallback-cak", "fallback-cak-file", "cipher-suite",
+               "key-server-priority", "rekey-period", "allow-unprotected", "replay-protection", "replay-window",
+               "include-sci", "key-retire", "bypass-lldp", "eap"});
+    ProfileSettings p;
+    if (std::string* suite = text(t, field, "cipher-suite")) {
+      if (*suite == "gcm-aes-256") {
+        p.cipherSuite = cipherSuiteGcmAes256;
+      } else if (*suite != "gcm-aes-128") {
+        fail(*t.get("cipher-suite"), field + ".cipher-suite", "must be \"gcm-aes-128\" or \"gcm-aes-256\"");
+      }
+    }
+    p.key = key(t, field, "ckn", "cak", "cak-file");
+    p.fallbackKey = key(t, field, "fallback-ckn", "fallback-cak", "fallback-cak-file");
+    p.keyServerPriority = static_cast<uint8_t>(number(t, field, "key-server-priority", 16, 255));
+    p.rekeyPeriod = number(t, field, "rekey-period", 0, 86400 * 365);
+    p.allowUnprotected = boolean(t, field, "allow-unprotected", false);
+    p.replayProtection = boolean(t, field, "replay-protection", false);
+    p.replayWindow = number(t, field, "replay-window", 0, UINT32_MAX);
+    p.includeSci = boolean(t, field, "include-sci", false);
+    p.keyRetire = boolean(t, field, "key-retire", false);
+    p.bypassLldp = boolean(t, field, "bypass-lldp", false);
+    p.eap = boolean(t, field, "eap", false);
+    return p;
+  }
+
+  // A CKN with its CAK, given in the file or in a key file; none if the profile gives neither.
+  Cak key(toml::table& t, const std::string& field, std::string_view cknKey, std::string_view cakKey,
+          std::string_view cakFileKey) const {
+    std::string* ckn = text(t, field, cknKey);
+    std::string* cak = text(t, field, cakKey);
+    std::string* cakFile = text(t, field, cakFileKey);
+    if (cak && cakFile) fail(*t.get(cakFileKey), join(field, cakFileKey), "give the key or its file, not both");
+    if (!ckn && !cak && !cakFile) return Cak();
+    if (!ckn) fail(*t.get(cak ? cakKey : cakFileKey), join(field, cknKey), "missing: a key needs its name");
+    if (!cak && !cakFile) fail(*t.get(cknKey), join(field, cakKey), "missing: a key name needs its key");
+
+    KeyBytes name;
+    if (!hexToBytes(*ckn, name) || name.empty() || name.size() > kLongestCkn) {
+      fail(*t.get(cknKey), join(field, cknKey), "must be 1 to 32 octets in hexadecimal");
+    }
+    const std::string where = join(field, cak ? cakKey : cakFileKey);
+    const toml::node& node = *t.get(cak ? cakKey : cakFileKey);
+    std::string clear = cak ? *cak : readKeyFile(*cakFile, node, where);
+    if (cak) wipe(*cak);
+    KeyBytes octets;
+    const bool hex = hexToBytes(clear, octets);
+    wipe(clear);
+    if (!hex) fail(node, where, "the key must be hexadecimal");
+    if (octets.size() != 16 && octets.size() != 32)
+      fail(node, where, "the key must be 16 or 32 octets (128 or 256 bits)");
+    return Cak{Zef::String(*ckn), StoredKey::of(octets)};
+  }
+
+  // The text of a key file, without surrounding white space. Refused, as an SSH server refuses its
+  // keys, unless it is a regular file that only its owner may read.
+  std::string readKeyFile(const std::string& file, const toml::node& node, const std::string& field) const {
+    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) fail(node, field, "cannot read key file " + file + ": " + std::strerror(errno));
+    struct stat st {};
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+      ::close(fd);
+      fail(node, field, "key file " + file + " is not a regular file");
+    }
+    if ((st.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+      ::close(fd);
+      fail(node, field, "key file " + file + " is open to group or others; make it readable by its owner alone");
+    }
+    std::string content(kLongestKeyFile + 1, '\0');
+    const ssize_t got = ::read(fd, content.data(), content.size());
+    ::close(fd);
+    if (got < 0 || static_cast<size_t>(got) > kLongestKeyFile) {
+      wipe(content);
+      fail(node, field, "cannot read key file " + file);
+    }
+    const std::string_view whole(content.data(), static_cast<size_t>(got));
+    const size_t first = whole.find_first_not_of(" \t\r\n");
+    const size_t last = whole.find_last_not_of(" \t\r\n");
+    std::string key =
+        first == std::string_view::npos ? std::string() : std::string(whole.substr(first, last - first + 1));
+    wipe(content);
+    return key;
+  }
+
+  std::string readInterface(const ConfigFile& file, const std::string& name, toml::table& t,
+                            const std::string& field) const {
+    onlyKnown(t, field, {"profile"});
+    if (name.empty() || name.size() > kLongestInterfaceName || name.find_first_of("/ \t:") != std::string::npos) {
+      fail(t, field, "not an interface name");
+    }
+    std::string* profile = text(t, field, "profile");
+    if (profile == nullptr) fail(t, field + ".profile", "missing: the interface needs a profile");
+    if (!file.profiles.contains(*profile)) fail(*t.get("profile"), field + ".profile", "no profile named " + *profile);
+    return *profile;
+  }
+
+  const std::string& path_;
+  toml::table& root_;
+};
+
+}  // namespace
+
+ConfigFile parseConfigText(std::string text, const std::string& path) {
+  toml::table root;
+  try {
+    root = toml::parse(text, path);
+  } catch (const toml::parse_error& e) {
+    wipe(text);
+    throw ConfigFileError(path + ":" + std::to_string(e.source().begin.line) + ": " + std::string(e.description()));
+  }
+  wipe(text);
+  return Reader(path, root).read();
+}
+
+ConfigFile readConfigFile(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) throw ConfigFileError(path + ": cannot read: " + std::strerror(errno));
+  std::string text;
+  char buffer[4096];
+  ssize_t got = 0;
+  while ((got = ::read(fd, buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<size_t>(got));
+  const int error = errno;
+  OPENSSL_cleanse(buffer, sizeof buffer);
+  ::close(fd);
+  if (got < 0) {
+    wipe(text);
+    throw ConfigFileError(path + ": cannot read: " + std::strerror(error));
+  }
+  return parseConfigText(std::move(text), path);
+}
+
+namespace {
+
+// Writes a key only if it is another key: a new stored form of the same key changes nothing.
+void keyIs(Profile& profile, const Cak& key, bool fallback) {
+  const Cak& current = fallback ? profile.defaultKey() : profile.key();
+  if (current.sameKeyAs(key)) return;
+  fallback ? profile.defaultKeyIs(key) : profile.keyIs(key);
+}
+
+}  // namespace
+
+void applyConfigFile(const ConfigFile& file, Config& source) {
+  source.delayProtectionIs(file.delayProtection);
+  source.fipsRestrictionsIs(file.fips);
+  for (const auto& [name, settings] : file.profiles) {
+    const Zef::Ptr<Profile> profile = source.profileIs(Zef::Name(name));
+    keyIs(*profile, settings.key, false);
+    keyIs(*profile, settings.fallbackKey, true);
+    profile->cipherSuiteIs(settings.cipherSuite);
+    profile->keyServerPriorityIs(settings.keyServerPriority);
+    profile->sessionReKeyPeriodIs(settings.rekeyPeriod);
+    profile->allowUnprotectedIs(settings.allowUnprotected);
+    profile->replayProtectionIs(settings.replayProtection);
+    profile->replayProtectionWindowIs(settings.replayWindow);
+    profile->includeSciIs(settings.includeSci);
+    profile->keyRetireIs(settings.keyRetire);
+    profile->bypassLldpIs(settings.bypassLldp);
+    profile->dot1xEnabledIs(settings.eap);
+  }
+  for (const auto& [intf, profile] : file.interfaces) {
+    source.intfConfigIs(Lanx::IntfId(intf))->profileNameIs(Zef::String(profile));
+  }
+  // What the file no longer has goes: interfaces before the profiles they may name.
+  for (const Lanx::IntfId& intf : Zef::keysOf<Lanx::IntfId>(source.intfConfigIter())) {
+    if (!file.interfaces.contains(intf.stringValue())) source.intfConfigDel(intf);
+  }
+  for (const Zef::Name& name : Zef::keysOf<Zef::Name>(source.profileIter())) {
+    if (!file.profiles.contains(name.stdString())) source.profileDel(name);
+  }
+}
+
+}  // namespace Macsec

@@ -1,0 +1,86 @@
+#pragma once
+
+// The daemon's configuration file, in TOML. A file is read and checked whole before anything of it
+// is applied: the first error stops the reading, and names the file, the line and the field.
+//
+//   [global]
+//   dataplane = "emulated"            # or "kernel"
+//   delay-protection = false
+//   fips = false
+//
+//   [profile.office]
+//   ckn = "96437a93ccf10d9dfe347846cce52c7d"
+//   cak = "135bd758b0ee5c11c55ff6ab19fdb199"   # or cak-file = "/etc/mkad/office.cak"
+//   fallback-ckn = "..."                       # with fallback-cak or fallback-cak-file
+//   cipher-suite = "gcm-aes-128"               # or "gcm-aes-256"
+//   key-server-priority = 16
+//   rekey-period = 0                           # seconds; 0 rekeys only when needed
+//   allow-unprotected = false
+//   replay-protection = false
+//   replay-window = 0
+//   include-sci = false
+//   key-retire = false
+//   bypass-lldp = false
+//   eap = false                                # keys from 802.1X instead
+//
+//   [interface.eth0]
+//   profile = "office"
+//
+// Keys are hexadecimal text, in the file or in a key file of their own, which nobody but its owner
+// may read. They are held in stored form from the moment they are read, and their text is wiped.
+
+#include <map>
+#include <stdexcept>
+#include <string>
+
+#include "model/Config.h"
+#include "model/Values.h"
+
+namespace Macsec {
+
+// Where the engine's keys go: the emulated hardware (nothing is encrypted) or the kernel's MACsec.
+enum class DataPlane { emulated, kernel };
+const char* dataPlaneName(DataPlane plane);
+
+// One profile as the file gives it.
+struct ProfileSettings {
+  Cak key;
+  Cak fallbackKey;
+  CipherSuite cipherSuite = cipherSuiteGcmAes128;
+  uint8_t keyServerPriority = 16;
+  uint32_t rekeyPeriod = 0;
+  bool allowUnprotected = false;
+  bool replayProtection = false;
+  uint32_t replayWindow = 0;
+  bool includeSci = false;
+  bool keyRetire = false;
+  bool bypassLldp = false;
+  bool eap = false;
+};
+
+struct ConfigFile {
+  std::string path;
+  DataPlane dataPlane = DataPlane::emulated;
+  bool delayProtection = false;
+  bool fips = false;
+  std::map<std::string, ProfileSettings> profiles;
+  // Each configured interface and the profile it runs.
+  std::map<std::string, std::string> interfaces;
+};
+
+// "file:line: field: what is wrong", or "file: what is wrong" where no line applies.
+class ConfigFileError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Reads and checks a file; throws ConfigFileError.
+ConfigFile readConfigFile(const std::string& path);
+// The same for text that stands for the file at `path`; the text is wiped once read.
+ConfigFile parseConfigText(std::string text, const std::string& path);
+
+// Makes a configuration source say what the file says. Only what differs is written, so that
+// unchanged profiles and interfaces keep their sessions and keys; what the file no longer has goes.
+void applyConfigFile(const ConfigFile& file, Config& source);
+
+}  // namespace Macsec

@@ -1,0 +1,121 @@
+// The daemon's configuration file: every mistake is refused with the file, the line and the field,
+// keys never show in a message, and a file applied again writes only what changed.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "agent/ConfigFile.h"
+
+namespace Macsec {
+namespace {
+
+const std::string kCkn = "96437a93ccf10d9dfe347846cce52c7d";
+const std::string kCak = "135bd758b0ee5c11c55ff6ab19fdb199";
+const std::string kCak256 = "a29efdb63d6fba73c65daab2295340a837a8886e94a905b5c9c7ef1d9dbb297e";
+
+std::string office(const std::string& cakLine) {
+  return "[profile.office]\nckn = \"" + kCkn + "\"\n" + cakLine + "\n\n[interface.eth0]\nprofile = \"office\"\n";
+}
+
+// The error that reading the text gives, empty if it reads.
+std::string errorOf(const std::string& text) {
+  try {
+    parseConfigText(text, "mkad.conf");
+  } catch (const ConfigFileError& e) {
+    return e.what();
+  }
+  return "";
+}
+
+// A key file in the test's temporary directory, with the given permissions.
+std::string keyFile(const std::string& name, const std::string& content, mode_t mode) {
+  const std::string path = ::testing::TempDir() + name;
+  std::ofstream(path) << content << "\n";
+  ::chmod(path.c_str(), mode);
+  return path;
+}
+
+TEST(ConfigFile, EveryMistakeIsRefusedWithFileLineAndField) {
+  const std::string readable = keyFile("readable.cak", kCak, 0644);
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"[global]\ndataplane = \"emulated\"\ncolour = 1\n", "mkad.conf:3: global.colour: unknown field"},
+      {"[global]\ndataplane = \"hardware\"\n", "mkad.conf:2: global.dataplane: must be \"emulated\" or \"kernel\""},
+      {"[global]\nfips = \"yes\"\n", "mkad.conf:2: global.fips: must be true or false"},
+      {office("cak = \"135bd758b0ee5c11c55ff6ab19fd\""), "mkad.conf:3: profile.office.cak: the key must be 16 or 32"},
+      {office("cak = \"135bd758b0ee5c11c55ff6ab19fdb1zz\""), "mkad.conf:3: profile.office.cak: the key must be hex"},
+      {"[profile.office]\nckn = \"\"\ncak = \"" + kCak + "\"\n", "mkad.conf:2: profile.office.ckn: must be 1 to 32"},
+      {"[profile.office]\nckn = \"" + std::string(66, 'a') + "\"\ncak = \"" + kCak + "\"\n",
+       "mkad.conf:2: profile.office.ckn: must be 1 to 32"},
+      {"[profile.office]\nckn = \"" + kCkn + "\"\n", "mkad.conf:2: profile.office.cak: missing"},
+      {"[profile.office]\nkey-server-priority = 300\n",
+       "mkad.conf:2: profile.office.key-server-priority: must be from 0 to 255"},
+      {"[profile.office]\ncipher-suite = \"des\"\n", "mkad.conf:2: profile.office.cipher-suite: must be"},
+      {"[interface.eth0]\nprofile = \"office\"\n", "mkad.conf:2: interface.eth0.profile: no profile named office"},
+      {"[profile.a]\n[profile.b]\n[interface.eth0]\nprofile = \"a\"\n[interface.eth0]\nprofile = \"b\"\n",
+       "mkad.conf:5: "},
+      {office("cak-file = \"" + readable + "\""),
+       "mkad.conf:3: profile.office.cak-file: key file " + readable + " is open to group or others"},
+      {office("cak-file = \"/nonexistent.cak\""), "mkad.conf:3: profile.office.cak-file: cannot read key file"},
+      {"[profile.office\n", "mkad.conf:1: "},
+  };
+  for (const auto& [text, expected] : cases) {
+    const std::string error = errorOf(text);
+    EXPECT_EQ(error.rfind(expected, 0), 0u) << "got: " << error << "\nfor:\n" << text;
+    EXPECT_EQ(error.find("135bd758"), std::string::npos) << error;
+  }
+  try {
+    readConfigFile("/nonexistent/mkad.conf");
+    ADD_FAILURE() << "a missing file reads";
+  } catch (const ConfigFileError& e) {
+    EXPECT_EQ(std::string(e.what()), "/nonexistent/mkad.conf: cannot read: No such file or directory");
+  }
+}
+
+TEST(ConfigFile, AFileAppliedAgainWritesOnlyWhatChanged) {
+  const std::string ownKey = keyFile("own.cak", kCak256, 0600);
+  const std::string first = "[global]\ndelay-protection = true\n\n" + office("cak = \"" + kCak + "\"") +
+                            "\n[profile.lab]\nckn = \"01\"\ncak-file = \"" + ownKey +
+                            "\"\ncipher-suite = \"gcm-aes-256\"\nkey-server-priority = 3\n"
+                            "\n[profile.spare]\neap = true\n\n[interface.eth1]\nprofile = \"lab\"\n";
+  const ConfigFile file = parseConfigText(first, "mkad.conf");
+  EXPECT_EQ(file.dataPlane, DataPlane::emulated);
+  const Zef::Ptr<Config> source = Config::ConfigIs(Zef::Name("cli"));
+  applyConfigFile(file, *source);
+  EXPECT_TRUE(source->delayProtection());
+  ASSERT_EQ(source->profileSize(), 3u);
+  const Zef::Ptr<Profile> lab = source->profile(Zef::Name("lab"));
+  EXPECT_TRUE(lab->key().sameKeyAs(Cak{"01", StoredKey::ofHex(kCak256)}));
+  EXPECT_EQ(lab->cipherSuite(), cipherSuiteGcmAes256);
+  EXPECT_EQ(lab->keyServerPriority(), 3);
+  EXPECT_TRUE(source->profile(Zef::Name("spare"))->dot1xEnabled());
+  EXPECT_EQ(source->intfConfig(Lanx::IntfId("eth1"))->profileName(), Zef::String("lab"));
+
+  // Read again, the same file writes nothing: not even a new stored form of an unchanged key.
+  const Zef::String labStored = lab->key().cak.storedText();
+  const Zef::String officeStored = source->profile(Zef::Name("office"))->key().cak.storedText();
+  applyConfigFile(parseConfigText(first, "mkad.conf"), *source);
+  EXPECT_EQ(lab->key().cak.storedText(), labStored);
+  EXPECT_EQ(source->profile(Zef::Name("office"))->key().cak.storedText(), officeStored);
+
+  // One key changed, a profile and an interface gone: the rest stays as it was.
+  const std::string second = office("cak = \"" + kCak256 + "\"") + "\n[profile.lab]\nckn = \"01\"\ncak-file = \"" +
+                             ownKey + "\"\ncipher-suite = \"gcm-aes-256\"\nkey-server-priority = 3\n";
+  applyConfigFile(parseConfigText(second, "mkad.conf"), *source);
+  EXPECT_FALSE(source->delayProtection());
+  EXPECT_EQ(source->profile(Zef::Name("lab")), lab);
+  EXPECT_EQ(lab->key().cak.storedText(), labStored);
+  EXPECT_TRUE(source->profile(Zef::Name("office"))->key().sameKeyAs(Cak{kCkn, StoredKey::ofHex(kCak256)}));
+  EXPECT_FALSE(source->profileHas(Zef::Name("spare")));
+  EXPECT_FALSE(source->intfConfigHas(Lanx::IntfId("eth1")));
+  EXPECT_TRUE(source->intfConfigHas(Lanx::IntfId("eth0")));
+}
+
+}  // namespace
+}  // namespace Macsec
