@@ -111,33 +111,27 @@ void InputConfigSm::handleProfile(const Zef::Name& profileName) {
   handleIntfs(profileName);
 }
 
-// The attributes of a profile that the merge carries, in the order in which a rebuilt profile
-// gets them. The interfaces of a merged profile come from the merged interfaces, and the static
-// SAKs of a source never reach the merged Config.
-#define MERGED_PROFILE_ATTRS(X)                           \
-  X(handleKey, key)                                       \
-  X(handleDefaultKey, defaultKey)                         \
-  X(handleKeyServerPriority, keyServerPriority)           \
-  X(handleSessionReKeyPeriod, sessionReKeyPeriod)         \
-  X(handleAllowUnprotected, allowUnprotected)             \
-  X(handleCipherSuite, cipherSuite)                       \
-  X(handleDot1xEnabled, dot1xEnabled)                     \
-  X(handleIncludeSci, includeSci)                         \
-  X(handleBypassLldp, bypassLldp)                         \
-  X(handleReplayProtection, replayProtection)             \
-  X(handleReplayProtectionWindow, replayProtectionWindow) \
-  X(handleGroupCak, groupCak)                             \
-  X(handleKeyRetire, keyRetire)
-
 void InputConfigSm::copyProfileAttrs(const Zef::Name& source, const Zef::Name& profileName) {
   TRACE(8, "");
   const Zef::Ptr<Profile> to = mergedConfig()->profile(profileName);
   const Zef::Ptr<Config const> config = sourceConfig(source);
   const Zef::Ptr<Profile const> from = config ? config->profile(profileName) : nullptr;
   if (!to || !from) return;
-#define COPY_ATTR(handler, attr) to->attr##Is(from->attr());
-  MERGED_PROFILE_ATTRS(COPY_ATTR)
-#undef COPY_ATTR
+  // The interfaces of a merged profile come from the merged interfaces, and the static SAKs of a
+  // source never reach the merged Config.
+  to->keyIs(from->key());
+  to->defaultKeyIs(from->defaultKey());
+  to->keyServerPriorityIs(from->keyServerPriority());
+  to->sessionReKeyPeriodIs(from->sessionReKeyPeriod());
+  to->allowUnprotectedIs(from->allowUnprotected());
+  to->cipherSuiteIs(from->cipherSuite());
+  to->dot1xEnabledIs(from->dot1xEnabled());
+  to->includeSciIs(from->includeSci());
+  to->bypassLldpIs(from->bypassLldp());
+  to->replayProtectionIs(from->replayProtection());
+  to->replayProtectionWindowIs(from->replayProtectionWindow());
+  to->groupCakIs(from->groupCak());
+  to->keyRetireIs(from->keyRetire());
 }
 
 namespace {
