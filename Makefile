@@ -7,7 +7,7 @@ FUZZ_SECONDS ?= 30
 JOBS       ?= $(shell nproc)
 CMAKE      := cmake -G Ninja -DMKA_WERROR=ON
 
-.PHONY: all deps build build-asan fuzz test run bench format format-check clean
+.PHONY: all deps build build-asan fuzz test run bench install format format-check clean
 
 all: build
 
@@ -36,8 +36,9 @@ test: format-check build build-asan fuzz
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 	ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
 
+# Two daemons securing a veth pair between two network namespaces (the simulator without root).
 run: build
-	$(BUILD)/mkasim --pcap $(BUILD)/mkasim.pcap
+	@scripts/run-demo.sh $(BUILD)
 
 bench: build
 	$(BUILD)/mka_bench
@@ -49,6 +50,12 @@ format: deps
 
 format-check: deps
 	@clang-format --dry-run --Werror $(SOURCES)
+
+# The daemon and mkactl, to install by hand on a host; dist/mkad.service is the systemd unit.
+install: build
+	install -D -m 0755 $(BUILD)/mkad $(DESTDIR)/usr/sbin/mkad
+	install -D -m 0755 $(BUILD)/mkactl $(DESTDIR)/usr/bin/mkactl
+	install -D -m 0644 dist/mkad.service $(DESTDIR)/lib/systemd/system/mkad.service
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

@@ -212,10 +212,19 @@ void Engine::interfaceIs(const Lanx::IntfId& intf, const InterfaceSettings& sett
   macsecIs(intf, settings);
 }
 
-void Engine::linkedInterfaceIs(const Lanx::IntfId& intf, const Lanx::EthAddr& addr, uint16_t portId) {
+void Engine::linkedInterfaceIs(const Lanx::IntfId& intf, const Lanx::EthAddr& addr, uint16_t portId,
+                               Interface::LinkStatus link) {
   hardwareIs(intf);
-  ethernetIs(intf, addr, portId);
+  ethernetIs(intf, addr, portId, link);
+  const Speaking speaking(name());
   openAccessPoint(intf);
+}
+
+void Engine::linkedInterfaceDel(const Lanx::IntfId& intf) {
+  ethernetDel(intf);
+  hardwareDel(intf);
+  const Speaking speaking(name());
+  if (codec_) pamManager_->mkaIntfDel(intf);
 }
 
 Zef::Ptr<MkaPortSm> Engine::port(const Lanx::IntfId& intf) const {

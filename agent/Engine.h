@@ -93,7 +93,10 @@ class Engine {
   // All of the above for an interface that is up: the device starts its port.
   // An interface that is up, in the hardware, with a codec's access point, whose MACsec settings
   // and keys come from the configuration.
-  void linkedInterfaceIs(const Lanx::IntfId& intf, const Lanx::EthAddr& addr, uint16_t portId = 1);
+  void linkedInterfaceIs(const Lanx::IntfId& intf, const Lanx::EthAddr& addr, uint16_t portId = 1,
+                         Interface::LinkStatus link = Interface::linkUp);
+  // Such an interface gone from the switch: its status, hardware and access point.
+  void linkedInterfaceDel(const Lanx::IntfId& intf);
   void interfaceIs(const Lanx::IntfId& intf, const InterfaceSettings& settings);
   // Stops the interface's port state machine, as the device does when the link goes down.
   void portDel(const Lanx::IntfId& intf);

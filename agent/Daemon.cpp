@@ -1,0 +1,207 @@
+#include "agent/Daemon.h"
+
+#include <algorithm>
+
+#include "agent/DaemonLog.h"
+#include "agent/StatusReport.h"
+#include "platform/Clock.h"
+
+namespace Macsec {
+
+Daemon::Daemon(EventLoop& loop, DaemonOptions options)
+    : loop_(loop), options_(std::move(options)), config_(readChecked(options_.configPath)) {
+  engine_ = std::make_unique<Engine>(EngineOptions{.name = "mkad", .frames = true, .randomSeed = randomSeed()});
+  engine_->frameTransmitterIs([this](const Lanx::IntfId& intf, const std::string& frame) { transmit(intf, frame); });
+  engine_->as([&] { applyConfigFile(config_, *engine_->config()); });
+  linkWatcher_ =
+      std::make_unique<LinkWatcher>([this](const LinkState& link) { linkChanged(link); },
+                                    [this](const std::string& name) { linkGone(name); }, [this] { linksKnown(); });
+  loop_.fdIs(linkWatcher_->fd(), EPOLLIN, [this](uint32_t) { linkWatcher_->readable(); });
+  control_ = std::make_unique<ControlServer>(loop_, options_.socketPath,
+                                             [this](const nlohmann::json& request) { return answer(request); });
+  loop_.afterEventsIs([this] { runDueTimers(); });
+
+  Zef::log(MKAD_STARTED, config_.path, dataPlaneName(config_.dataPlane));
+  if (config_.dataPlane == DataPlane::emulated) {
+    std::string names;
+    for (const auto& [name, profile] : config_.interfaces) names += (names.empty() ? "" : ", ") + name;
+    Zef::log(MKAD_EMULATED_DATA_PLANE, names);
+  }
+}
+
+Daemon::~Daemon() {
+  stop();
+  loop_.afterEventsIs(nullptr);
+  control_.reset();
+  loop_.fdDel(linkWatcher_->fd());
+  linkWatcher_.reset();
+  for (auto& [name, port] : ports_) loop_.fdDel(port.eapol->fd());
+  ports_.clear();
+  engine_.reset();
+}
+
+uint64_t Daemon::randomSeed() {
+  // The actors' random start differs from one run to the next, as it does between hosts.
+  return static_cast<uint64_t>(Zef::System::currentTimeUtc() * 1e6);
+}
+
+ConfigFile Daemon::readChecked(const std::string& path) {
+  ConfigFile file = readConfigFile(path);
+  if (file.dataPlane == DataPlane::kernel) {
+    // Never fall back: a host that asked for encryption gets none until it can have it.
+    throw ConfigFileError(path +
+                          ": global.dataplane: the kernel data plane is not available in this build; "
+                          "\"emulated\" is (it encrypts nothing)");
+  }
+  return file;
+}
+
+std::optional<std::string> Daemon::reload() {
+  ConfigFile file;
+  try {
+    file = readChecked(options_.configPath);
+    if (file.dataPlane != config_.dataPlane) {
+      throw ConfigFileError(options_.configPath + ": global.dataplane: changes only with a restart of mkad");
+    }
+  } catch (const ConfigFileError& error) {
+    Zef::log(MKAD_CONFIG_REFUSED, error.what());
+    return error.what();
+  }
+  config_ = std::move(file);
+  engine_->as([&] { applyConfigFile(config_, *engine_->config()); });
+  portsFollowConfig();
+  Zef::log(MKAD_CONFIG_RELOADED, config_.path);
+  return std::nullopt;
+}
+
+size_t Daemon::stop() {
+  // Shutting MACsec down takes every session down and the data plane's SAs with it; the engine
+  // holds no key afterwards.
+  engine_->as([&] { engine_->config()->shutdownIs(true); });
+  runDueTimers();
+  const size_t left = keysHeld();
+  Zef::log(MKAD_STOPPED, left);
+  return left;
+}
+
+size_t Daemon::keysHeld() const {
+  // What the data plane was asked to hold (each SA's key) and what each participant holds (its
+  // CAK and what derives from it).
+  size_t count = 0;
+  const Zef::Ptr<Status>& status = engine_->status();
+  for (auto it = status->cpStatusIter(); it; ++it) {
+    const Zef::Ptr<CpStatus> cp = status->cpStatus(it.key());
+    count += cp->txSak().empty() ? 0 : 1;
+    count += cp->rxSakSize();
+  }
+  for (auto it = status->portStatusIter(); it; ++it) count += status->portStatus(it.key())->actorStatusSize();
+  return count;
+}
+
+void Daemon::linksKnown() {
+  for (const auto& [name, profile] : config_.interfaces) {
+    if (!links_.contains(name)) Zef::log(MKAD_INTF_WAITING, name);
+  }
+}
+
+void Daemon::linkChanged(const LinkState& link) {
+  links_[link.name] = link;
+  if (config_.interfaces.contains(link.name)) portIs(link);
+}
+
+void Daemon::linkGone(const std::string& name) {
+  links_.erase(name);
+  portDel(name);
+  if (config_.interfaces.contains(name)) Zef::log(MKAD_INTF_WAITING, name);
+}
+
+void Daemon::portIs(const LinkState& link) {
+  Port& port = ports_[link.name];
+  if (!port.eapol || port.eapol->ifindex() != link.ifindex) {
+    if (port.eapol) loop_.fdDel(port.eapol->fd());
+    std::string error;
+    port.eapol = EapolSocket::open(link.ifindex, error);
+    if (!port.eapol) {
+      ports_.erase(link.name);
+      Zef::log(MKAD_INTF_FAILED, link.name, error);
+      return;
+    }
+    const Lanx::IntfId intf(link.name);
+    EapolSocket* eapol = port.eapol.get();
+    loop_.fdIs(eapol->fd(), EPOLLIN, [this, intf, eapol](uint32_t) {
+      eapol->readable([&](const uint8_t* frame, size_t length) { engine_->frameIs(intf, frame, length); });
+    });
+  }
+  engine_->linkedInterfaceIs(Lanx::IntfId(link.name), link.addr, 1, link.up ? Interface::linkUp : Interface::linkDown);
+}
+
+void Daemon::portDel(const std::string& name) {
+  const auto it = ports_.find(name);
+  if (it == ports_.end()) return;
+  loop_.fdDel(it->second.eapol->fd());
+  ports_.erase(it);
+  engine_->linkedInterfaceDel(Lanx::IntfId(name));
+}
+
+void Daemon::portsFollowConfig() {
+  std::vector<std::string> unconfigured;
+  for (const auto& [name, port] : ports_) {
+    if (!config_.interfaces.contains(name)) unconfigured.push_back(name);
+  }
+  for (const std::string& name : unconfigured) portDel(name);
+  for (const auto& [name, profile] : config_.interfaces) {
+    if (ports_.contains(name)) continue;
+    if (const auto link = links_.find(name); link != links_.end()) {
+      portIs(link->second);
+    } else {
+      Zef::log(MKAD_INTF_WAITING, name);
+    }
+  }
+}
+
+void Daemon::transmit(const Lanx::IntfId& intf, const std::string& frame) {
+  const auto it = ports_.find(intf.stringValue());
+  if (it != ports_.end()) it->second.eapol->send(frame);
+}
+
+void Daemon::runDueTimers() {
+  while (engine_->serviceOneTimer()) {
+  }
+  loop_.deadlineIs(engine_->nextDeadline());
+}
+
+nlohmann::json Daemon::answer(const nlohmann::json& request) {
+  const auto command = request.find("command");
+  if (command == request.end() || !command->is_string()) return {{"error", "the request names no command"}};
+  if (*command == "show") return show();
+  if (*command == "counters") return counters();
+  if (*command == "clear-counters") {
+    engine_->as([&] { engine_->config()->clearMkaCountersInc(1); });
+    return {{"ok", true}};
+  }
+  if (*command == "reload") {
+    if (const std::optional<std::string> error = reload()) return {{"error", *error}};
+    return {{"ok", true}};
+  }
+  return {{"error", "unknown command"}};
+}
+
+nlohmann::json Daemon::show() const {
+  nlohmann::json reply = dataPlaneReport(config_.dataPlane);
+  reply["config"] = config_.path;
+  nlohmann::json& interfaces = reply["interfaces"] = nlohmann::json::array();
+  for (const auto& [name, profile] : config_.interfaces) {
+    interfaces.push_back(interfaceReport(*engine_, Lanx::IntfId(name), ports_.contains(name), config_.dataPlane));
+  }
+  return reply;
+}
+
+nlohmann::json Daemon::counters() const {
+  nlohmann::json reply{{"interfaces", nlohmann::json::array()}};
+  for (const auto& [name, profile] : config_.interfaces) {
+    reply["interfaces"].push_back(countersReport(*engine_, Lanx::IntfId(name)));
+  }
+  return reply;
+}
+
+}  // namespace Macsec

@@ -1,0 +1,80 @@
+#pragma once
+
+// mkad: one engine on the host's real interfaces. It reads the configuration file, follows the
+// kernel's interfaces through rtnetlink, carries MKPDUs through an EAPOL socket on each configured
+// interface, runs the engine's timers from the event loop and answers the control socket. Reload
+// (SIGHUP or a request) reads the whole file first and applies it only if it has no error.
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "agent/ConfigFile.h"
+#include "agent/ControlServer.h"
+#include "agent/EapolSocket.h"
+#include "agent/Engine.h"
+#include "agent/EventLoop.h"
+#include "agent/LinkWatcher.h"
+
+namespace Macsec {
+
+struct DaemonOptions {
+  std::string configPath = "/etc/mkad/mkad.toml";
+  std::string socketPath = "/run/mkad/mkad.sock";
+};
+
+class Daemon {
+ public:
+  // Reads and applies the configuration, opens rtnetlink and the control socket. Throws
+  // ConfigFileError for a configuration that cannot run, std::runtime_error for a control socket
+  // that cannot be made.
+  Daemon(EventLoop& loop, DaemonOptions options);
+  // Takes the engine down, so that no key is left in the data plane or in memory.
+  ~Daemon();
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
+  const Engine& engine() const noexcept { return *engine_; }
+  // Reads the file again and applies it; on any error nothing changes and the error is returned.
+  std::optional<std::string> reload();
+  // Stops MACsec on every interface and returns how many keys the engine and its data plane still
+  // hold: none, unless something is wrong.
+  size_t stop();
+  // Answers one request of the control socket.
+  nlohmann::json answer(const nlohmann::json& request);
+
+ private:
+  struct Port {
+    std::unique_ptr<EapolSocket> eapol;
+  };
+
+  static ConfigFile readChecked(const std::string& path);
+  static uint64_t randomSeed();
+  void linksKnown();
+  void linkChanged(const LinkState& link);
+  void linkGone(const std::string& name);
+  // Starts or follows MKA on a configured interface that the kernel has, and stops it.
+  void portIs(const LinkState& link);
+  void portDel(const std::string& name);
+  // Brings the ports in line with the configured interfaces, after the configuration changed.
+  void portsFollowConfig();
+  void transmit(const Lanx::IntfId& intf, const std::string& frame);
+  void runDueTimers();
+  nlohmann::json show() const;
+  nlohmann::json counters() const;
+  size_t keysHeld() const;
+
+  EventLoop& loop_;
+  DaemonOptions options_;
+  ConfigFile config_;
+  std::unique_ptr<Engine> engine_;
+  std::map<std::string, LinkState> links_;  // every interface of the kernel, by name
+  std::map<std::string, Port> ports_;       // configured interfaces that the kernel has
+  std::unique_ptr<LinkWatcher> linkWatcher_;
+  std::unique_ptr<ControlServer> control_;
+};
+
+}  // namespace Macsec

@@ -1,0 +1,54 @@
+#include "agent/DaemonLog.h"
+
+#include <syslog.h>
+
+#include <cstdio>
+
+namespace Macsec {
+
+Zef::LogHandle MKAD_STARTED("MKAD_STARTED", 5, "mkad started with configuration %s and the %s data plane",
+                            "The daemon has applied its configuration and runs MKA on the configured interfaces.",
+                            Zef::NoActionRequired, 0, 1.0, 0);
+
+Zef::LogHandle MKAD_EMULATED_DATA_PLANE(
+    "MKAD_EMULATED_DATA_PLANE", 4,
+    "The emulated data plane encrypts nothing: no traffic is protected on the configured interfaces (%s)",
+    "The configuration chose the emulated data plane, which runs MKA sessions without programming any MACsec device.",
+    "Choose the kernel data plane to protect traffic.", 0, 1.0, 0);
+
+Zef::LogHandle MKAD_CONFIG_RELOADED("MKAD_CONFIG_RELOADED", 5, "Configuration %s reloaded",
+                                    "The new configuration is in force; unchanged interfaces kept their sessions.",
+                                    Zef::NoActionRequired, 0, 1.0, 0);
+
+Zef::LogHandle MKAD_CONFIG_REFUSED("MKAD_CONFIG_REFUSED", 3, "Configuration refused, nothing changed: %s",
+                                   "The configuration file has an error; the running configuration stays in force.",
+                                   "Correct the file at the line and field named, then reload.", 0, 1.0, 0);
+
+Zef::LogHandle MKAD_INTF_WAITING("MKAD_INTF_WAITING", 5,
+                                 "Interface %s is configured but does not exist; waiting for it",
+                                 "MKA starts on the interface as soon as the kernel reports it.", Zef::NoActionRequired,
+                                 0, 1.0, 0);
+
+Zef::LogHandle MKAD_INTF_FAILED("MKAD_INTF_FAILED", 3, "Cannot exchange MKPDUs on interface %s: %s",
+                                "The daemon could not open the interface's EAPOL socket; MKA does not run there.",
+                                "Check that the daemon has CAP_NET_RAW.", 60, 1.0, 0);
+
+Zef::LogHandle MKAD_STOPPED("MKAD_STOPPED", 5, "mkad stopped; %s keys left in the engine and its data plane",
+                            "The daemon has taken the engine down and removed its keys.", Zef::NoActionRequired, 0, 1.0,
+                            0);
+
+void operatorLogIs(LogTarget target) {
+  if (target == LogTarget::syslog) {
+    openlog("mkad", LOG_PID, LOG_DAEMON);
+    Zef::logSinkIs([](const Zef::LogRecord& r) {
+      syslog(LOG_DAEMON | r.handle->severity(), "%s: %s", r.handle->name().stdString().c_str(), r.text.c_str());
+    });
+    return;
+  }
+  Zef::logSinkIs([](const Zef::LogRecord& r) {
+    std::fprintf(stderr, "<%d>%s: %s\n", r.handle->severity(), r.handle->name().stdString().c_str(), r.text.c_str());
+    std::fflush(stderr);
+  });
+}
+
+}  // namespace Macsec

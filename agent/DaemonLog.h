@@ -1,0 +1,21 @@
+#pragma once
+
+// The daemon's own messages in the operators' log, and where the log goes: standard error, each
+// line led by its syslog priority ("<3>" for an error) as systemd's journal reads it, or syslog.
+
+#include "platform/Log.h"
+
+namespace Macsec {
+
+extern Zef::LogHandle MKAD_STARTED;
+extern Zef::LogHandle MKAD_EMULATED_DATA_PLANE;
+extern Zef::LogHandle MKAD_CONFIG_RELOADED;
+extern Zef::LogHandle MKAD_CONFIG_REFUSED;
+extern Zef::LogHandle MKAD_INTF_WAITING;
+extern Zef::LogHandle MKAD_INTF_FAILED;
+extern Zef::LogHandle MKAD_STOPPED;
+
+enum class LogTarget { standardError, syslog };
+void operatorLogIs(LogTarget target);
+
+}  // namespace Macsec

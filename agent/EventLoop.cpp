@@ -1,0 +1,113 @@
+#include "agent/EventLoop.h"
+
+#include <sys/signalfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <string>
+
+#include "platform/Fatal.h"
+
+namespace Macsec {
+
+namespace {
+
+[[noreturn]] void environmentFailed(const char* what) {
+  Zef::fatal(std::string("mkad: ") + what + ": " + std::strerror(errno));
+}
+
+void watch(int epollFd, int op, int fd, uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = fd;
+  if (epoll_ctl(epollFd, op, fd, &event) < 0) environmentFailed("epoll_ctl");
+}
+
+}  // namespace
+
+EventLoop::EventLoop(std::initializer_list<int> signals) {
+  epollFd_ = epoll_create1(EPOLL_CLOEXEC);
+  if (epollFd_ < 0) environmentFailed("epoll_create1");
+  timerFd_ = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+  if (timerFd_ < 0) environmentFailed("timerfd_create");
+  sigset_t set;
+  sigemptyset(&set);
+  for (int signal : signals) sigaddset(&set, signal);
+  if (sigprocmask(SIG_BLOCK, &set, nullptr) < 0) environmentFailed("sigprocmask");
+  signalFd_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+  if (signalFd_ < 0) environmentFailed("signalfd");
+  fdIs(timerFd_, EPOLLIN, [this](uint32_t) { timerReadable(); });
+  fdIs(signalFd_, EPOLLIN, [this](uint32_t) { signalReadable(); });
+}
+
+EventLoop::~EventLoop() {
+  close(signalFd_);
+  close(timerFd_);
+  close(epollFd_);
+}
+
+void EventLoop::fdIs(int fd, uint32_t events, Handler handler) {
+  const bool known = handlers_.contains(fd);
+  handlers_[fd] = std::make_shared<Handler>(std::move(handler));
+  watch(epollFd_, known ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, events);
+}
+
+void EventLoop::fdDel(int fd) {
+  if (handlers_.erase(fd) == 0) return;
+  epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr);
+}
+
+void EventLoop::deadlineIs(double monotonicTime) {
+  if (monotonicTime == deadline_) return;
+  deadline_ = monotonicTime;
+  itimerspec spec{};
+  if (std::isfinite(monotonicTime)) {
+    // A time already past still arms the timer: zero would disarm it.
+    const double at = std::max(monotonicTime, 1e-9);
+    spec.it_value.tv_sec = static_cast<time_t>(at);
+    spec.it_value.tv_nsec = static_cast<long>((at - std::floor(at)) * 1e9);
+    if (spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0) spec.it_value.tv_nsec = 1;
+  }
+  if (timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &spec, nullptr) < 0) environmentFailed("timerfd_settime");
+}
+
+void EventLoop::timerReadable() {
+  uint64_t expirations = 0;
+  if (read(timerFd_, &expirations, sizeof expirations) < 0) return;
+  deadline_ = -1;  // spent: the next deadlineIs() arms it again, even for the same time
+  if (timerHandler_) timerHandler_();
+}
+
+void EventLoop::signalReadable() {
+  signalfd_siginfo info{};
+  while (read(signalFd_, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+    if (signalHandler_) signalHandler_(static_cast<int>(info.ssi_signo));
+  }
+}
+
+void EventLoop::run() {
+  running_ = true;
+  constexpr int kBatch = 32;
+  epoll_event events[kBatch];
+  while (running_) {
+    if (afterEvents_) afterEvents_();
+    if (!running_) break;
+    const int ready = epoll_wait(epollFd_, events, kBatch, -1);
+    if (ready < 0) {
+      if (errno == EINTR) continue;
+      environmentFailed("epoll_wait");
+    }
+    for (int i = 0; i < ready && running_; ++i) {
+      const auto it = handlers_.find(events[i].data.fd);
+      if (it == handlers_.end()) continue;  // removed by an earlier handler of this round
+      const std::shared_ptr<Handler> handler = it->second;
+      (*handler)(events[i].events);
+    }
+  }
+}
+
+}  // namespace Macsec

@@ -1,0 +1,61 @@
+#pragma once
+
+// The daemon's one loop: every file descriptor, the one timer and the signals it handles are
+// registered here, and the thread sleeps in epoll until one of them has something. Signals are
+// read from a signalfd, so no work is ever done in a signal handler.
+
+#include <sys/epoll.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+
+namespace Macsec {
+
+class EventLoop {
+ public:
+  using Handler = std::function<void(uint32_t events)>;
+
+  // Blocks `signals` for the thread and delivers them through the loop instead. Ends the process
+  // with a message if the kernel gives none of epoll, timerfd or signalfd.
+  explicit EventLoop(std::initializer_list<int> signals);
+  ~EventLoop();
+  EventLoop(const EventLoop&) = delete;
+  EventLoop& operator=(const EventLoop&) = delete;
+
+  // Watches a descriptor for `events` (EPOLLIN, EPOLLOUT); a second call changes what is watched
+  // and the handler. The caller owns the descriptor and removes it before it closes it.
+  void fdIs(int fd, uint32_t events, Handler handler);
+  void fdDel(int fd);
+
+  // The one timer, at an absolute time of the monotonic clock in seconds; infinity disarms it.
+  void deadlineIs(double monotonicTime);
+  void timerHandlerIs(std::function<void()> handler) { timerHandler_ = std::move(handler); }
+  void signalHandlerIs(std::function<void(int signal)> handler) { signalHandler_ = std::move(handler); }
+  // Runs after every round of events, for work that follows whatever happened (arming the timer
+  // for the engine's next deadline).
+  void afterEventsIs(std::function<void()> work) { afterEvents_ = std::move(work); }
+
+  // Waits and dispatches until stop().
+  void run();
+  void stop() { running_ = false; }
+
+ private:
+  void timerReadable();
+  void signalReadable();
+
+  int epollFd_ = -1;
+  int timerFd_ = -1;
+  int signalFd_ = -1;
+  double deadline_ = -1;
+  bool running_ = false;
+  // A handler may remove descriptors, its own included, so each is held by a counted pointer that
+  // a round of dispatch keeps alive.
+  std::map<int, std::shared_ptr<Handler>> handlers_;
+  std::function<void()> timerHandler_;
+  std::function<void(int)> signalHandler_;
+  std::function<void()> afterEvents_;
+};
+
+}  // namespace Macsec

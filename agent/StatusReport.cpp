@@ -1,0 +1,108 @@
+#include "agent/StatusReport.h"
+
+#include <sstream>
+
+namespace Macsec {
+
+namespace {
+
+template <class Value>
+std::string text(const Value& value) {
+  std::ostringstream out;
+  out << value;
+  return out.str();
+}
+
+// The actor whose key the port uses: the principal one, else the first there is.
+Zef::Ptr<MkaActorStatus> principalActor(const Zef::Ptr<MkaPortStatus>& port) {
+  if (!port) return nullptr;
+  Zef::Ptr<MkaActorStatus> first;
+  for (auto it = port->actorStatusIter(); it; ++it) {
+    const Zef::Ptr<MkaActorStatus> actor = port->actorStatus(it.key());
+    if (actor->principal()) return actor;
+    if (!first) first = actor;
+  }
+  return first;
+}
+
+// A key by its identity only: the key server's member identifier, the key number and the
+// association number.
+nlohmann::json keyReport(const Sak& sak) {
+  if (sak.empty()) return nullptr;
+  return nlohmann::json{{"key-number", sak.keyNum}, {"an", sak.an}, {"key-server-mi", sak.mi.stdString()}};
+}
+
+const char* saState(bool enabled, bool installed) {
+  if (enabled) return "in use";
+  return installed ? "installed" : "none";
+}
+
+const char* controlledPort(const Zef::Ptr<CpStatus>& cp) {
+  if (!cp || !cp->controlledPortEnabled()) return "closed";
+  return cp->unprotectedTraffic() ? "open, unprotected" : "secured";
+}
+
+}  // namespace
+
+nlohmann::json dataPlaneReport(DataPlane plane) {
+  nlohmann::json report{{"data-plane", dataPlaneName(plane)}, {"encrypted", plane == DataPlane::kernel}};
+  if (plane == DataPlane::emulated) report["warning"] = "the emulated data plane encrypts nothing";
+  return report;
+}
+
+nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, bool present, DataPlane plane) {
+  const Zef::Ptr<Status>& status = engine.status();
+  nlohmann::json report{{"name", intf.stringValue()}, {"present", present}};
+  report.update(dataPlaneReport(plane));
+  if (const Zef::Ptr<IntfConfig> config = engine.mergedConfig()->intfConfig(intf)) {
+    report["profile"] = config->profileName().stdString();
+  }
+  const Zef::Ptr<Interface::EthIntfStatus> eth = engine.ethIntfStatusDir()->intfStatus(intf);
+  const bool up = eth && eth->linkStatus() == Interface::linkUp;
+  report["link"] = !present ? "absent" : up ? "up" : "down";
+
+  const Zef::Ptr<MkaActorStatus> actor = principalActor(status->portStatus(intf));
+  report["ckn"] = actor ? nlohmann::json(actor->ckn().stdString()) : nlohmann::json(nullptr);
+  report["key-server"] = actor && !actor->keyServer().isZero() ? nlohmann::json(text(actor->keyServer())) : nullptr;
+  report["is-key-server"] = actor && actor->electedSelf();
+  report["live-peers"] = actor ? actor->livePeerSize() : 0;
+  report["potential-peers"] = actor ? actor->potentialPeerSize() : 0;
+
+  const Zef::Ptr<CpStatus> cp = status->cpStatus(intf);
+  const SakContext latest = cp ? cp->latestSakContext() : SakContext{};
+  const SakContext old = cp ? cp->oldSakContext() : SakContext{};
+  report["latest-key"] = keyReport(latest.sak);
+  report["old-key"] = keyReport(old.sak);
+  report["tx-sa"] = saState(latest.txEnabled || old.txEnabled, latest.txInstalled || old.txInstalled);
+  report["rx-sa"] = saState(latest.rxEnabled || old.rxEnabled, latest.rxInstalled || old.rxInstalled);
+  report["controlled-port"] = controlledPort(cp);
+  report["status"] = !present                     ? "waiting for the interface"
+                     : !up                        ? "link down"
+                     : !actor                     ? "no key"
+                     : actor->livePeerSize() == 0 ? "no peer"
+                                                  : controlledPort(cp);
+  return report;
+}
+
+nlohmann::json countersReport(const Engine& engine, const Lanx::IntfId& intf) {
+  const Zef::Ptr<Memtab::MessageCounters>& counters = engine.counters();
+  const Memtab::MessageCounterData live = counters->row(intf);
+  const Memtab::MessageCounterData cleared = counters->msgCounterSnapshot(intf);
+  auto since = [](uint64_t now, uint64_t then) { return now >= then ? now - then : now; };
+  return nlohmann::json{
+      {"name", intf.stringValue()},
+      {"in-mkpdu", since(live.inMkpdus, cleared.inMkpdus)},
+      {"out-mkpdu", since(live.outMkpdus, cleared.outMkpdus)},
+      {"out-mkpdu-errors", since(live.outErrors, cleared.outErrors)},
+      {"in-mkpdu-validation-errors", since(live.inMalformed, cleared.inMalformed)},
+      {"in-mkpdu-not-mka-errors", since(live.inNotMka, cleared.inNotMka)},
+      {"in-mkpdu-version-errors", since(live.inBadVersion, cleared.inBadVersion)},
+      {"in-mkpdu-agility-errors", since(live.inUnsupportedAgility, cleared.inUnsupportedAgility)},
+      {"in-mkpdu-unknown-ckn-errors", since(live.inUnknownCkn, cleared.inUnknownCkn)},
+      {"in-mkpdu-icv-verification-errors", since(live.inBadIcv, cleared.inBadIcv)},
+      {"sak-decryption-errors", since(live.inBadKeyWrap, cleared.inBadKeyWrap)},
+      {"in-mkpdu-bad-peer-errors", since(live.inReplayed, cleared.inReplayed)},
+  };
+}
+
+}  // namespace Macsec

@@ -1,0 +1,25 @@
+#pragma once
+
+// What the daemon tells its operators about a running engine, as JSON with names in the style of
+// the OpenConfig MACsec model: each configured interface's session, and each interface's MKPDU
+// counters. No key, nor anything derived from one, is ever part of it; the data plane in use is
+// part of every interface's entry, so that no view can be read as protection it is not.
+
+#include <nlohmann/json.hpp>
+
+#include "agent/ConfigFile.h"
+#include "agent/Engine.h"
+
+namespace Macsec {
+
+// The session of one interface the configuration names; `present` says whether the kernel has
+// the interface yet.
+nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, bool present, DataPlane plane);
+
+// What the data plane does, for the head of every view.
+nlohmann::json dataPlaneReport(DataPlane plane);
+
+// One interface's MKPDU counters since they were last cleared, each refusal by its reason.
+nlohmann::json countersReport(const Engine& engine, const Lanx::IntfId& intf);
+
+}  // namespace Macsec

@@ -1,0 +1,335 @@
+#!/usr/bin/python3
+"""mkad and mkactl as operators run them: daemons in network namespaces joined by veth pairs,
+configured by files, watched through the control socket. Real time, with bounded waits that poll
+for a condition.
+
+usage: mkad_test.py MKAD MKACTL [unittest arguments]
+"""
+
+import json
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+MKAD = MKACTL = None
+
+CKN = "96437a93ccf10d9dfe347846cce52c7d"
+CAK_128 = "135bd758b0ee5c11c55ff6ab19fdb199"
+CAK_256 = "a29efdb63d6fba73c65daab2295340a837a8886e94a905b5c9c7ef1d9dbb297e"
+OTHER_CAK_128 = "00112233445566778899aabbccddeeff"
+
+
+def namespaces_available():
+    if os.geteuid() != 0:
+        return "needs root for network namespaces"
+    if shutil.which("ip") is None:
+        return "needs iproute2"
+    probe = "mkadprobe%d" % os.getpid()
+    if subprocess.run(["ip", "netns", "add", probe], capture_output=True).returncode != 0:
+        return "cannot create network namespaces here"
+    subprocess.run(["ip", "netns", "del", probe], capture_output=True)
+    return None
+
+
+def wait_for(condition, timeout, what):
+    """Polls until condition() gives a true value, and returns it; fails after `timeout` seconds."""
+    deadline = time.monotonic() + timeout
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError("timed out after %s s waiting for %s" % (timeout, what))
+        time.sleep(0.05)
+
+
+def profile_text(cak=CAK_128, cipher=None, ckn=CKN):
+    text = '[profile.lab]\nckn = "%s"\ncak = "%s"\n' % (ckn, cak)
+    if cipher:
+        text += 'cipher-suite = "%s"\n' % cipher
+    return text
+
+
+class Daemon:
+    """One mkad, in a network namespace or in the test's own, with its file, socket and log."""
+
+    def __init__(self, workdir, name, interface, netns=None, profile=None):
+        self.name, self.netns, self.interface = name, netns, interface
+        self.config = os.path.join(workdir, name + ".toml")
+        self.socket = os.path.join(workdir, name, "mkad.sock")
+        self.log = os.path.join(workdir, name + ".log")
+        self.write_config(profile or profile_text())
+        self.process = None
+
+    def write_config(self, profile, interface=None):
+        with open(self.config, "w") as f:
+            f.write('[global]\ndataplane = "emulated"\n\n' + profile +
+                    '\n[interface.%s]\nprofile = "lab"\n' % (interface or self.interface))
+
+    def command(self, *args):
+        prefix = ["ip", "netns", "exec", self.netns] if self.netns else []
+        return prefix + list(args)
+
+    def start(self):
+        self.logfile = open(self.log, "w")
+        self.process = subprocess.Popen(self.command(MKAD, "--foreground", "--config", self.config,
+                                                     "--socket", self.socket),
+                                        stdout=self.logfile, stderr=subprocess.STDOUT)
+        wait_for(lambda: os.path.exists(self.socket) or self.process.poll() is not None, 10,
+                 self.name + "'s control socket")
+        if self.process.poll() is not None:
+            raise AssertionError("%s ended at start: %s" % (self.name, self.log_text()))
+
+    def stop(self):
+        if self.process and self.process.poll() is None:
+            self.process.send_signal(signal.SIGTERM)
+            try:
+                self.process.wait(5)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait()
+        if self.process:
+            self.logfile.close()
+
+    def log_text(self):
+        with open(self.log) as f:
+            return f.read()
+
+    def ctl(self, *args):
+        return subprocess.run([MKACTL, "--socket", self.socket] + list(args), capture_output=True, text=True,
+                              timeout=10)
+
+    def show(self):
+        result = self.ctl("show", "--json")
+        if result.returncode != 0:
+            raise AssertionError("mkactl show failed: " + result.stderr)
+        return json.loads(result.stdout)
+
+    def session(self):
+        return self.show()["interfaces"][0]
+
+    def counters(self):
+        return json.loads(self.ctl("show", "counters", "--json").stdout)["interfaces"][0]
+
+    def secured(self):
+        session = self.session()
+        return session if session["status"] == "secured" else None
+
+
+class Pair:
+    """Two namespaces joined by a veth pair, each with its daemon."""
+
+    def __init__(self, test, profile_a=None, profile_b=None):
+        self.test = test
+        tag = "%d%d" % (os.getpid() % 10000, id(self) % 1000)
+        self.netns = ["mkta" + tag, "mktb" + tag]
+        for ns in self.netns:
+            subprocess.run(["ip", "netns", "add", ns], check=True)
+        subprocess.run(["ip", "link", "add", "eth-a", "netns", self.netns[0], "type", "veth", "peer", "name",
+                        "eth-b", "netns", self.netns[1]], check=True)
+        for ns, intf in zip(self.netns, ["eth-a", "eth-b"]):
+            subprocess.run(["ip", "-n", ns, "link", "set", intf, "up"], check=True)
+        self.a = Daemon(test.workdir, "a", "eth-a", self.netns[0], profile_a)
+        self.b = Daemon(test.workdir, "b", "eth-b", self.netns[1], profile_b)
+        test.addCleanup(self.close)
+        self.a.start()
+        self.b.start()
+
+    def close(self):
+        self.a.stop()
+        self.b.stop()
+        for ns in self.netns:
+            subprocess.run(["ip", "netns", "del", ns], capture_output=True)
+
+    def wait_secured(self, timeout=30):
+        """Both ends secured on one key; returns that key."""
+        def agreed():
+            a, b = self.a.secured(), self.b.secured()
+            if not a or not b:
+                return None
+            key_a = a["latest-key"] or a["old-key"]
+            key_b = b["latest-key"] or b["old-key"]
+            return key_a if key_a and key_a == key_b else None
+        return wait_for(agreed, timeout, "both ends secured on one key")
+
+
+class DaemonTest(unittest.TestCase):
+    def setUp(self):
+        self.workdir = tempfile.mkdtemp(prefix="mkad-test-")
+        self.addCleanup(shutil.rmtree, self.workdir, True)
+
+
+class Sessions(DaemonTest):
+    @classmethod
+    def setUpClass(cls):
+        reason = namespaces_available()
+        if reason:
+            raise unittest.SkipTest(reason)
+
+    def test_two_daemons_secure_a_veth_pair_with_128_and_256_bit_keys(self):
+        for cak, cipher in [(CAK_128, None), (CAK_256, "gcm-aes-256")]:
+            with self.subTest(cipher=cipher or "gcm-aes-128"):
+                pair = Pair(self, profile_text(cak, cipher), profile_text(cak, cipher))
+                key = pair.wait_secured()
+                for daemon in (pair.a, pair.b):
+                    session = daemon.session()
+                    self.assertEqual(session["live-peers"], 1)
+                    self.assertEqual(session["ckn"], CKN)
+                    self.assertEqual((session["tx-sa"], session["rx-sa"]), ("in use", "in use"))
+                    # The emulated data plane says in every view that it encrypts nothing.
+                    self.assertEqual((session["data-plane"], session["encrypted"]), ("emulated", False))
+                    self.assertIn("encrypts nothing", daemon.ctl("show").stdout)
+                    counters = daemon.counters()
+                    self.assertGreater(counters["in-mkpdu"], 0)
+                    self.assertGreater(counters["out-mkpdu"], 0)
+                self.assertEqual(pair.a.session()["is-key-server"], not pair.b.session()["is-key-server"])
+                self.assertIsNotNone(key["key-server-mi"])
+                pair.close()
+
+    def test_the_session_comes_back_after_a_link_flap(self):
+        pair = Pair(self)
+        pair.wait_secured()
+        subprocess.run(["ip", "-n", pair.netns[1], "link", "set", "eth-b", "down"], check=True)
+        wait_for(lambda: pair.b.session()["status"] == "link down", 10, "the link down at b")
+        wait_for(lambda: pair.a.session()["controlled-port"] == "closed", 10, "a's port closed")
+        subprocess.run(["ip", "-n", pair.netns[1], "link", "set", "eth-b", "up"], check=True)
+        pair.wait_secured()
+
+    def test_a_reload_moves_to_a_new_key_without_closing_the_port_and_a_broken_file_changes_nothing(self):
+        pair = Pair(self)
+        first = pair.wait_secured()
+        # Both ends get the new key; one through mkactl, the other through SIGHUP.
+        for daemon in (pair.a, pair.b):
+            daemon.write_config(profile_text(OTHER_CAK_128))
+        self.assertEqual(pair.a.ctl("reload").returncode, 0)
+        pair.b.process.send_signal(signal.SIGHUP)
+
+        def moved():
+            for daemon in (pair.a, pair.b):
+                self.assertEqual(daemon.session()["controlled-port"], "secured", daemon.name + "'s port closed")
+            key = pair.wait_secured()
+            return key if key["key-server-mi"] != first["key-server-mi"] else None
+        second = wait_for(moved, 30, "both ends on a key of the new CAK")
+        self.assertIn("MKAD_CONFIG_RELOADED", pair.b.log_text())
+
+        with open(pair.a.config, "a") as f:
+            f.write("\n[profile.extra]\nckn = \"01\"\ncak = \"not hex\"\n")
+        result = pair.a.ctl("reload")
+        self.assertEqual(result.returncode, 1)
+        self.assertRegex(result.stderr, r"a\.toml:\d+: profile\.extra\.cak: ")
+        self.assertEqual(pair.wait_secured(), second)
+        self.assertIn("MKAD_CONFIG_REFUSED", pair.a.log_text())
+
+    def test_a_peer_with_a_wrong_cak_never_becomes_live_and_its_mkpdus_are_counted(self):
+        pair = Pair(self, profile_b=profile_text(OTHER_CAK_128))
+        wait_for(lambda: pair.a.counters()["in-mkpdu-icv-verification-errors"] >= 2, 15, "refused MKPDUs at a")
+        for daemon in (pair.a, pair.b):
+            session = daemon.session()
+            self.assertEqual(session["live-peers"], 0)
+            self.assertEqual(session["controlled-port"], "closed")
+        self.assertEqual(pair.a.counters()["in-mkpdu"], 0)
+        self.assertEqual(pair.a.ctl("clear", "counters").returncode, 0)
+        self.assertLess(pair.a.counters()["in-mkpdu-icv-verification-errors"], 2)
+
+    def test_sigterm_ends_the_daemon_within_a_second_with_no_key_left(self):
+        pair = Pair(self)
+        pair.wait_secured()
+        started = time.monotonic()
+        pair.a.process.send_signal(signal.SIGTERM)
+        self.assertEqual(pair.a.process.wait(5), 0)
+        self.assertLess(time.monotonic() - started, 1.0)
+        self.assertIn("MKAD_STOPPED: mkad stopped; 0 keys left", pair.a.log_text())
+        self.assertFalse(os.path.exists(pair.a.socket))
+
+
+class BadInput(DaemonTest):
+    """Each bad file fails the start with its file, line and field, and changes nothing at reload."""
+
+    def bad_files(self):
+        key_file = os.path.join(self.workdir, "lab.cak")
+        with open(key_file, "w") as f:
+            f.write(CAK_128 + "\n")
+        os.chmod(key_file, 0o644)
+        good_interface = '\n[interface.lo]\nprofile = "lab"\n'
+        return [
+            ("unknown field", profile_text() + "colour = \"blue\"\n" + good_interface, r"profile\.lab\.colour"),
+            ("short CAK", profile_text(cak="135bd758") + good_interface, r"profile\.lab\.cak"),
+            ("CAK not hex", profile_text(cak="z" * 32) + good_interface, r"profile\.lab\.cak"),
+            ("CKN of 0 octets", profile_text(ckn="") + good_interface, r"profile\.lab\.ckn"),
+            ("CKN of 33 octets", profile_text(ckn="ab" * 33) + good_interface, r"profile\.lab\.ckn"),
+            ("missing profile", profile_text() + '\n[interface.lo]\nprofile = "none"\n', r"interface\.lo\.profile"),
+            ("two profiles", profile_text() + '\n[interface.lo]\nprofile = ["lab", "lab"]\n',
+             r"interface\.lo\.profile"),
+            ("readable key file", '[profile.lab]\nckn = "%s"\ncak-file = "%s"\n' % (CKN, key_file) + good_interface,
+             r"profile\.lab\.cak-file: .*group or others"),
+        ]
+
+    def test_bad_files_fail_the_start_and_change_nothing_at_reload(self):
+        daemon = Daemon(self.workdir, "d", "lo")
+        missing = subprocess.run([MKAD, "--foreground", "--config", os.path.join(self.workdir, "none.toml"),
+                                  "--socket", daemon.socket], capture_output=True, text=True, timeout=10)
+        self.assertNotEqual(missing.returncode, 0)
+        self.assertIn("none.toml", missing.stderr)
+
+        for what, text, field in self.bad_files():
+            with self.subTest(what):
+                path = os.path.join(self.workdir, "bad.toml")
+                with open(path, "w") as f:
+                    f.write('[global]\ndataplane = "emulated"\n' + text)
+                result = subprocess.run([MKAD, "--foreground", "--config", path, "--socket", daemon.socket],
+                                        capture_output=True, text=True, timeout=10)
+                self.assertNotEqual(result.returncode, 0)
+                self.assertRegex(result.stderr, r"bad\.toml:\d+: " + field)
+
+        daemon.start()
+        self.addCleanup(daemon.stop)
+        before = daemon.show()
+        for what, text, field in self.bad_files():
+            with self.subTest("reload: " + what):
+                with open(daemon.config, "w") as f:
+                    f.write('[global]\ndataplane = "emulated"\n' + text)
+                result = daemon.ctl("reload")
+                self.assertEqual(result.returncode, 1)
+                self.assertRegex(result.stderr, r"d\.toml:\d+: " + field)
+                self.assertEqual(daemon.show()["interfaces"], before["interfaces"])
+
+    def test_the_control_socket_answers_garbage_with_an_error_and_goes_on(self):
+        daemon = Daemon(self.workdir, "d", "lo")
+        daemon.start()
+        self.addCleanup(daemon.stop)
+        requests = [b"garbage\n", b"[1, 2]\n", b'{"command": 7}\n', b'{"command": "format disk"}\n',
+                    b"\xff\xfe\x00\x01\n", b"x" * 100000]
+        for request in requests:
+            with self.subTest(request=request[:20]):
+                client = socket.socket(socket.AF_UNIX)
+                client.settimeout(5)
+                client.connect(daemon.socket)
+                try:
+                    client.sendall(request)
+                except BrokenPipeError:
+                    pass  # the daemon answered and closed before the whole flood was sent
+                reply = json.loads(client.makefile().readline())
+                client.close()
+                self.assertIn("error", reply)
+        # A client that goes away without a word, and one that holds its connection open, stop nobody.
+        with socket.socket(socket.AF_UNIX) as gone:
+            gone.connect(daemon.socket)
+        idle = socket.socket(socket.AF_UNIX)
+        idle.connect(daemon.socket)
+        self.addCleanup(idle.close)
+        self.assertEqual(daemon.show()["interfaces"][0]["name"], "lo")
+        self.assertIsNone(daemon.process.poll())
+        # The socket is the daemon's owner's alone.
+        self.assertEqual(os.stat(daemon.socket).st_mode & 0o777, 0o600)
+        self.assertEqual(os.stat(os.path.dirname(daemon.socket)).st_mode & 0o777, 0o700)
+
+
+if __name__ == "__main__":
+    MKAD, MKACTL = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
+    unittest.main(argv=[sys.argv[0]] + sys.argv[3:], verbosity=2)

@@ -1,0 +1,130 @@
+// mkad: the MKA daemon. Reads its configuration, secures the configured interfaces with MKA and
+// answers mkactl on its control socket until SIGTERM or SIGINT; SIGHUP reloads the configuration.
+
+#include <fcntl.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+
+#include "agent/ConfigFile.h"
+#include "agent/Daemon.h"
+#include "agent/DaemonLog.h"
+#include "agent/EventLoop.h"
+#include "platform/Trace.h"
+
+namespace {
+
+struct Options {
+  Macsec::DaemonOptions daemon;
+  bool foreground = false;
+  bool syslog = false;
+  bool check = false;
+  std::string trace;
+};
+
+// Leaves the terminal behind. The parent waits until the child is ready and exits with its
+// verdict, so that a configuration error still fails the command that started the daemon.
+class Detacher {
+ public:
+  void detach() {
+    int pipeFds[2];
+    if (pipe2(pipeFds, O_CLOEXEC) < 0) throw std::runtime_error("cannot detach: no pipe");
+    const pid_t child = fork();
+    if (child < 0) throw std::runtime_error("cannot detach: cannot fork");
+    if (child > 0) {
+      close(pipeFds[1]);
+      char ready = 0;
+      // The child writes one byte once ready; if it fails first, the pipe closes empty.
+      _exit(read(pipeFds[0], &ready, 1) == 1 ? 0 : 1);
+    }
+    close(pipeFds[0]);
+    readyFd_ = pipeFds[1];
+    setsid();
+    const int null = open("/dev/null", O_RDWR);
+    dup2(null, STDIN_FILENO);
+    dup2(null, STDOUT_FILENO);
+    if (null > STDERR_FILENO) close(null);
+  }
+
+  // Tells the parent, and lets standard error go: from now on the log goes to syslog only.
+  void ready() {
+    if (readyFd_ < 0) return;
+    const char ready = 1;
+    (void)!write(readyFd_, &ready, 1);
+    close(readyFd_);
+    readyFd_ = -1;
+    const int null = open("/dev/null", O_RDWR);
+    dup2(null, STDERR_FILENO);
+    if (null > STDERR_FILENO) close(null);
+  }
+
+ private:
+  int readyFd_ = -1;
+};
+
+int checkOnly(const std::string& path) {
+  try {
+    const Macsec::ConfigFile file = Macsec::readConfigFile(path);
+    std::cout << file.path << ": valid: " << file.profiles.size() << " profiles, " << file.interfaces.size()
+              << " interfaces, the " << Macsec::dataPlaneName(file.dataPlane) << " data plane\n";
+    return 0;
+  } catch (const Macsec::ConfigFileError& error) {
+    std::cerr << "mkad: " << error.what() << "\n";
+    return 1;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  CLI::App app{"mkad: the MACsec Key Agreement daemon"};
+  app.add_option("-c,--config", options.daemon.configPath, "configuration file")->capture_default_str();
+  app.add_option("--socket", options.daemon.socketPath, "control socket")->capture_default_str();
+  app.add_flag("-f,--foreground", options.foreground, "stay in the foreground, as systemd runs it");
+  app.add_flag("--syslog", options.syslog, "log to syslog instead of standard error");
+  app.add_flag("--check", options.check, "check the configuration file and exit");
+  app.add_option("--trace", options.trace, "debug trace rules, as MKA_TRACE takes them: 'Macsec*=3'");
+  CLI11_PARSE(app, argc, argv);
+
+  if (!options.trace.empty() && !Zef::traceSettingsIs(options.trace)) {
+    std::cerr << "mkad: --trace: not a list of facility=level rules: " << options.trace << "\n";
+    return 2;
+  }
+  if (options.check) return checkOnly(options.daemon.configPath);
+
+  Detacher detacher;
+  try {
+    if (!options.foreground) detacher.detach();
+    Macsec::operatorLogIs(options.syslog || !options.foreground ? Macsec::LogTarget::syslog
+                                                                : Macsec::LogTarget::standardError);
+    Macsec::EventLoop loop({SIGTERM, SIGINT, SIGHUP});
+    signal(SIGPIPE, SIG_IGN);
+    Macsec::Daemon daemon(loop, options.daemon);
+    loop.signalHandlerIs([&](int signal) {
+      if (signal == SIGHUP) {
+        sd_notify(0, "RELOADING=1");
+        daemon.reload();
+        sd_notify(0, "READY=1");
+        return;
+      }
+      sd_notify(0, "STOPPING=1");
+      loop.stop();
+    });
+    sd_notify(0, "READY=1");
+    detacher.ready();
+    loop.run();
+  } catch (const Macsec::ConfigFileError& error) {
+    std::cerr << "mkad: " << error.what() << "\n";
+    return 1;
+  } catch (const std::exception& error) {
+    std::cerr << "mkad: " << error.what() << "\n";
+    return 1;
+  }
+  return 0;
+}
