@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
@@ -45,6 +46,8 @@ class Detacher {
     close(pipeFds[0]);
     readyFd_ = pipeFds[1];
     setsid();
+    // A daemon holds no directory busy; its paths were made absolute before.
+    if (chdir("/") < 0) throw std::runtime_error("cannot detach: cannot change to /");
     const int null = open("/dev/null", O_RDWR);
     dup2(null, STDIN_FILENO);
     dup2(null, STDOUT_FILENO);
@@ -97,6 +100,9 @@ int main(int argc, char** argv) {
     return 2;
   }
   if (options.check) return checkOnly(options.daemon.configPath);
+  // Reloads read the same file wherever the daemon's working directory is.
+  options.daemon.configPath = std::filesystem::absolute(options.daemon.configPath).string();
+  options.daemon.socketPath = std::filesystem::absolute(options.daemon.socketPath).string();
 
   Detacher detacher;
   try {

@@ -185,6 +185,10 @@ class Sessions(DaemonTest):
                     # The emulated data plane says in every view that it encrypts nothing.
                     self.assertEqual((session["data-plane"], session["encrypted"]), ("emulated", False))
                     self.assertIn("encrypts nothing", daemon.ctl("show").stdout)
+                    # No view and no log line holds the key.
+                    for output in (daemon.ctl("show", "--json").stdout, daemon.ctl("show").stdout,
+                                   daemon.ctl("show", "counters").stdout, daemon.log_text()):
+                        self.assertNotIn(cak, output.lower())
                     counters = daemon.counters()
                     self.assertGreater(counters["in-mkpdu"], 0)
                     self.assertGreater(counters["out-mkpdu"], 0)
