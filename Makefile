@@ -7,7 +7,7 @@ FUZZ_SECONDS ?= 30
 JOBS       ?= $(shell nproc)
 CMAKE      := cmake -G Ninja -DMKA_WERROR=ON
 
-.PHONY: all deps build build-asan fuzz test run bench install format format-check clean
+.PHONY: all deps build build-asan fuzz test vmtest run bench install format format-check clean
 
 all: build
 
@@ -35,6 +35,12 @@ fuzz: deps
 test: format-check build build-asan fuzz
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 	ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
+	@vmtest/vmtest.sh $(BUILD)
+
+# The kernel data plane in a VM whose kernel has MACsec: two daemons on a veth pair, traffic,
+# rekeys, flaps, restarts (SCENARIOS="secure_128 rekey_under_ping_flood" runs some of them).
+vmtest: build
+	@vmtest/vmtest.sh $(BUILD) $(SCENARIOS)
 
 # Two daemons securing a veth pair between two network namespaces (the simulator without root).
 run: build

@@ -48,8 +48,7 @@ class Reader {
     if (toml::node* interfaces = root_.get("interface")) {
       for (auto&& [name, node] : table(*interfaces, "interface")) {
         const std::string field = "interface." + std::string(name.str());
-        file.interfaces[std::string(name.str())] =
-            readInterface(file, std::string(name.str()), table(node, field), field);
+        readInterface(file, std::string(name.str()), table(node, field), field);
       }
     }
     return file;
@@ -204,16 +203,24 @@ class Reader {
     return key;
   }
 
-  std::string readInterface(const ConfigFile& file, const std::string& name, toml::table& t,
-                            const std::string& field) const {
-    onlyKnown(t, field, {"profile"});
+  void readInterface(ConfigFile& file, const std::string& name, toml::table& t, const std::string& field) const {
+    onlyKnown(t, field, {"profile", "macsec-name"});
     if (name.empty() || name.size() > kLongestInterfaceName || name.find_first_of("/ \t:") != std::string::npos) {
       fail(t, field, "not an interface name");
     }
     std::string* profile = text(t, field, "profile");
     if (profile == nullptr) fail(t, field + ".profile", "missing: the interface needs a profile");
     if (!file.profiles.contains(*profile)) fail(*t.get("profile"), field + ".profile", "no profile named " + *profile);
-    return *profile;
+    file.interfaces[name] = *profile;
+    std::string macsecName = "ms" + name.substr(0, kLongestInterfaceName - 2);
+    if (std::string* given = text(t, field, "macsec-name")) {
+      if (given->empty() || given->size() > kLongestInterfaceName ||
+          given->find_first_of("/ \t:") != std::string::npos) {
+        fail(*t.get("macsec-name"), field + ".macsec-name", "not an interface name");
+      }
+      macsecName = *given;
+    }
+    file.macsecNames[name] = macsecName;
   }
 
   const std::string& path_;

@@ -25,6 +25,7 @@
 //
 //   [interface.eth0]
 //   profile = "office"
+//   macsec-name = "mseth0"                     # the kernel data plane's MACsec link
 //
 // Keys are hexadecimal text, in the file or in a key file of their own, which nobody but its owner
 // may read. They are held in stored form from the moment they are read, and their text is wiped.
@@ -66,6 +67,9 @@ struct ConfigFile {
   std::map<std::string, ProfileSettings> profiles;
   // Each configured interface and the profile it runs.
   std::map<std::string, std::string> interfaces;
+  // Each configured interface's MACsec link in the kernel data plane: "ms" and the interface's
+  // name unless the file names it.
+  std::map<std::string, std::string> macsecNames;
 };
 
 // "file:line: field: what is wrong", or "file: what is wrong" where no line applies.

@@ -9,8 +9,27 @@
 namespace Macsec {
 
 Daemon::Daemon(EventLoop& loop, DaemonOptions options)
-    : loop_(loop), options_(std::move(options)), config_(readChecked(options_.configPath)) {
-  engine_ = std::make_unique<Engine>(EngineOptions{.name = "mkad", .frames = true, .randomSeed = randomSeed()});
+    : loop_(loop), options_(std::move(options)), config_(readConfigFile(options_.configPath)) {
+  const bool kernel = config_.dataPlane == DataPlane::kernel;
+  if (kernel) {
+    std::string error;
+    netlink_ = MacsecNetlink::open(error);
+    // Never fall back: a host that asked for encryption gets none rather than a pretence of it.
+    if (!netlink_) throw std::runtime_error("the kernel data plane cannot run: " + error);
+  }
+  engine_ = std::make_unique<Engine>(
+      EngineOptions{.name = "mkad", .frames = true, .randomSeed = randomSeed(), .emulatedHardware = !kernel});
+  if (kernel) {
+    engine_->as([&] {
+      kernel_ = KernelDataPlane::KernelDataPlaneIs(engine_->status(), engine_->hwStatus(), netlink_.get());
+      kernel_->lowerIfindexOfIs([this](const Lanx::IntfId& intf) {
+        const auto port = ports_.find(intf.stringValue());
+        const auto link = links_.find(intf.stringValue());
+        return port != ports_.end() && link != links_.end() ? link->second.ifindex : 0;
+      });
+      kernel_->linkNameOfIs([this](const Lanx::IntfId& intf) { return config_.macsecNames.at(intf.stringValue()); });
+    });
+  }
   engine_->frameTransmitterIs([this](const Lanx::IntfId& intf, const std::string& frame) { transmit(intf, frame); });
   engine_->as([&] { applyConfigFile(config_, *engine_->config()); });
   linkWatcher_ =
@@ -31,6 +50,8 @@ Daemon::Daemon(EventLoop& loop, DaemonOptions options)
 
 Daemon::~Daemon() {
   stop();
+  if (kernel_) kernel_->hasNotificationActiveIs(false);
+  kernel_ = nullptr;
   loop_.afterEventsIs(nullptr);
   control_.reset();
   loop_.fdDel(linkWatcher_->fd());
@@ -45,21 +66,10 @@ uint64_t Daemon::randomSeed() {
   return static_cast<uint64_t>(Zef::System::currentTimeUtc() * 1e6);
 }
 
-ConfigFile Daemon::readChecked(const std::string& path) {
-  ConfigFile file = readConfigFile(path);
-  if (file.dataPlane == DataPlane::kernel) {
-    // Never fall back: a host that asked for encryption gets none until it can have it.
-    throw ConfigFileError(path +
-                          ": global.dataplane: the kernel data plane is not available in this build; "
-                          "\"emulated\" is (it encrypts nothing)");
-  }
-  return file;
-}
-
 std::optional<std::string> Daemon::reload() {
   ConfigFile file;
   try {
-    file = readChecked(options_.configPath);
+    file = readConfigFile(options_.configPath);
     if (file.dataPlane != config_.dataPlane) {
       throw ConfigFileError(options_.configPath + ": global.dataplane: changes only with a restart of mkad");
     }
@@ -79,7 +89,11 @@ size_t Daemon::stop() {
   // holds no key afterwards.
   engine_->as([&] { engine_->config()->shutdownIs(true); });
   runDueTimers();
-  const size_t left = keysHeld();
+  size_t left = keysHeld();
+  if (kernel_) {
+    left += kernel_->keysHeld();
+    kernel_->removeAll();
+  }
   Zef::log(MKAD_STOPPED, left);
   return left;
 }
@@ -141,6 +155,7 @@ void Daemon::portDel(const std::string& name) {
   loop_.fdDel(it->second.eapol->fd());
   ports_.erase(it);
   engine_->linkedInterfaceDel(Lanx::IntfId(name));
+  if (kernel_) kernel_->lowerGone(Lanx::IntfId(name));
 }
 
 void Daemon::portsFollowConfig() {
@@ -167,7 +182,18 @@ void Daemon::transmit(const Lanx::IntfId& intf, const std::string& frame) {
 void Daemon::runDueTimers() {
   while (engine_->serviceOneTimer()) {
   }
-  loop_.deadlineIs(engine_->nextDeadline());
+  double deadline = engine_->nextDeadline();
+  if (kernel_) {
+    // The kernel announces no packet numbers: they are read back at a modest rate, for the
+    // engine's view of how far each key has gone.
+    const double now = Zef::System::currentTime();
+    if (now >= nextPacketNumberRead_) {
+      engine_->as([&] { kernel_->readTxPacketNumbers(); });
+      nextPacketNumberRead_ = now + kPacketNumberReadPeriod;
+    }
+    deadline = std::min(deadline, nextPacketNumberRead_);
+  }
+  loop_.deadlineIs(deadline);
 }
 
 nlohmann::json Daemon::answer(const nlohmann::json& request) {
@@ -191,7 +217,13 @@ nlohmann::json Daemon::show() const {
   reply["config"] = config_.path;
   nlohmann::json& interfaces = reply["interfaces"] = nlohmann::json::array();
   for (const auto& [name, profile] : config_.interfaces) {
-    interfaces.push_back(interfaceReport(*engine_, Lanx::IntfId(name), ports_.contains(name), config_.dataPlane));
+    nlohmann::json report = interfaceReport(*engine_, Lanx::IntfId(name), ports_.contains(name), config_.dataPlane);
+    if (kernel_) {
+      report["macsec-interface"] = config_.macsecNames.at(name);
+      const auto port = kernel_->ports().find(Lanx::IntfId(name));
+      report["data-plane-errors"] = port == kernel_->ports().end() ? 0 : port->second.errors;
+    }
+    interfaces.push_back(report);
   }
   return reply;
 }

@@ -17,7 +17,9 @@
 #include "agent/EapolSocket.h"
 #include "agent/Engine.h"
 #include "agent/EventLoop.h"
+#include "agent/KernelDataPlane.h"
 #include "agent/LinkWatcher.h"
+#include "agent/MacsecNetlink.h"
 
 namespace Macsec {
 
@@ -28,9 +30,9 @@ struct DaemonOptions {
 
 class Daemon {
  public:
-  // Reads and applies the configuration, opens rtnetlink and the control socket. Throws
-  // ConfigFileError for a configuration that cannot run, std::runtime_error for a control socket
-  // that cannot be made.
+  // Reads and applies the configuration, opens rtnetlink, the data plane and the control socket.
+  // Throws ConfigFileError for a configuration that cannot run, std::runtime_error for a data
+  // plane or a control socket that cannot be had.
   Daemon(EventLoop& loop, DaemonOptions options);
   // Takes the engine down, so that no key is left in the data plane or in memory.
   ~Daemon();
@@ -51,7 +53,6 @@ class Daemon {
     std::unique_ptr<EapolSocket> eapol;
   };
 
-  static ConfigFile readChecked(const std::string& path);
   static uint64_t randomSeed();
   void linksKnown();
   void linkChanged(const LinkState& link);
@@ -71,6 +72,11 @@ class Daemon {
   DaemonOptions options_;
   ConfigFile config_;
   std::unique_ptr<Engine> engine_;
+  // The kernel data plane, when the configuration chose it.
+  std::unique_ptr<MacsecNetlink> netlink_;
+  Zef::Ptr<KernelDataPlane> kernel_;
+  double nextPacketNumberRead_ = 0;
+  static constexpr double kPacketNumberReadPeriod = 5;
   std::map<std::string, LinkState> links_;  // every interface of the kernel, by name
   std::map<std::string, Port> ports_;       // configured interfaces that the kernel has
   std::unique_ptr<LinkWatcher> linkWatcher_;

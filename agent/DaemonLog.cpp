@@ -37,6 +37,11 @@ Zef::LogHandle MKAD_STOPPED("MKAD_STOPPED", 5, "mkad stopped; %s keys left in th
                             "The daemon has taken the engine down and removed its keys.", Zef::NoActionRequired, 0, 1.0,
                             0);
 
+Zef::LogHandle MKAD_DATA_PLANE_ERROR(
+    "MKAD_DATA_PLANE_ERROR", 3, "The kernel's MACsec on interface %s refused an operation: %s",
+    "The kernel did not take a MACsec link or SA; the engine does not use a key the kernel refused.",
+    "Check the kernel log and that the daemon has CAP_NET_ADMIN.", 10, 1.0, 0);
+
 void operatorLogIs(LogTarget target) {
   if (target == LogTarget::syslog) {
     openlog("mkad", LOG_PID, LOG_DAEMON);

@@ -14,6 +14,7 @@ extern Zef::LogHandle MKAD_CONFIG_REFUSED;
 extern Zef::LogHandle MKAD_INTF_WAITING;
 extern Zef::LogHandle MKAD_INTF_FAILED;
 extern Zef::LogHandle MKAD_STOPPED;
+extern Zef::LogHandle MKAD_DATA_PLANE_ERROR;
 
 enum class LogTarget { standardError, syslog };
 void operatorLogIs(LogTarget target);

@@ -75,7 +75,7 @@ Engine::Engine(EngineOptions options)
       wheel_(Orb::TimerWheel::TimerWheelIs()),
       hwStatus_(MacSecIntfStatusPtrDir::MacSecIntfStatusPtrDirIs()),
       hwStatusSliceDir_(Zef::Dir::DirIs("hwStatusSliceDir")),
-      emulator_(HwEmulator::HwEmulatorIs(status_, hwStatus_)),
+      emulator_(options_.emulatedHardware ? HwEmulator::HwEmulatorIs(status_, hwStatus_) : nullptr),
       counters_(Memtab::MessageCounters::MessageCountersIs()),
       ethIntfStatusDir_(Interface::EthIntfStatusDir::EthIntfStatusDirIs("ethIntfStatusDir")),
       deviceIntfStatusDir_(Interface::DeviceIntfStatusDir::DeviceIntfStatusDirIs("deviceIntfStatusDir")) {
@@ -301,7 +301,7 @@ void Engine::attach(const Zef::Ptr<Lanx::Pam>& pam) {
   pam->transmitterIs([this, intf, sender](const Zef::Ptr<Lanx::Pkt>& pkt) {
     const std::string frame = pkt->bytes();
     const Zef::Ptr<Lanx::Pam> back(sender);
-    const bool looped = emulator_->selfTestFrameIs(intf, frame, [this, back](const std::string& answer) {
+    const bool looped = emulator_ && emulator_->selfTestFrameIs(intf, frame, [this, back](const std::string& answer) {
       later(
           [back, answer] { back->rxPktIs(packetOf(reinterpret_cast<const uint8_t*>(answer.data()), answer.size())); });
     });
@@ -322,7 +322,7 @@ bool Engine::serviceOneTimer() {
 }
 
 void Engine::confirmationSchedulerIs(ConfirmationScheduler scheduler) {
-  emulator_->confirmationSchedulerIs(std::move(scheduler));
+  if (emulator_) emulator_->confirmationSchedulerIs(std::move(scheduler));
 }
 
 void Engine::transmitted() {

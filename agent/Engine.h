@@ -46,6 +46,8 @@ struct EngineOptions {
   bool frames = true;
   // Seeds the engine's timing (the actors' random start), so that a run repeats exactly.
   uint64_t randomSeed = 1;
+  // Whether the hardware emulator answers the SA requests; without it, another data plane must.
+  bool emulatedHardware = true;
 };
 
 // How one interface runs MKA: its MACsec settings, and for interfaceIs() its Ethernet address and

@@ -36,7 +36,11 @@ EventLoop::EventLoop(std::initializer_list<int> signals) {
   if (timerFd_ < 0) environmentFailed("timerfd_create");
   sigset_t set;
   sigemptyset(&set);
-  for (int signal : signals) sigaddset(&set, signal);
+  for (int signal : signals) {
+    // A signal the parent ignored would never reach the descriptor: it is ours to handle.
+    std::signal(signal, SIG_DFL);
+    sigaddset(&set, signal);
+  }
   if (sigprocmask(SIG_BLOCK, &set, nullptr) < 0) environmentFailed("sigprocmask");
   signalFd_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
   if (signalFd_ < 0) environmentFailed("signalfd");

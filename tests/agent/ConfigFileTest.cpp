@@ -64,12 +64,21 @@ TEST(ConfigFile, EveryMistakeIsRefusedWithFileLineAndField) {
        "mkad.conf:3: profile.office.cak-file: key file " + readable + " is open to group or others"},
       {office("cak-file = \"/nonexistent.cak\""), "mkad.conf:3: profile.office.cak-file: cannot read key file"},
       {"[profile.office\n", "mkad.conf:1: "},
+      {office("cak = \"" + kCak + "\"") + "macsec-name = \"a/b\"\n",
+       "mkad.conf:7: interface.eth0.macsec-name: not an interface name"},
   };
   for (const auto& [text, expected] : cases) {
     const std::string error = errorOf(text);
     EXPECT_EQ(error.rfind(expected, 0), 0u) << "got: " << error << "\nfor:\n" << text;
     EXPECT_EQ(error.find("135bd758"), std::string::npos) << error;
   }
+  // The kernel data plane's MACsec link is named after its port unless the file names it.
+  const ConfigFile named = parseConfigText(office("cak = \"" + kCak + "\"") +
+                                               "[interface.enp3s0f1np1]\nprofile = "
+                                               "\"office\"\nmacsec-name = \"macsec7\"\n",
+                                           "mkad.conf");
+  EXPECT_EQ(named.macsecNames.at("eth0"), "mseth0");
+  EXPECT_EQ(named.macsecNames.at("enp3s0f1np1"), "macsec7");
   try {
     readConfigFile("/nonexistent/mkad.conf");
     ADD_FAILURE() << "a missing file reads";

@@ -303,6 +303,19 @@ class BadInput(DaemonTest):
                 self.assertRegex(result.stderr, r"d\.toml:\d+: " + field)
                 self.assertEqual(daemon.show()["interfaces"], before["interfaces"])
 
+    def test_the_kernel_data_plane_without_macsec_in_the_kernel_is_a_clear_error(self):
+        if os.path.exists("/sys/module/macsec") or subprocess.run(["modprobe", "-n", "macsec"],
+                                                                 capture_output=True).returncode == 0:
+            self.skipTest("this kernel has MACsec: the VM test covers the kernel data plane")
+        daemon = Daemon(self.workdir, "d", "lo")
+        with open(daemon.config, "w") as f:
+            f.write('[global]\ndataplane = "kernel"\n' + profile_text() + '\n[interface.lo]\nprofile = "lab"\n')
+        result = subprocess.run([MKAD, "--foreground", "--config", daemon.config, "--socket", daemon.socket],
+                                capture_output=True, text=True, timeout=10)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("this kernel has no MACsec: the macsec module could not be loaded", result.stderr)
+        self.assertNotIn("emulated", result.stderr)
+
     def test_the_control_socket_answers_garbage_with_an_error_and_goes_on(self):
         daemon = Daemon(self.workdir, "d", "lo")
         daemon.start()

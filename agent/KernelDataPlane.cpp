@@ -1,0 +1,267 @@
+#include "agent/KernelDataPlane.h"
+
+#include <linux/if_macsec.h>
+
+#include "agent/DaemonLog.h"
+#include "platform/HashTable.h"
+#include "platform/Trace.h"
+
+ZEF_TRACE_MODULE("Macsec::KernelDataPlane")
+
+namespace Macsec {
+
+namespace {
+
+KernelSci kernelSci(const Sci& sci) {
+  KernelSci kernel;
+  const std::array<uint8_t, 6>& addr = sci.addr.bytes();
+  std::copy(addr.begin(), addr.end(), kernel.octets);
+  kernel.octets[6] = static_cast<uint8_t>(sci.portId >> 8);
+  kernel.octets[7] = static_cast<uint8_t>(sci.portId);
+  return kernel;
+}
+
+uint64_t cipherSuiteId(CipherSuite suite) {
+  return suite == cipherSuiteGcmAes256 ? MACSEC_CIPHER_ID_GCM_AES_256 : MACSEC_CIPHER_ID_GCM_AES_128;
+}
+
+// The key identifier of IEEE 802.1X: the key server's member identifier and the key number.
+void keyIdOf(const Sak& sak, uint8_t (&keyId)[16]) {
+  KeyBytes mi;
+  hexToBytes(sak.mi.stdString(), mi);
+  std::fill(std::begin(keyId), std::end(keyId), 0);
+  std::copy(mi.data(), mi.data() + std::min<size_t>(mi.size(), 12), keyId);
+  keyId[12] = static_cast<uint8_t>(sak.keyNum >> 24);
+  keyId[13] = static_cast<uint8_t>(sak.keyNum >> 16);
+  keyId[14] = static_cast<uint8_t>(sak.keyNum >> 8);
+  keyId[15] = static_cast<uint8_t>(sak.keyNum);
+}
+
+}  // namespace
+
+void KernelDataPlane::handleInitialized() {
+  TRACE(8, "");
+  initializedIs(true);
+  for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(status()->cpStatusIter())) updateLink(intfId);
+}
+
+void KernelDataPlane::ZefStatus::ZefCpStatus::updateLink() {
+  if (KernelDataPlane* sm = stateMachine()) sm->updateLink(key());
+}
+
+void KernelDataPlane::ZefStatus::ZefPortStatus::updateLink() {
+  if (KernelDataPlane* sm = stateMachine()) sm->updateLink(key());
+}
+
+void KernelDataPlane::ZefStatus::ZefCpStatus::updateRxSc() {
+  if (KernelDataPlane* sm = stateMachine()) sm->updateRxSc(key());
+}
+
+void KernelDataPlane::ZefStatus::ZefCpStatus::updateRxSa(const AssociationNumber& an) {
+  if (KernelDataPlane* sm = stateMachine()) sm->updateRxSa(key(), an);
+}
+
+void KernelDataPlane::ZefStatus::ZefCpStatus::updateTxSa() {
+  if (KernelDataPlane* sm = stateMachine()) sm->updateTxSa(key());
+}
+
+void KernelDataPlane::handleCpStatus(const Lanx::IntfId& intfId) {
+  if (!initialized() || status()->cpStatusHas(intfId)) return;
+  TRACE(8, " intfId=" << intfId);
+  // MACsec left the interface: its link goes, and every key in it.
+  const auto it = ports_.find(intfId);
+  if (it == ports_.end()) return;
+  if (it->second.ifindex != 0) refused(intfId, it->second, netlink()->linkDel(it->second.ifindex));
+  ports_.erase(it);
+}
+
+bool KernelDataPlane::refused(const Lanx::IntfId& intfId, KernelPort& port, const std::optional<std::string>& error) {
+  if (!error) return false;
+  ++port.errors;
+  Zef::log(MKAD_DATA_PLANE_ERROR, intfId, *error);
+  return true;
+}
+
+KernelPort* KernelDataPlane::ensureLink(const Lanx::IntfId& intfId) {
+  const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
+  const Zef::Ptr<MkaPortStatus const> portStatus = status()->portStatus(intfId);
+  if (!cp || !portStatus || portStatus->mySci().isZero() || !lowerIfindexOf() || !linkNameOf()) return nullptr;
+  KernelPort& port = ports_[intfId];
+  if (port.ifindex != 0) return &port;
+  const int lowerIfindex = lowerIfindexOf()(intfId);
+  if (lowerIfindex == 0) return nullptr;
+  port.linkName = linkNameOf()(intfId);
+  // A link of that name from an earlier run holds keys this run does not know: it goes, and
+  // this run starts from nothing, as the engine does.
+  if (const int stale = netlink()->linkIndex(port.linkName)) refused(intfId, port, netlink()->linkDel(stale));
+  MacsecLinkSettings settings;
+  settings.name = port.linkName;
+  settings.lowerIfindex = lowerIfindex;
+  settings.sci = kernelSci(portStatus->mySci());
+  settings.cipherSuite = cipherSuiteId(cp->macsecParams().cipherSuite);
+  settings.replayProtection = cp->macsecParams().replayProtection;
+  settings.replayWindow = cp->macsecParams().replayProtectionWindow;
+  settings.includeSci = true;
+  if (refused(intfId, port, netlink()->linkAdd(settings))) return nullptr;
+  port.ifindex = netlink()->linkIndex(port.linkName);
+  if (port.ifindex == 0) return nullptr;
+  TRACE(3, " MACsec link " << port.linkName << " on " << intfId);
+  return &port;
+}
+
+void KernelDataPlane::updateLink(const Lanx::IntfId& intfId) {
+  if (!initialized()) return;
+  TRACE(8, " intfId=" << intfId);
+  const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
+  KernelPort* port = ensureLink(intfId);
+  if (!cp || !port) return;
+  // The controlled port is the MACsec link: up while open; unprotected traffic only where the
+  // configuration allows it.
+  MacsecLinkState state;
+  state.up = cp->controlledPortEnabled();
+  state.protect = !cp->unprotectedTraffic();
+  state.validate = !cp->unprotectedTraffic();
+  refused(intfId, *port, netlink()->linkUpdate(port->ifindex, state));
+}
+
+void KernelDataPlane::updateRxSc(const Lanx::IntfId& intfId) {
+  if (!initialized()) return;
+  TRACE(8, " intfId=" << intfId);
+  const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
+  KernelPort* port = ensureLink(intfId);
+  if (!cp || !port || cp->peerSsci().sci.isZero()) return;
+  const KernelSci sci = kernelSci(cp->peerSsci().sci);
+  if (port->rxSc && std::equal(sci.octets, sci.octets + 8, port->rxSc->octets)) return;
+  // Another peer: the old channel goes with its SAs, and the keys are installed for the new one.
+  if (port->rxSc) refused(intfId, *port, netlink()->rxScDel(port->ifindex, *port->rxSc));
+  port->rxSc.reset();
+  port->rxSas.clear();
+  if (refused(intfId, *port, netlink()->rxScAdd(port->ifindex, sci))) return;
+  port->rxSc = sci;
+  for (auto it = cp->rxSakIter(); it; ++it) updateRxSa(intfId, AssociationNumber(it.key()));
+}
+
+void KernelDataPlane::updateRxSa(const Lanx::IntfId& intfId, const AssociationNumber& an) {
+  if (!initialized()) return;
+  TRACE(8, " intfId=" << intfId << " an=" << an);
+  const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
+  KernelPort* port = ensureLink(intfId);
+  if (!cp || !port) return;
+  if (!port->rxSc) updateRxSc(intfId);
+  if (!port->rxSc) return;
+  const uint8_t number = an.value();
+  const Sak sak = cp->rxSak(an);
+  const auto installed = port->rxSas.find(number);
+  // A key removed from the requests leaves the kernel, which keeps no key the engine let go.
+  if (sak.empty()) {
+    if (installed != port->rxSas.end()) {
+      refused(intfId, *port, netlink()->rxSaDel(port->ifindex, *port->rxSc, number));
+      port->rxSas.erase(installed);
+    }
+    return;
+  }
+  const KernelSa wanted{sak.mi, sak.keyNum};
+  if (installed != port->rxSas.end()) {
+    if (installed->second == wanted) return;
+    refused(intfId, *port, netlink()->rxSaDel(port->ifindex, *port->rxSc, number));
+    port->rxSas.erase(installed);
+  }
+  MacsecSaSettings sa;
+  sa.an = number;
+  keyIdOf(sak, sa.keyId);
+  const std::optional<std::string> error = sak.key.withClear([&](const KeyBytes& key) {
+    sa.key = &key;
+    return netlink()->rxSaAdd(port->ifindex, *port->rxSc, sa);
+  });
+  if (refused(intfId, *port, error)) return;
+  port->rxSas[number] = wanted;
+  // Confirmed only now that the kernel has the key; delete before write, as hardware reports.
+  const Zef::Ptr<MacSecIntfStatus> hw = Zef::constPtrCast<MacSecIntfStatus>(allMacsec()->status(intfId));
+  if (!hw) return;
+  if (hw->rxSaStatusHas(an)) hw->rxSaStatusDel(an);
+  hw->rxSaStatusIs(an, sak.mi, sak.keyNum);
+}
+
+void KernelDataPlane::updateTxSa(const Lanx::IntfId& intfId) {
+  if (!initialized()) return;
+  TRACE(8, " intfId=" << intfId);
+  const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
+  KernelPort* port = ensureLink(intfId);
+  if (!cp || !port) return;
+  const Sak sak = cp->txSak();
+  // No key to send with: the kernel keeps none either.
+  if (sak.empty()) {
+    for (const auto& [number, installed] : port->txSas)
+      refused(intfId, *port, netlink()->txSaDel(port->ifindex, number));
+    port->txSas.clear();
+    return;
+  }
+  const uint8_t number = sak.an;
+  const KernelSa wanted{sak.mi, sak.keyNum};
+  const auto installed = port->txSas.find(number);
+  if (installed == port->txSas.end() || !(installed->second == wanted)) {
+    if (installed != port->txSas.end()) {
+      refused(intfId, *port, netlink()->txSaDel(port->ifindex, number));
+      port->txSas.erase(installed);
+    }
+    MacsecSaSettings sa;
+    sa.an = number;
+    keyIdOf(sak, sa.keyId);
+    const std::optional<std::string> error = sak.key.withClear([&](const KeyBytes& key) {
+      sa.key = &key;
+      return netlink()->txSaAdd(port->ifindex, sa);
+    });
+    if (refused(intfId, *port, error)) return;
+    port->txSas[number] = wanted;
+  }
+  // Frames go out under the new key from now on; the previous transmit keys leave the kernel.
+  MacsecLinkState state;
+  state.up = cp->controlledPortEnabled();
+  state.protect = !cp->unprotectedTraffic();
+  state.validate = !cp->unprotectedTraffic();
+  state.encodingSa = number;
+  if (refused(intfId, *port, netlink()->linkUpdate(port->ifindex, state))) return;
+  for (auto it = port->txSas.begin(); it != port->txSas.end();) {
+    if (it->first == number) {
+      ++it;
+      continue;
+    }
+    refused(intfId, *port, netlink()->txSaDel(port->ifindex, it->first));
+    it = port->txSas.erase(it);
+  }
+  const Zef::Ptr<MacSecIntfStatus> hw = Zef::constPtrCast<MacSecIntfStatus>(allMacsec()->status(intfId));
+  if (hw) hw->txSaStatusIs(SaStatus{AssociationNumber(number), sak.mi, sak.keyNum, 1});
+}
+
+void KernelDataPlane::readTxPacketNumbers() {
+  for (auto& [intfId, port] : ports_) {
+    const Zef::Ptr<MacSecIntfStatus> hw = Zef::constPtrCast<MacSecIntfStatus>(allMacsec()->status(intfId));
+    if (!hw || port.ifindex == 0 || hw->txSaStatus().empty()) continue;
+    SaStatus record = hw->txSaStatus();
+    const std::optional<uint64_t> pn = netlink()->txSaNextPn(port.ifindex, record.an.value());
+    if (!pn) continue;
+    record.value = static_cast<uint32_t>(std::min<uint64_t>(*pn, UINT32_MAX));
+    hw->txSaStatusIs(record);
+  }
+}
+
+size_t KernelDataPlane::keysHeld() const {
+  size_t count = 0;
+  for (const auto& [intfId, port] : ports_) count += port.rxSas.size() + port.txSas.size();
+  return count;
+}
+
+void KernelDataPlane::removeAll() {
+  for (auto& [intfId, port] : ports_) {
+    if (port.ifindex != 0) refused(intfId, port, netlink()->linkDel(port.ifindex));
+  }
+  ports_.clear();
+}
+
+}  // namespace Macsec
+
+namespace Macsec {
+
+void KernelDataPlane::lowerGone(const Lanx::IntfId& intfId) { ports_.erase(intfId); }
+
+}  // namespace Macsec

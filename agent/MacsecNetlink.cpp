@@ -1,0 +1,282 @@
+#include "agent/MacsecNetlink.h"
+
+#include <linux/if.h>
+#include <linux/if_macsec.h>
+#include <netlink/attr.h>
+#include <netlink/genl/ctrl.h>
+#include <netlink/genl/genl.h>
+#include <netlink/msg.h>
+#include <netlink/netlink.h>
+#include <netlink/route/link.h>
+#include <netlink/route/link/macsec.h>
+#include <netlink/socket.h>
+#include <openssl/crypto.h>
+
+#include <cstring>
+
+namespace Macsec {
+
+uint64_t KernelSci::raw() const {
+  // The kernel reads the attribute's eight octets as they are, in network order.
+  uint64_t value = 0;
+  std::memcpy(&value, octets, sizeof value);
+  return value;
+}
+
+namespace {
+
+std::string failure(const char* operation, int error) { return std::string(operation) + ": " + nl_geterror(error); }
+
+// The largest packet number of a non-extended cipher suite fits 32 bits, and the kernel wants
+// exactly that size for such an SA.
+void putPn(nl_msg* msg, uint64_t pn) {
+  if (pn <= UINT32_MAX) {
+    nla_put_u32(msg, MACSEC_SA_ATTR_PN, static_cast<uint32_t>(pn));
+  } else {
+    nla_put_u64(msg, MACSEC_SA_ATTR_PN, pn);
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<MacsecNetlink> MacsecNetlink::open(std::string& error) {
+  nl_sock* route = nl_socket_alloc();
+  nl_sock* genl = nl_socket_alloc();
+  if (!route || !genl || nl_connect(route, NETLINK_ROUTE) < 0 || genl_connect(genl) < 0) {
+    nl_socket_free(route);
+    nl_socket_free(genl);
+    error = "cannot open netlink";
+    return nullptr;
+  }
+  // Resolving the family loads the macsec module if the kernel has one.
+  const int family = genl_ctrl_resolve(genl, "macsec");
+  if (family < 0) {
+    nl_socket_free(route);
+    nl_socket_free(genl);
+    error = "this kernel has no MACsec: the macsec module could not be loaded";
+    return nullptr;
+  }
+  return std::unique_ptr<MacsecNetlink>(new MacsecNetlink(route, genl, family));
+}
+
+MacsecNetlink::~MacsecNetlink() {
+  nl_socket_free(genl_);
+  nl_socket_free(route_);
+}
+
+int MacsecNetlink::linkIndex(const std::string& name) {
+  rtnl_link* link = nullptr;
+  if (rtnl_link_get_kernel(route_, 0, name.c_str(), &link) < 0) return 0;
+  const int ifindex = rtnl_link_get_ifindex(link);
+  rtnl_link_put(link);
+  return ifindex;
+}
+
+std::optional<std::string> MacsecNetlink::linkAdd(const MacsecLinkSettings& settings) {
+  rtnl_link* link = rtnl_link_macsec_alloc();
+  if (link == nullptr) return std::string("add link: out of memory");
+  rtnl_link_set_name(link, settings.name.c_str());
+  rtnl_link_set_link(link, settings.lowerIfindex);
+  rtnl_link_macsec_set_sci(link, settings.sci.raw());
+  rtnl_link_macsec_set_cipher_suite(link, settings.cipherSuite);
+  rtnl_link_macsec_set_icv_len(link, MACSEC_STD_ICV_LEN);
+  rtnl_link_macsec_set_encrypt(link, 1);
+  rtnl_link_macsec_set_protect(link, 1);
+  rtnl_link_macsec_set_validation_type(link, MACSEC_VALIDATE_STRICT);
+  rtnl_link_macsec_set_replay_protect(link, settings.replayProtection ? 1 : 0);
+  if (settings.replayProtection) rtnl_link_macsec_set_window(link, settings.replayWindow);
+  rtnl_link_macsec_set_send_sci(link, settings.includeSci ? 1 : 0);
+  const int error = rtnl_link_add(route_, link, NLM_F_CREATE | NLM_F_EXCL);
+  rtnl_link_put(link);
+  if (error < 0 && error != -NLE_EXIST) return failure("add link", error);
+  return std::nullopt;
+}
+
+std::optional<std::string> MacsecNetlink::linkUpdate(int ifindex, const MacsecLinkState& state) {
+  rtnl_link* orig = rtnl_link_alloc();
+  rtnl_link* change = rtnl_link_macsec_alloc();
+  rtnl_link_set_ifindex(orig, ifindex);
+  rtnl_link_set_ifindex(change, ifindex);
+  if (state.up) {
+    rtnl_link_set_flags(change, IFF_UP);
+  } else {
+    rtnl_link_unset_flags(change, IFF_UP);
+  }
+  rtnl_link_macsec_set_protect(change, state.protect ? 1 : 0);
+  rtnl_link_macsec_set_validation_type(change, state.validate ? MACSEC_VALIDATE_STRICT : MACSEC_VALIDATE_DISABLED);
+  if (state.encodingSa >= 0) rtnl_link_macsec_set_encoding_sa(change, static_cast<uint8_t>(state.encodingSa));
+  const int error = rtnl_link_change(route_, orig, change, 0);
+  rtnl_link_put(change);
+  rtnl_link_put(orig);
+  if (error < 0) return failure("update link", error);
+  return std::nullopt;
+}
+
+std::optional<std::string> MacsecNetlink::linkDel(int ifindex) {
+  rtnl_link* link = rtnl_link_alloc();
+  rtnl_link_set_ifindex(link, ifindex);
+  const int error = rtnl_link_delete(route_, link);
+  rtnl_link_put(link);
+  if (error < 0 && error != -NLE_NODEV && error != -NLE_OBJ_NOTFOUND) return failure("delete link", error);
+  return std::nullopt;
+}
+
+nl_msg* MacsecNetlink::genlMessage(uint8_t command, int ifindex) {
+  nl_msg* msg = nlmsg_alloc();
+  if (msg == nullptr) return nullptr;
+  genlmsg_put(msg, NL_AUTO_PORT, NL_AUTO_SEQ, family_, 0, 0, command, 0);
+  nla_put_u32(msg, MACSEC_ATTR_IFINDEX, static_cast<uint32_t>(ifindex));
+  return msg;
+}
+
+std::optional<std::string> MacsecNetlink::send(nl_msg* msg, const char* operation, bool existsIsSuccess) {
+  if (msg == nullptr) return std::string(operation) + ": out of memory";
+  int error = nl_send_auto(genl_, msg);
+  // The message may hold a key: no copy of it stays in our memory.
+  OPENSSL_cleanse(nlmsg_hdr(msg), nlmsg_hdr(msg)->nlmsg_len);
+  nlmsg_free(msg);
+  if (error >= 0) error = nl_wait_for_ack(genl_);
+  if (error < 0 && !(existsIsSuccess && error == -NLE_EXIST)) return failure(operation, error);
+  return std::nullopt;
+}
+
+std::optional<std::string> MacsecNetlink::rxScAdd(int ifindex, const KernelSci& sci) {
+  nl_msg* msg = genlMessage(MACSEC_CMD_ADD_RXSC, ifindex);
+  if (msg) {
+    nlattr* rxsc = nla_nest_start(msg, MACSEC_ATTR_RXSC_CONFIG);
+    nla_put_u64(msg, MACSEC_RXSC_ATTR_SCI, sci.raw());
+    nla_put_u8(msg, MACSEC_RXSC_ATTR_ACTIVE, 1);
+    nla_nest_end(msg, rxsc);
+  }
+  return send(msg, "add receive SC", true);
+}
+
+std::optional<std::string> MacsecNetlink::rxScDel(int ifindex, const KernelSci& sci) {
+  nl_msg* msg = genlMessage(MACSEC_CMD_DEL_RXSC, ifindex);
+  if (msg) {
+    nlattr* rxsc = nla_nest_start(msg, MACSEC_ATTR_RXSC_CONFIG);
+    nla_put_u64(msg, MACSEC_RXSC_ATTR_SCI, sci.raw());
+    nla_nest_end(msg, rxsc);
+  }
+  return send(msg, "delete receive SC");
+}
+
+namespace {
+
+void putSa(nl_msg* msg, const MacsecSaSettings& sa) {
+  nlattr* config = nla_nest_start(msg, MACSEC_ATTR_SA_CONFIG);
+  nla_put_u8(msg, MACSEC_SA_ATTR_AN, sa.an);
+  nla_put_u8(msg, MACSEC_SA_ATTR_ACTIVE, 1);
+  putPn(msg, sa.lowestPn);
+  nla_put(msg, MACSEC_SA_ATTR_KEYID, sizeof sa.keyId, sa.keyId);
+  nla_put(msg, MACSEC_SA_ATTR_KEY, static_cast<int>(sa.key->size()), sa.key->data());
+  nla_nest_end(msg, config);
+}
+
+}  // namespace
+
+std::optional<std::string> MacsecNetlink::rxSaAdd(int ifindex, const KernelSci& sci, const MacsecSaSettings& sa) {
+  nl_msg* msg = genlMessage(MACSEC_CMD_ADD_RXSA, ifindex);
+  if (msg) {
+    nlattr* rxsc = nla_nest_start(msg, MACSEC_ATTR_RXSC_CONFIG);
+    nla_put_u64(msg, MACSEC_RXSC_ATTR_SCI, sci.raw());
+    nla_nest_end(msg, rxsc);
+    putSa(msg, sa);
+  }
+  return send(msg, "add receive SA");
+}
+
+std::optional<std::string> MacsecNetlink::saActive(uint8_t command, int ifindex, const KernelSci* sci, uint8_t an,
+                                                   bool active) {
+  nl_msg* msg = genlMessage(command, ifindex);
+  if (msg) {
+    if (sci) {
+      nlattr* rxsc = nla_nest_start(msg, MACSEC_ATTR_RXSC_CONFIG);
+      nla_put_u64(msg, MACSEC_RXSC_ATTR_SCI, sci->raw());
+      nla_nest_end(msg, rxsc);
+    }
+    nlattr* config = nla_nest_start(msg, MACSEC_ATTR_SA_CONFIG);
+    nla_put_u8(msg, MACSEC_SA_ATTR_AN, an);
+    if (command == MACSEC_CMD_UPD_RXSA || command == MACSEC_CMD_UPD_TXSA) {
+      nla_put_u8(msg, MACSEC_SA_ATTR_ACTIVE, active ? 1 : 0);
+    }
+    nla_nest_end(msg, config);
+  }
+  switch (command) {
+    case MACSEC_CMD_UPD_RXSA:
+      return send(msg, "update receive SA");
+    case MACSEC_CMD_DEL_RXSA:
+      return send(msg, "delete receive SA");
+    case MACSEC_CMD_UPD_TXSA:
+      return send(msg, "update transmit SA");
+    default:
+      return send(msg, "delete transmit SA");
+  }
+}
+
+std::optional<std::string> MacsecNetlink::rxSaDel(int ifindex, const KernelSci& sci, uint8_t an) {
+  if (auto error = saActive(MACSEC_CMD_UPD_RXSA, ifindex, &sci, an, false)) return error;
+  return saActive(MACSEC_CMD_DEL_RXSA, ifindex, &sci, an, false);
+}
+
+std::optional<std::string> MacsecNetlink::txSaAdd(int ifindex, const MacsecSaSettings& sa) {
+  nl_msg* msg = genlMessage(MACSEC_CMD_ADD_TXSA, ifindex);
+  if (msg) putSa(msg, sa);
+  return send(msg, "add transmit SA");
+}
+
+std::optional<std::string> MacsecNetlink::txSaDel(int ifindex, uint8_t an) {
+  if (auto error = saActive(MACSEC_CMD_UPD_TXSA, ifindex, nullptr, an, false)) return error;
+  return saActive(MACSEC_CMD_DEL_TXSA, ifindex, nullptr, an, false);
+}
+
+namespace {
+
+struct PnQuery {
+  int ifindex;
+  uint8_t an;
+  std::optional<uint64_t> pn;
+};
+
+int onTxsc(nl_msg* msg, void* arg) {
+  auto* query = static_cast<PnQuery*>(arg);
+  nlattr* attrs[MACSEC_ATTR_MAX + 1];
+  if (genlmsg_parse(nlmsg_hdr(msg), 0, attrs, MACSEC_ATTR_MAX, nullptr) < 0) return NL_SKIP;
+  if (!attrs[MACSEC_ATTR_IFINDEX] || static_cast<int>(nla_get_u32(attrs[MACSEC_ATTR_IFINDEX])) != query->ifindex) {
+    return NL_SKIP;
+  }
+  if (!attrs[MACSEC_ATTR_TXSA_LIST]) return NL_SKIP;
+  nlattr* entry;
+  int remaining;
+  nla_for_each_nested(entry, attrs[MACSEC_ATTR_TXSA_LIST], remaining) {
+    nlattr* sa[MACSEC_SA_ATTR_MAX + 1];
+    if (nla_parse_nested(sa, MACSEC_SA_ATTR_MAX, entry, nullptr) < 0) continue;
+    if (!sa[MACSEC_SA_ATTR_AN] || !sa[MACSEC_SA_ATTR_PN] || nla_get_u8(sa[MACSEC_SA_ATTR_AN]) != query->an) continue;
+    const int length = nla_len(sa[MACSEC_SA_ATTR_PN]);
+    if (length == 4) query->pn = nla_get_u32(sa[MACSEC_SA_ATTR_PN]);
+    if (length == 8) query->pn = nla_get_u64(sa[MACSEC_SA_ATTR_PN]);
+  }
+  return NL_OK;
+}
+
+}  // namespace
+
+std::optional<uint64_t> MacsecNetlink::txSaNextPn(int ifindex, uint8_t an) {
+  nl_msg* msg = nlmsg_alloc();
+  if (msg == nullptr) return std::nullopt;
+  genlmsg_put(msg, NL_AUTO_PORT, NL_AUTO_SEQ, family_, 0, NLM_F_DUMP, MACSEC_CMD_GET_TXSC, 0);
+  nla_put_u32(msg, MACSEC_ATTR_IFINDEX, static_cast<uint32_t>(ifindex));
+  const int sent = nl_send_auto(genl_, msg);
+  nlmsg_free(msg);
+  if (sent < 0) return std::nullopt;
+  PnQuery query{ifindex, an, std::nullopt};
+  nl_cb* socketCb = nl_socket_get_cb(genl_);
+  nl_cb* cb = nl_cb_clone(socketCb);
+  nl_cb_put(socketCb);
+  nl_cb_set(cb, NL_CB_VALID, NL_CB_CUSTOM, onTxsc, &query);
+  nl_recvmsgs(genl_, cb);
+  nl_cb_put(cb);
+  return query.pn;
+}
+
+}  // namespace Macsec

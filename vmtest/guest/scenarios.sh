@@ -1,0 +1,157 @@
+# The scenarios: each a function that fails (exit 1) with a reason or returns. They run one after
+# another in one VM; cleanup_all takes each one's namespaces and daemons away.
+ALL_SCENARIOS="secure_128 secure_256 rekey_under_ping_flood flap_restart_and_reload cak_mismatch closed_port"
+
+# Both ends secured; pings both ways; the MACsec counters grow; the wire holds nothing but EAPOL
+# and MACsec.
+secured_link() {  # secured_link CAK [PROFILE LINES...]
+  pair
+  capture A veth-a "/tmp/$scenario.pcap"
+  config A "$@"
+  config B "$@"
+  start A
+  start B
+  wait_for 60 both_secured || fail "not secured: $(show A)"
+  address A 10.66.0.1
+  address B 10.66.0.2
+  ip netns exec A ping -c 5 -i 0.2 -W 2 10.66.0.2 > /tmp/ping-ab.txt || fail "no ping from A to B: $(cat /tmp/ping-ab.txt)"
+  ip netns exec B ping -c 5 -i 0.2 -W 2 10.66.0.1 > /tmp/ping-ba.txt || fail "no ping from B to A"
+  capture_stop
+  encrypted=$(counter A OutPktsEncrypted)
+  received=$(counter B InPktsOK)
+  [ "${encrypted:-0}" -ge 5 ] || fail "OutPktsEncrypted at A is ${encrypted:-none}"
+  [ "${received:-0}" -ge 5 ] || fail "InPktsOK at B is ${received:-none}"
+  clear=$(frames "/tmp/$scenario.pcap" "not ether proto 0x888e and not ether proto 0x88e5")
+  mka=$(frames "/tmp/$scenario.pcap" "ether proto 0x888e")
+  macsec=$(frames "/tmp/$scenario.pcap" "ether proto 0x88e5")
+  [ "$clear" = 0 ] || fail "$clear frames on the wire were neither EAPOL nor MACsec"
+  [ "$macsec" -ge 20 ] || fail "only $macsec MACsec frames on the wire"
+  ip -s -n A macsec show > "/tmp/$scenario-macsec.txt"
+  show A > "/tmp/$scenario-show.json"
+  export_file "/tmp/$scenario.pcap" "$scenario.pcap"
+  export_file "/tmp/$scenario-macsec.txt" "$scenario-macsec.txt"
+  export_file "/tmp/$scenario-show.json" "$scenario-show.json"
+  note "encrypted=$encrypted received=$received mkpdus=$mka macsec_frames=$macsec"
+}
+
+scenario_secure_128() {
+  t0=$(now)
+  secured_link "$CAK128"
+  note "first_ping_after=$(since "$t0")s"
+}
+
+scenario_secure_256() {
+  secured_link "$CAK256" 'cipher-suite = "gcm-aes-256"'
+  grep -q "GCM-AES-256" /tmp/secure_256-macsec.txt || fail "the link does not run GCM-AES-256"
+}
+
+# A new key every 5 s under a ping every 20 ms: no ping lost across five rekeys and more.
+scenario_rekey_under_ping_flood() {
+  pair
+  config A "$CAK128" 'rekey-period = 5'
+  config B "$CAK128" 'rekey-period = 5'
+  start A
+  start B
+  wait_for 60 both_secured || fail "not secured"
+  address A 10.66.0.1
+  address B 10.66.0.2
+  wait_for 10 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no first ping"
+  first=$(key_of A)
+  ip netns exec A ping -q -i 0.02 -w 32 10.66.0.2 > /tmp/flood.txt 2>&1 || true
+  last=$(key_of A)
+  rekeys=$(( ${last%%/*} - ${first%%/*} ))
+  [ "$rekeys" -ge 5 ] || fail "only $rekeys rekeys (key $first to $last)"
+  sent=$(sed -n 's/^\([0-9]*\) packets transmitted.*/\1/p' /tmp/flood.txt)
+  got=$(sed -n 's/.* \([0-9]*\) received.*/\1/p' /tmp/flood.txt)
+  [ -n "$sent" ] && [ "$sent" -gt 1000 ] || fail "the flood sent ${sent:-nothing}: $(cat /tmp/flood.txt)"
+  [ "$sent" = "$got" ] || fail "$((sent - got)) of $sent pings lost across $rekeys rekeys"
+  note "rekeys=$rekeys pings=$sent lost=$((sent - got))"
+}
+
+no_link() { ! ip -n "$1" link show "$2"; }
+sa_lines() { ip -n "$1" macsec show 2>/dev/null | grep -c 'state on' || true; }
+
+# A link flap, a clean restart (SAs gone), a restart after SIGKILL (stale SAs replaced), and a key
+# change by reload: each time the link comes back secured and pings pass.
+scenario_flap_restart_and_reload() {
+  pair
+  config A "$CAK128"
+  config B "$CAK128"
+  start A
+  start B
+  wait_for 60 both_secured || fail "not secured"
+  address A 10.66.0.1
+  address B 10.66.0.2
+  wait_for 10 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no first ping"
+
+  ip -n B link set veth-b down
+  wait_for 15 eval '! secured A' || fail "A stayed secured with the link down"
+  ip -n B link set veth-b up
+  wait_for 60 both_secured || fail "not secured after the flap"
+  ip -n B addr add 10.66.0.2/24 dev msveth-b 2>/dev/null || true
+  wait_for 15 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no ping after the flap"
+
+  stop A TERM
+  no_link A msveth-a || fail "SIGTERM left the MACsec link behind"
+  grep -q "0 keys left" /tmp/A.log || fail "the daemon did not report an empty data plane"
+  start A
+  wait_for 60 both_secured || fail "not secured after a restart"
+  address A 10.66.0.1
+  wait_for 15 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no ping after a restart"
+
+  stop A KILL
+  ip -n A link show msveth-a > /dev/null || fail "SIGKILL should leave the link for the next run"
+  start A
+  wait_for 60 both_secured || fail "not secured after SIGKILL and a restart"
+  address A 10.66.0.1
+  wait_for 15 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no ping after SIGKILL and a restart"
+  [ "$(sa_lines A)" -le 3 ] || fail "stale SAs at A: $(ip -n A macsec show)"
+
+  before=$(key_of A)
+  config A 00112233445566778899aabbccddeeff
+  config B 00112233445566778899aabbccddeeff
+  mkactl --socket /tmp/A/mkad.sock reload > /dev/null || fail "reload at A failed"
+  mkactl --socket /tmp/B/mkad.sock reload > /dev/null || fail "reload at B failed"
+  wait_for 60 eval '[ "$(key_of A)" != "$before" ] && both_secured' || fail "no new key after the reload"
+  wait_for 15 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no ping after the key change"
+}
+
+# Different CAKs with one CKN: no peer becomes live, no SA is ever installed, nothing passes.
+scenario_cak_mismatch() {
+  pair
+  config A "$CAK128"
+  config B 00112233445566778899aabbccddeeff
+  start A
+  start B
+  sleep 10
+  secured A && fail "A secured with a peer of another CAK"
+  [ "$(sa_lines A)" = 0 ] || fail "an SA was installed at A: $(ip -n A macsec show)"
+  errors=$(mkactl --socket /tmp/A/mkad.sock show counters --json | tr -d ' \n' |
+           sed -n 's/.*"in-mkpdu-icv-verification-errors":\([0-9]*\).*/\1/p')
+  [ "${errors:-0}" -ge 2 ] || fail "the refused MKPDUs were not counted (${errors:-none})"
+  if ip -n A link show msveth-a > /dev/null 2>&1; then
+    ip -n A addr add 10.66.0.1/24 dev msveth-a
+    ip -n B link show msveth-b > /dev/null 2>&1 && ip -n B addr add 10.66.0.2/24 dev msveth-b
+    ip netns exec A ping -c 3 -W 1 10.66.0.2 > /dev/null 2>&1 && fail "a ping passed without keys"
+  fi
+  note "icv_errors=$errors"
+}
+
+# Before a peer secures the link the controlled port is closed: the MACsec link is down and
+# nothing passes, neither through it nor in the clear on the wire.
+scenario_closed_port() {
+  pair
+  capture A veth-a "/tmp/$scenario.pcap"
+  config A "$CAK128"
+  start A
+  ip -n B addr add 10.66.0.2/24 dev veth-b
+  address A 10.66.0.1
+  sleep 5
+  secured A && fail "A secured without a peer"
+  ip -n A link show msveth-a | grep -q ',UP[,>]' && fail "the MACsec link is up with the port closed"
+  ip netns exec A ping -c 3 -W 1 10.66.0.2 > /dev/null 2>&1 && fail "a ping passed with the port closed"
+  capture_stop
+  clear=$(frames "/tmp/$scenario.pcap" "not ether proto 0x888e and not ether proto 0x88e5")
+  [ "$clear" = 0 ] || fail "$clear frames left A in the clear"
+  note "mkpdus=$(frames "/tmp/$scenario.pcap" "ether proto 0x888e") clear_frames=$clear"
+}
