@@ -27,7 +27,7 @@ Daemon::Daemon(EventLoop& loop, DaemonOptions options)
         const auto link = links_.find(intf.stringValue());
         return port != ports_.end() && link != links_.end() ? link->second.ifindex : 0;
       });
-      kernel_->linkNameOfIs([this](const Lanx::IntfId& intf) { return config_.macsecNames.at(intf.stringValue()); });
+      kernel_->linkNameOfIs([this](const Lanx::IntfId& intf) { return macsecName(intf.stringValue()); });
     });
   }
   engine_->frameTransmitterIs([this](const Lanx::IntfId& intf, const std::string& frame) { transmit(intf, frame); });
@@ -110,6 +110,11 @@ size_t Daemon::keysHeld() const {
   }
   for (auto it = status->portStatusIter(); it; ++it) count += status->portStatus(it.key())->actorStatusSize();
   return count;
+}
+
+std::string Daemon::macsecName(const std::string& intf) const {
+  const auto it = config_.macsecNames.find(intf);
+  return it != config_.macsecNames.end() ? it->second : "ms" + intf;
 }
 
 void Daemon::linksKnown() {
@@ -219,7 +224,7 @@ nlohmann::json Daemon::show() const {
   for (const auto& [name, profile] : config_.interfaces) {
     nlohmann::json report = interfaceReport(*engine_, Lanx::IntfId(name), ports_.contains(name), config_.dataPlane);
     if (kernel_) {
-      report["macsec-interface"] = config_.macsecNames.at(name);
+      report["macsec-interface"] = macsecName(name);
       const auto port = kernel_->ports().find(Lanx::IntfId(name));
       report["data-plane-errors"] = port == kernel_->ports().end() ? 0 : port->second.errors;
     }

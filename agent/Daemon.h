@@ -54,6 +54,8 @@ class Daemon {
   };
 
   static uint64_t randomSeed();
+  // The MACsec link of an interface in the kernel data plane.
+  std::string macsecName(const std::string& intf) const;
   void linksKnown();
   void linkChanged(const LinkState& link);
   void linkGone(const std::string& name);

@@ -37,6 +37,28 @@ void keyIdOf(const Sak& sak, uint8_t (&keyId)[16]) {
   keyId[15] = static_cast<uint8_t>(sak.keyNum);
 }
 
+// Hands the SA of a key to `add` with the key's clear octets, which are wiped when it returns.
+template <class Add>
+std::optional<std::string> withSa(const Sak& sak, Add&& add) {
+  MacsecSaSettings sa;
+  sa.an = sak.an;
+  keyIdOf(sak, sa.keyId);
+  return sak.key.withClear([&](const KeyBytes& key) {
+    sa.key = &key;
+    return add(sa);
+  });
+}
+
+// The controlled port is the MACsec link: up while open; unprotected traffic only where the
+// configuration allows it.
+MacsecLinkState linkStateOf(const CpStatus& cp) {
+  MacsecLinkState state;
+  state.up = cp.controlledPortEnabled();
+  state.protect = !cp.unprotectedTraffic();
+  state.validate = !cp.unprotectedTraffic();
+  return state;
+}
+
 }  // namespace
 
 void KernelDataPlane::handleInitialized() {
@@ -115,13 +137,7 @@ void KernelDataPlane::updateLink(const Lanx::IntfId& intfId) {
   const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
   KernelPort* port = ensureLink(intfId);
   if (!cp || !port) return;
-  // The controlled port is the MACsec link: up while open; unprotected traffic only where the
-  // configuration allows it.
-  MacsecLinkState state;
-  state.up = cp->controlledPortEnabled();
-  state.protect = !cp->unprotectedTraffic();
-  state.validate = !cp->unprotectedTraffic();
-  refused(intfId, *port, netlink()->linkUpdate(port->ifindex, state));
+  refused(intfId, *port, netlink()->linkUpdate(port->ifindex, linkStateOf(*cp)));
 }
 
 void KernelDataPlane::updateRxSc(const Lanx::IntfId& intfId) {
@@ -166,13 +182,8 @@ void KernelDataPlane::updateRxSa(const Lanx::IntfId& intfId, const AssociationNu
     refused(intfId, *port, netlink()->rxSaDel(port->ifindex, *port->rxSc, number));
     port->rxSas.erase(installed);
   }
-  MacsecSaSettings sa;
-  sa.an = number;
-  keyIdOf(sak, sa.keyId);
-  const std::optional<std::string> error = sak.key.withClear([&](const KeyBytes& key) {
-    sa.key = &key;
-    return netlink()->rxSaAdd(port->ifindex, *port->rxSc, sa);
-  });
+  const std::optional<std::string> error =
+      withSa(sak, [&](const MacsecSaSettings& sa) { return netlink()->rxSaAdd(port->ifindex, *port->rxSc, sa); });
   if (refused(intfId, *port, error)) return;
   port->rxSas[number] = wanted;
   // Confirmed only now that the kernel has the key; delete before write, as hardware reports.
@@ -204,21 +215,13 @@ void KernelDataPlane::updateTxSa(const Lanx::IntfId& intfId) {
       refused(intfId, *port, netlink()->txSaDel(port->ifindex, number));
       port->txSas.erase(installed);
     }
-    MacsecSaSettings sa;
-    sa.an = number;
-    keyIdOf(sak, sa.keyId);
-    const std::optional<std::string> error = sak.key.withClear([&](const KeyBytes& key) {
-      sa.key = &key;
-      return netlink()->txSaAdd(port->ifindex, sa);
-    });
+    const std::optional<std::string> error =
+        withSa(sak, [&](const MacsecSaSettings& sa) { return netlink()->txSaAdd(port->ifindex, sa); });
     if (refused(intfId, *port, error)) return;
     port->txSas[number] = wanted;
   }
   // Frames go out under the new key from now on; the previous transmit keys leave the kernel.
-  MacsecLinkState state;
-  state.up = cp->controlledPortEnabled();
-  state.protect = !cp->unprotectedTraffic();
-  state.validate = !cp->unprotectedTraffic();
+  MacsecLinkState state = linkStateOf(*cp);
   state.encodingSa = number;
   if (refused(intfId, *port, netlink()->linkUpdate(port->ifindex, state))) return;
   for (auto it = port->txSas.begin(); it != port->txSas.end();) {

@@ -9,19 +9,7 @@ set -euo pipefail
 build=${1:-build}
 links=${2:-64}
 seconds=${3:-60}
-tag=$$
-ns_a=mkad-idle-a-$tag
-ns_b=mkad-idle-b-$tag
-work=$(mktemp -d /tmp/mkad-idle.XXXXXX)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
-  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
-  ip netns del "$ns_a" 2>/dev/null || true
-  ip netns del "$ns_b" 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
+source "$(dirname "${BASH_SOURCE[0]}")/../scripts/netns.sh" mkad-idle
 
 ip netns add "$ns_a"
 ip netns add "$ns_b"

@@ -15,31 +15,27 @@ simulate() {
 }
 
 [[ "$(id -u)" -eq 0 ]] || simulate "two daemons on a veth pair need root (network namespaces)"
-tag=$$
-ns_a=mkad-demo-a-$tag
-ns_b=mkad-demo-b-$tag
-ip netns add "$ns_a" 2>/dev/null || simulate "this machine cannot create network namespaces"
-
-work=$(mktemp -d /tmp/mkad-demo.XXXXXX)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
-  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
-  ip netns del "$ns_a" 2>/dev/null || true
-  ip netns del "$ns_b" 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
+source "$(dirname "${BASH_SOURCE[0]}")/netns.sh" mkad-demo
+if ! ip netns add "$ns_a" 2>/dev/null; then
+  netns_cleanup
+  trap - EXIT
+  simulate "this machine cannot create network namespaces"
+fi
 
 ip netns add "$ns_b"
 ip link add eth0 netns "$ns_a" type veth peer name eth0 netns "$ns_b"
 ip -n "$ns_a" link set eth0 up
 ip -n "$ns_b" link set eth0 up
 
+# The kernel's MACsec where the kernel has it; elsewhere the emulated data plane, which runs the
+# sessions and encrypts nothing (and says so).
+plane=emulated
+if [[ -d /sys/module/macsec ]] || modprobe -q macsec 2>/dev/null; then plane=kernel; fi
+
 for side in a b; do
   cat > "$work/$side.toml" <<CONFIG
 [global]
-dataplane = "emulated"   # this kernel has no MACsec: the sessions run, nothing is encrypted
+dataplane = "$plane"
 
 [profile.demo]
 ckn = "96437a93ccf10d9dfe347846cce52c7d"
@@ -50,9 +46,9 @@ profile = "demo"
 CONFIG
 done
 
-echo "Two namespaces on a veth pair, mkad in each:"
+echo "Two namespaces on a veth pair, mkad in each, with the $plane data plane:"
 for side in a b; do
-  ns=mkad-demo-$side-$tag
+  ns=$ns_a; [[ $side == b ]] && ns=$ns_b
   ip netns exec "$ns" "$mkad" --foreground --config "$work/$side.toml" --socket "$work/$side/mkad.sock" \
     2> "$work/$side.log" &
   pids+=($!)

@@ -95,6 +95,7 @@ void showSessions(const Json& reply) {
     if (intf["is-key-server"].get<bool>()) server += " (self)";
     std::string plane = intf["data-plane"].get<std::string>();
     if (!intf["encrypted"].get<bool>()) plane += " (not encrypted)";
+    if (intf.contains("macsec-interface")) plane += " on " + intf["macsec-interface"].get<std::string>();
     rows.push_back({cell(intf["name"]), cell(intf.value("profile", Json())), cell(intf["status"]), cell(intf["ckn"]),
                     server, cell(intf["live-peers"]), keyCell(intf["latest-key"]), keyCell(intf["old-key"]),
                     cell(intf["tx-sa"]), cell(intf["rx-sa"]), cell(intf["controlled-port"]), plane});

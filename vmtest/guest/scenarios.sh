@@ -2,6 +2,19 @@
 # another in one VM; cleanup_all takes each one's namespaces and daemons away.
 ALL_SCENARIOS="secure_128 secure_256 rekey_under_ping_flood flap_restart_and_reload cak_mismatch closed_port"
 
+# A secured session between A (10.66.0.1) and B (10.66.0.2) that a first ping has crossed.
+session() {  # session CAK [PROFILE LINES...]
+  pair
+  config A "$@"
+  config B "$@"
+  start A
+  start B
+  wait_for 60 both_secured || fail "not secured"
+  address A 10.66.0.1
+  address B 10.66.0.2
+  wait_for 10 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no first ping"
+}
+
 # Both ends secured; pings both ways; the MACsec counters grow; the wire holds nothing but EAPOL
 # and MACsec.
 secured_link() {  # secured_link CAK [PROFILE LINES...]
@@ -9,11 +22,15 @@ secured_link() {  # secured_link CAK [PROFILE LINES...]
   capture A veth-a "/tmp/$scenario.pcap"
   config A "$@"
   config B "$@"
+  started=$(now)
   start A
   start B
   wait_for 60 both_secured || fail "not secured: $(show A)"
+  note "secured_after=$(since "$started")s"
   address A 10.66.0.1
   address B 10.66.0.2
+  wait_for 10 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no first ping from A to B"
+  note "first_ping_after=$(since "$started")s"
   ip netns exec A ping -c 5 -i 0.2 -W 2 10.66.0.2 > /tmp/ping-ab.txt || fail "no ping from A to B: $(cat /tmp/ping-ab.txt)"
   ip netns exec B ping -c 5 -i 0.2 -W 2 10.66.0.1 > /tmp/ping-ba.txt || fail "no ping from B to A"
   capture_stop
@@ -35,9 +52,7 @@ secured_link() {  # secured_link CAK [PROFILE LINES...]
 }
 
 scenario_secure_128() {
-  t0=$(now)
   secured_link "$CAK128"
-  note "first_ping_after=$(since "$t0")s"
 }
 
 scenario_secure_256() {
@@ -47,15 +62,7 @@ scenario_secure_256() {
 
 # A new key every 5 s under a ping every 20 ms: no ping lost across five rekeys and more.
 scenario_rekey_under_ping_flood() {
-  pair
-  config A "$CAK128" 'rekey-period = 5'
-  config B "$CAK128" 'rekey-period = 5'
-  start A
-  start B
-  wait_for 60 both_secured || fail "not secured"
-  address A 10.66.0.1
-  address B 10.66.0.2
-  wait_for 10 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no first ping"
+  session "$CAK128" 'rekey-period = 5'
   first=$(key_of A)
   ip netns exec A ping -q -i 0.02 -w 32 10.66.0.2 > /tmp/flood.txt 2>&1 || true
   last=$(key_of A)
@@ -74,15 +81,7 @@ sa_lines() { ip -n "$1" macsec show 2>/dev/null | grep -c 'state on' || true; }
 # A link flap, a clean restart (SAs gone), a restart after SIGKILL (stale SAs replaced), and a key
 # change by reload: each time the link comes back secured and pings pass.
 scenario_flap_restart_and_reload() {
-  pair
-  config A "$CAK128"
-  config B "$CAK128"
-  start A
-  start B
-  wait_for 60 both_secured || fail "not secured"
-  address A 10.66.0.1
-  address B 10.66.0.2
-  wait_for 10 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no first ping"
+  session "$CAK128"
 
   ip -n B link set veth-b down
   wait_for 15 eval '! secured A' || fail "A stayed secured with the link down"
