@@ -1,5 +1,7 @@
 #include "config/ConfigSm.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
@@ -137,6 +139,19 @@ void ConfigSm::handleIntf(const Profile& profile) {
   for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(profile.intfIter())) handleIntf(profile, intfId);
 }
 
+namespace {
+
+// A CKN is octets: the same name in upper-case hexadecimal is the same name, and the decoder
+// renders received names in lower case.
+Cak withCanonicalName(Cak key) {
+  std::string ckn = key.ckn.stdString();
+  std::transform(ckn.begin(), ckn.end(), ckn.begin(), [](unsigned char c) { return std::tolower(c); });
+  key.ckn = Zef::String(ckn);
+  return key;
+}
+
+}  // namespace
+
 void ConfigSm::updateIntf(const Profile& profile, const Zef::Ptr<IntfStatus>& intf) {
   TRACE(8, ": IntfId " << intf->intfId());
   intf->profileNameIs(profile.name());
@@ -145,7 +160,8 @@ void ConfigSm::updateIntf(const Profile& profile, const Zef::Ptr<IntfStatus>& in
   intf->allowUnprotectedIs(profile.allowUnprotected());
   intf->keyRetireIs(profile.keyRetire());
   // Keys are written only when they are other keys: a new encoding of the same secret is none.
-  if (!intf->defaultKey().sameKeyAs(profile.defaultKey())) intf->defaultKeyIs(profile.defaultKey());
+  const Cak defaultKey = withCanonicalName(profile.defaultKey());
+  if (!intf->defaultKey().sameKeyAs(defaultKey)) intf->defaultKeyIs(defaultKey);
   if (staticSakInUse(profile)) {
     intf->txStaticSakIs(profile.txStaticSak());
     intf->rxStaticSakIs(profile.rxStaticSak());
@@ -162,7 +178,8 @@ void ConfigSm::updateIntf(const Profile& profile, const Zef::Ptr<IntfStatus>& in
     return;
   }
   intf->dot1xTypeIs(Dot1x::dot1xTypePreSharedKey);
-  if (!intf->key().sameKeyAs(profile.key())) intf->keyIs(profile.key());
+  const Cak key = withCanonicalName(profile.key());
+  if (!intf->key().sameKeyAs(key)) intf->keyIs(key);
 }
 
 void ConfigSm::handleProfileAttrs(const Profile& profile) {

@@ -363,8 +363,8 @@ uint8_t MkaActorSm::getKeyServerPriority() const {
   }
 }
 
-// The better of two key server candidates: lower priority, then lower address; null when the two
-// cannot be told apart. The port number of the SCI takes no part.
+// The better of two key server candidates: lower priority, then the lower SCI (address, then port
+// number, as IEEE 802.1X compares it); null when the two cannot be told apart.
 Zef::Ptr<MkaPeer> electKeyServer(const Zef::Ptr<MkaPeer>& a, const Zef::Ptr<MkaPeer>& b) {
   ZEF_TRACE_FN(zefTraceHandle(), 8,
                "Macsec::MkaPeer::Ptr Macsec::electKeyServer(Macsec::MkaPeer::Ptr, Macsec::MkaPeer::Ptr)", "");
@@ -372,9 +372,8 @@ Zef::Ptr<MkaPeer> electKeyServer(const Zef::Ptr<MkaPeer>& a, const Zef::Ptr<MkaP
   const BasicInfo& bi = b->baseInfo();
   if (ai.keyServerPriority < bi.keyServerPriority) return a;
   if (ai.keyServerPriority > bi.keyServerPriority) return b;
-  if (ai.sci.addr < bi.sci.addr) return a;
-  if (ai.sci.addr == bi.sci.addr) return nullptr;
-  return b;
+  if (ai.sci == bi.sci) return nullptr;
+  return ai.sci < bi.sci ? a : b;
 }
 
 void MkaActorSm::doUpdateKeyServer() {

@@ -20,11 +20,8 @@ void MkaKeyServerSm::handleInitialized() {
   mkaActorStatusIs(status()->portStatus(intfId())->actorStatus(ckn()));
   mkaPortStatusIs(status()->portStatus(intfId()));
   mkaIntfStatusIs(status()->intfStatus(intfId()));
-  // A key server that starts while elected owes a key after one life time.
   if (mkaActorStatus()->electedSelf()) {
-    mkaActorStatus()->newSakIs(true);
-    armPeriodic();
-    armRekey();
+    startKeying();
   } else {
     mkaActorStatus()->newSakIs(false);
     if (mkaPeriodicTimer()) mkaPeriodicTimer()->timeMinIs(Orb::never);
@@ -43,6 +40,24 @@ void MkaKeyServerSm::armRekey() {
   reKeyTimer()->timeMinIs(period > 0.0 ? Zef::System::currentTime() + period : Orb::never);
 }
 
+void MkaKeyServerSm::startKeying() {
+  armRekey();
+  // The first key of a session goes out at once, as peers expect within a second or two of
+  // meeting (some drop a key server that is slow to send one); with no peer yet it goes when the
+  // first one is live. Keys already in use are replaced after one life time, as every later change.
+  if (mkaActorStatus()->distSak().empty()) {
+    mkaActorStatus()->newSakIs(false);
+    if (mkaPeriodicTimer()) mkaPeriodicTimer()->timeMinIs(Orb::never);
+    if (mkaActorStatus()->livePeerSize() > 0) {
+      generateNewSak();
+      armPeriodic();
+    }
+    return;
+  }
+  mkaActorStatus()->newSakIs(true);
+  armPeriodic();
+}
+
 void MkaKeyServerSm::withdrawUnusedKey() {
   // A key that nobody transmits on yet must not reach a changed peer set.
   if (!mkaActorStatus()->sakTransmit()) mkaActorStatus()->distSakIs(Sak());
@@ -59,9 +74,7 @@ void MkaKeyServerSm::handleKeyServerChange() {
   KEY_SERVER_ENTRY();
   if (mkaActorStatus()->electedSelf()) {
     TRACE(4, "Non-key-server changed to key server" << ON_INTF);
-    mkaActorStatus()->newSakIs(true);
-    armPeriodic();
-    armRekey();
+    startKeying();
     return;
   }
   // The key that was in distribution goes at once; the new key server's key comes in its MKPDUs.

@@ -85,6 +85,15 @@ TEST_F(ConfiguredLink, TheLinkFollowsItsProfileAndShutdownTakesEverythingDown) {
   EXPECT_FALSE(b.port(intf(b)));
 }
 
+TEST_F(ConfiguredLink, ANameInUpperCaseHexadecimalIsTheSameName) {
+  const Sim::Key lower{"abcdef0123456789", "135bd758b0ee5c11c55ff6ab19fdb199"};
+  a.keyIs(intf(a), Sim::Key{"ABCDEF0123456789", lower.cak});
+  b.keyIs(intf(b), lower);
+  ASSERT_TRUE(securedWithin(30));
+  EXPECT_EQ(runningCkn(a), lower.ckn);
+  EXPECT_EQ(runningCkn(b), lower.ckn);
+}
+
 TEST_F(ConfiguredLink, TwoSourcesMergePerProfileAndPerInterfaceByPriority) {
   ASSERT_TRUE(securedWithin(30));
   const Zef::Ptr<Config>& merged = a.engine().mergedConfig();

@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
+
 #include "tests/mka/Scenario.h"
 
 namespace Macsec::Testing {
@@ -35,16 +38,16 @@ TEST_F(PeerElection, TwoActorsFindEachOtherElectTheLowerAddressAndSucceed) {
   EXPECT_TRUE(sb->livePeerHas(sa->msgId()));
 }
 
-TEST_F(PeerElection, LowerPriorityWinsThenLowerAddressAndAFullTieHasNoKeyServer) {
+TEST_F(PeerElection, LowerPriorityWinsThenTheLowerSci) {
   struct Case {
     uint8_t priorityA, priorityB, macA, macB;
     uint16_t portA, portB;
-    int winner;  // 0: a, 1: b, -1: nobody
+    int winner;  // 0: a, 1: b
   };
   const Case cases[] = {
       {20, 10, 0x01, 0x02, 1, 1, 1},    // the lower priority beats the lower address
       {255, 255, 0x02, 0x01, 1, 1, 1},  // equal priorities: the lower address
-      {16, 16, 0x05, 0x05, 1, 2, -1},   // one station address, another port: no winner
+      {16, 16, 0x05, 0x05, 2, 1, 1},    // one station address: the lower port number
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::Message() << "case with winner " << c.winner);
@@ -58,16 +61,11 @@ TEST_F(PeerElection, LowerPriorityWinsThenLowerAddressAndAFullTieHasNoKeyServer)
     EXPECT_EQ(sa->livePeerSize(), 1u);
     EXPECT_EQ(sa->electedSelf(), c.winner == 0);
     EXPECT_EQ(sb->electedSelf(), c.winner == 1);
-    if (c.winner < 0) {
-      EXPECT_TRUE(sa->keyServer().isZero());
-      EXPECT_FALSE(sa->success());
-      EXPECT_FALSE(sb->success());
-    } else {
-      const Sci expected{mac(c.winner == 0 ? c.macA : c.macB), c.winner == 0 ? c.portA : c.portB};
-      EXPECT_EQ(sa->keyServer(), expected);
-      EXPECT_EQ(sb->keyServer(), expected);
-      EXPECT_TRUE(sa->success());
-    }
+    const Sci expected{mac(c.winner == 0 ? c.macA : c.macB), c.winner == 0 ? c.portA : c.portB};
+    EXPECT_EQ(sa->keyServer(), expected);
+    EXPECT_EQ(sb->keyServer(), expected);
+    EXPECT_TRUE(sa->success());
+    EXPECT_TRUE(sb->success());
   }
 }
 
@@ -144,15 +142,17 @@ TEST_F(PeerElection, DelayProtectionSendsAtOnceAndEveryHalfSecond) {
     agent->status()->mkpduPeriodIs(0.5);
   }
   std::vector<double> sentAt;
-  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
-    if (&from == &a && m.sakDistInfo == SakDistInfo() && m.baseInfo.msgNum <= 6) sentAt.push_back(sim.now());
+  sim.tapIs([&](const Sim::Agent& from, const Sim::Message&) {
+    if (&from == &a) sentAt.push_back(sim.now());
   });
   auto sa = join(a, 0x01);
   join(b, 0x02);
   sim.runFor(2.4);
-  // Immediate MKPDUs (a new key) would add times; up to the first key there are only periodic ones.
-  ASSERT_GE(sentAt.size(), 5u);
-  for (size_t i = 0; i < 5; ++i) EXPECT_DOUBLE_EQ(sentAt[i], 100.0 + 0.5 * static_cast<double>(i));
+  // Every half second an MKPDU, the first at once; immediate ones (a new key) come on top.
+  for (int i = 0; i < 5; ++i) {
+    const double due = 100.0 + 0.5 * i;
+    EXPECT_TRUE(std::any_of(sentAt.begin(), sentAt.end(), [&](double t) { return std::abs(t - due) < 1e-9; })) << due;
+  }
   EXPECT_TRUE(sa->success());
 }
 
@@ -168,7 +168,8 @@ class PeerRules : public Scenario {
   Sim::Message from(const char* peerId, uint8_t macByte, int listsMeWith = -1) {
     Sim::Message m;
     m.intfId = eth1;
-    m.baseInfo.keyServerPriority = 16;
+    // The peers win the election, so that the actor makes no key and sends only when told to.
+    m.baseInfo.keyServerPriority = 0;
     m.baseInfo.keyServer = true;
     m.baseInfo.sci = Sci{mac(macByte), 1};
     m.baseInfo.msgId = peerId;
