@@ -2,6 +2,7 @@
 
 #include <openssl/crypto.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "mkpdu/MkaPdu.h"
@@ -94,11 +95,15 @@ DecodeResult decodePeerList(const uint8_t* body, size_t length, std::vector<std:
 }
 
 DecodeResult decodeSakUse(const uint8_t* set, size_t length, SakUseInfo& use) {
-  if (length == 0) return DecodeResult::accepted;  // present but empty
-  if (length != C::sakUseParameterSetBodyLen) return DecodeResult::badParameterSet;
   const auto* overlay = reinterpret_cast<const SakUseSet*>(set);
-  const SakUseAnAndOffset& an = overlay->sakUseAnAndOffset;
+  // The header's flags count even when no key is in use and the body is empty.
   const SakUsePlainTxAndLengthSet& flags = overlay->sakUsePlainTxAndLengthSet;
+  use.plainTx = flags.plainTx();
+  use.plainRx = flags.plainRx();
+  use.delayProtect = flags.delayProtect();
+  if (length == 0) return DecodeResult::accepted;
+  if (length != C::sakUseParameterSetBodyLen) return DecodeResult::badParameterSet;
+  const SakUseAnAndOffset& an = overlay->sakUseAnAndOffset;
   use.latestKey = KeyInfo{an.latestKeyAN(),
                           an.latestKeyTx(),
                           an.latestKeyRx(),
@@ -111,9 +116,6 @@ DecodeResult decodeSakUse(const uint8_t* set, size_t length, SakUseInfo& use) {
                        miText(overlay->oldKeyServerMemberIdentifier),
                        overlay->oldKeyNumber.value(),
                        overlay->olpn.value()};
-  use.plainTx = flags.plainTx();
-  use.plainRx = flags.plainRx();
-  use.delayProtect = flags.delayProtect();
   return DecodeResult::accepted;
 }
 
@@ -183,17 +185,30 @@ const char* decodeResultText(DecodeResult result) {
   return "unknown";
 }
 
+namespace {
+
+// IEEE 802.1X lets a port use the bridge group address or the LLDP one as its PAE group address.
+bool isPaeGroupAddress(const uint8_t* dst) {
+  static constexpr uint8_t kLastOctets[] = {0x03, 0x00, 0x0E};
+  if (std::memcmp(dst, C::paeGroupAddress.data(), 5) != 0) return false;
+  return std::find(std::begin(kLastOctets), std::end(kLastOctets), dst[5]) != std::end(kLastOctets);
+}
+
+}  // namespace
+
 DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& keys, DecodedMkpdu& out) {
-  // The EAPOL header.
+  // The EAPOL header. The receiver is strict about integrity and liberal about everything else:
+  // any EAPOL version, any of the PAE group addresses, and octets after the body (padding or
+  // trailers some equipment adds), which the ICV does not cover and nothing reads.
   if (frame == nullptr || length < kHeader + C::mkpduMinSize) return DecodeResult::tooShort;
   const auto* eapol = reinterpret_cast<const Eapol*>(frame);
-  if (std::memcmp(eapol->dst, C::paeGroupAddress.data(), 6) != 0 || eapol->ethType.value() != C::eapolEthType ||
+  if (!isPaeGroupAddress(eapol->dst) || eapol->ethType.value() != C::eapolEthType ||
       eapol->eapolType != EapolType::eapMka) {
     return DecodeResult::notMka;
   }
-  if (eapol->version < C::eapolVersion) return DecodeResult::badVersion;
+  if (eapol->version == 0) return DecodeResult::badVersion;
   const size_t bodyLength = eapol->bodyLen.value();
-  if (bodyLength != length - kHeader || bodyLength % C::mkaWordAlignment != 0 || bodyLength < C::mkpduMinSize + kIcv) {
+  if (bodyLength > length - kHeader || bodyLength % C::mkaWordAlignment != 0 || bodyLength < C::mkpduMinSize + kIcv) {
     return DecodeResult::badBodyLength;
   }
   const uint8_t* body = frame + kHeader;
@@ -201,7 +216,8 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
 
   // The basic parameter set and its CKN.
   const auto* basic = reinterpret_cast<const BasicParameterSet*>(body);
-  if (basic->version == 0 || basic->version > 3) return DecodeResult::badVersion;
+  // A later MKA version is read as ours, as IEEE 802.1X says.
+  if (basic->version == 0) return DecodeResult::badVersion;
   const size_t basicLength = basic->basicParameterSetPart.parameterSetBodyLength();
   if (basicLength < C::basicParameterSetBodyLen) return DecodeResult::badParameterSet;
   const size_t cknLength = basicLength - C::basicParameterSetBodyLen;

@@ -184,11 +184,12 @@ TEST_F(Codec, MalformedFramesAreRefusedAndCountedAndChangeNothing) {
       {"empty", std::string(), DecodeResult::tooShort},
       {"short", good.substr(0, 49), DecodeResult::tooShort},
       {"truncated", good.substr(0, good.size() - 4), DecodeResult::badBodyLength},
-      {"long", good + std::string(4, '\0'), DecodeResult::badBodyLength},
+      {"body length past the frame", edited([](std::string& f) { setBodyLength(f, f.size() - 18 + 4); }, true),
+       DecodeResult::badBodyLength},
       {"another EtherType", edited([](std::string& f) { f[13] = 0x00; }, true), DecodeResult::notMka},
       {"another EAPOL type", edited([](std::string& f) { f[15] = 0x00; }, true), DecodeResult::notMka},
       {"an individual destination", edited([](std::string& f) { f[0] = 0x00; }, true), DecodeResult::notMka},
-      {"EAPOL version 2", edited([](std::string& f) { f[14] = 2; }, true), DecodeResult::badVersion},
+      {"EAPOL version 0", edited([](std::string& f) { f[14] = 0; }, true), DecodeResult::badVersion},
       {"MKA version 0", edited([](std::string& f) { f[18] = 0; }, true), DecodeResult::badVersion},
       {"body length not a multiple of 4", edited([](std::string& f) { setBodyLength(f, f.size() - 18 - 2); }, true),
        DecodeResult::badBodyLength},
@@ -247,6 +248,62 @@ TEST_F(Codec, MalformedFramesAreRefusedAndCountedAndChangeNothing) {
   EXPECT_EQ(counts.inBadIcv, 2u);
   EXPECT_EQ(counts.inBadKeyWrap, 1u);
   EXPECT_EQ(counts.inReplayed, 1u);
+}
+
+// What IEEE 802.1X peers may send and a liberal receiver takes, as long as the ICV verifies: each
+// row is a good frame changed so, with a message number of its own so that none is a replay.
+TEST_F(Codec, UnusualButSoundFramesAreAccepted) {
+  enum class Edit { sealed, afterTheIcv };
+  struct Row {
+    const char* what;
+    std::function<void(std::string&)> edit;
+    Edit when = Edit::sealed;
+    DecodedMkpdu message = typicalMessage();
+  };
+  // A SAK use set with an empty body (no key in use) whose header's flags still say something.
+  auto emptySakUse = [](std::string& f) {
+    SakUsePlainTxAndLengthSet flags;
+    flags.plainTxIs(true);
+    flags.plainRxIs(true);
+    flags.delayProtectIs(true);
+    flags.parameterSetBodyLengthIs(0);
+    const char set[4] = {3, 0, static_cast<char>(flags.value() >> 8), static_cast<char>(flags.value())};
+    f.insert(f.size() - 16, set, 4);
+    setBodyLength(f, f.size() - 18);
+  };
+  const Row rows[] = {
+      {"EAPOL version 1", [](std::string& f) { f[14] = 1; }},
+      {"EAPOL version 2", [](std::string& f) { f[14] = 2; }},
+      {"EAPOL version 4", [](std::string& f) { f[14] = 4; }},
+      {"the bridge group address", [](std::string& f) { f[5] = 0x00; }},
+      {"the LLDP group address", [](std::string& f) { f[5] = 0x0E; }},
+      {"MKA version 4", [](std::string& f) { f[18] = 4; }},
+      {"padding after the body", [](std::string& f) { f += std::string(4, '\0'); }, Edit::afterTheIcv},
+      {"a trailer after the body", [](std::string& f) { f += "trailer"; }, Edit::afterTheIcv},
+      {"an empty SAK use set", emptySakUse, Edit::sealed, basicOnly()},
+  };
+  Zef::Ptr<MkaMessageInfo> rx = pamManager->rxMessageInfo();
+  uint8_t number = 20;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    ++number;
+    std::string frame = edited(
+        [&](std::string& f) {
+          f[18 + 27] = static_cast<char>(number);  // the low octet of the message number
+          if (row.when == Edit::sealed) row.edit(f);
+        },
+        true, row.message);
+    if (row.when == Edit::afterTheIcv) row.edit(frame);
+    const DecodeResult result = feed(frame);
+    EXPECT_EQ(result, DecodeResult::accepted) << decodeResultText(result);
+    EXPECT_EQ(rx->mkaInfo()->baseInfo().msgNum, number);
+  }
+  const SakUseInfo use = rx->mkaInfo()->sakUseInfo();
+  EXPECT_TRUE(use.plainTx);
+  EXPECT_TRUE(use.plainRx);
+  EXPECT_TRUE(use.delayProtect);
+  EXPECT_EQ(use.latestKey, KeyInfo());
+  EXPECT_EQ(table->row(eth1).inMkpdus, std::size(rows));
 }
 
 TEST_F(Codec, TransmitBuildsTheFrameOfTheActorAndSendsItOnTheInterface) {
