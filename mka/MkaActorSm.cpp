@@ -18,10 +18,13 @@ namespace {
 // exist only inside this call.
 using Derivation = KeyBytes (*)(const KeyBytes&, const KeyBytes&, int);
 
-StoredKey deriveStored(Derivation derive, const StoredKey& cak, const Zef::String& ckn, int bits) {
+// The ICK and the KEK take the CAK's own length, whatever the cipher suite: IEEE 802.1X derives
+// them from the whole CAK.
+StoredKey deriveStored(Derivation derive, const StoredKey& cak, const Zef::String& ckn) {
   KeyBytes name;
   if (!hexToBytes(ckn.view(), name)) return StoredKey();
-  return cak.withClear([&](const KeyBytes& clear) { return StoredKey::of(derive(clear, name, bits)); });
+  return cak.withClear(
+      [&](const KeyBytes& clear) { return StoredKey::of(derive(clear, name, static_cast<int>(clear.size() * 8))); });
 }
 
 }  // namespace
@@ -42,15 +45,12 @@ void MkaActorSm::handleInitialized() {
   actorStatusIs(portStatus() ? portStatus()->actorStatus(ckn()) : nullptr);
   cpStatusIs(status()->cpStatus(intfId()));
 
-  // The key length in bits.
-  const int bits = static_cast<int>(intfStatus()->cipherSuite());
-
   // Only a new actor gets an identity and keys; one rebuilt over its status keeps both.
   if (actorStatus()->msgId().empty()) {
     updateMsgId();
     actorStatus()->cakIs(cak());
-    actorStatus()->kekIs(deriveStored(deriveKek, cak(), ckn(), bits));
-    actorStatus()->ickIs(deriveStored(deriveIck, cak(), ckn(), bits));
+    actorStatus()->kekIs(deriveStored(deriveKek, cak(), ckn()));
+    actorStatus()->ickIs(deriveStored(deriveIck, cak(), ckn()));
   }
 
   // From here on the actor takes messages, and its role follows its status.

@@ -139,8 +139,8 @@ KeyBytes deriveKek(const KeyBytes& cak, const KeyBytes& ckn, int bits) {
 }
 
 KeyBytes deriveSak(const KeyBytes& cak, const KeyBytes& context, int bits) {
-  if ((bits != 128 && bits != 256) || cak.size() < static_cast<size_t>(bits / 8)) return KeyBytes();
-  return kdf(cak.prefix(static_cast<size_t>(bits / 8)), "IEEE8021 SAK", context, bits);
+  if ((bits != 128 && bits != 256) || (cak.size() != 16 && cak.size() != 32)) return KeyBytes();
+  return kdf(cak, "IEEE8021 SAK", context, bits);
 }
 
 void randomNumberGenerator(int bits, Zef::String& out) { hexOut(randomBytes(static_cast<size_t>(bits + 7) / 8), out); }

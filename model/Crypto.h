@@ -27,8 +27,9 @@ KeyBytes randomBytes(size_t count);
 // its CAK and its CKN; empty if the CAK is shorter.
 KeyBytes deriveIck(const KeyBytes& cak, const KeyBytes& ckn, int bits);
 KeyBytes deriveKek(const KeyBytes& cak, const KeyBytes& ckn, int bits);
-// A new SAK from the first bits/8 octets of the CAK and the context: the key server's nonce, the
-// live peers' member identifiers, and the key number in network order.
+// A new SAK of `bits` (the cipher suite's key length, whatever the CAK's) from the whole CAK of 16
+// or 32 octets and the context: the key server's nonce, the live peers' member identifiers, and
+// the key number in network order.
 KeyBytes deriveSak(const KeyBytes& cak, const KeyBytes& context, int bits);
 // The CAK and CKN of an EAP exchange, from the first bits/8 octets of its master session key: the
 // CAK's context is the two MAC addresses, the lower first; the CKN's is the EAP session

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "tests/mka/Scenario.h"
 
 namespace Macsec::Testing {
@@ -92,6 +94,22 @@ TEST_F(ConfiguredLink, ANameInUpperCaseHexadecimalIsTheSameName) {
   ASSERT_TRUE(securedWithin(30));
   EXPECT_EQ(runningCkn(a), lower.ckn);
   EXPECT_EQ(runningCkn(b), lower.ckn);
+}
+
+TEST_F(ConfiguredLink, AnyCakLengthRunsWithAnyCipherSuite) {
+  // The ICK and KEK follow the CAK's length, the SAK's the cipher suite's.
+  const Sim::Key k128{"0202020202020202", "135bd758b0ee5c11c55ff6ab19fdb199"};
+  for (auto [key, suite, sakOctets] :
+       {std::tuple{k128, cipherSuiteGcmAes256, size_t{32}}, std::tuple{k256, cipherSuiteGcmAes128, size_t{16}}}) {
+    SCOPED_TRACE(suite);
+    for (Sim::Agent* agent : {&a, &b}) {
+      agent->profile(intf(*agent))->cipherSuiteIs(suite);
+      agent->keyIs(intf(*agent), key);
+    }
+    ASSERT_TRUE(securedWithin(30));
+    EXPECT_EQ(cp(a)->txSak().key.withClear([](const KeyBytes& sak) { return sak.size(); }), sakOctets);
+    EXPECT_EQ(runningCkn(b), key.ckn);
+  }
 }
 
 TEST_F(ConfiguredLink, TwoSourcesMergePerProfileAndPerInterfaceByPriority) {
