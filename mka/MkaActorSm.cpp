@@ -173,10 +173,12 @@ bool MkaActorSm::parseBasicInfo() {
   if (mutual) {
     // Mutual liveness: the sender is a live peer.
     Zef::Ptr<MkaPeer> peer = actorStatus()->livePeer(peerId);
-    if (!peer) {
+    const bool promoted = !peer;
+    if (promoted) {
       TRACE(1, ": Creating new live peer " << peerId << forActor());
       // The key server and the controlled port hear of the new peer inside this call, before its
-      // record is filled in below.
+      // record is filled in below: an MKPDU they ask for waits until it is.
+      promotingPeerIs(true);
       peer = actorStatus()->livePeerIs(peerId);
       Zef::log(MKA_SESSION_ESTABLISHED, base.sci.addr, base.sci.portId, ckn(), intfId());
     }
@@ -186,6 +188,13 @@ bool MkaActorSm::parseBasicInfo() {
     if (actorStatus()->potentialPeerHas(peerId)) {
       TRACE(3, ": Removing " << peerId << " from potential peer list of actor " << ckn() << " on " << intfId());
       actorStatus()->potentialPeerDel(peerId);
+    }
+    if (promoted) {
+      promotingPeerIs(false);
+      if (immediateOwed()) {
+        immediateOwedIs(false);
+        handleMkpduTimerExpiry(false);
+      }
     }
     doUpdateKeyServer();
     doUpdateActorSuccess();
@@ -477,6 +486,10 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
   // Only the periodic run ages peers; it does so before anything is read for the MKPDU.
   if (!initialized()) return;
   ACTOR_ENTRY();
+  if (!timerExpiry && promotingPeer()) {
+    immediateOwedIs(true);
+    return;
+  }
   if (timerExpiry) handlePeerReview();
 
   // The message is built in the one transmitted-message object.
@@ -501,11 +514,14 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
   base.ckn = ckn();
   info->baseInfoIs(base);
 
-  // Every live and potential peer, with the last message number heard from it.
+  // Every peer once, with the last message number heard from it: a live peer that another peer
+  // also reports (and so is potential by hearsay too) goes in the live list only.
   tx->livePeerDelAll();
   tx->potentialPeerDelAll();
   for (auto it = actorStatus()->livePeerIter(); it; ++it) tx->livePeerIs(it.key(), it->baseInfo().msgNum);
-  for (auto it = actorStatus()->potentialPeerIter(); it; ++it) tx->potentialPeerIs(it.key(), it->baseInfo().msgNum);
+  for (auto it = actorStatus()->potentialPeerIter(); it; ++it) {
+    if (!actorStatus()->livePeerHas(it.key())) tx->potentialPeerIs(it.key(), it->baseInfo().msgNum);
+  }
 
   // The key server repeats its key until everybody transmits on it.
   const Sak& sak = actorStatus()->distSak();

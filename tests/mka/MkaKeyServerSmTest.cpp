@@ -110,6 +110,40 @@ TEST_F(KeyServer, AJoiningPeerIsBatchedIntoOneNewKeyAtTheNextExpiry) {
   EXPECT_FALSE(sa->newSak());
 }
 
+TEST_F(KeyServer, APeerJoiningASettledKeyServerGetsAKeyAtOnceInAnMkpduThatListsEveryPeerOnce) {
+  Sim::Agent& c = sim.agentIs("c");
+  Sim::Link& segment = sim.linkIs(a, eth1, b, eth1);
+  segment.endIs(c, eth1);
+  sa = join(a, 0x01);
+  sb = join(b, 0x02);
+  sim.runFor(20);  // settled: the rate limiter has run out
+  ASSERT_EQ(sa->keyNum(), 1u);
+
+  std::vector<Sim::Message> sent;
+  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
+    if (&from == &a) sent.push_back(m);
+  });
+  auto sc = join(c, 0x03);
+  double* cLive = firstTime([&] { return sa->livePeerSize() == 2; });
+  double* secondKey = firstTime([&] { return sa->keyNum() == 2; });
+  sim.runFor(10);
+  ASSERT_GT(*cLive, 0);
+  EXPECT_DOUBLE_EQ(*secondKey, *cLive);
+  EXPECT_EQ(sc->distSak().keyNum, 2u);
+
+  // Each MKPDU lists each peer once, never with a message number it did not send.
+  const Zef::String cId = sc->msgId();
+  bool keyCarried = false;
+  for (const Sim::Message& m : sent) {
+    for (const auto& [id, number] : m.livePeers) {
+      EXPECT_NE(number, 0u) << id;
+      for (const auto& potential : m.potentialPeers) EXPECT_NE(potential.first, id);
+      if (id == cId && m.sakDistInfo.keyNumber == 2) keyCarried = true;
+    }
+  }
+  EXPECT_TRUE(keyCarried);
+}
+
 TEST_F(KeyServer, RekeyAndPacketNumberExhaustionMakeKeysWithoutWaiting) {
   twoOnALink();
   a.status()->intfStatus(eth1)->reKeyPeriodIs(30);  // armed from the election on
