@@ -309,6 +309,18 @@ constexpr uint32_t kLlpnExhaustion = 0xC0000000u;
 
 }  // namespace
 
+bool MkaActorSm::ownHardwareReceives(const Sak& sak) const {
+  // The key may be in either slot: hardware that confirms at once moves a session's first key on
+  // to the old slot before any peer reports it.
+  if (!cpStatus()) return false;
+  for (const SakContext& context : {cpStatus()->latestSakContext(), cpStatus()->oldSakContext()}) {
+    if (context.sak.an == sak.an && context.sak.mi == sak.mi && context.sak.keyNum == sak.keyNum) {
+      return context.rxInstalled;
+    }
+  }
+  return false;
+}
+
 void MkaActorSm::parseSakUseInfo() {
   ACTOR_ENTRY();
   const Zef::Ptr<MkaInfo const> info = rxMessageInfo()->mkaInfo();
@@ -342,7 +354,7 @@ void MkaActorSm::parseSakUseInfo() {
         break;
       }
     }
-    const bool result = allReceive && cpStatus() && cpStatus()->latestSakContext().rxInstalled;
+    const bool result = allReceive && ownHardwareReceives(actorStatus()->distSak());
     TRACE(1, ": Setting sakTransmit " << result << forActor());
     actorStatus()->sakTransmitIs(result);
   }
