@@ -147,6 +147,10 @@ void ControlledPortSm::handleLivePeer(const Zef::String& peer) {
   cpStatus()->peerSsciIs(Ssci{peerSci, ssciText(mineLower ? 1 : 2)});
 }
 
+void ControlledPortSm::ZefActorStatus::ZefLivePeer::handlePeerBaseInfo() {
+  if (ControlledPortSm* sm = stateMachine()) sm->handleLivePeer(Zef::String(key()));
+}
+
 void ControlledPortSm::handleLivePeer() {
   if (!initialized()) return;
   TRACE(8, "");
