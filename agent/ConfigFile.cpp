@@ -42,7 +42,7 @@ class Reader {
     if (toml::node* profiles = root_.get("profile")) {
       for (auto&& [name, node] : table(*profiles, "profile")) {
         const std::string field = "profile." + std::string(name.str());
-        file.profiles[std::string(name.str())] = readProfile(table(node, field), field);
+        file.profiles[std::string(name.str())] = readProfile(table(node, field), field, file.dataPlane);
       }
     }
     if (toml::node* interfaces = root_.get("interface")) {
@@ -118,11 +118,11 @@ class Reader {
     file.fips = boolean(global, "global", "fips", false);
   }
 
-  ProfileSettings readProfile(toml::table& t, const std::string& field) const {
+  ProfileSettings readProfile(toml::table& t, const std::string& field, DataPlane plane) const {
     onlyKnown(t, field,
               {"ckn", "cak", "cak-file", "fallback-ckn", "fallback-cak", "fallback-cak-file", "cipher-suite",
                "key-server-priority", "rekey-period", "allow-unprotected", "replay-protection", "replay-window",
-               "include-sci", "key-retire", "bypass-lldp", "eap"});
+               "include-sci", "key-retire", "bypass-lldp", "eap", "confidentiality-offset"});
     ProfileSettings p;
     if (std::string* suite = text(t, field, "cipher-suite")) {
       if (*suite == "gcm-aes-256") {
@@ -142,6 +142,14 @@ class Reader {
     p.keyRetire = boolean(t, field, "key-retire", false);
     p.bypassLldp = boolean(t, field, "bypass-lldp", false);
     p.eap = boolean(t, field, "eap", false);
+    p.confidentialityOffset = static_cast<uint8_t>(number(t, field, "confidentiality-offset", 0, 50));
+    if (p.confidentialityOffset != 0 && p.confidentialityOffset != 30 && p.confidentialityOffset != 50) {
+      fail(*t.get("confidentiality-offset"), field + ".confidentiality-offset", "must be 0, 30 or 50");
+    }
+    if (p.confidentialityOffset != 0 && plane == DataPlane::kernel) {
+      fail(*t.get("confidentiality-offset"), field + ".confidentiality-offset",
+           "the kernel data plane encrypts from the first octet: only 0");
+    }
     return p;
   }
 
@@ -284,6 +292,7 @@ void applyConfigFile(const ConfigFile& file, Config& source) {
     profile->replayProtectionWindowIs(settings.replayWindow);
     profile->includeSciIs(settings.includeSci);
     profile->keyRetireIs(settings.keyRetire);
+    profile->confidentialityOffsetIs(settings.confidentialityOffset);
     profile->bypassLldpIs(settings.bypassLldp);
     profile->dot1xEnabledIs(settings.eap);
   }

@@ -21,6 +21,7 @@
 //   include-sci = false
 //   key-retire = false
 //   bypass-lldp = false
+//   confidentiality-offset = 0                 # octets in the clear: 0, 30 or 50
 //   eap = false                                # keys from 802.1X instead
 //
 //   [interface.eth0]
@@ -57,6 +58,7 @@ struct ProfileSettings {
   bool keyRetire = false;
   bool bypassLldp = false;
   bool eap = false;
+  uint8_t confidentialityOffset = 0;  // octets: 0, 30 or 50
 };
 
 struct ConfigFile {

@@ -159,6 +159,7 @@ void ConfigSm::updateIntf(const Profile& profile, const Zef::Ptr<IntfStatus>& in
   intf->reKeyPeriodIs(static_cast<double>(profile.sessionReKeyPeriod()));
   intf->allowUnprotectedIs(profile.allowUnprotected());
   intf->keyRetireIs(profile.keyRetire());
+  intf->confidentialityOffsetIs(profile.confidentialityOffset());
   // Keys are written only when they are other keys: a new encoding of the same secret is none.
   const Cak defaultKey = withCanonicalName(profile.defaultKey());
   if (!intf->defaultKey().sameKeyAs(defaultKey)) intf->defaultKeyIs(defaultKey);

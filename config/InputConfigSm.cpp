@@ -132,6 +132,7 @@ void InputConfigSm::copyProfileAttrs(const Zef::Name& source, const Zef::Name& p
   to->replayProtectionWindowIs(from->replayProtectionWindow());
   to->groupCakIs(from->groupCak());
   to->keyRetireIs(from->keyRetire());
+  to->confidentialityOffsetIs(from->confidentialityOffset());
 }
 
 namespace {
@@ -199,6 +200,10 @@ void InputConfigSm::ZefInputConfig::ZefProfile::handleGroupCak() {
 void InputConfigSm::ZefInputConfig::ZefProfile::handleKeyRetire() {
   TRACE(8, " for profile " << key());
   mergeAttr(*this, COPY(keyRetire));
+}
+void InputConfigSm::ZefInputConfig::ZefProfile::handleConfidentialityOffset() {
+  TRACE(8, " for profile " << key());
+  mergeAttr(*this, COPY(confidentialityOffset));
 }
 #undef COPY
 

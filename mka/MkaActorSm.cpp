@@ -489,6 +489,11 @@ KeyInfo keyInfoOf(const SakContext& context) {
                  context.sak.mi, context.sak.keyNum,  context.txSaValue};
 }
 
+// How the distributed SAK set says what the key server's data plane does with the key:
+// confidentiality with an offset of 0, 30 or 50 octets (1, 2, 3). The value 0, "not used", would
+// tell a peer that follows the key server to protect integrity only.
+uint8_t confidentialityOffsetCode(uint8_t offset) { return offset == 50 ? 3 : offset == 30 ? 2 : 1; }
+
 // The last message number of a member identifier: past it, the actor takes a new identity.
 constexpr uint32_t kLastMsgNum = 0xFFFFFFFFu;
 
@@ -538,7 +543,8 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
   // The key server repeats its key until everybody transmits on it.
   const Sak& sak = actorStatus()->distSak();
   if (actorStatus()->electedSelf() && actorStatus()->principal() && !sak.empty() && !actorStatus()->sakTransmit()) {
-    info->sakDistInfoIs(SakDistInfo{sak.an, 0, sak.keyNum, cipher, sak.key});
+    info->sakDistInfoIs(SakDistInfo{sak.an, confidentialityOffsetCode(intfStatus()->confidentialityOffset()),
+                                    sak.keyNum, cipher, sak.key});
   } else {
     info->sakDistInfoIs(SakDistInfo());
   }

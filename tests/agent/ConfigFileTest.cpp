@@ -64,6 +64,10 @@ TEST(ConfigFile, EveryMistakeIsRefusedWithFileLineAndField) {
        "mkad.conf:3: profile.office.cak-file: key file " + readable + " is open to group or others"},
       {office("cak-file = \"/nonexistent.cak\""), "mkad.conf:3: profile.office.cak-file: cannot read key file"},
       {"[profile.office\n", "mkad.conf:1: "},
+      {"[profile.office]\nconfidentiality-offset = 20\n",
+       "mkad.conf:2: profile.office.confidentiality-offset: must be 0, 30 or 50"},
+      {"[global]\ndataplane = \"kernel\"\n[profile.office]\nconfidentiality-offset = 30\n",
+       "mkad.conf:4: profile.office.confidentiality-offset: the kernel data plane encrypts from the first octet"},
       {office("cak = \"" + kCak + "\"") + "macsec-name = \"a/b\"\n",
        "mkad.conf:7: interface.eth0.macsec-name: not an interface name"},
   };

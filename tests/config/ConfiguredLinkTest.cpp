@@ -112,6 +112,24 @@ TEST_F(ConfiguredLink, AnyCakLengthRunsWithAnyCipherSuite) {
   }
 }
 
+TEST_F(ConfiguredLink, TheDistributedKeySaysWhatTheKeyServerEncrypts) {
+  // The key server (a) announces confidentiality with its configured offset: 1 for offset 0, 2
+  // for 30; never 0, which would tell its peers to protect integrity only.
+  std::vector<uint8_t> announced;
+  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
+    if (&from == &a && m.sakDistInfo.keyNumber != 0) announced.push_back(m.sakDistInfo.confidentialityOffset);
+  });
+  ASSERT_TRUE(securedWithin(30));
+  ASSERT_FALSE(announced.empty());
+  EXPECT_EQ(announced.back(), 1);
+  announced.clear();
+  a.profile(intf(a))->confidentialityOffsetIs(30);
+  a.profile(intf(a))->sessionReKeyPeriodIs(5);
+  sim.runFor(10);
+  ASSERT_FALSE(announced.empty());
+  EXPECT_EQ(announced.back(), 2);
+}
+
 TEST_F(ConfiguredLink, TwoSourcesMergePerProfileAndPerInterfaceByPriority) {
   ASSERT_TRUE(securedWithin(30));
   const Zef::Ptr<Config>& merged = a.engine().mergedConfig();
