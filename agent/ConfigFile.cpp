@@ -6,10 +6,12 @@
 #include <unistd.h>
 
 #include <toml++/toml.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <initializer_list>
 #include <string_view>
+#include <utility>
 
 #include "model/KeyBytes.h"
 #include "model/StoredKey.h"
@@ -125,11 +127,19 @@ class Reader {
                "include-sci", "key-retire", "bypass-lldp", "eap", "confidentiality-offset"});
     ProfileSettings p;
     if (std::string* suite = text(t, field, "cipher-suite")) {
-      if (*suite == "gcm-aes-256") {
-        p.cipherSuite = cipherSuiteGcmAes256;
-      } else if (*suite != "gcm-aes-128") {
-        fail(*t.get("cipher-suite"), field + ".cipher-suite", "must be \"gcm-aes-128\" or \"gcm-aes-256\"");
+      static const std::pair<std::string_view, CipherSuite> kSuites[] = {
+          {"gcm-aes-128", cipherSuiteGcmAes128},
+          {"gcm-aes-256", cipherSuiteGcmAes256},
+          {"gcm-aes-xpn-128", cipherSuiteGcmAesXpn128},
+          {"gcm-aes-xpn-256", cipherSuiteGcmAesXpn256},
+      };
+      const auto known =
+          std::find_if(std::begin(kSuites), std::end(kSuites), [&](const auto& s) { return s.first == *suite; });
+      if (known == std::end(kSuites)) {
+        fail(*t.get("cipher-suite"), field + ".cipher-suite",
+             "must be \"gcm-aes-128\", \"gcm-aes-256\", \"gcm-aes-xpn-128\" or \"gcm-aes-xpn-256\"");
       }
+      p.cipherSuite = known->second;
     }
     p.key = key(t, field, "ckn", "cak", "cak-file");
     p.fallbackKey = key(t, field, "fallback-ckn", "fallback-cak", "fallback-cak-file");

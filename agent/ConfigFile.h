@@ -12,7 +12,7 @@
 //   ckn = "96437a93ccf10d9dfe347846cce52c7d"
 //   cak = "135bd758b0ee5c11c55ff6ab19fdb199"   # or cak-file = "/etc/mkad/office.cak"
 //   fallback-ckn = "..."                       # with fallback-cak or fallback-cak-file
-//   cipher-suite = "gcm-aes-128"               # or "gcm-aes-256"
+//   cipher-suite = "gcm-aes-128"               # "gcm-aes-256", "gcm-aes-xpn-128", "gcm-aes-xpn-256"
 //   key-server-priority = 16
 //   rekey-period = 0                           # seconds; 0 rekeys only when needed
 //   allow-unprotected = false

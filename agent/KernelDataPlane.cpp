@@ -21,8 +21,17 @@ KernelSci kernelSci(const Sci& sci) {
   return kernel;
 }
 
+// The kernel names the suites by their IEEE 802.1AE reference numbers.
 uint64_t cipherSuiteId(CipherSuite suite) {
-  return suite == cipherSuiteGcmAes256 ? MACSEC_CIPHER_ID_GCM_AES_256 : MACSEC_CIPHER_ID_GCM_AES_128;
+  const uint64_t reference = cipherSuiteReference(suite);
+  return reference != 0 ? reference : MACSEC_CIPHER_ID_GCM_AES_128;
+}
+
+uint32_t ssciOf(const Ssci& ssci) {
+  KeyBytes octets;
+  if (!hexToBytes(ssci.ssci.stdString(), octets) || octets.size() != 4) return 0;
+  return static_cast<uint32_t>(octets.data()[0]) << 24 | static_cast<uint32_t>(octets.data()[1]) << 16 |
+         static_cast<uint32_t>(octets.data()[2]) << 8 | octets.data()[3];
 }
 
 // The key identifier of IEEE 802.1X: the key server's member identifier and the key number.
@@ -37,12 +46,21 @@ void keyIdOf(const Sak& sak, uint8_t (&keyId)[16]) {
   keyId[15] = static_cast<uint8_t>(sak.keyNum);
 }
 
-// Hands the SA of a key to `add` with the key's clear octets, which are wiped when it returns.
+// Hands the SA of a key to `add` with the key's clear octets, which are wiped when it returns. With
+// an XPN suite the SA carries its short SCI and the key's salt.
 template <class Add>
-std::optional<std::string> withSa(const Sak& sak, Add&& add) {
+std::optional<std::string> withSa(const Sak& sak, CipherSuite suite, const Ssci& ssci, Add&& add) {
   MacsecSaSettings sa;
   sa.an = sak.an;
   keyIdOf(sak, sa.keyId);
+  if (isXpn(suite)) {
+    sa.xpn = true;
+    sa.ssci = ssciOf(ssci);
+    KeyBytes salt;
+    if (hexToBytes(sak.salt.stdString(), salt) && salt.size() == sizeof sa.salt) {
+      std::copy(salt.data(), salt.data() + salt.size(), sa.salt);
+    }
+  }
   return sak.key.withClear([&](const KeyBytes& key) {
     sa.key = &key;
     return add(sa);
@@ -183,7 +201,8 @@ void KernelDataPlane::updateRxSa(const Lanx::IntfId& intfId, const AssociationNu
     port->rxSas.erase(installed);
   }
   const std::optional<std::string> error =
-      withSa(sak, [&](const MacsecSaSettings& sa) { return netlink()->rxSaAdd(port->ifindex, *port->rxSc, sa); });
+      withSa(sak, cp->macsecParams().cipherSuite, cp->peerSsci(),
+             [&](const MacsecSaSettings& sa) { return netlink()->rxSaAdd(port->ifindex, *port->rxSc, sa); });
   if (refused(intfId, *port, error)) return;
   port->rxSas[number] = wanted;
   // Confirmed only now that the kernel has the key; delete before write, as hardware reports.
@@ -216,7 +235,8 @@ void KernelDataPlane::updateTxSa(const Lanx::IntfId& intfId) {
       port->txSas.erase(installed);
     }
     const std::optional<std::string> error =
-        withSa(sak, [&](const MacsecSaSettings& sa) { return netlink()->txSaAdd(port->ifindex, sa); });
+        withSa(sak, cp->macsecParams().cipherSuite, cp->mySsci(),
+               [&](const MacsecSaSettings& sa) { return netlink()->txSaAdd(port->ifindex, sa); });
     if (refused(intfId, *port, error)) return;
     port->txSas[number] = wanted;
   }

@@ -12,6 +12,9 @@
 #include <netlink/socket.h>
 #include <openssl/crypto.h>
 
+#include <arpa/inet.h>
+
+#include <algorithm>
 #include <cstring>
 
 namespace Macsec {
@@ -27,13 +30,12 @@ namespace {
 
 std::string failure(const char* operation, int error) { return std::string(operation) + ": " + nl_geterror(error); }
 
-// The largest packet number of a non-extended cipher suite fits 32 bits, and the kernel wants
-// exactly that size for such an SA.
-void putPn(nl_msg* msg, uint64_t pn) {
-  if (pn <= UINT32_MAX) {
-    nla_put_u32(msg, MACSEC_SA_ATTR_PN, static_cast<uint32_t>(pn));
-  } else {
+// The kernel wants the packet number at exactly the suite's size: 32 bits, or 64 with XPN.
+void putPn(nl_msg* msg, uint64_t pn, bool xpn) {
+  if (xpn) {
     nla_put_u64(msg, MACSEC_SA_ATTR_PN, pn);
+  } else {
+    nla_put_u32(msg, MACSEC_SA_ATTR_PN, static_cast<uint32_t>(std::min<uint64_t>(pn, UINT32_MAX)));
   }
 }
 
@@ -167,9 +169,13 @@ void putSa(nl_msg* msg, const MacsecSaSettings& sa) {
   nlattr* config = nla_nest_start(msg, MACSEC_ATTR_SA_CONFIG);
   nla_put_u8(msg, MACSEC_SA_ATTR_AN, sa.an);
   nla_put_u8(msg, MACSEC_SA_ATTR_ACTIVE, 1);
-  putPn(msg, sa.lowestPn);
+  putPn(msg, sa.lowestPn, sa.xpn);
   nla_put(msg, MACSEC_SA_ATTR_KEYID, sizeof sa.keyId, sa.keyId);
   nla_put(msg, MACSEC_SA_ATTR_KEY, static_cast<int>(sa.key->size()), sa.key->data());
+  if (sa.xpn) {
+    nla_put_u32(msg, MACSEC_SA_ATTR_SSCI, htonl(sa.ssci));  // in network order, as the kernel reads it
+    nla_put(msg, MACSEC_SA_ATTR_SALT, sizeof sa.salt, sa.salt);
+  }
   nla_nest_end(msg, config);
 }
 

@@ -51,6 +51,10 @@ struct MacsecSaSettings {
   uint64_t lowestPn = 1;
   const KeyBytes* key = nullptr;
   uint8_t keyId[16] = {};
+  // The extended packet number suites: 64-bit packet numbers, and the SA's short SCI and salt.
+  bool xpn = false;
+  uint32_t ssci = 0;
+  uint8_t salt[12] = {};
 };
 
 class MacsecNetlink {

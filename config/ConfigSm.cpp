@@ -278,7 +278,7 @@ Cak deriveKey(CipherSuite cipher, const Dot1x::EapKey& eapKey) {
   KeyBytes context;
   if (!hexToBytes(eapKey.sessionId.view(), context)) return Cak();
   context.append(macs);
-  const int bits = static_cast<int>(cipher);
+  const int bits = keyBitsOf(cipher);
   return eapKey.key.withClear([&](const KeyBytes& msk) {
     const KeyBytes ckn = deriveCkn(msk, bits, context, 128);
     const StoredKey cak = StoredKey::of(deriveCak(msk, macs, bits));

@@ -523,7 +523,7 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
                        : actorStatus()->electedSelf();
   base.macsecDesired = actorStatus()->macsecDesired();
   const CipherSuite cipher = intfStatus()->cipherSuite();
-  base.macsecCapability = (cipher == cipherSuiteGcmAes128 || cipher == cipherSuiteGcmAes256) ? 2 : 1;
+  base.macsecCapability = keyBitsOf(cipher) > 0 ? 2 : 1;
   base.sci = portStatus()->mySci();
   if (actorStatus()->msgNum() == kLastMsgNum) updateMsgId();
   base.msgId = actorStatus()->msgId();

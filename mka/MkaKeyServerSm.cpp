@@ -181,7 +181,7 @@ void MkaKeyServerSm::generateNewSak() {
   KEY_SERVER_ENTRY();
   // The context of the derivation: a fresh nonce of the key's length, the live peers' member
   // identifiers, and the new key number in network order.
-  const int bits = static_cast<int>(mkaIntfStatus()->cipherSuite());
+  const int bits = keyBitsOf(mkaIntfStatus()->cipherSuite());
   KeyBytes context = randomBytes(static_cast<size_t>(bits / 8));
   for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) {
     KeyBytes peer;

@@ -51,8 +51,6 @@ struct MacsecConstants {
   static constexpr uint8_t sizeOfWrapped256BitKey = 40;
   static constexpr uint8_t icvIndicatorParamSetBodyLen = 4;
   // The cipher suites that a distributed SAK set names (IEEE 802.1AE).
-  static constexpr uint64_t gcmAes128CipherSuiteRefNo = 0x80C20001000001;
-  static constexpr uint64_t gcmAes256CipherSuiteRefNo = 0x80C20001000002;
   // The destination of every MKPDU: the PAE group address.
   static constexpr std::array<uint8_t, 6> paeGroupAddress = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x03};
 };

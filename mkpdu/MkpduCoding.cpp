@@ -78,13 +78,7 @@ KeyBytes icvOf(const StoredKey& ick, const uint8_t* frame, size_t length) {
 }
 
 size_t wrappedLengthOf(CipherSuite cipher) {
-  return cipher == cipherSuiteGcmAes256 ? C::sizeOfWrapped256BitKey : C::sizeOfWrapped128BitKey;
-}
-
-CipherSuite cipherOfReference(uint64_t reference) {
-  if (reference == C::gcmAes128CipherSuiteRefNo) return cipherSuiteGcmAes128;
-  if (reference == C::gcmAes256CipherSuiteRefNo) return cipherSuiteGcmAes256;
-  return cipherSuiteNone;  // a suite this engine does not run: the actor refuses the key
+  return keyBitsOf(cipher) == 256 ? C::sizeOfWrapped256BitKey : C::sizeOfWrapped128BitKey;
 }
 
 DecodeResult decodePeerList(const uint8_t* body, size_t length, std::vector<std::pair<Zef::String, uint32_t>>& peers) {
@@ -127,9 +121,12 @@ DecodeResult decodeDistSak(const uint8_t* set, size_t length, const ActorKeys& k
   size_t wrappedLength = C::sizeOfWrapped128BitKey;
   if (length == C::distSakParameterSet128BitKeyBodyLen || length == C::distSakParameterSet256BitKeyBodyLen) {
     keyOffset += C::sizeOfCipherSuiteParam;
-    cipher = cipherOfReference(overlay->cipherSuite.value());
+    // A suite this engine does not run becomes none, and the actor refuses the key.
+    cipher = cipherSuiteOfReference(overlay->cipherSuite.value());
     wrappedLength =
         length == C::distSakParameterSet256BitKeyBodyLen ? C::sizeOfWrapped256BitKey : C::sizeOfWrapped128BitKey;
+    // A known suite with a key of another length is malformed.
+    if (cipher != cipherSuiteNone && wrappedLength != wrappedLengthOf(cipher)) return DecodeResult::badParameterSet;
   } else if (length != C::distSakBodyLenWithoutCipherSuiteInfo) {
     return DecodeResult::badParameterSet;
   }
@@ -359,7 +356,8 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
     put16(body, static_cast<uint16_t>(4 + (withSuite ? C::sizeOfCipherSuiteParam : 0) + wrappedSak.size()));
     put32(body, dist.keyNumber);
     if (withSuite) {
-      put64(body, dist.cipherSuite == cipherSuiteGcmAes256 ? C::gcmAes256CipherSuiteRefNo : C::nullCipherSuiteRefNo);
+      const uint64_t reference = cipherSuiteReference(dist.cipherSuite);
+      put64(body, reference != 0 ? reference : C::nullCipherSuiteRefNo);
     }
     putBytes(body, wrappedSak.data(), wrappedSak.size());
   }

@@ -1,6 +1,7 @@
 #include "model/Values.h"
 
 #include <ostream>
+#include <utility>
 
 #include "platform/Exception.h"
 #include "platform/ValueText.h"
@@ -13,6 +14,47 @@ const char* yesNo(bool b) { return b ? "true" : "false"; }
 
 }  // namespace
 
+int keyBitsOf(CipherSuite suite) {
+  switch (suite) {
+    case cipherSuiteGcmAes128:
+    case cipherSuiteGcmAesXpn128:
+      return 128;
+    case cipherSuiteGcmAes256:
+    case cipherSuiteGcmAesXpn256:
+      return 256;
+    case cipherSuiteNone:
+      break;
+  }
+  return 0;
+}
+
+bool isXpn(CipherSuite suite) { return suite == cipherSuiteGcmAesXpn128 || suite == cipherSuiteGcmAesXpn256; }
+
+namespace {
+
+constexpr std::pair<CipherSuite, uint64_t> kReferences[] = {
+    {cipherSuiteGcmAes128, 0x0080C20001000001},
+    {cipherSuiteGcmAes256, 0x0080C20001000002},
+    {cipherSuiteGcmAesXpn128, 0x0080C20001000003},
+    {cipherSuiteGcmAesXpn256, 0x0080C20001000004},
+};
+
+}  // namespace
+
+uint64_t cipherSuiteReference(CipherSuite suite) {
+  for (const auto& [known, reference] : kReferences) {
+    if (known == suite) return reference;
+  }
+  return 0;
+}
+
+CipherSuite cipherSuiteOfReference(uint64_t reference) {
+  for (const auto& [suite, known] : kReferences) {
+    if (known == reference) return suite;
+  }
+  return cipherSuiteNone;
+}
+
 std::ostream& operator<<(std::ostream& out, CipherSuite suite) {
   switch (suite) {
     case cipherSuiteNone:
@@ -21,6 +63,10 @@ std::ostream& operator<<(std::ostream& out, CipherSuite suite) {
       return out << "cipherSuiteGcmAes128";
     case cipherSuiteGcmAes256:
       return out << "cipherSuiteGcmAes256";
+    case cipherSuiteGcmAesXpn128:
+      return out << "cipherSuiteGcmAesXpn128";
+    case cipherSuiteGcmAesXpn256:
+      return out << "cipherSuiteGcmAesXpn256";
   }
   return out << "CipherSuite(" << static_cast<uint32_t>(suite) << ")";
 }

@@ -19,11 +19,24 @@
 namespace Macsec {
 
 // The key length in bits, and the logic uses the number as such.
+// The IEEE 802.1AE cipher suites. The values of the two original suites are their key lengths in
+// bits; the extended packet number (XPN) suites take the next values. keyBitsOf() and
+// cipherSuiteReference() give what each means; nothing reads the values as numbers.
 enum CipherSuite : uint32_t {
   cipherSuiteNone = 0,  // no encryption
   cipherSuiteGcmAes128 = 128,
+  cipherSuiteGcmAesXpn128 = 129,
   cipherSuiteGcmAes256 = 256,
+  cipherSuiteGcmAesXpn256 = 257,
 };
+// The SAK's length in bits, 0 for none.
+int keyBitsOf(CipherSuite suite);
+// Whether frames carry 64-bit packet numbers, with a short SCI and a salt per SA.
+bool isXpn(CipherSuite suite);
+// The IEEE 802.1AE reference number (00-80-C2-00-01-00-00-01 to -04), and the suite of one;
+// cipherSuiteNone for a number this engine does not run.
+uint64_t cipherSuiteReference(CipherSuite suite);
+CipherSuite cipherSuiteOfReference(uint64_t reference);
 
 // What the self-test functions take: a key length in bits, or 0 for the plain frame.
 enum CryptoLibCipherSuite : uint32_t {

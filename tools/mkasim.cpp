@@ -20,7 +20,7 @@ struct Options {
   int links = 1;
   std::string ckn = "96437a93ccf10d9dfe347846cce52c7d";
   std::string cak;  // by cipher when not given
-  int cipher = 128;
+  std::string cipher = "128";
   bool delayProtection = false;
   bool fips = false;
   double duration = 60;
@@ -37,7 +37,8 @@ const char* kUsage =
     "  --links N             links between neighbouring switches (default 1)\n"
     "  --ckn HEX             connectivity association key name (1 to 32 octets)\n"
     "  --cak HEX             connectivity association key (32 or 64 hex digits, with either cipher)\n"
-    "  --cipher 128|256      GCM-AES key length (default 128)\n"
+    "  --cipher SUITE        128, 256, xpn-128 or xpn-256: GCM-AES, with extended packet numbers\n"
+    "                        for xpn (default 128)\n"
     "  --delay-protection    MKPDUs every 0.5 s with delay protection\n"
     "  --fips                FIPS mode: each port waits for its hardware's power-on self test\n"
     "  --duration SECONDS    virtual time to run (default 60)\n"
@@ -50,6 +51,14 @@ const char* kUsage =
 [[noreturn]] void refuse(const std::string& message) {
   std::cerr << "mkasim: " << message << "\n" << kUsage;
   std::exit(2);
+}
+
+Macsec::CipherSuite suiteOf(const std::string& name) {
+  if (name == "128") return Macsec::cipherSuiteGcmAes128;
+  if (name == "256") return Macsec::cipherSuiteGcmAes256;
+  if (name == "xpn-128") return Macsec::cipherSuiteGcmAesXpn128;
+  if (name == "xpn-256") return Macsec::cipherSuiteGcmAesXpn256;
+  return Macsec::cipherSuiteNone;
 }
 
 bool isHex(const std::string& text) {
@@ -81,7 +90,7 @@ Options parse(int argc, char** argv) {
     } else if (flag == "--cak") {
       o.cak = value();
     } else if (flag == "--cipher") {
-      o.cipher = static_cast<int>(number(flag, value()));
+      o.cipher = value();
     } else if (flag == "--delay-protection") {
       o.delayProtection = true;
     } else if (flag == "--fips") {
@@ -107,10 +116,11 @@ Options parse(int argc, char** argv) {
   }
   if (o.switches < 2 || o.switches > 64) refuse("--switches must be from 2 to 64");
   if (o.links < 1 || o.links > 256) refuse("--links must be from 1 to 256");
-  if (o.cipher != 128 && o.cipher != 256) refuse("--cipher must be 128 or 256");
+  if (suiteOf(o.cipher) == Macsec::cipherSuiteNone) refuse("--cipher must be 128, 256, xpn-128 or xpn-256");
   if (o.cak.empty()) {
-    o.cak = o.cipher == 128 ? "135bd758b0ee5c11c55ff6ab19fdb199"
-                            : "a29efdb63d6fba73c65daab2295340a837a8886e94a905b5c9c7ef1d9dbb297e";
+    o.cak = Macsec::keyBitsOf(suiteOf(o.cipher)) == 128
+                ? "135bd758b0ee5c11c55ff6ab19fdb199"
+                : "a29efdb63d6fba73c65daab2295340a837a8886e94a905b5c9c7ef1d9dbb297e";
   }
   if (!isHex(o.ckn) || o.ckn.empty() || o.ckn.size() > 64) refuse("--ckn must be 1 to 32 octets of hexadecimal text");
   if (!isHex(o.cak) || (o.cak.size() != 32 && o.cak.size() != 64)) refuse("--cak must be 32 or 64 hexadecimal digits");
@@ -193,7 +203,7 @@ int main(int argc, char** argv) {
     const Zef::Ptr<Macsec::Config>& config = agent.engine().config();
     config->delayProtectionIs(o.delayProtection);
     const Zef::Ptr<Macsec::Profile> profile = config->profileIs(Zef::Name("mkasim"));
-    profile->cipherSuiteIs(o.cipher == 256 ? Macsec::cipherSuiteGcmAes256 : Macsec::cipherSuiteGcmAes128);
+    profile->cipherSuiteIs(suiteOf(o.cipher));
     profile->keyIs(Macsec::Cak{o.ckn, Macsec::StoredKey::ofHex(o.cak)});
     // Simulated FIPS mode: the ports wait for the emulated hardware's self test; the process's
     // crypto library is not switched.

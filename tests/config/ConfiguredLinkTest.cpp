@@ -96,11 +96,12 @@ TEST_F(ConfiguredLink, ANameInUpperCaseHexadecimalIsTheSameName) {
   EXPECT_EQ(runningCkn(b), lower.ckn);
 }
 
-TEST_F(ConfiguredLink, AnyCakLengthRunsWithAnyCipherSuite) {
+TEST_F(ConfiguredLink, AnyCakLengthRunsWithAnyOfTheFourCipherSuites) {
   // The ICK and KEK follow the CAK's length, the SAK's the cipher suite's.
   const Sim::Key k128{"0202020202020202", "135bd758b0ee5c11c55ff6ab19fdb199"};
   for (auto [key, suite, sakOctets] :
-       {std::tuple{k128, cipherSuiteGcmAes256, size_t{32}}, std::tuple{k256, cipherSuiteGcmAes128, size_t{16}}}) {
+       {std::tuple{k128, cipherSuiteGcmAes256, size_t{32}}, std::tuple{k256, cipherSuiteGcmAes128, size_t{16}},
+        std::tuple{k256, cipherSuiteGcmAesXpn128, size_t{16}}, std::tuple{k128, cipherSuiteGcmAesXpn256, size_t{32}}}) {
     SCOPED_TRACE(suite);
     for (Sim::Agent* agent : {&a, &b}) {
       agent->profile(intf(*agent))->cipherSuiteIs(suite);

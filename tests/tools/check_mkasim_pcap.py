@@ -94,6 +94,8 @@ def decode(frame, ick, kek):
             sak = aes_key_unwrap(kek, wrapped)
             fields["key_number"] = key_number
             fields["sak_length"] = len(sak)
+            # Without the field, the default suite: GCM-AES-128.
+            fields["suite"] = DEFAULT_SUITE if length == 28 else struct.unpack(">Q", content[4:12])[0]
         at += 4 + ((length + 3) & ~3)
     assert at == len(sets), "parameter sets run past the body"
     return fields
@@ -109,11 +111,17 @@ def tshark_fields(path):
     return [dict(zip(names, line.split("|"))) for line in output.splitlines()]
 
 
-def check(mkasim, ckn, cak, extra):
+DEFAULT_SUITE = 0x0080C20001000001
+# mkasim's --cipher: the IEEE 802.1AE reference number and the SAK's length in octets.
+SUITES = {"128": (DEFAULT_SUITE, 16), "256": (0x0080C20001000002, 32), "xpn-128": (0x0080C20001000003, 16),
+          "xpn-256": (0x0080C20001000004, 32)}
+
+
+def check(mkasim, ckn, cak, suite, extra):
     with tempfile.TemporaryDirectory() as directory:
         path = os.path.join(directory, "mka.pcap")
-        subprocess.run([mkasim, "--quiet", "--ckn", ckn, "--cak", cak, "--duration", "40", "--pcap", path] + extra,
-                       check=True, capture_output=True)
+        subprocess.run([mkasim, "--quiet", "--ckn", ckn, "--cak", cak, "--cipher", suite, "--duration", "40",
+                        "--pcap", path] + extra, check=True, capture_output=True)
         ick, kek = ick_and_kek(cak, ckn)
         ours = [decode(frame, ick, kek) for frame in pcap_frames(path)]
         theirs = tshark_fields(path)
@@ -129,7 +137,7 @@ def check(mkasim, ckn, cak, extra):
         assert wire["mka.icv"].replace(":", "") == mine["icv"]
         if "key_number" in mine:
             assert int(wire["mka.key_number"].replace(":", ""), 16) == mine["key_number"]
-            assert mine["sak_length"] == len(cak) // 2
+            assert (mine["suite"], mine["sak_length"]) == SUITES[suite], (mine["suite"], mine["sak_length"])
         # Every member's numbers grow.
         assert mine["mn"] > last_number.get(mine["mi"], 0)
         last_number[mine["mi"]] = mine["mn"]
@@ -140,15 +148,21 @@ def check(mkasim, ckn, cak, extra):
 
 def main():
     mkasim = sys.argv[1]
+    cak256 = "a29efdb63d6fba73c65daab2295340a837a8886e94a905b5c9c7ef1d9dbb297e"
     runs = [
-        ("96437a93ccf10d9dfe347846cce52c7d", "135bd758b0ee5c11c55ff6ab19fdb199", []),
-        ("7888f5d48ba8b24e96bb95bd8c7304ec", "a29efdb63d6fba73c65daab2295340a837a8886e94a905b5c9c7ef1d9dbb297e",
-         ["--cipher", "256", "--switches", "3", "--links", "2", "--delay-protection"]),
-        ("11223344", "00112233445566778899aabbccddeeff", ["--latency", "0.05"]),
+        ("96437a93ccf10d9dfe347846cce52c7d", "135bd758b0ee5c11c55ff6ab19fdb199", "128", []),
+        ("7888f5d48ba8b24e96bb95bd8c7304ec", cak256, "256",
+         ["--switches", "3", "--links", "2", "--delay-protection"]),
+        ("11223344", "00112233445566778899aabbccddeeff", "128", ["--latency", "0.05"]),
+        # The XPN suites, and CAKs of the other length than the SAK's.
+        ("0a0b0c0d", "135bd758b0ee5c11c55ff6ab19fdb199", "xpn-128", []),
+        ("0a0b0c0e", cak256, "xpn-256", []),
+        ("0a0b0c0f", cak256, "128", []),
+        ("0a0b0c10", "135bd758b0ee5c11c55ff6ab19fdb199", "xpn-256", []),
     ]
-    for ckn, cak, extra in runs:
-        frames, keys = check(mkasim, ckn, cak, extra)
-        print(f"CKN {ckn}: {frames} MKPDUs verified, {keys} carried a distributed SAK")
+    for ckn, cak, suite, extra in runs:
+        frames, keys = check(mkasim, ckn, cak, suite, extra)
+        print(f"CKN {ckn}, cipher {suite}: {frames} MKPDUs verified, {keys} carried a distributed SAK")
     print("1 passed, 0 failed")
 
 

@@ -1,6 +1,6 @@
 # The scenarios: each a function that fails (exit 1) with a reason or returns. They run one after
 # another in one VM; cleanup_all takes each one's namespaces and daemons away.
-ALL_SCENARIOS="secure_128 secure_256 rekey_under_ping_flood flap_restart_and_reload cak_mismatch closed_port"
+ALL_SCENARIOS="secure_128 secure_256 secure_xpn rekey_under_ping_flood flap_restart_and_reload cak_mismatch closed_port"
 
 # A secured session between A (10.66.0.1) and B (10.66.0.2) that a first ping has crossed.
 session() {  # session CAK [PROFILE LINES...]
@@ -58,6 +58,12 @@ scenario_secure_128() {
 scenario_secure_256() {
   secured_link "$CAK256" 'cipher-suite = "gcm-aes-256"'
   grep -q "GCM-AES-256" /tmp/secure_256-macsec.txt || fail "the link does not run GCM-AES-256"
+}
+
+# An extended packet number suite: each SA carries its short SCI and salt.
+scenario_secure_xpn() {
+  secured_link "$CAK256" 'cipher-suite = "gcm-aes-xpn-256"'
+  grep -q "GCM-AES-XPN-256" /tmp/secure_xpn-macsec.txt || fail "the link does not run GCM-AES-XPN-256"
 }
 
 # A new key every 5 s under a ping every 20 ms: no ping lost across five rekeys and more.
