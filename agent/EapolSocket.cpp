@@ -14,7 +14,10 @@ namespace Macsec {
 namespace {
 
 constexpr uint16_t kEapolType = 0x888E;
-constexpr uint8_t kPaeGroupAddress[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x03};
+// The PAE group address that we send to, and the bridge and LLDP group addresses that IEEE 802.1X
+// lets a peer use as its PAE group address.
+constexpr uint8_t kGroupAddresses[][6] = {
+    {0x01, 0x80, 0xC2, 0x00, 0x00, 0x03}, {0x01, 0x80, 0xC2, 0x00, 0x00, 0x00}, {0x01, 0x80, 0xC2, 0x00, 0x00, 0x0E}};
 // Enough for a jumbo frame; a longer one is handed on cut short, and the codec refuses it.
 constexpr size_t kLongestFrame = 9216;
 
@@ -35,14 +38,16 @@ std::unique_ptr<EapolSocket> EapolSocket::open(int ifindex, std::string& error) 
     error = std::string("cannot bind a packet socket: ") + std::strerror(errno);
     return nullptr;
   }
-  packet_mreq membership{};
-  membership.mr_ifindex = ifindex;
-  membership.mr_type = PACKET_MR_MULTICAST;
-  membership.mr_alen = sizeof kPaeGroupAddress;
-  std::memcpy(membership.mr_address, kPaeGroupAddress, sizeof kPaeGroupAddress);
-  if (setsockopt(fd, SOL_PACKET, PACKET_ADD_MEMBERSHIP, &membership, sizeof membership) < 0) {
-    error = std::string("cannot join the PAE group address: ") + std::strerror(errno);
-    return nullptr;
+  for (const auto& group : kGroupAddresses) {
+    packet_mreq membership{};
+    membership.mr_ifindex = ifindex;
+    membership.mr_type = PACKET_MR_MULTICAST;
+    membership.mr_alen = sizeof group;
+    std::memcpy(membership.mr_address, group, sizeof group);
+    if (setsockopt(fd, SOL_PACKET, PACKET_ADD_MEMBERSHIP, &membership, sizeof membership) < 0) {
+      error = std::string("cannot join the PAE group addresses: ") + std::strerror(errno);
+      return nullptr;
+    }
   }
   // Frames this host sends are not looped back to us; older kernels lack the option, and the
   // packet type check in readable() covers them.

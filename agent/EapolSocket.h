@@ -1,8 +1,9 @@
 #pragma once
 
 // EAPOL frames on one Linux interface: an AF_PACKET socket bound to the interface for EtherType
-// 0x888E, a member of the PAE group address 01:80:C2:00:00:03, that hears frames from the wire and
-// not the ones this host sends.
+// 0x888E, a member of the PAE group address 01:80:C2:00:00:03 (and of the bridge and LLDP group
+// addresses, which peers may use instead), that hears frames from the wire and not the ones this
+// host sends.
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,6 @@
 # The scenarios: each a function that fails (exit 1) with a reason or returns. They run one after
 # another in one VM; cleanup_all takes each one's namespaces and daemons away.
-ALL_SCENARIOS="secure_128 secure_256 secure_xpn rekey_under_ping_flood flap_restart_and_reload cak_mismatch closed_port"
+ALL_SCENARIOS="secure_128 secure_256 secure_xpn rekey_under_ping_flood flap_restart_and_reload cak_mismatch closed_port allow_unprotected"
 
 # A secured session between A (10.66.0.1) and B (10.66.0.2) that a first ping has crossed.
 session() {  # session CAK [PROFILE LINES...]
@@ -159,4 +159,22 @@ scenario_closed_port() {
   clear=$(frames "/tmp/$scenario.pcap" "not ether proto 0x888e and not ether proto 0x88e5")
   [ "$clear" = 0 ] || fail "$clear frames left A in the clear"
   note "mkpdus=$(frames "/tmp/$scenario.pcap" "ether proto 0x888e") clear_frames=$clear"
+}
+
+# What allow-unprotected says: with no peer, the port opens without protection, and traffic
+# passes the MACsec link in the clear (and says so in the log and the status).
+scenario_allow_unprotected() {
+  pair
+  capture A veth-a "/tmp/$scenario.pcap"
+  config A "$CAK128" 'allow-unprotected = true'
+  start A
+  ip -n B addr add 10.66.0.2/24 dev veth-b
+  address A 10.66.0.1
+  wait_for 20 eval 'show A | grep -q "\"controlled-port\": \"open, unprotected\""' || fail "the port did not open unprotected"
+  wait_for 10 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no ping in the clear with allow-unprotected"
+  capture_stop
+  clear=$(frames "/tmp/$scenario.pcap" "icmp")
+  [ "$clear" -ge 2 ] || fail "no ICMP in the clear on the wire"
+  grep -q MKA_UNPROTECTED_TRAFFIC /tmp/A.log || fail "the log does not say that traffic is unprotected"
+  note "icmp_in_the_clear=$clear"
 }
