@@ -15,6 +15,19 @@ class KeyServer : public Scenario {
     sim.linkIs(a, eth1, b, eth1);
     sa = join(a, 0x01);
     sb = join(b, 0x02);
+    countKeys();
+  }
+  // a and b on a segment that c, returned, can join later.
+  Sim::Agent& twoOnASegmentForThree() {
+    Sim::Agent& c = sim.agentIs("c");
+    sim.linkIs(a, eth1, b, eth1).endIs(c, eth1);
+    sa = join(a, 0x01);
+    sb = join(b, 0x02);
+    countKeys();
+    return c;
+  }
+  // Counts the keys a makes, with the time of each.
+  void countKeys() {
     keys = 0;
     watches.push_back([this] {
       if (sa->keyNum() != lastKeyNum) {
@@ -77,18 +90,7 @@ TEST_F(KeyServer, TheFirstKeyComesAtTheElectionAndIsCarriedUntilItIsInUse) {
 }
 
 TEST_F(KeyServer, AJoiningPeerIsBatchedIntoOneNewKeyAtTheNextExpiry) {
-  Sim::Agent& c = sim.agentIs("c");
-  Sim::Link& segment = sim.linkIs(a, eth1, b, eth1);
-  segment.endIs(c, eth1);
-  sa = join(a, 0x01);
-  sb = join(b, 0x02);
-  watches.push_back([this] {
-    if (sa->keyNum() != lastKeyNum) {
-      lastKeyNum = sa->keyNum();
-      ++keys;
-      keyTimes.push_back(sim.now());
-    }
-  });
+  Sim::Agent& c = twoOnASegmentForThree();
   for (int step = 0; step < 200 && keys == 0; ++step) sim.runFor(0.1);
   ASSERT_EQ(keys, 1);
   const double firstKey = keyTimes[0];
@@ -112,11 +114,7 @@ TEST_F(KeyServer, AJoiningPeerIsBatchedIntoOneNewKeyAtTheNextExpiry) {
 }
 
 TEST_F(KeyServer, APeerJoiningASettledKeyServerGetsAKeyAtOnceInAnMkpduThatListsEveryPeerOnce) {
-  Sim::Agent& c = sim.agentIs("c");
-  Sim::Link& segment = sim.linkIs(a, eth1, b, eth1);
-  segment.endIs(c, eth1);
-  sa = join(a, 0x01);
-  sb = join(b, 0x02);
+  Sim::Agent& c = twoOnASegmentForThree();
   sim.runFor(20);  // settled: the rate limiter has run out
   ASSERT_EQ(sa->keyNum(), 1u);
 
