@@ -75,8 +75,10 @@ counter() {  # counter NS NAME: a MACsec counter of the namespace's link
     header && NR == header + 1 && column { print $(column - 1); exit }'
 }
 
+# Each frame reaches the file as it is captured (immediate mode), not a buffer timeout later, so
+# that stopping the capture right after a ping loses nothing.
 capture() {  # capture NS INTF FILE
-  /sbin/ip netns exec "$1" tcpdump -i "$2" -U -s 0 -w "$3" > "/tmp/tcpdump.log" 2>&1 < /dev/null &
+  /sbin/ip netns exec "$1" tcpdump -i "$2" --immediate-mode -U -s 0 -w "$3" > "/tmp/tcpdump.log" 2>&1 < /dev/null &
   CAPTURE=$!
   wait_for 15 grep -q 'listening on' /tmp/tcpdump.log || fail "the capture did not start"
 }
@@ -88,5 +90,5 @@ cleanup_all() {
   sleep 0.3
   ip netns del A 2>/dev/null
   ip netns del B 2>/dev/null
-  rm -rf /tmp/A /tmp/B /tmp/A.pid /tmp/B.pid /tmp/A.log /tmp/B.log
+  rm -rf /tmp/A /tmp/B /tmp/A.pid /tmp/B.pid /tmp/A.log /tmp/B.log /tmp/*.note
 }
