@@ -1,6 +1,9 @@
 // mkasim: simulated switches that secure their links with MKA, over real MKPDU frames, on virtual
 // time. Prints the operators' log as it happens and a table of every interface at the end.
 
+#include <cerrno>
+#include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <iomanip>
@@ -20,6 +23,7 @@ struct Options {
   int links = 1;
   std::string ckn = "96437a93ccf10d9dfe347846cce52c7d";
   std::string cak;  // by cipher when not given
+  bool cakGiven = false;
   std::string cipher = "128";
   bool delayProtection = false;
   bool fips = false;
@@ -66,10 +70,26 @@ bool isHex(const std::string& text) {
   return Macsec::hexToBytes(text, bytes);
 }
 
+// A finite decimal number, whole text; anything else is refused naming the flag.
 double number(const std::string& flag, const char* text) {
   char* end = nullptr;
+  errno = 0;
   const double value = std::strtod(text, &end);
-  if (end == text || *end != '\0') refuse(flag + " takes a number, not '" + text + "'");
+  if (end == text || *end != '\0' || errno == ERANGE || !std::isfinite(value)) {
+    refuse(flag + " takes a finite number, not '" + text + "'");
+  }
+  return value;
+}
+
+// A whole decimal number within [low, high], checked before any conversion.
+long long integer(const std::string& flag, const char* text, long long low, long long high) {
+  char* end = nullptr;
+  errno = 0;
+  const long long value = std::strtoll(text, &end, 10);
+  if (end == text || *end != '\0' || errno == ERANGE || value < low || value > high) {
+    refuse(flag + " takes a whole number from " + std::to_string(low) + " to " + std::to_string(high) + ", not '" +
+           text + "'");
+  }
   return value;
 }
 
@@ -82,13 +102,14 @@ Options parse(int argc, char** argv) {
       return argv[++i];
     };
     if (flag == "--switches") {
-      o.switches = static_cast<int>(number(flag, value()));
+      o.switches = static_cast<int>(integer(flag, value(), 2, 64));
     } else if (flag == "--links") {
-      o.links = static_cast<int>(number(flag, value()));
+      o.links = static_cast<int>(integer(flag, value(), 1, 256));
     } else if (flag == "--ckn") {
       o.ckn = value();
     } else if (flag == "--cak") {
       o.cak = value();
+      o.cakGiven = true;
     } else if (flag == "--cipher") {
       o.cipher = value();
     } else if (flag == "--delay-protection") {
@@ -102,7 +123,7 @@ Options parse(int argc, char** argv) {
     } else if (flag == "--loss") {
       o.loss = number(flag, value());
     } else if (flag == "--seed") {
-      o.seed = static_cast<unsigned>(number(flag, value()));
+      o.seed = static_cast<unsigned>(integer(flag, value(), 0, UINT32_MAX));
     } else if (flag == "--pcap") {
       o.pcap = value();
     } else if (flag == "--quiet") {
@@ -114,10 +135,8 @@ Options parse(int argc, char** argv) {
       refuse("unknown option " + flag);
     }
   }
-  if (o.switches < 2 || o.switches > 64) refuse("--switches must be from 2 to 64");
-  if (o.links < 1 || o.links > 256) refuse("--links must be from 1 to 256");
   if (suiteOf(o.cipher) == Macsec::cipherSuiteNone) refuse("--cipher must be 128, 256, xpn-128 or xpn-256");
-  if (o.cak.empty()) {
+  if (!o.cakGiven) {
     o.cak = Macsec::keyBitsOf(suiteOf(o.cipher)) == 128
                 ? "135bd758b0ee5c11c55ff6ab19fdb199"
                 : "a29efdb63d6fba73c65daab2295340a837a8886e94a905b5c9c7ef1d9dbb297e";
@@ -175,6 +194,26 @@ void printTable(Sim::Simulation& sim, const Options& o) {
       }
     }
   }
+}
+
+// The links whose two ends do not both run an open, protected port on one key.
+int unsecuredLinks(Sim::Simulation& sim, const Options& o) {
+  int unsecured = 0;
+  for (int s = 0; s + 1 < o.switches; ++s) {
+    for (int l = 0; l < o.links; ++l) {
+      const Zef::Ptr<Macsec::CpStatus> here = sim.agent(switchName(s)).status()->cpStatus(intfOf(l, true, o.links));
+      const Zef::Ptr<Macsec::CpStatus> there =
+          sim.agent(switchName(s + 1)).status()->cpStatus(intfOf(l, false, o.links));
+      auto secured = [](const Zef::Ptr<Macsec::CpStatus>& cp) {
+        return cp && cp->controlledPortEnabled() && !cp->unprotectedTraffic() && !cp->oldSakContext().sak.empty();
+      };
+      const bool oneKey = secured(here) && secured(there) &&
+                          here->oldSakContext().sak.mi == there->oldSakContext().sak.mi &&
+                          here->oldSakContext().sak.keyNum == there->oldSakContext().sak.keyNum;
+      unsecured += oneKey ? 0 : 1;
+    }
+  }
+  return unsecured;
 }
 
 }  // namespace
@@ -235,5 +274,8 @@ int main(int argc, char** argv) {
   sim.runFor(o.duration);
   printTable(sim, o);
   Zef::logSinkIs(nullptr);
-  return 0;
+  // A script may trust the exit status: 0 only if every link ended secured, both ends on one key.
+  const int unsecured = unsecuredLinks(sim, o);
+  if (unsecured > 0) std::cerr << "mkasim: " << unsecured << " links are not secured on one key\n";
+  return unsecured == 0 ? 0 : 1;
 }
