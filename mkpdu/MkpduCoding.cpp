@@ -3,6 +3,7 @@
 #include <openssl/crypto.h>
 
 #include <algorithm>
+#include <bitset>
 #include <cstring>
 
 #include "mkpdu/MkaPdu.h"
@@ -142,7 +143,8 @@ DecodeResult decodeDistSak(const uint8_t* set, size_t length, const ActorKeys& k
 
 DecodeResult decodeDistCak(const uint8_t* set, size_t length, const ActorKeys& keys, CakDistInfo& dist) {
   const size_t wrappedLength = wrappedLengthOf(keys.cipherSuite);
-  if (length < wrappedLength || length - wrappedLength > 32) return DecodeResult::badParameterSet;
+  // A distributed CAK needs its name: 1 to 32 octets after the wrapped key.
+  if (length <= wrappedLength || length - wrappedLength > 32) return DecodeResult::badParameterSet;
   StoredKey cak = unwrapped(keys.kek, set + C::parameterSetHeaderSize, wrappedLength);
   if (cak.empty()) return DecodeResult::badKeyWrap;
   dist.cak = std::move(cak);
@@ -240,7 +242,10 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
   base.msgNum = basic->messageNumber.value();
   base.ckn = ckn;
 
-  // The other sets, each on a 4-octet boundary; unknown types are stepped over.
+  // The other sets, each on a 4-octet boundary; unknown types are stepped over, and a known type
+  // that comes twice makes the frame malformed (two lists would mix, a second key would replace
+  // the first).
+  std::bitset<256> seen;
   for (size_t at = C::parameterSetHeaderSize + padded(basicLength); at < setsEnd;) {
     if (setsEnd - at < C::parameterSetHeaderSize) return DecodeResult::badParameterSet;
     const uint8_t* set = body + at;
@@ -253,6 +258,11 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
     }
     if (C::parameterSetHeaderSize + padded(setLength) > setsEnd - at) return DecodeResult::badParameterSet;
     const uint8_t* setBody = set + C::parameterSetHeaderSize;
+    const bool known = type == livePeerParameterSetType || type == potentialPeerParameterSetType ||
+                       type == sakUseParameterSetType || type == distSakParameterSetType ||
+                       type == distCakParameterSetType;
+    if (known && seen.test(type)) return DecodeResult::badParameterSet;
+    seen.set(type);
     DecodeResult result = DecodeResult::accepted;
     switch (type) {
       case livePeerParameterSetType:

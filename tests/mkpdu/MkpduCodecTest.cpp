@@ -180,6 +180,16 @@ TEST_F(Codec, MalformedFramesAreRefusedAndCountedAndChangeNothing) {
     DecodeResult result;
   };
   const std::string good = edited([](std::string&) {}, false);
+  // The live peer list once more, right after itself.
+  auto liveListTwice = [](std::string& f) {
+    const size_t at = 18 + 48;
+    const size_t length =
+        (static_cast<size_t>(static_cast<uint8_t>(f[at + 2]) & 0x0f) << 8) | static_cast<uint8_t>(f[at + 3]);
+    f.insert(at + 4 + length, f.substr(at, 4 + length));
+    setBodyLength(f, f.size() - 18);
+  };
+  DecodedMkpdu namelessCak = basicOnly();
+  namelessCak.cakDistInfo = CakDistInfo{"", StoredKey::ofHex("135bd758b0ee5c11c55ff6ab19fdb199")};
   const Row rows[] = {
       {"empty", std::string(), DecodeResult::tooShort},
       {"short", good.substr(0, 49), DecodeResult::tooShort},
@@ -214,6 +224,9 @@ TEST_F(Codec, MalformedFramesAreRefusedAndCountedAndChangeNothing) {
       {"SAK use set of 36 octets", edited([](std::string& f) { f[18 + 68 + 3] = 36; }, true),
        DecodeResult::badParameterSet},
       {"wrapped SAK changed", edited([](std::string& f) { f[18 + 112 + 10] ^= 0x01; }, true), DecodeResult::badKeyWrap},
+      {"a live peer list twice", edited(liveListTwice, true), DecodeResult::badParameterSet},
+      {"a distributed CAK without its name", edited([](std::string&) {}, true, namelessCak),
+       DecodeResult::badParameterSet},
   };
   Zef::Ptr<MkaMessageInfo> rx = pamManager->rxMessageInfo();
   Zef::Ptr<MkaPamCounter> counter = pamManager->rxPamCounter(eth1);
@@ -240,7 +253,7 @@ TEST_F(Codec, MalformedFramesAreRefusedAndCountedAndChangeNothing) {
   // The table counts each kind of refusal on its own.
   const Memtab::MessageCounterData counts = table->row(eth1);
   EXPECT_EQ(counts.inMkpdus, 1u);
-  EXPECT_EQ(counts.inMalformed, 10u);
+  EXPECT_EQ(counts.inMalformed, 12u);
   EXPECT_EQ(counts.inNotMka, 3u);
   EXPECT_EQ(counts.inBadVersion, 2u);
   EXPECT_EQ(counts.inUnsupportedAgility, 1u);
