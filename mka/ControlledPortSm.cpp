@@ -1,6 +1,7 @@
 #include "mka/ControlledPortSm.h"
 
 #include <array>
+#include <vector>
 
 #include "model/Crypto.h"
 #include "model/LogMessages.h"
@@ -49,8 +50,24 @@ void ControlledPortSm::handleInitialized() {
   initializedIs(true);
   // A transmit that sakTransmit asked of a former principal is not repeated here.
   handleLivePeer();
+  // A retirement that the former principal had pending is armed again: the latest key already in
+  // service, or keys that still receive outside the slots, would otherwise stay until the next key.
+  if (cpStatus()->latestSakContext().txInstalled || hasLeftoverReceiveSa()) {
+    oldKeyRetirementTimer()->timeMinIs(Zef::System::currentTime() + status()->oldKeyRetirementPeriod());
+  }
   handleDistSak();
   handleKeysLPN();
+}
+
+bool ControlledPortSm::inASlot(const Sak& sak) const {
+  return sameKey(sak, cpStatus()->latestSakContext().sak) || sameKey(sak, cpStatus()->oldSakContext().sak);
+}
+
+bool ControlledPortSm::hasLeftoverReceiveSa() const {
+  for (auto it = cpStatus()->rxSakIter(); it; ++it) {
+    if (!inASlot(it.value())) return true;
+  }
+  return false;
 }
 
 void ControlledPortSm::handleDistSak() {
@@ -71,13 +88,16 @@ void ControlledPortSm::handleDistSak() {
     TRACE(3, ": Ignoring duplicate old SAK for actor " << ckn());
     return;
   }
-  // A key still on its way in is given up, or, if it already transmits, finished early.
-  if (cpStatus()->latestSakContext() != SakContext()) cleanupLatestSakContext();
-  // One receive SA per association number: the old key must leave before the new one can take
-  // its number.
+  // The key on its way in gives way, but keeps receiving.
+  const SakContext latest = cpStatus()->latestSakContext();
+  if (latest != SakContext()) keepReceiving(latest);
+  // One receive SA per association number: whatever receives on the new key's number leaves
+  // before the new key can take it.
+  const AssociationNumber an(dist.an);
   if (cpStatus()->oldSakContext() != SakContext() && cpStatus()->oldSakContext().sak.an == dist.an) {
-    handleOldKeyRetirement();
+    cpStatus()->oldSakContextIs(SakContext());
   }
+  if (cpStatus()->rxSakHas(an)) cpStatus()->rxSakDel(an);
   // The key goes into the latest slot, receive first.
   SakContext context;
   context.sak = dist;
@@ -207,7 +227,23 @@ void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleTxSaStatus() {
   }
   SakContext latest = cp->latestSakContext();
   SakContext old = cp->oldSakContext();
-  if (record.an.value() != latest.sak.an || record.mi != latest.sak.mi || record.keyNum != latest.sak.keyNum) {
+  const Sak confirmed{record.an.value(), record.mi, record.keyNum, {}, {}};
+  // A key that gave way to a newer one after its transmit was asked for still receives outside
+  // the slots: the hardware transmits on it now, so it takes the old slot, where the peers hear of
+  // it, and the key that was there receives outside the slots instead.
+  if (!sameKey(latest.sak, confirmed) && !sameKey(old.sak, confirmed) && cp->rxSakHas(record.an) &&
+      sameKey(cp->rxSak(record.an), confirmed) && sameKey(cp->txSak(), confirmed)) {
+    SakContext context;
+    context.sak = cp->rxSak(record.an);
+    context.sak.salt = Zef::String();  // only the hardware's copies carry a salt
+    context.rxEnabled = context.rxInstalled = context.txEnabled = context.txInstalled = true;
+    context.txSaValue = record.value;
+    TRACE(1, ": Starting transmit on key: " << context.sak.mi << ":" << context.sak.keyNum << sm->forActor());
+    cp->oldSakContextIs(context);
+    cp->controlledPortEnabledIs(true);
+    return;
+  }
+  if (!sameKey(latest.sak, confirmed)) {
     TRACE(3, ": Ignoring transmit SA for AN: " << record.an << " because it doesn't match with the latestSak for "
                                                << ckn << " on " << intfId);
     return;
@@ -240,30 +276,49 @@ void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleTxSaStatus() {
 void ControlledPortSm::handleOldKeyRetirement() {
   if (!initialized()) return;
   TRACE(8, "");
-  // The association number alone decides.
-  const SakContext old = cpStatus()->oldSakContext();
-  if (!old.sak.empty() && cpStatus()->rxSakHas(AssociationNumber(old.sak.an)) &&
-      !cpStatus()->rxSak(AssociationNumber(old.sak.an)).empty()) {
-    cpStatus()->rxSakDel(AssociationNumber(old.sak.an));
-  }
-  // The latest key is now the one in service, and its slot is free.
-  cpStatus()->oldSakContextIs(cpStatus()->latestSakContext());
-  cpStatus()->latestSakContextIs(SakContext());
-  TRACE(3, ": Moving latest key to old key" << forActor());
   oldKeyRetirementTimer()->timeMinIs(Orb::never);
+  // The latest key in service takes the old slot, and its own slot is free.
+  if (cpStatus()->latestSakContext().txInstalled) {
+    cpStatus()->oldSakContextIs(cpStatus()->latestSakContext());
+    cpStatus()->latestSakContextIs(SakContext());
+    TRACE(3, ": Moving latest key to old key" << forActor());
+  }
+  // Every key in neither slot stops receiving, unless a live peer may still transmit on it (one
+  // that missed the news of the new key): that key waits another retirement period.
+  std::vector<AssociationNumber> leftovers;
+  bool waiting = false;
+  for (auto it = cpStatus()->rxSakIter(); it; ++it) {
+    if (inASlot(it.value())) continue;
+    if (aPeerTransmitsOn(it.value())) {
+      waiting = true;
+    } else {
+      leftovers.push_back(AssociationNumber(it.key()));
+    }
+  }
+  for (const AssociationNumber& an : leftovers) cpStatus()->rxSakDel(an);
+  if (waiting) {
+    TRACE(3, ": Keeping a retired key that a peer still transmits on" << forActor());
+    oldKeyRetirementTimer()->timeMinIs(Zef::System::currentTime() + status()->oldKeyRetirementPeriod());
+  }
 }
 
-void ControlledPortSm::cleanupLatestSakContext() {
-  TRACE(8, "");
-  const SakContext latest = cpStatus()->latestSakContext();
-  // The key already transmits and only waited for the old key to retire: that happens now.
-  if (latest.txInstalled) {
-    oldKeyRetirementTimer()->timeMinIs(Orb::never);
-    handleOldKeyRetirement();
-    return;
+bool ControlledPortSm::aPeerTransmitsOn(const Sak& sak) const {
+  for (auto it = actorStatus()->livePeerIter(); it; ++it) {
+    if (mayTransmitOn(it->sakUseInfo(), sak)) return true;
   }
-  // The key never went into service. A transmit request already made for it stays.
-  cpStatus()->rxSakDel(AssociationNumber(latest.sak.an));
+  return false;
+}
+
+void ControlledPortSm::keepReceiving(const SakContext& latest) {
+  // Peers may transmit on a key that this port has asked to receive on (a key server does once
+  // every peer receives, and a former principal of this port may have said so), and on the key in
+  // service: both keep receiving. The key this port transmits on
+  // keeps or takes the old slot, so that the peers hear of it; the other receives outside the
+  // slots until the retirement that follows the next key into service.
+  if (latest.txInstalled) {
+    TRACE(3, ": Moving latest key to old key" << forActor());
+    cpStatus()->oldSakContextIs(latest);
+  }
   cpStatus()->latestSakContextIs(SakContext());
 }
 

@@ -177,6 +177,35 @@ void MkaKeyServerSm::handleReKeyTimerExpiry() {
   mkaPeriodicTimer()->timeMinIs(Orb::never);
 }
 
+AssociationNumber MkaKeyServerSm::freeAssociationNumber() const {
+  // The number after the last key's, unless a key still in use on the port holds it (after a
+  // change of principal actor or of CAK, or keys replaced before they went into service): then
+  // the next free one; else the next one held by a key that still receives outside the controlled
+  // port's two slots, one that no live peer may transmit on first. The key transmitted and the
+  // keys in the slots keep theirs.
+  const AssociationNumber next = mkaPortStatus()->anOfNextKey();
+  const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId());
+  if (!cp) return next;
+  auto aPeerMayTransmitOn = [&](const Sak& sak) {
+    for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) {
+      if (mayTransmitOn(it->sakUseInfo(), sak)) return true;
+    }
+    return false;
+  };
+  auto cost = [&](uint8_t an) {
+    const auto holds = [an](const Sak& sak) { return !sak.empty() && sak.an == an; };
+    if (holds(cp->txSak()) || holds(cp->latestSakContext().sak) || holds(cp->oldSakContext().sak)) return 3;
+    if (!cp->rxSakHas(AssociationNumber(an))) return 0;
+    return aPeerMayTransmitOn(cp->rxSak(AssociationNumber(an))) ? 2 : 1;
+  };
+  uint8_t best = next.value();
+  for (uint8_t step = 0; step < 4; ++step) {
+    const uint8_t an = static_cast<uint8_t>((next.value() + step) & 3);
+    if (cost(an) < cost(best)) best = an;
+  }
+  return AssociationNumber(best);
+}
+
 void MkaKeyServerSm::generateNewSak() {
   KEY_SERVER_ENTRY();
   // The context of the derivation: a fresh nonce of the key's length, the live peers' member
@@ -196,7 +225,7 @@ void MkaKeyServerSm::generateNewSak() {
   const StoredKey key = mkaActorStatus()->cak().withClear(
       [&](const KeyBytes& cak) { return StoredKey::of(deriveSak(cak, context, bits)); });
   const Zef::String msgId = mkaActorStatus()->msgId();
-  const Sak sak{mkaPortStatus()->anOfNextKey(), msgId, keyNum, key, {}};
+  const Sak sak{freeAssociationNumber(), msgId, keyNum, key, {}};
 
   // The key identifier's tail: the last 8 characters of the member identifier.
   Zef::log(MKA_SAK_CREATED, msgId.view().substr(msgId.size() >= 16 ? 16 : msgId.size()), keyNum, intfId());

@@ -263,8 +263,14 @@ void MkaPortSm::ZefPortStatus::ZefActorStatus::handleActorSuccess() {
   if (actor->success()) {
     TRACE(8, ": Actor " << ckn << " succeeded on " << intfId);
     port->portStatus()->numSuccessActorsInc(1);
-    // A follower becomes principal only through the key it is given.
+    // A follower becomes principal through the key it is given. One that is live again and still
+    // holds the key it was given takes the port back: its key server repeats that key, which the
+    // actor does not take in twice.
     if (!actor->electedSelf()) {
+      if (!actor->distSak().empty() && port->principalActorCkn().empty()) {
+        port->doMarkFollowerPrincipal(actor, ckn);
+        return;
+      }
       TRACE(3, ": Actor " << ckn << " is not the elected key server on " << intfId << ". Bailing");
       return;
     }
@@ -314,19 +320,7 @@ void MkaPortSm::ZefPortStatus::ZefActorStatus::handleDistSak() {
   port->portStatus()->anOfNextKeyIs(AssociationNumber(sak.an == 3 ? 0 : sak.an + 1));
 
   // A follower that accepted a key takes over the port.
-  if (!actor->electedSelf() && actor->success()) {
-    TRACE(3, ": Actor " << ckn << " on " << intfId << " is not the key server. Marking it as the principal actor");
-    const Zef::String previous = port->principalActorCkn();
-    if (!previous.empty() && previous != ckn) {
-      TRACE(3, ": Removing old principal actor " << previous << " on " << intfId);
-      if (Zef::Ptr<MkaActorStatus> old = port->portStatus()->actorStatus(previous)) old->principalIs(false);
-    }
-    TRACE(1, ": Marking actor " << ckn << " to be principal"
-                                << " on " << intfId);
-    if (previous != ckn) Zef::log(actor->defaultActor() ? MKA_FALLBACK_KEY_IN_USE : MKA_KEY_IN_USE, ckn, intfId);
-    actor->principalIs(true);
-    port->principalActorCknIs(ckn);
-  }
+  if (!actor->electedSelf() && actor->success()) port->doMarkFollowerPrincipal(actor, ckn);
 
   // Only one actor of the port holds a distributed key.
   for (auto it = port->portStatus()->actorStatusIter(); it; ++it) {
@@ -336,6 +330,20 @@ void MkaPortSm::ZefPortStatus::ZefActorStatus::handleDistSak() {
   // The other actors go after the deletion period, so that the peers can follow first.
   TRACE(3, ": Starting actor deletion timer on " << intfId);
   port->actorDeletionTimer()->timeMinIs(Zef::System::currentTime() + port->status()->actorDelPeriod());
+}
+
+void MkaPortSm::doMarkFollowerPrincipal(const Zef::Ptr<MkaActorStatus>& actor, const Zef::String& ckn) {
+  TRACE(3, ": Actor " << ckn << " on " << intfId() << " is not the key server. Marking it as the principal actor");
+  const Zef::String previous = principalActorCkn();
+  if (!previous.empty() && previous != ckn) {
+    TRACE(3, ": Removing old principal actor " << previous << " on " << intfId());
+    if (Zef::Ptr<MkaActorStatus> old = portStatus()->actorStatus(previous)) old->principalIs(false);
+  }
+  TRACE(1, ": Marking actor " << ckn << " to be principal"
+                              << " on " << intfId());
+  if (previous != ckn) Zef::log(actor->defaultActor() ? MKA_FALLBACK_KEY_IN_USE : MKA_KEY_IN_USE, ckn, intfId());
+  actor->principalIs(true);
+  principalActorCknIs(ckn);
 }
 
 void MkaPortSm::handleNumSuccessActors() {

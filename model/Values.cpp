@@ -180,6 +180,21 @@ std::ostream& operator<<(std::ostream& out, const BasicInfo& b) {
              << ", sci=" << b.sci << ", msgId=" << b.msgId << ", msgNum=" << b.msgNum << ", ckn=" << b.ckn << ")";
 }
 
+namespace {
+
+bool mayTransmitOn(const KeyInfo& key, const KeyInfo& other, const Sak& sak) {
+  if (!sakMatch(key, sak)) return false;
+  if (key.tx) return true;
+  const bool movedOn = other.tx && other.mi == key.mi && other.keyNum > key.keyNum;
+  return key.rx && !movedOn;
+}
+
+}  // namespace
+
+bool mayTransmitOn(const SakUseInfo& use, const Sak& sak) {
+  return mayTransmitOn(use.latestKey, use.oldKey, sak) || mayTransmitOn(use.oldKey, use.latestKey, sak);
+}
+
 std::ostream& operator<<(std::ostream& out, const KeyInfo& k) {
   return out << "KeyInfo(an=" << +k.an << ", tx=" << yesNo(k.tx) << ", rx=" << yesNo(k.rx) << ", mi=" << k.mi
              << ", keyNum=" << k.keyNum << ", lpn=" << k.lpn << ")";

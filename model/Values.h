@@ -278,6 +278,12 @@ inline bool sakMatch(const KeyInfo& info, const Sak& sak) {
   return info.an == sak.an && info.keyNum == sak.keyNum && info.mi == sak.mi;
 }
 
+// Whether a member whose last SAK use set is `use` may transmit on `sak`: the set says so, or the
+// member receives on the key and transmits on no newer key of the same key server. A member moves
+// on to a key it receives as soon as it hears that its key server transmits on it, before its next
+// MKPDU can say so.
+bool mayTransmitOn(const SakUseInfo& use, const Sak& sak);
+
 }  // namespace Macsec
 
 namespace Dot1x {

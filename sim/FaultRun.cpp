@@ -1,0 +1,422 @@
+#include "sim/FaultRun.h"
+
+#include <algorithm>
+#include <cctype>
+#include <iomanip>
+#include <iostream>
+#include <map>
+#include <random>
+#include <set>
+#include <sstream>
+#include <vector>
+
+#include "platform/Log.h"
+#include "sim/Simulation.h"
+
+namespace Sim {
+
+namespace {
+
+// One interface at one end of a link.
+struct End {
+  Agent* agent;
+  Lanx::IntfId intf;
+};
+
+// A broken rule ends the run where it is found.
+struct Broken {
+  std::string rule;
+};
+
+std::string text(const Macsec::SaStatus& sa) {
+  std::ostringstream out;
+  out << +sa.an.value() << ":" << sa.mi << ":" << sa.keyNum;
+  return out.str();
+}
+
+std::string text(const End& end) { return end.agent->name() + " " + end.intf.stringValue(); }
+
+bool sameKey(const Macsec::SaStatus& a, const Macsec::SaStatus& b) {
+  return a.an == b.an && a.mi == b.mi && a.keyNum == b.keyNum;
+}
+
+// The principal actor of an interface, with its CKN, or none.
+struct Principal {
+  Zef::String ckn;
+  Zef::Ptr<Macsec::MkaActorStatus> actor;
+};
+
+Principal principalOf(const End& end) {
+  const Zef::Ptr<Macsec::MkaPortStatus> port = end.agent->status()->portStatus(end.intf);
+  if (!port) return {};
+  for (auto it = port->actorStatusIter(); it; ++it) {
+    if (it->principal()) return {Zef::String(it.key()), it.ptr()};
+  }
+  return {};
+}
+
+bool holdsLive(const Zef::Ptr<Macsec::MkaActorStatus>& actor, const Macsec::Sci& sci) {
+  if (!actor) return false;
+  for (auto it = actor->livePeerIter(); it; ++it) {
+    if (it->baseInfo().sci == sci) return true;
+  }
+  return false;
+}
+
+// The member identifier of the key server that an actor follows, or itself.
+Zef::String keyServerMi(const Zef::Ptr<Macsec::MkaActorStatus>& actor) {
+  if (actor->electedSelf()) return actor->msgId();
+  for (auto it = actor->livePeerIter(); it; ++it) {
+    if (it->baseInfo().sci == actor->keyServer()) return Zef::String(it.key());
+  }
+  return Zef::String();
+}
+
+Macsec::Sci sciOf(const End& end) { return end.agent->status()->portStatus(end.intf)->mySci(); }
+
+// Whether an interface's data plane receives on a key: asked for in its requests and confirmed by
+// the hardware. (The emulated hardware keeps the record of a withdrawn key until another takes its
+// association number; a real data plane deletes the SA.)
+bool receives(const End& end, const Macsec::SaStatus& key) {
+  const Zef::Ptr<Macsec::CpStatus> cp = end.agent->status()->cpStatus(end.intf);
+  const Zef::Ptr<Macsec::MacSecIntfStatus> hw = end.agent->hw(end.intf);
+  if (!cp || !hw || !cp->rxSakHas(key.an) || !hw->rxSaStatusHas(key.an)) return false;
+  const Macsec::Sak& asked = cp->rxSak(key.an);
+  return asked.an == key.an.value() && asked.mi == key.mi && asked.keyNum == key.keyNum &&
+         sameKey(hw->rxSaStatus(key.an), key);
+}
+
+class FaultRunner {
+ public:
+  FaultRunner(uint32_t seed, const FaultOptions& options)
+      : options_(options), draw_(seed), sim_(0.0, seed, chance(0.5) ? Wire::bytes : Wire::decoded) {}
+
+  FaultOutcome run();
+
+ private:
+  double uniform(double low, double high) { return std::uniform_real_distribution<double>(low, high)(draw_); }
+  int integer(int low, int high) { return std::uniform_int_distribution<int>(low, high)(draw_); }
+  bool chance(double p) { return uniform(0, 1) < p; }
+  template <class T>
+  T pick(std::initializer_list<T> choices) {
+    return *(choices.begin() + integer(0, static_cast<int>(choices.size()) - 1));
+  }
+  std::string hex(int octets);
+
+  void drawNetwork();
+  void drawFaults();
+  void drawEvents();
+  void rest();
+  void keyIs(Agent& agent, const std::string& ckn, const std::string& cak);
+  void rekeyPeriodIs(uint32_t seconds);
+  void note(const std::string& event);
+
+  // What must hold after every event, and after the rest.
+  void checkAlways();
+  void checkKeysTakenAway(const std::vector<End>& ends, const End& to);
+  void checkRested();
+  void checkLogs();
+
+  FaultOptions options_;
+  std::mt19937 draw_;
+  Simulation sim_;
+  std::ostringstream drawn_;
+  std::vector<Agent*> agents_;
+  std::vector<Link*> links_;
+  std::vector<std::vector<End>> ends_;  // of each link
+  std::vector<std::string> secrets_;    // every CAK, as lower-case hexadecimal
+  std::vector<std::string> logged_;
+  // The keys that each interface received on, at the last check.
+  std::map<std::string, std::set<std::string>> receiving_;
+  Macsec::CipherSuite suite_ = Macsec::cipherSuiteGcmAes128;
+};
+
+std::string FaultRunner::hex(int octets) {
+  std::ostringstream out;
+  for (int i = 0; i < octets; ++i) out << std::hex << std::setw(2) << std::setfill('0') << integer(0, 255);
+  return out.str();
+}
+
+void FaultRunner::note(const std::string& event) {
+  if (options_.verbose) std::cout << "[" << std::fixed << std::setprecision(3) << sim_.now() << "] " << event << "\n";
+}
+
+void FaultRunner::keyIs(Agent& agent, const std::string& ckn, const std::string& cak) {
+  agent.engine().as([&] {
+    agent.engine()
+        .config()
+        ->profileIs(Zef::Name("fault"))
+        ->keyIs(Macsec::Cak{Zef::String(ckn), Macsec::StoredKey::ofHex(cak)});
+  });
+}
+
+void FaultRunner::rekeyPeriodIs(uint32_t seconds) {
+  for (Agent* agent : agents_) {
+    agent->engine().as([&] { agent->engine().config()->profileIs(Zef::Name("fault"))->sessionReKeyPeriodIs(seconds); });
+  }
+}
+
+// Switches in a chain, neighbours joined by one or two links, or three or four switches on one
+// shared segment; every interface on one profile.
+void FaultRunner::drawNetwork() {
+  const bool segment = chance(0.3);
+  const int switches = segment ? integer(3, 4) : integer(2, 4);
+  const int links = segment ? 1 : integer(1, 2);
+  suite_ = pick({Macsec::cipherSuiteGcmAes128, Macsec::cipherSuiteGcmAes256, Macsec::cipherSuiteGcmAesXpn128,
+                 Macsec::cipherSuiteGcmAesXpn256});
+  const bool delayProtection = chance(0.5);
+  const uint32_t rekeyPeriod = pick({0u, 0u, 10u, 30u});
+  const std::string ckn = hex(integer(1, 32));
+  const std::string cak = hex(pick({16, 32}));
+  secrets_.push_back(cak);
+  drawn_ << (segment ? "segment" : "chain") << " of " << switches << " switches, " << links << " link(s) each, "
+         << (sim_.wire() == Wire::bytes ? "frames" : "messages") << ", suite " << suite_ << ", delay protection "
+         << delayProtection << ", rekey " << rekeyPeriod << " s";
+
+  for (int s = 0; s < switches; ++s) {
+    Agent& agent = sim_.agentIs("sw" + std::to_string(s + 1));
+    agents_.push_back(&agent);
+    const Zef::Ptr<Macsec::Config>& config = agent.engine().config();
+    config->delayProtectionIs(delayProtection);
+    const Zef::Ptr<Macsec::Profile> profile = config->profileIs(Zef::Name("fault"));
+    profile->cipherSuiteIs(suite_);
+    profile->sessionReKeyPeriodIs(rekeyPeriod);
+    keyIs(agent, ckn, cak);
+  }
+  auto interfaceIs = [&](int s, int side, int l) {
+    // Names that tell the switch: Ethernet312 is switch 3, side 1, link 2.
+    const Lanx::IntfId intf("Ethernet" + std::to_string((s + 1) * 100 + side * 10 + l + 1));
+    Macsec::Engine& engine = agents_[s]->engine();
+    engine.linkedInterfaceIs(intf, Lanx::EthAddr({0x02, 0x00, 0x00, static_cast<uint8_t>(s + 1),
+                                                  static_cast<uint8_t>(side), static_cast<uint8_t>(l + 1)}));
+    engine.config()->intfConfigIs(intf)->profileNameIs("fault");
+    return End{agents_[s], intf};
+  };
+  if (segment) {
+    std::vector<End> ends;
+    for (int s = 0; s < switches; ++s) ends.push_back(interfaceIs(s, 0, 0));
+    Link& link = sim_.linkIs(*ends[0].agent, ends[0].intf, *ends[1].agent, ends[1].intf);
+    for (size_t e = 2; e < ends.size(); ++e) link.endIs(*ends[e].agent, ends[e].intf);
+    links_.push_back(&link);
+    ends_.push_back(ends);
+    return;
+  }
+  for (int s = 0; s + 1 < switches; ++s) {
+    for (int l = 0; l < links; ++l) {
+      const End here = interfaceIs(s, 0, l);
+      const End there = interfaceIs(s + 1, 1, l);
+      links_.push_back(&sim_.linkIs(*here.agent, here.intf, *there.agent, there.intf));
+      ends_.push_back({here, there});
+    }
+  }
+}
+
+// Each link's loss, duplication, corruption (of frames) and reordering, and each switch's
+// hardware lag.
+void FaultRunner::drawFaults() {
+  for (Link* link : links_) {
+    link->lossIs(chance(0.8) ? uniform(0, 0.3) : 0);
+    link->duplicationIs(chance(0.5) ? uniform(0, 0.1) : 0);
+    if (sim_.wire() == Wire::bytes) link->corruptionIs(chance(0.5) ? uniform(0, 0.05) : 0);
+    link->jitterIs(chance(0.5) ? uniform(0, 0.3) : 0);
+  }
+  drawn_ << ", hardware lag";
+  for (Agent* agent : agents_) {
+    const double lag = pick({0.0, 0.0, 0.02, 0.3, 1.0});
+    agent->hardwareLatencyIs(lag);
+    drawn_ << " " << lag;
+  }
+}
+
+// Cuts, key changes (reaching the switches one after another), agent restarts (state machines
+// rebuilt over the status they left) and changes of the rekey period, at random times of the
+// fault period; each is over before the rest begins.
+void FaultRunner::drawEvents() {
+  const int events = integer(0, 12);
+  drawn_ << ", " << events << " events";
+  const double last = options_.faultSeconds - 10;
+  for (int e = 0; e < events; ++e) {
+    const double at = uniform(1, std::max(1.0, last));
+    switch (integer(0, 3)) {
+      case 0: {
+        const size_t l = static_cast<size_t>(integer(0, static_cast<int>(links_.size()) - 1));
+        const double length = uniform(0.5, 20);
+        sim_.after(at, [this, l, length] {
+          note("cut link " + std::to_string(l) + " for " + std::to_string(length) + " s");
+          links_[l]->cutIs(true);
+        });
+        sim_.after(at + length, [this, l] {
+          note("mend link " + std::to_string(l));
+          links_[l]->cutIs(false);
+        });
+        break;
+      }
+      case 1: {
+        const std::string ckn = hex(integer(1, 32));
+        const std::string cak = hex(pick({16, 32}));
+        secrets_.push_back(cak);
+        for (Agent* agent : agents_) {
+          sim_.after(at + uniform(0, 5), [this, agent, ckn, cak] {
+            note("new key " + ckn + " on " + agent->name());
+            keyIs(*agent, ckn, cak);
+          });
+        }
+        break;
+      }
+      case 2: {
+        Agent* agent = agents_[static_cast<size_t>(integer(0, static_cast<int>(agents_.size()) - 1))];
+        const double away = uniform(0, 8);
+        sim_.after(at, [this, agent] {
+          note("restart " + agent->name());
+          agent->engine().as([&] { agent->engine().stateMachinesStop(); });
+        });
+        sim_.after(at + away, [this, agent] {
+          note("restarted " + agent->name());
+          agent->engine().as([&] { agent->engine().stateMachinesStart(); });
+        });
+        break;
+      }
+      default: {
+        const uint32_t period = pick({0u, 5u, 10u, 30u});
+        sim_.after(at, [this, period] {
+          note("rekey period " + std::to_string(period) + " s");
+          rekeyPeriodIs(period);
+        });
+      }
+    }
+  }
+}
+
+// Every link mended and clean, and no more rekeys: the network rests.
+void FaultRunner::rest() {
+  note("rest");
+  for (Link* link : links_) {
+    link->cutIs(false);
+    link->lossIs(0);
+    link->duplicationIs(0);
+    link->corruptionIs(0);
+    link->jitterIs(0);
+  }
+  rekeyPeriodIs(0);
+}
+
+void FaultRunner::checkAlways() {
+  for (const std::vector<End>& ends : ends_) {
+    for (const End& end : ends) {
+      const Zef::Ptr<Macsec::CpStatus> cp = end.agent->status()->cpStatus(end.intf);
+      const Zef::Ptr<Macsec::MacSecIntfStatus> hw = end.agent->hw(end.intf);
+      if (!cp || !hw || !cp->controlledPortEnabled()) continue;
+      // An open port protects its traffic (unprotected traffic is not allowed here).
+      if (cp->unprotectedTraffic() || hw->txSaStatus().empty()) {
+        throw Broken{"open without transmit SA: " + text(end)};
+      }
+    }
+    for (const End& to : ends) checkKeysTakenAway(ends, to);
+  }
+}
+
+// A key is not taken away from a port while a peer transmits on it: among members of one
+// connectivity association that hold each other live, none stops receiving on a key of its key
+// server that another transmits on. (A first key may reach a peer after its key server has begun
+// to transmit on it, and a member that comes back may transmit on a key retired while it was
+// away, until it has the current one: neither takes a key away.)
+void FaultRunner::checkKeysTakenAway(const std::vector<End>& ends, const End& to) {
+  std::set<std::string>& before = receiving_[text(to)];
+  std::set<std::string> now;
+  for (auto it = to.agent->hw(to.intf)->rxSaStatusIter(); it; ++it) {
+    if (receives(to, it.value())) now.insert(text(it.value()));
+  }
+  const Principal receiver = principalOf(to);
+  for (const End& from : ends) {
+    if (from.agent == to.agent && from.intf == to.intf) continue;
+    const Zef::Ptr<Macsec::CpStatus> cp = from.agent->status()->cpStatus(from.intf);
+    const Macsec::SaStatus tx = from.agent->hw(from.intf)->txSaStatus();
+    if (!cp || !cp->controlledPortEnabled() || tx.empty() || !before.count(text(tx)) || now.count(text(tx))) continue;
+    const Principal sender = principalOf(from);
+    if (!sender.actor || !receiver.actor || receiver.ckn != sender.ckn || !holdsLive(sender.actor, sciOf(to)) ||
+        !holdsLive(receiver.actor, sciOf(from)) || tx.mi != keyServerMi(receiver.actor)) {
+      continue;
+    }
+    throw Broken{"key taken away: " + text(to) + " stopped receiving on " + text(tx) + ", which " + text(from) +
+                 " transmits on"};
+  }
+  before = std::move(now);
+}
+
+void FaultRunner::checkRested() {
+  for (const std::vector<End>& ends : ends_) {
+    const Macsec::SaStatus key = ends[0].agent->hw(ends[0].intf)->txSaStatus();
+    for (const End& end : ends) {
+      const Zef::Ptr<Macsec::CpStatus> cp = end.agent->status()->cpStatus(end.intf);
+      const Zef::Ptr<Macsec::MacSecIntfStatus> hw = end.agent->hw(end.intf);
+      if (!cp->controlledPortEnabled() || hw->txSaStatus().empty() || !sameKey(hw->txSaStatus(), key)) {
+        throw Broken{"not secured at the end: " + text(end) + " port " +
+                     (cp->controlledPortEnabled() ? "open" : "closed") + ", transmits on " + text(hw->txSaStatus()) +
+                     ", " + text(ends[0]) + " on " + text(key)};
+      }
+      if (!receives(end, key))
+        throw Broken{"not secured at the end: " + text(end) + " does not receive on " + text(key)};
+      for (auto it = cp->rxSakIter(); it; ++it) {
+        const Macsec::SaStatus asked{Macsec::AssociationNumber(it.value().an), it.value().mi, it.value().keyNum, 0};
+        if (!sameKey(asked, key)) {
+          throw Broken{"stale receive SA at the end: " + text(end) + " receives on " + text(asked) + " beside " +
+                       text(key)};
+        }
+      }
+      const Principal principal = principalOf(end);
+      for (const End& other : ends) {
+        if (&other != &end && !holdsLive(principal.actor, sciOf(other))) {
+          throw Broken{"not live at the end: " + text(end) + " does not hold " + text(other)};
+        }
+      }
+    }
+  }
+}
+
+void FaultRunner::checkLogs() {
+  for (const std::string& line : logged_) {
+    std::string lower = line;
+    std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+    for (const std::string& secret : secrets_) {
+      if (lower.find(secret) != std::string::npos) throw Broken{"clear key in the log: " + line};
+    }
+  }
+}
+
+FaultOutcome FaultRunner::run() {
+  Zef::logSinkIs([this](const Zef::LogRecord& record) {
+    std::string line =
+        std::string(record.source) + " " + std::string(record.handle->name().view()) + ": " + record.text;
+    if (options_.verbose) std::cout << "[" << std::fixed << std::setprecision(3) << sim_.now() << "] " << line << "\n";
+    logged_.push_back(std::move(line));
+  });
+  drawNetwork();
+  drawFaults();
+  drawEvents();
+  sim_.observerIs([this] { checkAlways(); });
+  FaultOutcome outcome;
+  outcome.drawn = drawn_.str();
+  try {
+    sim_.runUntil(options_.faultSeconds);
+    rest();
+    sim_.runFor(options_.restSeconds);
+    checkRested();
+    checkLogs();
+  } catch (const Broken& broken) {
+    outcome.passed = false;
+    outcome.failure = broken.rule;
+    outcome.time = sim_.now();
+  }
+  sim_.observerIs(nullptr);
+  Zef::logSinkIs(nullptr);
+  return outcome;
+}
+
+}  // namespace
+
+FaultOutcome faultRun(uint32_t seed, const FaultOptions& options) {
+  FaultRunner runner(seed, options);
+  return runner.run();
+}
+
+}  // namespace Sim
