@@ -195,6 +195,13 @@ void ControlledPortSm::handleLatestKeyTxEnable() {
   SakContext latest = cpStatus()->latestSakContext();
   SakContext old = cpStatus()->oldSakContext();
   const Sak dist = actorStatus()->distSak();
+  // A key withdrawn since it was installed (the key server's peer set changed before anybody
+  // transmitted on it) is never transmitted on; its successor will take its place.
+  if (!sameKey(latest.sak, dist)) {
+    TRACE(3, ": Ignoring transmit enable on a withdrawn key" << forActor());
+    latestKeyTxEnableTimer()->timeMinIs(Orb::never);
+    return;
+  }
   // The key server transmits only on a key that its own hardware receives; a follower obeys
   // its key server.
   if (actorStatus()->electedSelf() && latest != SakContext() && !latest.rxInstalled) {
@@ -240,6 +247,15 @@ void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleTxSaStatus() {
     context.txSaValue = record.value;
     TRACE(1, ": Starting transmit on key: " << context.sak.mi << ":" << context.sak.keyNum << sm->forActor());
     cp->oldSakContextIs(context);
+    cp->controlledPortEnabledIs(true);
+    return;
+  }
+  // The same, for a key that took the old slot when it gave way.
+  if (sameKey(old.sak, confirmed) && old.txEnabled && !old.txInstalled && sameKey(cp->txSak(), confirmed)) {
+    old.txInstalled = true;
+    old.txSaValue = record.value;
+    TRACE(1, ": Starting transmit on key: " << old.sak.mi << ":" << old.sak.keyNum << sm->forActor());
+    cp->oldSakContextIs(old);
     cp->controlledPortEnabledIs(true);
     return;
   }
@@ -312,10 +328,10 @@ bool ControlledPortSm::aPeerTransmitsOn(const Sak& sak) const {
 void ControlledPortSm::keepReceiving(const SakContext& latest) {
   // Peers may transmit on a key that this port has asked to receive on (a key server does once
   // every peer receives, and a former principal of this port may have said so), and on the key in
-  // service: both keep receiving. The key this port transmits on
-  // keeps or takes the old slot, so that the peers hear of it; the other receives outside the
-  // slots until the retirement that follows the next key into service.
-  if (latest.txInstalled) {
+  // service: both keep receiving. The key this port transmits on, or has asked to, keeps or takes
+  // the old slot, so that the peers hear of it; the other receives outside the slots until the
+  // retirement that follows the next key into service.
+  if (latest.txInstalled || latest.txEnabled) {
     TRACE(3, ": Moving latest key to old key" << forActor());
     cpStatus()->oldSakContextIs(latest);
   }

@@ -1,6 +1,7 @@
 #include "mka/MkaKeyServerSm.h"
 
 #include <array>
+#include <optional>
 
 #include "model/Crypto.h"
 #include "model/LogMessages.h"
@@ -178,25 +179,42 @@ void MkaKeyServerSm::handleReKeyTimerExpiry() {
 }
 
 AssociationNumber MkaKeyServerSm::freeAssociationNumber() const {
-  // The number after the last key's, unless a key still in use on the port holds it (after a
-  // change of principal actor or of CAK, or keys replaced before they went into service): then
-  // the next free one; else the next one held by a key that still receives outside the controlled
-  // port's two slots, one that no live peer may transmit on first. The key transmitted and the
-  // keys in the slots keep theirs.
+  // The number after the last key's, unless it is in use (after a change of principal actor or of
+  // CAK, keys withdrawn or replaced before they went into service, peers that lag behind): then the
+  // next number that costs least to take. From cheapest: free; held by a key that still receives
+  // outside the controlled port's two slots (or a latest key nobody transmits on yet) that no live
+  // peer may transmit on; the same, but a peer may move to it; one that a peer reports transmitting
+  // on (even a key this port no longer knows, its controlled port rebuilt since); the key this port
+  // transmits on and the keys in service.
   const AssociationNumber next = mkaPortStatus()->anOfNextKey();
   const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId());
-  if (!cp) return next;
   auto aPeerMayTransmitOn = [&](const Sak& sak) {
     for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) {
       if (mayTransmitOn(it->sakUseInfo(), sak)) return true;
     }
     return false;
   };
+  auto aPeerReportsTransmitOn = [&](uint8_t an) {
+    for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) {
+      const SakUseInfo& use = it->sakUseInfo();
+      if ((use.latestKey.tx && use.latestKey.an == an) || (use.oldKey.tx && use.oldKey.an == an)) return true;
+    }
+    return false;
+  };
   auto cost = [&](uint8_t an) {
     const auto holds = [an](const Sak& sak) { return !sak.empty() && sak.an == an; };
-    if (holds(cp->txSak()) || holds(cp->latestSakContext().sak) || holds(cp->oldSakContext().sak)) return 3;
-    if (!cp->rxSakHas(AssociationNumber(an))) return 0;
-    return aPeerMayTransmitOn(cp->rxSak(AssociationNumber(an))) ? 2 : 1;
+    const SakContext latest = cp ? cp->latestSakContext() : SakContext();
+    if (cp && (holds(cp->txSak()) || holds(cp->oldSakContext().sak) || (holds(latest.sak) && latest.txEnabled))) {
+      return 4;
+    }
+    if (aPeerReportsTransmitOn(an)) return 3;
+    std::optional<Sak> receiving;
+    if (holds(latest.sak))
+      receiving = latest.sak;
+    else if (cp && cp->rxSakHas(AssociationNumber(an)))
+      receiving = cp->rxSak(AssociationNumber(an));
+    if (!receiving) return 0;
+    return aPeerMayTransmitOn(*receiving) ? 2 : 1;
   };
   uint8_t best = next.value();
   for (uint8_t step = 0; step < 4; ++step) {

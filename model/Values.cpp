@@ -192,6 +192,7 @@ bool mayTransmitOn(const KeyInfo& key, const KeyInfo& other, const Sak& sak) {
 }  // namespace
 
 bool mayTransmitOn(const SakUseInfo& use, const Sak& sak) {
+  if (use == SakUseInfo()) return true;
   return mayTransmitOn(use.latestKey, use.oldKey, sak) || mayTransmitOn(use.oldKey, use.latestKey, sak);
 }
 

@@ -235,8 +235,12 @@ void FaultRunner::drawEvents() {
   const int events = integer(0, 12);
   drawn_ << ", " << events << " events";
   const double last = options_.faultSeconds - 10;
-  for (int e = 0; e < events; ++e) {
-    const double at = uniform(1, std::max(1.0, last));
+  std::vector<double> times;
+  for (int e = 0; e < events; ++e) times.push_back(uniform(1, std::max(1.0, last)));
+  std::sort(times.begin(), times.end());
+  // Each switch takes the key changes in the order they were made, whatever their spread.
+  std::map<Agent*, double> lastKey;
+  for (const double at : times) {
     switch (integer(0, 3)) {
       case 0: {
         const size_t l = static_cast<size_t>(integer(0, static_cast<int>(links_.size()) - 1));
@@ -256,7 +260,8 @@ void FaultRunner::drawEvents() {
         const std::string cak = hex(pick({16, 32}));
         secrets_.push_back(cak);
         for (Agent* agent : agents_) {
-          sim_.after(at + uniform(0, 5), [this, agent, ckn, cak] {
+          lastKey[agent] = std::max(at + uniform(0, 5), lastKey[agent] + 0.01);
+          sim_.after(lastKey[agent], [this, agent, ckn, cak] {
             note("new key " + ckn + " on " + agent->name());
             keyIs(*agent, ckn, cak);
           });
