@@ -102,6 +102,7 @@ nlohmann::json countersReport(const Engine& engine, const Lanx::IntfId& intf) {
       {"in-mkpdu-icv-verification-errors", since(live.inBadIcv, cleared.inBadIcv)},
       {"sak-decryption-errors", since(live.inBadKeyWrap, cleared.inBadKeyWrap)},
       {"in-mkpdu-bad-peer-errors", since(live.inReplayed, cleared.inReplayed)},
+      {"in-mkpdu-not-key-server-errors", since(live.inNotKeyServer, cleared.inNotKeyServer)},
   };
 }
 

@@ -245,6 +245,10 @@ bool MkaActorSm::senderIsLive(const Zef::String& peerId, const char* set, const 
   return false;
 }
 
+void MkaActorSm::countKeyNotFromKeyServer() {
+  if (memtabCounters()) memtabCounters()->countIn(intfId(), &Memtab::MessageCounterData::inNotKeyServer);
+}
+
 void MkaActorSm::parseCakDistInfo() {
   ACTOR_ENTRY();
   const Zef::Ptr<MkaInfo const> info = rxMessageInfo()->mkaInfo();
@@ -257,6 +261,7 @@ void MkaActorSm::parseCakDistInfo() {
   if (!senderIsLive(peerId, "CAK dist", __PRETTY_FUNCTION__)) return;
   if (base.sci != actorStatus()->keyServer()) {
     TRACE(3, ": Received dist CAK from a peer " << peerId << " who is not a key server" << forActor());
+    countKeyNotFromKeyServer();
     return;
   }
   actorStatus()->distCakIs(Cak{info->cakDistInfo().ckn, info->cakDistInfo().cak});
@@ -275,6 +280,7 @@ void MkaActorSm::parseSakDistInfo() {
   if (!senderIsLive(peerId, "SAK dist", __PRETTY_FUNCTION__)) return;
   if (base.sci != actorStatus()->keyServer()) {
     TRACE(3, ": Received dist SAK from a peer " << peerId << " who is not a key server" << forActor());
+    countKeyNotFromKeyServer();
     return;
   }
   if (dist.cipherSuite != intfStatus()->cipherSuite()) {

@@ -105,7 +105,8 @@ void MkaPortSm::doUpdateActors(bool defaultKey) {
   }
   // Kept on purpose: the operators hear of the primary key's actor only, never the fallback's.
   if (!mkaActorSm(key.ckn)) {
-    mkaActorSmIs(key.ckn, key.cak, intfId(), status(), pamManager(), hwStatus(), timerWheel());
+    mkaActorSmIs(key.ckn, key.cak, intfId(), status(), pamManager(), hwStatus(), timerWheel())
+        ->memtabCountersIs(memtabCounters());
     if (!defaultKey) Zef::log(MKA_CA_CREATED, key.ckn, intfId());
   }
 

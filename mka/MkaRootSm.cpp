@@ -19,7 +19,8 @@ void MkaRootSm::handleMacsecEnabled() {
     // Configuration first, so that the device finds the IntfStatus entries when it reconciles
     // what an earlier run left.
     configSmIs(config(), status(), eapKeyStatus(), ethIntfStatusDir(), memtabCounters());
-    mkaSmIs(status(), ethIntfStatusDir(), deviceIntfStatusDir(), pamManager(), hwStatus(), timerWheel());
+    mkaSmIs(status(), ethIntfStatusDir(), deviceIntfStatusDir(), pamManager(), hwStatus(), timerWheel(),
+            memtabCounters());
     return;
   }
   // With MACsec disabled the device deletes every port as it goes, and the status is emptied.

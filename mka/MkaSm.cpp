@@ -101,7 +101,7 @@ void MkaSm::createOrDeletePortSm(const Lanx::IntfId& intfId, bool remove) {
   TRACE(2, " " << intfId << " hwPostStatus is " << stage);
   if (!status()->fipsStatus().fipsMode || stage == postComplete) {
     TRACE(1, ": Creating a new portSm for " << intfId);
-    mkaPortSmIs(intfId, status(), pamManager(), hwStatus(), timerWheel());
+    mkaPortSmIs(intfId, status(), pamManager(), hwStatus(), timerWheel(), memtabCounters());
     return;
   }
   if (postSm(intfId) || Lanx::SubIntfId::isSubIntfId(intfId)) return;

@@ -42,11 +42,7 @@ uint64_t Memtab::MessageCounterData::*columnOf(DecodeResult result) {
 }  // namespace
 
 void MkpduCodec::count(const Lanx::IntfId& intfId, uint64_t Memtab::MessageCounterData::*column) {
-  if (!counters()) return;
-  Memtab::MessageCounterData row = counters()->row(intfId);
-  row.intfId = intfId;
-  ++(row.*column);
-  counters()->rowIs(row);
+  if (counters()) counters()->countIn(intfId, column);
 }
 
 void MkpduCodec::handleInitialized() {
@@ -97,10 +93,16 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, const uint8_t* fram
   DecodedMkpdu message;
   DecodeResult result = decodeMkpdu(
       frame, length, [&](const Zef::String& ckn) { return actorKeys(intfId, ckn); }, message);
-  // Each member's numbers must grow: an MKPDU heard again is dropped.
+  // Each member's numbers must grow: an MKPDU heard again is dropped. The guard never forgets a
+  // member that an actor holds as a peer.
+  auto heldAsPeer = [&](const std::string& ckn, const std::string& member) {
+    const Zef::Ptr<MkaPortStatus const> port = Zef::Ptr<Status const>(status())->portStatus(intfId);
+    const Zef::Ptr<MkaActorStatus const> actor = port ? port->actorStatus(Zef::String(ckn)) : nullptr;
+    return actor && (actor->livePeerHas(Zef::String(member)) || actor->potentialPeerHas(Zef::String(member)));
+  };
   if (result == DecodeResult::accepted &&
-      !replay_[intfId].accept(message.baseInfo.ckn.stdString() + message.baseInfo.msgId.stdString(),
-                              message.baseInfo.msgNum)) {
+      !replay_[intfId].accept(message.baseInfo.ckn.stdString(), message.baseInfo.msgId.stdString(),
+                              message.baseInfo.msgNum, heldAsPeer)) {
     result = DecodeResult::replayed;
   }
   if (result != DecodeResult::accepted) {

@@ -22,6 +22,7 @@ struct MessageCounterData {
   uint64_t inBadIcv = 0;              // the integrity check value does not verify
   uint64_t inBadKeyWrap = 0;          // a distributed key that does not unwrap
   uint64_t inReplayed = 0;            // a member number already seen
+  uint64_t inNotKeyServer = 0;        // a distributed key from a live peer that is not the key server
 
   const Lanx::IntfId& key() const noexcept { return intfId; }
   bool operator==(const MessageCounterData&) const noexcept = default;
@@ -31,7 +32,8 @@ inline std::ostream& operator<<(std::ostream& out, const MessageCounterData& d) 
   return out << "MessageCounterData(" << d.intfId << ", in " << d.inMkpdus << ", out " << d.outMkpdus << "/"
              << d.outErrors << ", refused: malformed " << d.inMalformed << ", not MKA " << d.inNotMka << ", version "
              << d.inBadVersion << ", agility " << d.inUnsupportedAgility << ", unknown CKN " << d.inUnknownCkn
-             << ", ICV " << d.inBadIcv << ", key wrap " << d.inBadKeyWrap << ", replayed " << d.inReplayed << ")";
+             << ", ICV " << d.inBadIcv << ", key wrap " << d.inBadKeyWrap << ", replayed " << d.inReplayed
+             << ", not key server " << d.inNotKeyServer << ")";
 }
 
 }  // namespace Macsec::Memtab

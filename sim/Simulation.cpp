@@ -145,6 +145,7 @@ Zef::Ptr<Macsec::MkaActorSm> Agent::actorIs(const Lanx::IntfId& intf, const Zef:
   status()->portStatus(intf)->actorStatusIs(ckn);
   Zef::Ptr<Macsec::MkaActorSm> actor = engine_.as(
       [&] { return Macsec::MkaActorSm::MkaActorSmIs(ckn, stored, intf, status(), pamManager(), hwStatus(), wheel()); });
+  actor->memtabCountersIs(engine_.counters());
   actors_[{intf, ckn}] = actor;
   return actor;
 }

@@ -206,12 +206,16 @@ TEST_P(ControlledPort, KeysFromTheWrongSenderOrWithAnotherCipherAreRefused) {
     EXPECT_EQ(cp(b)->oldSakContext(), old);
   };
   const SakDistInfo newKey{static_cast<uint8_t>((known.an + 1) % 4), 0, 9, cipherSuiteGcmAes128, known.key};
+  // While the members were electing their key server, some may have refused keys already.
+  auto notFromKeyServer = [&] { return b.engine().counters()->row(intf(b)).inNotKeyServer; };
+  const uint64_t refusedBefore = notFromKeyServer();
 
   Sim::Message fromFollower = last[&c];  // a live peer, but not the elected key server
   fromFollower.intfId = intf(b);
   fromFollower.sakDistInfo = newKey;
   b.deliver(fromFollower);
   unchanged();
+  EXPECT_EQ(notFromKeyServer(), refusedBefore + 1);
 
   Sim::Message stranger = last[&a];  // a sender that is not live: it lists nobody
   stranger.intfId = intf(b);
@@ -235,6 +239,8 @@ TEST_P(ControlledPort, KeysFromTheWrongSenderOrWithAnotherCipherAreRefused) {
   repeated.sakDistInfo = SakDistInfo{known.an, 0, known.keyNum, cipherSuiteGcmAes128, known.key};
   b.deliver(repeated);
   unchanged();
+  // Only the follower's key counts as one from a member that is not the key server.
+  EXPECT_EQ(notFromKeyServer(), refusedBefore + 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(HardwareLatency, ControlledPort, ::testing::Values(0.0, 0.3));

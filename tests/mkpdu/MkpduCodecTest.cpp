@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <functional>
 #include <string>
 
@@ -317,6 +318,35 @@ TEST_F(Codec, UnusualButSoundFramesAreAccepted) {
   EXPECT_TRUE(use.delayProtect);
   EXPECT_EQ(use.latestKey, KeyInfo());
   EXPECT_EQ(table->row(eth1).inMkpdus, std::size(rows));
+}
+
+// The replay guard's memory is bounded, but a crowd of other members never makes it forget a
+// member that the actor holds as a peer: that member's old numbers stay refused.
+TEST_F(Codec, AMemberHeldAsAPeerIsNeverForgottenByTheReplayGuard) {
+  auto frameOf = [](const std::string& member, uint32_t number) {
+    DecodedMkpdu m = basicOnly();
+    m.baseInfo.msgId = member;
+    m.baseInfo.msgNum = number;
+    std::string frame;
+    EXPECT_TRUE(encodeMkpdu(m, m.baseInfo.sci.addr, keys128(), frame));
+    return frame;
+  };
+  const std::string peer = "a1a2a3a4a5a6a7a8a9aaabac";
+  const std::string stranger = "b1b2b3b4b5b6b7b8b9babbbc";
+  status->portStatus(eth1)->actorStatus(kCkn)->livePeerIs(peer);
+  ASSERT_EQ(feed(frameOf(peer, 10)), DecodeResult::accepted);
+  ASSERT_EQ(feed(frameOf(stranger, 10)), DecodeResult::accepted);
+  // A thousand members heard once each, after both.
+  for (uint32_t i = 0; i < 1000; ++i) {
+    char member[25];
+    std::snprintf(member, sizeof member, "c0c0c0c0c0c0c0c0%08x", i);
+    ASSERT_EQ(feed(frameOf(member, 1)), DecodeResult::accepted);
+  }
+  EXPECT_EQ(feed(frameOf(peer, 9)), DecodeResult::replayed);
+  // The stranger was forgotten to keep the memory bounded: its old number passes the guard, and
+  // the actor, which does not know it, takes it as a new member.
+  EXPECT_EQ(feed(frameOf(stranger, 9)), DecodeResult::accepted);
+  EXPECT_EQ(table->row(eth1).inReplayed, 1u);
 }
 
 TEST_F(Codec, TransmitBuildsTheFrameOfTheActorAndSendsItOnTheInterface) {
