@@ -53,10 +53,14 @@ void ControlledPortSm::handleInitialized() {
   // A retirement that the former principal had pending is armed again: the latest key already in
   // service, or keys that still receive outside the slots, would otherwise stay until the next key.
   if (cpStatus()->latestSakContext().txInstalled || hasLeftoverReceiveSa()) {
-    oldKeyRetirementTimer()->timeMinIs(Zef::System::currentTime() + status()->oldKeyRetirementPeriod());
+    armOldKeyRetirement();
   }
   handleDistSak();
   handleKeysLPN();
+}
+
+void ControlledPortSm::armOldKeyRetirement() {
+  oldKeyRetirementTimer()->timeMinIs(Zef::System::currentTime() + status()->oldKeyRetirementPeriod());
 }
 
 bool ControlledPortSm::inASlot(const Sak& sak) const {
@@ -86,6 +90,10 @@ void ControlledPortSm::handleDistSak() {
   }
   if (sameKey(cpStatus()->oldSakContext().sak, dist)) {
     TRACE(3, ": Ignoring duplicate old SAK for actor " << ckn());
+    // The key server holds to the key in service: a latest key that nobody transmits on will not
+    // follow it (one from a key server that has gone, or one it withdrew).
+    const SakContext latest = cpStatus()->latestSakContext();
+    if (latest != SakContext() && !latest.txEnabled) keepReceiving(latest);
     return;
   }
   // The key on its way in gives way, but keeps receiving.
@@ -108,6 +116,7 @@ void ControlledPortSm::handleDistSak() {
   const Sak request = withSalt(dist);
   cpStatus()->unprotectedTrafficIs(false);
   cpStatus()->rxSakIs(request);
+  latestSinceIs(keyServerMsgNum());
 }
 
 void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleRxSaStatus(const AssociationNumber& an) {
@@ -168,7 +177,31 @@ void ControlledPortSm::handleLivePeer(const Zef::String& peer) {
 }
 
 void ControlledPortSm::ZefActorStatus::ZefLivePeer::handlePeerBaseInfo() {
-  if (ControlledPortSm* sm = stateMachine()) sm->handleLivePeer(Zef::String(key()));
+  ControlledPortSm* sm = stateMachine();
+  if (sm == nullptr) return;
+  sm->handleLivePeer(Zef::String(key()));
+  sm->handleKeyServerMessage(Zef::String(key()));
+}
+
+void ControlledPortSm::handleKeyServerMessage(const Zef::String& peer) {
+  if (!initialized() || actorStatus()->electedSelf()) return;
+  const Zef::Ptr<MkaPeer const> sender = actorStatus()->livePeer(peer);
+  if (!sender || sender->baseInfo().sci != actorStatus()->keyServer()) return;
+  // The SAK use set on record is still the one of the key server's previous MKPDU.
+  const uint32_t previous = keyServerMi() == peer ? keyServerMsgNum() : 0;
+  keyServerMiIs(peer);
+  keyServerMsgNumIs(sender->baseInfo().msgNum);
+  // A follower's latest key of its key server that the key server does not have in either slot,
+  // and that nobody transmits on yet, will not come into service (a key it withdrew, or a forged
+  // one): it gives way, as it would to the next key. The key server's first MKPDU with a new key
+  // may go out before its own slots have it, so only a later MKPDU's set counts.
+  const SakUseInfo& use = sender->sakUseInfo();
+  const SakContext latest = cpStatus()->latestSakContext();
+  if (previous == 0 || latestSince() >= previous || use == SakUseInfo()) return;
+  if (latest == SakContext() || latest.txEnabled || latest.sak.mi != peer) return;
+  if (sakMatch(use.latestKey, latest.sak) || sakMatch(use.oldKey, latest.sak)) return;
+  TRACE(3, ": The key server does not have the latest key " << latest.sak.mi << ":" << latest.sak.keyNum << forActor());
+  keepReceiving(latest);
 }
 
 void ControlledPortSm::handleLivePeer() {
@@ -197,9 +230,10 @@ void ControlledPortSm::handleLatestKeyTxEnable() {
   const Sak dist = actorStatus()->distSak();
   // A key withdrawn since it was installed (the key server's peer set changed before anybody
   // transmitted on it) is never transmitted on; its successor will take its place.
-  if (!sameKey(latest.sak, dist)) {
+  if (dist.empty() || !sameKey(latest.sak, dist)) {
     TRACE(3, ": Ignoring transmit enable on a withdrawn key" << forActor());
     latestKeyTxEnableTimer()->timeMinIs(Orb::never);
+    if (latest != SakContext() && !latest.txEnabled) keepReceiving(latest);
     return;
   }
   // The key server transmits only on a key that its own hardware receives; a follower obeys
@@ -283,7 +317,7 @@ void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleTxSaStatus() {
   if (cp->oldSakContext() == SakContext()) {
     sm->handleOldKeyRetirement();
   } else {
-    sm->oldKeyRetirementTimer()->timeMinIs(Zef::System::currentTime() + sm->status()->oldKeyRetirementPeriod());
+    sm->armOldKeyRetirement();
   }
   // The port opens last, when the slots have their final values.
   cp->controlledPortEnabledIs(true);
@@ -314,7 +348,7 @@ void ControlledPortSm::handleOldKeyRetirement() {
   for (const AssociationNumber& an : leftovers) cpStatus()->rxSakDel(an);
   if (waiting) {
     TRACE(3, ": Keeping a retired key that a peer still transmits on" << forActor());
-    oldKeyRetirementTimer()->timeMinIs(Zef::System::currentTime() + status()->oldKeyRetirementPeriod());
+    armOldKeyRetirement();
   }
 }
 
@@ -329,13 +363,14 @@ void ControlledPortSm::keepReceiving(const SakContext& latest) {
   // Peers may transmit on a key that this port has asked to receive on (a key server does once
   // every peer receives, and a former principal of this port may have said so), and on the key in
   // service: both keep receiving. The key this port transmits on, or has asked to, keeps or takes
-  // the old slot, so that the peers hear of it; the other receives outside the slots until the
-  // retirement that follows the next key into service.
+  // the old slot, so that the peers hear of it; the other receives outside the slots until a
+  // retirement finds that no peer may transmit on it: one is pending from now on at the latest.
   if (latest.txInstalled || latest.txEnabled) {
     TRACE(3, ": Moving latest key to old key" << forActor());
     cpStatus()->oldSakContextIs(latest);
   }
   cpStatus()->latestSakContextIs(SakContext());
+  if (oldKeyRetirementTimer()->timeMin() == Orb::never && hasLeftoverReceiveSa()) armOldKeyRetirement();
 }
 
 void ControlledPortSm::handleKeysLPN() {

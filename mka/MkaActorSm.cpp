@@ -110,7 +110,11 @@ void MkaActorSm::handleCleanUp() {
 void MkaActorSm::updateMsgId() {
   ACTOR_ENTRY();
   Zef::String id;
-  randomNumberGenerator(96, id);
+  if (status()->memberIdSeed() != 0) {
+    seededMemberId(status()->memberIdSeed(), status()->memberIdsDrawnInc(1), id);
+  } else {
+    randomNumberGenerator(96, id);
+  }
   actorStatus()->msgIdIs(id);
   TRACE(3, ": Generated msg ID is " << actorStatus()->msgId() << forActor());
   actorStatus()->msgNumIs(0);
@@ -202,8 +206,12 @@ bool MkaActorSm::parseBasicInfo() {
   }
 
   // The sender has not heard us (lately). A live peer that stopped listing us is left to age
-  // out; anybody else is a potential peer.
-  if (actorStatus()->livePeerHas(peerId)) return true;
+  // out, but what it says of its keys is news still: a key it transmits on must stay receivable.
+  // Anybody else is a potential peer.
+  if (const Zef::Ptr<MkaPeer> live = actorStatus()->livePeer(peerId)) {
+    live->sakUseInfoIs(info->sakUseInfo());
+    return true;
+  }
   Zef::Ptr<MkaPeer> peer = actorStatus()->potentialPeer(peerId);
   if (!peer) {
     TRACE(1, ": Creating new potential peer " << peerId << forActor());
@@ -323,6 +331,13 @@ bool MkaActorSm::ownHardwareReceives(const Sak& sak) const {
     if (context.sak.an == sak.an && context.sak.mi == sak.mi && context.sak.keyNum == sak.keyNum) {
       return context.rxInstalled;
     }
+  }
+  return false;
+}
+
+bool MkaActorSm::aLivePeerLacks(const Sak& sak) const {
+  for (auto it = actorStatus()->livePeerIter(); it; ++it) {
+    if (!keyInUse(it->sakUseInfo(), sak).rx) return true;
   }
   return false;
 }
@@ -546,9 +561,12 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
     if (!actorStatus()->livePeerHas(it.key())) tx->potentialPeerIs(it.key(), it->baseInfo().msgNum);
   }
 
-  // The key server repeats its key until everybody transmits on it.
+  // The key server repeats its key until everybody transmits on it, and for as long as a live
+  // peer does not say it receives on it (one that went away for a moment, or that was a key
+  // server itself meanwhile, may have missed it).
   const Sak& sak = actorStatus()->distSak();
-  if (actorStatus()->electedSelf() && actorStatus()->principal() && !sak.empty() && !actorStatus()->sakTransmit()) {
+  if (actorStatus()->electedSelf() && actorStatus()->principal() && !sak.empty() &&
+      (!actorStatus()->sakTransmit() || aLivePeerLacks(sak))) {
     info->sakDistInfoIs(SakDistInfo{sak.an, confidentialityOffsetCode(intfStatus()->confidentialityOffset()),
                                     sak.keyNum, cipher, sak.key});
   } else {

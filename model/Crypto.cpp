@@ -145,6 +145,17 @@ KeyBytes deriveSak(const KeyBytes& cak, const KeyBytes& context, int bits) {
 
 void randomNumberGenerator(int bits, Zef::String& out) { hexOut(randomBytes(static_cast<size_t>(bits + 7) / 8), out); }
 
+void seededMemberId(uint64_t seed, uint64_t draw, Zef::String& out) {
+  KeyBytes key(16);
+  uint8_t number[8];
+  for (int i = 0; i < 8; ++i) {
+    key.data()[i] = static_cast<uint8_t>(seed >> (8 * i));
+    number[i] = static_cast<uint8_t>(draw >> (8 * i));
+  }
+  const KeyBytes mac = aesCmac(key, number, sizeof number);
+  hexOut(KeyBytes(mac.data(), 12), out);
+}
+
 KeyBytes deriveCak(const KeyBytes& msk, const KeyBytes& macs, int bits) {
   if ((bits != 128 && bits != 256) || msk.size() < static_cast<size_t>(bits / 8) || macs.size() != 12)
     return KeyBytes();

@@ -62,7 +62,7 @@ void Link::send(const Agent* from, const Lanx::IntfId& intf, const Message& mess
 }
 
 Agent::Agent(Simulation& sim, std::string name, uint64_t seed)
-    : sim_(sim), engine_(Macsec::EngineOptions{std::move(name), sim.wire() == Wire::bytes, seed}) {
+    : sim_(sim), engine_(Macsec::EngineOptions{std::move(name), sim.wire() == Wire::bytes, seed, true, seed | 1}) {
   engine_.messageTransmitterIs(
       [this](const Lanx::IntfId& intf, const Macsec::DecodedMkpdu& message) { transmitted(intf, message); });
   engine_.frameTransmitterIs([this](const Lanx::IntfId& intf, const std::string& frame) {
