@@ -7,7 +7,7 @@ FUZZ_SECONDS ?= 30
 JOBS       ?= $(shell nproc)
 CMAKE      := cmake -G Ninja -DMKA_WERROR=ON
 
-.PHONY: all deps build build-asan fuzz test vmtest run bench install format format-check clean
+.PHONY: all deps build build-asan fuzz test vmtest soak run bench install format format-check clean
 
 all: build
 
@@ -22,15 +22,22 @@ build-asan: deps
 	@$(CMAKE) -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DMKA_SANITIZE=ON > /dev/null
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 
-# The MKPDU decoder under libFuzzer, with ASan and UBSan, from the seed corpus, for a bounded time.
+# Under libFuzzer, with ASan and UBSan, for a bounded time each: the MKPDU decoder from its seed
+# corpus, and forged frames into a pair of engines.
 fuzz: deps
 	@CC=clang CXX=clang++ $(CMAKE) -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=Debug -DMKA_SANITIZE=ON -DMKA_FUZZ=ON \
 	  -DMKA_BENCH=OFF > /dev/null
-	@cmake --build $(FUZZ_BUILD) --target mkpdu_fuzz -j $(JOBS)
-	@rm -rf $(FUZZ_BUILD)/corpus && cp -r tests/fuzz/corpus $(FUZZ_BUILD)/corpus
+	@cmake --build $(FUZZ_BUILD) --target mkpdu_fuzz actor_fuzz -j $(JOBS)
+	@rm -rf $(FUZZ_BUILD)/corpus $(FUZZ_BUILD)/actor-corpus && cp -r tests/fuzz/corpus $(FUZZ_BUILD)/corpus \
+	  && cp -r tests/fuzz/actor-corpus $(FUZZ_BUILD)/actor-corpus
 	@$(FUZZ_BUILD)/mkpdu_fuzz -max_total_time=$(FUZZ_SECONDS) $(FUZZ_BUILD)/corpus > $(FUZZ_BUILD)/fuzz.log 2>&1 \
-	  || (tail -n 40 $(FUZZ_BUILD)/fuzz.log; echo "the fuzzer found a fault"; exit 1)
+	  || (tail -n 40 $(FUZZ_BUILD)/fuzz.log; echo "the decoder's fuzzer found a fault"; exit 1)
 	@tail -n 1 $(FUZZ_BUILD)/fuzz.log
+	@$(FUZZ_BUILD)/actor_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=514 -len_control=0 \
+	  $(FUZZ_BUILD)/actor-corpus \
+	  > $(FUZZ_BUILD)/actor-fuzz.log 2>&1 \
+	  || (tail -n 40 $(FUZZ_BUILD)/actor-fuzz.log; echo "the engines' fuzzer found a fault"; exit 1)
+	@tail -n 1 $(FUZZ_BUILD)/actor-fuzz.log
 
 test: format-check build build-asan fuzz
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
@@ -45,6 +52,15 @@ vmtest: build
 # Two daemons securing a veth pair between two network namespaces (the simulator without root).
 run: build
 	@scripts/run-demo.sh $(BUILD)
+
+# Fault injection, 10,000 seeds in two halves side by side; the counts by broken rule.
+SOAK_SEEDS ?= 10000
+soak: build
+	@half=$$(( $(SOAK_SEEDS) / 2 )); \
+	  $(BUILD)/mkafault --first 1 --seeds $$half > $(BUILD)/soak-1.log 2>&1 & \
+	  $(BUILD)/mkafault --first $$(( half + 1 )) --seeds $$(( $(SOAK_SEEDS) - half )) > $(BUILD)/soak-2.log 2>&1; \
+	  wait; grep -h -A 20 "^[0-9]* seeds from" $(BUILD)/soak-1.log $(BUILD)/soak-2.log; \
+	  ! grep -q "failed at" $(BUILD)/soak-1.log $(BUILD)/soak-2.log
 
 bench: build
 	$(BUILD)/mka_bench

@@ -1,6 +1,7 @@
 #include "sim/FaultRun.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <iomanip>
 #include <iostream>
@@ -10,6 +11,8 @@
 #include <sstream>
 #include <vector>
 
+#include "mkpdu/MkpduCoding.h"
+#include "model/Crypto.h"
 #include "platform/Log.h"
 #include "sim/Simulation.h"
 
@@ -88,8 +91,12 @@ bool receives(const End& end, const Macsec::SaStatus& key) {
 
 class FaultRunner {
  public:
+  static Wire wireOf(bool bytes, const FaultOptions& options) {
+    return bytes || !options.forged.empty() ? Wire::bytes : Wire::decoded;
+  }
+
   FaultRunner(uint32_t seed, const FaultOptions& options)
-      : options_(options), draw_(seed), sim_(0.0, seed, chance(0.5) ? Wire::bytes : Wire::decoded) {}
+      : options_(options), draw_(seed), sim_(0.0, seed, wireOf(chance(0.5), options)) {}
 
   FaultOutcome run();
 
@@ -106,6 +113,8 @@ class FaultRunner {
   void drawNetwork();
   void drawFaults();
   void drawEvents();
+  void drawForgeries();
+  void forge(const uint8_t* how);
   void rest();
   void keyIs(Agent& agent, const std::string& ckn, const std::string& cak);
   void rekeyPeriodIs(uint32_t seconds);
@@ -128,6 +137,10 @@ class FaultRunner {
   std::vector<std::string> logged_;
   // The keys that each interface received on, at the last check.
   std::map<std::string, std::set<std::string>> receiving_;
+  // The last MKPDU each interface sent, and the highest member number it has been given, forged
+  // or not.
+  std::map<std::string, Message> lastSent_;
+  std::map<std::string, uint32_t> lastNumber_;
   Macsec::CipherSuite suite_ = Macsec::cipherSuiteGcmAes128;
 };
 
@@ -159,9 +172,9 @@ void FaultRunner::rekeyPeriodIs(uint32_t seconds) {
 // Switches in a chain, neighbours joined by one or two links, or three or four switches on one
 // shared segment; every interface on one profile.
 void FaultRunner::drawNetwork() {
-  const bool segment = chance(0.3);
-  const int switches = segment ? integer(3, 4) : integer(2, 4);
-  const int links = segment ? 1 : integer(1, 2);
+  const bool segment = chance(0.3) && !options_.pairOnly;
+  const int switches = segment ? integer(3, 4) : options_.pairOnly ? 2 : integer(2, 4);
+  const int links = segment || options_.pairOnly ? 1 : integer(1, 2);
   suite_ = pick({Macsec::cipherSuiteGcmAes128, Macsec::cipherSuiteGcmAes256, Macsec::cipherSuiteGcmAesXpn128,
                  Macsec::cipherSuiteGcmAesXpn256});
   const bool delayProtection = chance(0.5);
@@ -214,6 +227,7 @@ void FaultRunner::drawNetwork() {
 // Each link's loss, duplication, corruption (of frames) and reordering, and each switch's
 // hardware lag.
 void FaultRunner::drawFaults() {
+  if (options_.pairOnly) return;
   for (Link* link : links_) {
     link->lossIs(chance(0.8) ? uniform(0, 0.3) : 0);
     link->duplicationIs(chance(0.5) ? uniform(0, 0.1) : 0);
@@ -232,7 +246,7 @@ void FaultRunner::drawFaults() {
 // rebuilt over the status they left) and changes of the rekey period, at random times of the
 // fault period; each is over before the rest begins.
 void FaultRunner::drawEvents() {
-  const int events = integer(0, 12);
+  const int events = options_.pairOnly ? 0 : integer(0, 12);
   drawn_ << ", " << events << " events";
   const double last = options_.faultSeconds - 10;
   std::vector<double> times;
@@ -292,6 +306,104 @@ void FaultRunner::drawEvents() {
   }
 }
 
+// Forged frames at times of the fault period, after the members' last MKPDUs.
+void FaultRunner::drawForgeries() {
+  if (options_.forged.empty()) return;
+  sim_.tapIs([this](const Agent& from, const Message& message) {
+    const std::string key = from.name() + " " + message.intfId.stringValue();
+    lastSent_[key] = message;
+    lastNumber_[key] = std::max(lastNumber_[key], message.baseInfo.msgNum);
+  });
+  const std::string& bytes = options_.forged;
+  for (size_t at = 0; at + 8 <= bytes.size(); at += 8) {
+    std::array<uint8_t, 8> how;
+    std::copy_n(reinterpret_cast<const uint8_t*>(bytes.data() + at), 8, how.begin());
+    const double when = 1 + (options_.faultSeconds - 6) * how[0] / 256.0;
+    sim_.after(when, [this, how] { forge(how.data() + 1); });
+  }
+  drawn_ << ", " << bytes.size() / 8 << " forged frames";
+}
+
+// One forged frame: `how` picks the interface whose last MKPDU it changes, the change, and its
+// values; the frame goes to every other end of that interface's link.
+void FaultRunner::forge(const uint8_t* how) {
+  std::vector<std::pair<const End*, const std::vector<End>*>> all;
+  for (const std::vector<End>& ends : ends_) {
+    for (const End& end : ends) all.push_back({&end, &ends});
+  }
+  const auto [from, ends] = all[how[0] % all.size()];
+  const auto sent = lastSent_.find(text(*from));
+  if (sent == lastSent_.end()) return;
+  Message m = sent->second;
+  const int kind = how[1] % 8;
+  switch (kind) {
+    case 0:  // the same, with a new number
+    case 1:  // the same, number and all: a replay
+      break;
+    case 2:  // another priority, key server flag or capability
+      m.baseInfo.keyServerPriority = how[2];
+      m.baseInfo.keyServer = how[3] & 1;
+      m.baseInfo.macsecDesired = how[3] & 2;
+      m.baseInfo.macsecCapability = (how[3] >> 2) & 3;
+      break;
+    case 3: {  // a peer list with an entry less, or one more
+      auto& list = how[2] & 1 ? m.livePeers : m.potentialPeers;
+      if (how[2] & 2 && !list.empty()) {
+        list.erase(list.begin() + how[3] % list.size());
+      } else {
+        std::ostringstream mi;
+        mi << std::hex << std::setfill('0') << std::setw(24) << (how[3] * 65536 + how[4] * 256 + how[5]);
+        list.push_back({Zef::String(mi.str()), how[4]});
+      }
+      break;
+    }
+    case 4: {  // a SAK use set that says something else
+      Macsec::KeyInfo& key = how[2] & 1 ? m.sakUseInfo.latestKey : m.sakUseInfo.oldKey;
+      key.an = how[3] & 3;
+      key.tx = how[3] & 4;
+      key.rx = how[3] & 8;
+      key.keyNum += static_cast<int8_t>(how[4]) % 3;
+      if (how[2] & 2) key.mi = m.baseInfo.msgId;
+      m.sakUseInfo.plainTx = how[2] & 4;
+      m.sakUseInfo.plainRx = how[2] & 8;
+      break;
+    }
+    case 5:  // a distributed key with another number, association number or cipher suite
+      m.sakDistInfo.distributedAN = how[2] & 3;
+      m.sakDistInfo.keyNumber += how[3] % 3;
+      if (how[4] & 1) m.sakDistInfo.cipherSuite = Macsec::cipherSuiteGcmAes256;
+      if (m.sakDistInfo.wrappedSak.empty()) m.sakDistInfo.wrappedSak = Macsec::StoredKey::of(Macsec::randomBytes(16));
+      break;
+    case 6: {  // a member that does not exist, on the same port
+      std::ostringstream mi;
+      mi << std::hex << std::setfill('0') << std::setw(24) << (how[2] * 65536 + how[3] * 256 + how[4]);
+      m.baseInfo.msgId = Zef::String(mi.str());
+      m.baseInfo.msgNum = how[5] + 1u;
+      break;
+    }
+    default:  // sets left out
+      if (how[2] & 1) m.sakUseInfo = Macsec::SakUseInfo();
+      if (how[2] & 2) m.sakDistInfo = Macsec::SakDistInfo();
+      if (how[2] & 4) m.livePeers.clear();
+      break;
+  }
+  // A new number that passes the replay guard: the member's own next MKPDU is refused instead.
+  if (kind != 1 && kind != 6) m.baseInfo.msgNum = ++lastNumber_[text(*from)];
+  const Zef::Ptr<Macsec::MkaActorStatus> actor =
+      from->agent->status()->portStatus(from->intf)->actorStatus(m.baseInfo.ckn);
+  const Zef::Ptr<Macsec::IntfStatus> intf = from->agent->status()->intfStatus(from->intf);
+  if (!actor || !intf) return;
+  std::string frame;
+  if (!Macsec::encodeMkpdu(m, m.baseInfo.sci.addr, Macsec::ActorKeys{actor->ick(), actor->kek(), intf->cipherSuite()},
+                           frame)) {
+    return;
+  }
+  note("forged frame from " + text(*from));
+  for (const End& to : *ends) {
+    if (&to != from) to.agent->deliverFrame(to.intf, frame);
+  }
+}
+
 // Every link mended and clean, and no more rekeys: the network rests.
 void FaultRunner::rest() {
   note("rest");
@@ -316,6 +428,10 @@ void FaultRunner::checkAlways() {
         throw Broken{"open without transmit SA: " + text(end)};
       }
     }
+    // A forged SAK use or distribution set can make a member believe what its peer never said, so
+    // that it stops receiving on a key in use: an insider with the CAK can do that much. With
+    // forgeries, what holds is the rest of the checks, and the end.
+    if (!options_.forged.empty()) continue;
     for (const End& to : ends) checkKeysTakenAway(ends, to);
   }
 }
@@ -398,6 +514,7 @@ FaultOutcome FaultRunner::run() {
   drawNetwork();
   drawFaults();
   drawEvents();
+  drawForgeries();
   sim_.observerIs([this] { checkAlways(); });
   FaultOutcome outcome;
   outcome.drawn = drawn_.str();
@@ -422,6 +539,18 @@ FaultOutcome FaultRunner::run() {
 FaultOutcome faultRun(uint32_t seed, const FaultOptions& options) {
   FaultRunner runner(seed, options);
   return runner.run();
+}
+
+FaultOutcome forgedRun(const std::string& input, bool verbose) {
+  if (input.size() < 2) return FaultOutcome{};
+  FaultOptions options;
+  options.faultSeconds = 30;
+  options.restSeconds = 40;
+  options.pairOnly = true;
+  options.verbose = verbose;
+  options.forged = input.substr(2, 64 * 8);
+  const uint32_t seed = static_cast<uint8_t>(input[0]) | static_cast<uint32_t>(static_cast<uint8_t>(input[1])) << 8;
+  return faultRun(seed, options);
 }
 
 }  // namespace Sim

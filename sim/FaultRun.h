@@ -5,7 +5,7 @@
 // series of events (cuts, rekeys, key changes, agent restarts), runs them on virtual time, then
 // mends everything and lets the network rest. What must always hold is checked after every
 // delivery and every timer; what must hold after the rest is checked at the end. The same seed
-// draws the same run.
+// draws the same run (but for the members' random identifiers).
 
 #include <cstdint>
 #include <string>
@@ -27,8 +27,18 @@ struct FaultOptions {
   double restSeconds = 60;
   // Prints the events and the operators' log as they happen.
   bool verbose = false;
+  // Frames forged by an insider that holds the CAK, eight bytes each: when, whose last MKPDU, and
+  // how it is changed before it goes out again with a good ICV (the wire is then frames).
+  std::string forged;
+  // Only a pair of switches on one clean link, with no events: the forged frames are the only
+  // faults.
+  bool pairOnly = false;
 };
 
 FaultOutcome faultRun(uint32_t seed, const FaultOptions& options = {});
+
+// A run of a pair of switches on one clean link that takes forged frames: the input's first two
+// octets are the seed, the rest the forgeries (at most 64). The actor fuzzer's run, and its replay.
+FaultOutcome forgedRun(const std::string& input, bool verbose = false);
 
 }  // namespace Sim

@@ -1,10 +1,13 @@
 // mkafault: fault injection on simulated switches. Each seed draws a network, its faults and its
 // events, runs them on virtual time and checks what must hold; a failing seed prints the command
-// that replays it. Exits 0 only if every seed passed.
+// that replays it. With --forged, replays an input of the actor fuzzer instead. Exits 0 only if
+// every run passed.
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <string>
 
@@ -22,7 +25,20 @@ int main(int argc, char** argv) {
   app.add_option("--rest-seconds", options.restSeconds, "virtual seconds of rest before the final check")
       ->check(CLI::Range(10.0, 3600.0));
   app.add_flag("--verbose", options.verbose, "print the events and the operators' log of each run");
+  std::string forged;
+  app.add_option("--forged", forged, "replay this input of the actor fuzzer (a pair of switches, forged frames)")
+      ->check(CLI::ExistingFile);
   CLI11_PARSE(app, argc, argv);
+
+  if (!forged.empty()) {
+    std::ifstream file(forged, std::ios::binary);
+    const std::string input{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    const Sim::FaultOutcome outcome = Sim::forgedRun(input, options.verbose);
+    std::cout << outcome.drawn << "\n"
+              << (outcome.passed ? "passed" : "failed at " + std::to_string(outcome.time) + " s: " + outcome.failure)
+              << "\n";
+    return outcome.passed ? 0 : 1;
+  }
 
   uint32_t failed = 0;
   std::map<std::string, uint32_t> byRule;
