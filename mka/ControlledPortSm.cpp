@@ -370,7 +370,7 @@ void ControlledPortSm::keepReceiving(const SakContext& latest) {
     cpStatus()->oldSakContextIs(latest);
   }
   cpStatus()->latestSakContextIs(SakContext());
-  if (oldKeyRetirementTimer()->timeMin() == Orb::never && hasLeftoverReceiveSa()) armOldKeyRetirement();
+  if (!oldKeyRetirementTimer()->isArmed() && hasLeftoverReceiveSa()) armOldKeyRetirement();
 }
 
 void ControlledPortSm::handleKeysLPN() {

@@ -194,10 +194,17 @@ AssociationNumber MkaKeyServerSm::freeAssociationNumber() const {
     }
     return false;
   };
+  // Potential peers count here too: after a restart, a member that transmits on a key is heard
+  // before it is live again.
   auto aPeerReportsTransmitOn = [&](uint8_t an) {
+    auto transmitsOn = [an](const SakUseInfo& use) {
+      return (use.latestKey.tx && use.latestKey.an == an) || (use.oldKey.tx && use.oldKey.an == an);
+    };
     for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) {
-      const SakUseInfo& use = it->sakUseInfo();
-      if ((use.latestKey.tx && use.latestKey.an == an) || (use.oldKey.tx && use.oldKey.an == an)) return true;
+      if (transmitsOn(it->sakUseInfo())) return true;
+    }
+    for (auto it = mkaActorStatus()->potentialPeerIter(); it; ++it) {
+      if (transmitsOn(it->sakUseInfo())) return true;
     }
     return false;
   };

@@ -186,7 +186,7 @@ bool mayTransmitOn(const KeyInfo& key, const KeyInfo& other, const Sak& sak) {
   if (!sakMatch(key, sak)) return false;
   if (key.tx) return true;
   const bool movedOn = other.tx && other.mi == key.mi && other.keyNum > key.keyNum;
-  return key.rx && !movedOn;
+  return !movedOn;
 }
 
 }  // namespace

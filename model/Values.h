@@ -279,9 +279,10 @@ inline bool sakMatch(const KeyInfo& info, const Sak& sak) {
 }
 
 // Whether a member whose last SAK use set is `use` may transmit on `sak`: the set says so, or the
-// member receives on the key and transmits on no newer key of the same key server. A member moves
-// on to a key it receives as soon as it hears that its key server transmits on it, before its next
-// MKPDU can say so. A member whose last MKPDU had no SAK use set may transmit on any key.
+// set lists the key (received, or still being installed) and no newer key of the same key server
+// that the member transmits on. A member installs a key and moves on to it as soon as it hears
+// that its key server transmits on it, before its next MKPDU can say so, and that MKPDU may be
+// lost. A member whose last MKPDU had no SAK use set may transmit on any key.
 bool mayTransmitOn(const SakUseInfo& use, const Sak& sak);
 
 }  // namespace Macsec

@@ -3,15 +3,71 @@
 // that replays it. With --forged, replays an input of the actor fuzzer instead. Exits 0 only if
 // every run passed.
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <iterator>
 #include <map>
+#include <sstream>
 #include <string>
 
 #include "sim/FaultRun.h"
+
+namespace {
+
+// Runs one fault run in a process of its own, so that it goes the same way alone or among others
+// (the harness's memory, left by earlier runs, never steers a later one).
+Sim::FaultOutcome isolated(const std::function<Sim::FaultOutcome()>& run) {
+  std::cout.flush();
+  int channel[2];
+  if (pipe(channel) != 0) return run();
+  const pid_t child = fork();
+  if (child < 0) {
+    close(channel[0]);
+    close(channel[1]);
+    return run();
+  }
+  if (child == 0) {
+    close(channel[0]);
+    const Sim::FaultOutcome outcome = run();
+    std::cout.flush();
+    const std::string report = std::string(outcome.passed ? "1" : "0") + "\n" + std::to_string(outcome.time) + "\n" +
+                               outcome.failure + "\n" + outcome.drawn + "\n";
+    for (size_t sent = 0; sent < report.size();) {
+      const ssize_t n = write(channel[1], report.data() + sent, report.size() - sent);
+      if (n <= 0) break;
+      sent += static_cast<size_t>(n);
+    }
+    _exit(0);
+  }
+  close(channel[1]);
+  std::string report;
+  char buffer[4096];
+  for (ssize_t n; (n = read(channel[0], buffer, sizeof buffer)) > 0;) report.append(buffer, static_cast<size_t>(n));
+  close(channel[0]);
+  int status = 0;
+  waitpid(child, &status, 0);
+  Sim::FaultOutcome outcome;
+  std::istringstream lines(report);
+  std::string passed;
+  std::string time;
+  if (!std::getline(lines, passed) || !std::getline(lines, time) || !std::getline(lines, outcome.failure) ||
+      !std::getline(lines, outcome.drawn)) {
+    outcome.passed = false;
+    outcome.failure = "crashed: the run ended without an outcome (status " + std::to_string(status) + ")";
+    return outcome;
+  }
+  outcome.passed = passed == "1";
+  outcome.time = std::stod(time);
+  return outcome;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   CLI::App app{"mkafault: fault injection on simulated MKA switches"};
@@ -43,7 +99,7 @@ int main(int argc, char** argv) {
   uint32_t failed = 0;
   std::map<std::string, uint32_t> byRule;
   for (uint64_t seed = first; seed < static_cast<uint64_t>(first) + seeds && seed <= UINT32_MAX; ++seed) {
-    const Sim::FaultOutcome outcome = Sim::faultRun(static_cast<uint32_t>(seed), options);
+    const Sim::FaultOutcome outcome = isolated([&] { return Sim::faultRun(static_cast<uint32_t>(seed), options); });
     if (outcome.passed) continue;
     ++failed;
     ++byRule[outcome.failure.substr(0, outcome.failure.find(':'))];
