@@ -1,5 +1,6 @@
-// Two configured switches through silences and restarts: a follower that hears its key server
-// again takes its port back, and a restart in the middle of a key change still retires the old key.
+// Two configured switches through silences, restarts and a forged key: a follower that hears its
+// key server again takes its port back, a restart in the middle of a key change still retires the
+// old key, and a key its key server never had leaves the follower again.
 
 #include <gtest/gtest.h>
 
@@ -83,6 +84,37 @@ TEST_F(LossRecovery, ARestartWhileTheOldKeyRetiresStillRetiresIt) {
   EXPECT_TRUE(securedOn({&a, &b}, second));
   EXPECT_EQ(cp(a)->rxSakSize(), 1u);
   EXPECT_FALSE(cp(a)->rxSakHas(AssociationNumber(first.an)));
+}
+
+TEST_F(LossRecovery, AKeyThatItsKeyServerNeverHadLeavesTheFollower) {
+  Sim::Message last;
+  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
+    if (&from == &a) last = m;
+  });
+  sim.runFor(10);
+  ASSERT_TRUE(secured());
+  const Sak key = actor(a)->distSak();
+
+  // An insider with the CAK sends the follower a key in the key server's name, with the next key
+  // number and association number: the follower takes it on its way in.
+  Sim::Message forged = last;
+  forged.intfId = intf(b);
+  forged.baseInfo.msgNum += 1;
+  forged.sakDistInfo =
+      SakDistInfo{static_cast<uint8_t>((key.an + 1) % 4), 0, key.keyNum + 1, cipherSuiteGcmAes128, key.key};
+  b.deliver(forged);
+  ASSERT_EQ(cp(b)->latestSakContext().sak.keyNum, key.keyNum + 1);
+  ASSERT_TRUE(cp(b)->rxSakHas(AssociationNumber(forged.sakDistInfo.distributedAN)));
+
+  // The key server's next MKPDUs do not list it (the first is refused, as the forgery took its
+  // number, and only a set sent after the key came counts): it leaves the latest slot, and a
+  // retirement later the follower receives on the key in service only. Nothing else moved.
+  sim.runFor(4 * a.status()->mkpduPeriod() + a.status()->oldKeyRetirementPeriod());
+  EXPECT_EQ(cp(b)->latestSakContext(), SakContext());
+  EXPECT_EQ(cp(b)->rxSakSize(), 1u);
+  EXPECT_TRUE(cp(b)->rxSakHas(AssociationNumber(key.an)));
+  EXPECT_EQ(actor(a)->distSak().keyNum, key.keyNum);
+  EXPECT_TRUE(secured());
 }
 
 }  // namespace
