@@ -17,17 +17,7 @@ const Sim::Key k256{"7888f5d48ba8b24e96bb95bd8c7304ec",
 
 class ConfiguredLink : public Scenario {
  protected:
-  ConfiguredLink() {
-    const Lanx::IntfId& first = intf(a);  // a is eth1, b eth2
-    sim.linkIs(a, first, b, intf(b));
-    for (auto [agent, last] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
-      Sim::PortConfig config;
-      config.mac = mac(static_cast<uint8_t>(last));
-      config.runPort = true;
-      agent->portIs(intf(*agent), config);
-      agent->keyIs(intf(*agent), kKey);
-    }
-  }
+  ConfiguredLink() { configuredPairIs(a, b, kKey); }  // a is eth1, b eth2
   // Both ports run the key server's key (a has the lower address) of the configured CAK.
   bool secured() {
     const Zef::Ptr<MkaPortStatus> port = a.status()->portStatus(intf(a));

@@ -13,17 +13,7 @@ const Sim::Key kKey{"0101010101010101", "135bd758b0ee5c11c55ff6ab19fdb199"};
 
 class LossRecovery : public Scenario {
  protected:
-  LossRecovery() {
-    const Lanx::IntfId& first = intf(a);  // a, the lower address, is the key server
-    sim.linkIs(a, first, b, intf(b));
-    for (auto [agent, last] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
-      Sim::PortConfig config;
-      config.mac = mac(static_cast<uint8_t>(last));
-      config.runPort = true;
-      agent->portIs(intf(*agent), config);
-      agent->keyIs(intf(*agent), kKey);
-    }
-  }
+  LossRecovery() { configuredPairIs(a, b, kKey); }  // a is the key server
   Zef::Ptr<MkaActorStatus> actor(Sim::Agent& agent) { return agent.actorStatus(intf(agent), kKey.ckn); }
   bool secured() { return securedOn({&a, &b}, actor(a)->distSak()); }
 

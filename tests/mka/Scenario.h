@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "model/LogMessages.h"
@@ -96,6 +97,20 @@ class Scenario : public ::testing::Test {
     return it->second;
   }
   Zef::Ptr<CpStatus> cp(Sim::Agent& agent) { return agent.status()->cpStatus(intf(agent)); }
+
+  // Two switches on one link, each with a port that runs from its configuration and the key; the
+  // first has the lower address (eth1, address 1), so it is the key server.
+  void configuredPairIs(Sim::Agent& first, Sim::Agent& second, const Sim::Key& key) {
+    const Lanx::IntfId& firstIntf = intf(first);
+    sim.linkIs(first, firstIntf, second, intf(second));
+    for (auto [agent, last] : {std::pair{&first, 1}, std::pair{&second, 2}}) {
+      Sim::PortConfig config;
+      config.mac = mac(static_cast<uint8_t>(last));
+      config.runPort = true;
+      agent->portIs(intf(*agent), config);
+      agent->keyIs(intf(*agent), key);
+    }
+  }
   Zef::Ptr<MacSecIntfStatus> hw(Sim::Agent& agent) { return agent.hw(intf(agent)); }
 
   static bool sameKey(const SaStatus& record, const Sak& sak) {
