@@ -57,6 +57,14 @@ void ControlledPortSm::handleInitialized() {
   }
   handleDistSak();
   handleKeysLPN();
+  // Confirmations that the hardware gave while no state machine listened (a restart between a
+  // request and its answer) count now.
+  const Zef::Ptr<ZefHwStatus::ZefMacsecIntfStatus> hw =
+      hwStatusReactor() ? hwStatusReactor()->macsecIntfStatus(intfId()) : nullptr;
+  if (!hw) return;
+  const SakContext latest = cpStatus()->latestSakContext();
+  if (latest != SakContext() && !latest.rxInstalled) hw->handleRxSaStatus(AssociationNumber(latest.sak.an));
+  hw->handleTxSaStatus();
 }
 
 void ControlledPortSm::armOldKeyRetirement() {

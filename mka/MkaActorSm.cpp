@@ -298,9 +298,17 @@ void MkaActorSm::parseSakDistInfo() {
   // An association number above 3 is a fault of the sender; it ends this MKPDU with the range
   // error.
   const Sak sak{AssociationNumber(dist.distributedAN), peerId, dist.keyNumber, dist.wrappedSak, {}};
-  // The key server repeats its key in every MKPDU: a known key identifier is the common case.
+  // The key server repeats its key in every MKPDU: a known key identifier is the common case. A
+  // known key that the controlled port no longer has in either slot (it gave way, or the port was
+  // someone else's meanwhile) goes in again.
   const Sak& known = actorStatus()->distSak();
-  if (known.mi == peerId && known.keyNum == dist.keyNumber) return;
+  if (known.mi == peerId && known.keyNum == dist.keyNumber) {
+    const Zef::Ptr<CpStatus const> cp = cpStatus();
+    auto holds = [&](const SakContext& slot) { return slot.sak.mi == known.mi && slot.sak.keyNum == known.keyNum; };
+    if (!actorStatus()->principal() || !cp || holds(cp->latestSakContext()) || holds(cp->oldSakContext())) return;
+    TRACE(1, ": Installing again the SAK from peer " << peerId << forActor());
+    actorStatus()->distSakIs(Sak());
+  }
   // Exact text, with no space before "for": operators' tooling matches it.
   TRACE(1, ": Resetting sakTransmit"
                << "for actor " << ckn() << " on " << intfId());
