@@ -1,0 +1,74 @@
+// Every port of a large switch in one engine: two engines joined by N links over real frames, each
+// port with a primary and a fallback key (two actors), delay protection on (an MKPDU every 0.5 s).
+// Once every link is secured, the figures of steady state: CPU per virtual second of one engine,
+// and heap bytes per actor. `make bench-scale` runs it alone.
+
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+#include <ctime>
+#include <string>
+
+#include "platform/Log.h"
+#include "sim/Simulation.h"
+
+namespace {
+
+const Sim::Key kPrimary{"96437a93ccf10d9dfe347846cce52c7d", "135bd758b0ee5c11c55ff6ab19fdb199"};
+const Sim::Key kFallback{"7888f5d48ba8b24e96bb95bd8c7304ec", "a29efdb63d6fba73c65daab2295340a8"};
+
+Lanx::IntfId intfNumber(int i) { return Lanx::IntfId("Ethernet" + std::to_string(i)); }
+
+size_t heapInUse() { return mallinfo2().uordblks; }
+
+double cpuSeconds() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; }
+
+bool secured(Sim::Simulation& sim, int links) {
+  for (int i = 0; i < links; ++i) {
+    for (const char* name : {"a", "b"}) {
+      const Zef::Ptr<Macsec::CpStatus> cp = sim.agent(name).status()->cpStatus(intfNumber(i));
+      if (!cp || !cp->controlledPortEnabled()) return false;
+    }
+  }
+  return true;
+}
+
+void BM_SteadyStatePerActor(benchmark::State& state) {
+  Zef::logSinkIs([](const Zef::LogRecord&) {});
+  const int links = static_cast<int>(state.range(0));
+  const double measuredSeconds = 10;
+  for (auto _ : state) {
+    const size_t heapBefore = heapInUse();
+    Sim::Simulation sim(0.0, 1, Sim::Wire::bytes);
+    Sim::Agent& a = sim.agentIs("a");
+    Sim::Agent& b = sim.agentIs("b");
+    for (Sim::Agent* agent : {&a, &b}) agent->engine().config()->delayProtectionIs(true);
+    for (int i = 0; i < links; ++i) {
+      sim.linkIs(a, intfNumber(i), b, intfNumber(i));
+      for (auto [agent, side] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
+        Sim::PortConfig config;
+        config.mac =
+            Lanx::EthAddr({2, 0, 0, static_cast<uint8_t>(side), static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
+        config.runPort = true;
+        agent->portIs(intfNumber(i), config);
+        agent->keyIs(intfNumber(i), kPrimary);
+        agent->defaultKeyIs(intfNumber(i), kFallback);
+      }
+    }
+    // Past the fallback key's activation, and every link secured.
+    sim.runFor(40);
+    if (!secured(sim, links)) state.SkipWithError("not every link was secured");
+    const double actors = static_cast<double>(a.status()->portStatus(intfNumber(0))->actorStatusSize()) * links * 2;
+
+    const double cpuBefore = cpuSeconds();
+    sim.runFor(measuredSeconds);
+    const double cpu = cpuSeconds() - cpuBefore;
+    state.counters["actors_per_engine"] = actors / 2;
+    state.counters["cpu_pct_of_one_engine"] = 100.0 * cpu / measuredSeconds / 2;
+    state.counters["heap_bytes_per_actor"] = static_cast<double>(heapInUse() - heapBefore) / actors;
+  }
+  Zef::logSinkIs(nullptr);
+}
+BENCHMARK(BM_SteadyStatePerActor)->Arg(128)->Arg(512)->Arg(1024)->Arg(2048)->Iterations(1)->Unit(benchmark::kSecond);
+
+}  // namespace
