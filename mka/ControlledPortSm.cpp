@@ -57,14 +57,23 @@ void ControlledPortSm::handleInitialized() {
   }
   handleDistSak();
   handleKeysLPN();
-  // Confirmations that the hardware gave while no state machine listened (a restart between a
-  // request and its answer) count now.
-  const Zef::Ptr<ZefHwStatus::ZefMacsecIntfStatus> hw =
-      hwStatusReactor() ? hwStatusReactor()->macsecIntfStatus(intfId()) : nullptr;
-  if (!hw) return;
+  // The hardware status of this interface; confirmations that it gave while no state machine
+  // listened (a restart between a request and its answer) count now.
+  handleHwIntfStatus(intfId());
   const SakContext latest = cpStatus()->latestSakContext();
-  if (latest != SakContext() && !latest.rxInstalled) hw->handleRxSaStatus(AssociationNumber(latest.sak.an));
-  hw->handleTxSaStatus();
+  if (latest != SakContext() && !latest.rxInstalled) handleRxSaStatus(AssociationNumber(latest.sak.an));
+}
+
+void ControlledPortSm::handleHwIntfStatus(const Lanx::IntfId& intf) {
+  if (!initialized() || intf != intfId()) return;
+  // Only this interface's hardware status is watched: one reactor per port, not one per interface.
+  const Zef::Ptr<MacSecIntfStatus const> own = hwStatus()->status(intfId());
+  if (own == macsecIntfStatus()) return;
+  if (own) {
+    macsecIntfStatusIs(own);
+  } else {
+    macsecIntfStatusDel();
+  }
 }
 
 void ControlledPortSm::armOldKeyRetirement() {
@@ -127,20 +136,20 @@ void ControlledPortSm::handleDistSak() {
   latestSinceIs(keyServerMsgNum());
 }
 
-void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleRxSaStatus(const AssociationNumber& an) {
-  ControlledPortSm* sm = stateMachine();
-  if (sm == nullptr || !sm->initialized() || key() != sm->intfId()) return;
+void ControlledPortSm::handleRxSaStatus(const AssociationNumber& an) {
+  const Zef::Ptr<MacSecIntfStatus const> hw = macsecIntfStatus();
+  if (!initialized() || !hw) return;
   TRACE(8, "");
-  const Zef::String& ckn = sm->ckn();
-  const Lanx::IntfId& intfId = sm->intfId();
+  const Zef::String& ckn = this->ckn();
+  const Lanx::IntfId& intfId = this->intfId();
   // The notification of a deletion: this system asked for it.
-  if (!notifier()->rxSaStatusHas(an)) {
-    TRACE(3, ": Ignoring receive SA being deleted for AN: " << an << sm->forActor());
+  if (!hw->rxSaStatusHas(an)) {
+    TRACE(3, ": Ignoring receive SA being deleted for AN: " << an << forActor());
     return;
   }
-  const SaStatus record = notifier()->rxSaStatus(an);
+  const SaStatus record = hw->rxSaStatus(an);
   // Only a confirmation of the key on its way in counts, and only once.
-  SakContext latest = sm->cpStatus()->latestSakContext();
+  SakContext latest = cpStatus()->latestSakContext();
   if (latest.sak.an != an.value() || record.mi != latest.sak.mi || record.keyNum != latest.sak.keyNum) {
     TRACE(3, ": Ignoring receive SA for AN: " << an << " because it doesn't match with the latestSak for " << ckn
                                               << " on " << intfId);
@@ -152,17 +161,17 @@ void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleRxSaStatus(const 
     return;
   }
   latest.rxInstalled = true;
-  TRACE(1, ": Starting receive on key: " << latest.sak.mi << ":" << latest.sak.keyNum << sm->forActor());
-  sm->cpStatus()->latestSakContextIs(latest);
+  TRACE(1, ": Starting receive on key: " << latest.sak.mi << ":" << latest.sak.keyNum << forActor());
+  cpStatus()->latestSakContextIs(latest);
   // A follower waits for sakTransmit.
-  if (!sm->actorStatus()->electedSelf()) return;
+  if (!actorStatus()->electedSelf()) return;
   // With traffic running under an older key, the peers get time to install this one.
-  if (sm->cpStatus()->controlledPortEnabled()) {
-    const Sak& dist = sm->actorStatus()->distSak();
-    TRACE(1, ": Starting transmit-enable timer for key:" << dist.mi << ":" << dist.keyNum << sm->forActor());
-    sm->latestKeyTxEnableTimer()->timeMinIs(Zef::System::currentTime() + sm->status()->latestKeyEnablePeriod());
+  if (cpStatus()->controlledPortEnabled()) {
+    const Sak& dist = actorStatus()->distSak();
+    TRACE(1, ": Starting transmit-enable timer for key:" << dist.mi << ":" << dist.keyNum << forActor());
+    latestKeyTxEnableTimer()->timeMinIs(Zef::System::currentTime() + status()->latestKeyEnablePeriod());
   } else {
-    sm->handleLatestKeyTxEnable();
+    handleLatestKeyTxEnable();
   }
 }
 
@@ -261,17 +270,17 @@ void ControlledPortSm::handleLatestKeyTxEnable() {
   latestKeyTxEnableTimer()->timeMinIs(Orb::never);
 }
 
-void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleTxSaStatus() {
-  ControlledPortSm* sm = stateMachine();
-  if (sm == nullptr || !sm->initialized() || key() != sm->intfId()) return;
+void ControlledPortSm::handleTxSaStatus() {
+  const Zef::Ptr<MacSecIntfStatus const> hw = macsecIntfStatus();
+  if (!initialized() || !hw) return;
   TRACE(8, "");
-  const Zef::String& ckn = sm->ckn();
-  const Lanx::IntfId& intfId = sm->intfId();
-  const Zef::Ptr<CpStatus>& cp = sm->cpStatus();
+  const Zef::String& ckn = this->ckn();
+  const Lanx::IntfId& intfId = this->intfId();
+  const Zef::Ptr<CpStatus>& cp = cpStatus();
   // Only a confirmation of the key on its way in counts.
-  const SaStatus record = notifier()->txSaStatus();
+  const SaStatus record = hw->txSaStatus();
   if (record.empty()) {
-    TRACE(3, ": Ignoring empty txSaStatus" << sm->forActor());
+    TRACE(3, ": Ignoring empty txSaStatus" << forActor());
     return;
   }
   SakContext latest = cp->latestSakContext();
@@ -287,7 +296,7 @@ void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleTxSaStatus() {
     context.sak.salt = Zef::String();  // only the hardware's copies carry a salt
     context.rxEnabled = context.rxInstalled = context.txEnabled = context.txInstalled = true;
     context.txSaValue = record.value;
-    TRACE(1, ": Starting transmit on key: " << context.sak.mi << ":" << context.sak.keyNum << sm->forActor());
+    TRACE(1, ": Starting transmit on key: " << context.sak.mi << ":" << context.sak.keyNum << forActor());
     cp->oldSakContextIs(context);
     cp->controlledPortEnabledIs(true);
     return;
@@ -296,7 +305,7 @@ void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleTxSaStatus() {
   if (sameKey(old.sak, confirmed) && old.txEnabled && !old.txInstalled && sameKey(cp->txSak(), confirmed)) {
     old.txInstalled = true;
     old.txSaValue = record.value;
-    TRACE(1, ": Starting transmit on key: " << old.sak.mi << ":" << old.sak.keyNum << sm->forActor());
+    TRACE(1, ": Starting transmit on key: " << old.sak.mi << ":" << old.sak.keyNum << forActor());
     cp->oldSakContextIs(old);
     cp->controlledPortEnabledIs(true);
     return;
@@ -316,16 +325,16 @@ void ControlledPortSm::ZefHwStatus::ZefMacsecIntfStatus::handleTxSaStatus() {
   // The key is in service: the operators hear of it, and the old key stops transmitting.
   latest.txInstalled = true;
   Zef::log(MKA_SAK_ACTIVATED, miTail(latest.sak.mi), latest.sak.keyNum, intfId);
-  TRACE(1, ": Starting transmit on key: " << latest.sak.mi << ":" << latest.sak.keyNum << sm->forActor());
+  TRACE(1, ": Starting transmit on key: " << latest.sak.mi << ":" << latest.sak.keyNum << forActor());
   cp->latestSakContextIs(latest);
   old.txInstalled = false;
   cp->oldSakContextIs(old);
   // The old key stays receivable for the retirement period; with none, the key moves to the
   // old slot at once.
   if (cp->oldSakContext() == SakContext()) {
-    sm->handleOldKeyRetirement();
+    handleOldKeyRetirement();
   } else {
-    sm->armOldKeyRetirement();
+    armOldKeyRetirement();
   }
   // The port opens last, when the slots have their final values.
   cp->controlledPortEnabledIs(true);
