@@ -137,10 +137,8 @@ class FaultRunner {
   std::vector<std::string> logged_;
   // The keys that each interface received on, at the last check.
   std::map<std::string, std::set<std::string>> receiving_;
-  // The last MKPDU each interface sent, and the highest member number it has been given, forged
-  // or not.
+  // The last MKPDU each interface sent.
   std::map<std::string, Message> lastSent_;
-  std::map<std::string, uint32_t> lastNumber_;
   Macsec::CipherSuite suite_ = Macsec::cipherSuiteGcmAes128;
 };
 
@@ -312,7 +310,6 @@ void FaultRunner::drawForgeries() {
   sim_.tapIs([this](const Agent& from, const Message& message) {
     const std::string key = from.name() + " " + message.intfId.stringValue();
     lastSent_[key] = message;
-    lastNumber_[key] = std::max(lastNumber_[key], message.baseInfo.msgNum);
   });
   const std::string& bytes = options_.forged;
   for (size_t at = 0; at + 8 <= bytes.size(); at += 8) {
@@ -387,8 +384,10 @@ void FaultRunner::forge(const uint8_t* how) {
       if (how[2] & 4) m.livePeers.clear();
       break;
   }
-  // A new number that passes the replay guard: the member's own next MKPDU is refused instead.
-  if (kind != 1 && kind != 6) m.baseInfo.msgNum = ++lastNumber_[text(*from)];
+  // The member's next number, which passes the replay guard once: the member's own next MKPDU is
+  // refused instead. (Numbers far ahead would silence the member for as long as it takes to catch
+  // up, which the protocol means to happen and no rest would outlast.)
+  if (kind != 1 && kind != 6) m.baseInfo.msgNum += 1;
   const Zef::Ptr<Macsec::MkaActorStatus> actor =
       from->agent->status()->portStatus(from->intf)->actorStatus(m.baseInfo.ckn);
   const Zef::Ptr<Macsec::IntfStatus> intf = from->agent->status()->intfStatus(from->intf);
