@@ -9,6 +9,7 @@
 #include <ctime>
 #include <string>
 
+#include "bench/Switches.h"
 #include "platform/Log.h"
 #include "sim/Simulation.h"
 
@@ -17,7 +18,7 @@ namespace {
 const Sim::Key kPrimary{"96437a93ccf10d9dfe347846cce52c7d", "135bd758b0ee5c11c55ff6ab19fdb199"};
 const Sim::Key kFallback{"7888f5d48ba8b24e96bb95bd8c7304ec", "a29efdb63d6fba73c65daab2295340a8"};
 
-Lanx::IntfId intfNumber(int i) { return Lanx::IntfId("Ethernet" + std::to_string(i)); }
+using Bench::intfNumber;
 
 size_t heapInUse() { return mallinfo2().uordblks; }
 
@@ -40,21 +41,9 @@ void BM_SteadyStatePerActor(benchmark::State& state) {
   for (auto _ : state) {
     const size_t heapBefore = heapInUse();
     Sim::Simulation sim(0.0, 1, Sim::Wire::bytes);
-    Sim::Agent& a = sim.agentIs("a");
-    Sim::Agent& b = sim.agentIs("b");
-    for (Sim::Agent* agent : {&a, &b}) agent->engine().config()->delayProtectionIs(true);
-    for (int i = 0; i < links; ++i) {
-      sim.linkIs(a, intfNumber(i), b, intfNumber(i));
-      for (auto [agent, side] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
-        Sim::PortConfig config;
-        config.mac =
-            Lanx::EthAddr({2, 0, 0, static_cast<uint8_t>(side), static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
-        config.runPort = true;
-        agent->portIs(intfNumber(i), config);
-        agent->keyIs(intfNumber(i), kPrimary);
-        agent->defaultKeyIs(intfNumber(i), kFallback);
-      }
-    }
+    Bench::linkedSwitchesIs(sim, links, kPrimary, &kFallback);
+    Sim::Agent& a = sim.agent("a");
+    for (const char* name : {"a", "b"}) sim.agent(name).engine().config()->delayProtectionIs(true);
     // Past the fallback key's activation, and every link secured.
     sim.runFor(40);
     if (!secured(sim, links)) state.SkipWithError("not every link was secured");

@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "bench/Switches.h"
 #include "platform/Log.h"
 #include "sim/Simulation.h"
 
@@ -13,25 +14,13 @@ namespace {
 
 const Sim::Key kKey{"96437a93ccf10d9dfe347846cce52c7d", "135bd758b0ee5c11c55ff6ab19fdb199"};
 
-Lanx::IntfId intfNumber(int i) { return Lanx::IntfId("Ethernet" + std::to_string(i)); }
+using Bench::intfNumber;
 
 // A pair of switches joined by `links` links, every interface running a port with one key.
 void build(Sim::Simulation& sim, int links, double hardwareLatency) {
-  Sim::Agent& a = sim.agentIs("a");
-  Sim::Agent& b = sim.agentIs("b");
-  a.hardwareLatencyIs(hardwareLatency);
-  b.hardwareLatencyIs(hardwareLatency);
-  for (int i = 0; i < links; ++i) {
-    sim.linkIs(a, intfNumber(i), b, intfNumber(i));
-    for (auto [agent, side] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
-      Sim::PortConfig config;
-      config.mac =
-          Lanx::EthAddr({2, 0, 0, static_cast<uint8_t>(side), static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
-      config.runPort = true;
-      agent->portIs(intfNumber(i), config);
-      agent->keyIs(intfNumber(i), kKey);
-    }
-  }
+  Bench::linkedSwitchesIs(sim, links, kKey);
+  sim.agent("a").hardwareLatencyIs(hardwareLatency);
+  sim.agent("b").hardwareLatencyIs(hardwareLatency);
 }
 
 // Both ends transmit on the key with number `keyNum`, and their ports are open.

@@ -1,0 +1,32 @@
+#pragma once
+
+// Two switches of the benchmarks, "a" and "b", joined by numbered links, every interface running a
+// port from its configuration with a primary key, and a fallback key when one is given.
+
+#include <string>
+#include <utility>
+
+#include "sim/Simulation.h"
+
+namespace Bench {
+
+inline Lanx::IntfId intfNumber(int i) { return Lanx::IntfId("Ethernet" + std::to_string(i)); }
+
+inline void linkedSwitchesIs(Sim::Simulation& sim, int links, const Sim::Key& key, const Sim::Key* fallback = nullptr) {
+  Sim::Agent& a = sim.agentIs("a");
+  Sim::Agent& b = sim.agentIs("b");
+  for (int i = 0; i < links; ++i) {
+    sim.linkIs(a, intfNumber(i), b, intfNumber(i));
+    for (auto [agent, side] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
+      Sim::PortConfig config;
+      config.mac =
+          Lanx::EthAddr({2, 0, 0, static_cast<uint8_t>(side), static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
+      config.runPort = true;
+      agent->portIs(intfNumber(i), config);
+      agent->keyIs(intfNumber(i), key);
+      if (fallback) agent->defaultKeyIs(intfNumber(i), *fallback);
+    }
+  }
+}
+
+}  // namespace Bench
