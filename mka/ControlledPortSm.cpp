@@ -3,6 +3,7 @@
 #include <array>
 #include <vector>
 
+#include "mka/PeerKeys.h"
 #include "model/Crypto.h"
 #include "model/LogMessages.h"
 #include "platform/Clock.h"
@@ -356,7 +357,7 @@ void ControlledPortSm::handleOldKeyRetirement() {
   bool waiting = false;
   for (auto it = cpStatus()->rxSakIter(); it; ++it) {
     if (inASlot(it.value())) continue;
-    if (aPeerTransmitsOn(it.value())) {
+    if (aLivePeerMayTransmitOn(*actorStatus(), it.value())) {
       waiting = true;
     } else {
       leftovers.push_back(AssociationNumber(it.key()));
@@ -367,13 +368,6 @@ void ControlledPortSm::handleOldKeyRetirement() {
     TRACE(3, ": Keeping a retired key that a peer still transmits on" << forActor());
     armOldKeyRetirement();
   }
-}
-
-bool ControlledPortSm::aPeerTransmitsOn(const Sak& sak) const {
-  for (auto it = actorStatus()->livePeerIter(); it; ++it) {
-    if (mayTransmitOn(it->sakUseInfo(), sak)) return true;
-  }
-  return false;
 }
 
 void ControlledPortSm::keepReceiving(const SakContext& latest) {

@@ -3,6 +3,7 @@
 #include <array>
 #include <optional>
 
+#include "mka/PeerKeys.h"
 #include "model/Crypto.h"
 #include "model/LogMessages.h"
 #include "platform/Clock.h"
@@ -188,12 +189,6 @@ AssociationNumber MkaKeyServerSm::freeAssociationNumber() const {
   // transmits on and the keys in service.
   const AssociationNumber next = mkaPortStatus()->anOfNextKey();
   const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId());
-  auto aPeerMayTransmitOn = [&](const Sak& sak) {
-    for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) {
-      if (mayTransmitOn(it->sakUseInfo(), sak)) return true;
-    }
-    return false;
-  };
   // Potential peers count here too: after a restart, a member that transmits on a key is heard
   // before it is live again.
   auto aPeerReportsTransmitOn = [&](uint8_t an) {
@@ -221,7 +216,7 @@ AssociationNumber MkaKeyServerSm::freeAssociationNumber() const {
     else if (cp && cp->rxSakHas(AssociationNumber(an)))
       receiving = cp->rxSak(AssociationNumber(an));
     if (!receiving) return 0;
-    return aPeerMayTransmitOn(*receiving) ? 2 : 1;
+    return aLivePeerMayTransmitOn(*mkaActorStatus(), *receiving) ? 2 : 1;
   };
   uint8_t best = next.value();
   for (uint8_t step = 0; step < 4; ++step) {
