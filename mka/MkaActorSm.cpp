@@ -66,6 +66,15 @@ void MkaActorSm::handleInitialized() {
     if (period > 0) deadline += timerWheel()->randomBelow(static_cast<uint32_t>(period));
   }
   mkpduTimer()->timeMinIs(deadline);
+
+  // Last, the codec may hand this actor the messages of its CKN on its interface, and check and
+  // seal its frames with its keys, made ready once.
+  if (pamManager()) {
+    pamManager()->receivers().receiverIs(
+        intfId(), ckn(),
+        MessageReceiver{this, [this] { handleRxMessage(); },
+                        std::make_shared<PreparedKeys>(actorStatus()->ick(), actorStatus()->kek())});
+  }
 }
 
 void MkaActorSm::handlePrincipalActor() {
@@ -80,17 +89,7 @@ void MkaActorSm::handlePrincipalActor() {
   }
 }
 
-void MkaActorSm::handlePamRxMessageInfo() {
-  ACTOR_ENTRY();
-  zef_RxMessageInfoInIs(pamManager()->rxMessageInfo());
-}
-
 void MkaActorSm::handleRxMessage() {
-  // Every actor of the agent sees every MKPDU: all but the one it is for return here, silently.
-  const Zef::Ptr<MkaMessageInfo const> message = rxMessageInfo();
-  if (message->intfId() != intfId()) return;
-  const Zef::Ptr<MkaInfo const> info = message->mkaInfo();
-  if (!info || info->baseInfo().ckn != ckn()) return;
   ACTOR_ENTRY();
   if (!parseBasicInfo()) return;
   parseLivePeerInfo();
@@ -101,6 +100,8 @@ void MkaActorSm::handleRxMessage() {
 
 void MkaActorSm::handleCleanUp() {
   ACTOR_ENTRY();
+  // No message reaches an actor on its way out, and its keys' contexts go with it.
+  if (pamManager()) pamManager()->receivers().receiverDel(intfId(), ckn(), this);
   keyServerSmDel();
   cpSmDel();
   if (mkpduTimer()) mkpduTimer()->timeMinIs(Orb::never);

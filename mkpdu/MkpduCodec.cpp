@@ -80,10 +80,16 @@ void MkpduCodec::ZefPam::handleReadable() {
 }
 
 std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const Zef::String& ckn) const {
-  const Zef::Ptr<MkaPortStatus const> port = Zef::Ptr<Status const>(status())->portStatus(intfId);
   const Zef::Ptr<IntfStatus const> intf = Zef::Ptr<Status const>(status())->intfStatus(intfId);
-  if (!port || !intf) return std::nullopt;
-  const Zef::Ptr<MkaActorStatus const> actor = port->actorStatus(ckn);
+  if (!intf) return std::nullopt;
+  // A running actor holds its keys ready.
+  if (const MessageReceiver* receiver = pamManager()->receivers().receiver(intfId, ckn)) {
+    return ActorKeys{receiver->keys, intf->cipherSuite()};
+  }
+  // A status without its actor (a device on its way down or up) has its stored keys opened for
+  // this frame.
+  const Zef::Ptr<MkaPortStatus const> port = Zef::Ptr<Status const>(status())->portStatus(intfId);
+  const Zef::Ptr<MkaActorStatus const> actor = port ? port->actorStatus(ckn) : nullptr;
   if (!actor || actor->ick().empty()) return std::nullopt;
   return ActorKeys{actor->ick(), actor->kek(), intf->cipherSuite()};
 }
@@ -95,14 +101,14 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, const uint8_t* fram
       frame, length, [&](const Zef::String& ckn) { return actorKeys(intfId, ckn); }, message);
   // Each member's numbers must grow: an MKPDU heard again is dropped. The guard never forgets a
   // member that an actor holds as a peer.
-  auto heldAsPeer = [&](const std::string& ckn, const std::string& member) {
+  auto heldAsPeer = [&](std::string_view ckn, std::string_view member) {
     const Zef::Ptr<MkaPortStatus const> port = Zef::Ptr<Status const>(status())->portStatus(intfId);
     const Zef::Ptr<MkaActorStatus const> actor = port ? port->actorStatus(Zef::String(ckn)) : nullptr;
     return actor && (actor->livePeerHas(Zef::String(member)) || actor->potentialPeerHas(Zef::String(member)));
   };
   if (result == DecodeResult::accepted &&
-      !replay_[intfId].accept(message.baseInfo.ckn.stdString(), message.baseInfo.msgId.stdString(),
-                              message.baseInfo.msgNum, heldAsPeer)) {
+      !replay_[intfId].accept(message.baseInfo.ckn.view(), message.baseInfo.msgId.view(), message.baseInfo.msgNum,
+                              heldAsPeer)) {
     result = DecodeResult::replayed;
   }
   if (result != DecodeResult::accepted) {
@@ -114,10 +120,10 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, const uint8_t* fram
   if (counter) counter->successInc(1);
   count(intfId, &Memtab::MessageCounterData::inMkpdus);
 
-  // Into the one received-message object; every actor sees it before this call returns.
-  const Zef::Ptr<MkaMessageInfo>& rx = pamManager()->rxMessageInfo();
-  messageInfoIs(*rx, intfId, message);
-  rx->countInc(1);
+  // Into the one received-message object, and to the actor of its CKN, which has handled it when
+  // this call returns.
+  messageInfoIs(*pamManager()->rxMessageInfo(), intfId, message);
+  pamManager()->rxMessageDeliver();
   return DecodeResult::accepted;
 }
 

@@ -7,7 +7,6 @@
 #include <cstring>
 
 #include "mkpdu/MkaPdu.h"
-#include "model/Crypto.h"
 
 namespace Macsec {
 
@@ -48,34 +47,32 @@ Zef::String miText(const uint8_t* p) {
   return std::memcmp(p, zeros, kMi) == 0 ? Zef::String() : bytesToHex(p, kMi);
 }
 
+int nibbleOf(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// Appends the octets of hexadecimal text (names and identifiers, never keys); false if it is not.
+bool putHex(std::string& out, std::string_view hex) {
+  if (hex.size() % 2 != 0) return false;
+  for (size_t i = 0; i < hex.size(); i += 2) {
+    const int high = nibbleOf(hex[i]);
+    const int low = nibbleOf(hex[i + 1]);
+    if (high < 0 || low < 0) return false;
+    put8(out, static_cast<uint8_t>(high << 4 | low));
+  }
+  return true;
+}
+
 // The 12 octets of a member identifier text; an empty text is all zeros.
 bool putMi(std::string& out, const Zef::String& mi) {
   if (mi.empty()) {
     out.append(kMi, '\0');
     return true;
   }
-  KeyBytes bytes;
-  if (!hexToBytes(mi.view(), bytes) || bytes.size() != kMi) return false;
-  putBytes(out, bytes.data(), kMi);
-  return true;
-}
-
-// A key unwrapped with the actor's KEK, in stored form; none if it does not unwrap.
-StoredKey unwrapped(const StoredKey& kek, const uint8_t* wrapped, size_t length) {
-  return kek.withClear(
-      [&](const KeyBytes& clearKek) { return StoredKey::of(aesKeyUnwrap(clearKek, wrapped, length)); });
-}
-
-// A stored key wrapped with the actor's KEK; empty if either does not open.
-KeyBytes wrapped(const StoredKey& kek, const StoredKey& key) {
-  return kek.withClear([&](const KeyBytes& clearKek) {
-    return key.withClear([&](const KeyBytes& clearKey) { return aesKeyWrap(clearKek, clearKey); });
-  });
-}
-
-// The ICV of a frame's bytes under the actor's ICK; empty if the ICK does not open.
-KeyBytes icvOf(const StoredKey& ick, const uint8_t* frame, size_t length) {
-  return ick.withClear([&](const KeyBytes& clearIck) { return aesCmac(clearIck, frame, length); });
+  return mi.size() == 2 * kMi && putHex(out, mi.view());
 }
 
 size_t wrappedLengthOf(CipherSuite cipher) {
@@ -131,7 +128,7 @@ DecodeResult decodeDistSak(const uint8_t* set, size_t length, const ActorKeys& k
   } else if (length != C::distSakBodyLenWithoutCipherSuiteInfo) {
     return DecodeResult::badParameterSet;
   }
-  StoredKey sak = unwrapped(keys.kek, set + keyOffset, wrappedLength);
+  StoredKey sak = keys.prepared->unwrapped(set + keyOffset, wrappedLength);
   if (sak.empty()) return DecodeResult::badKeyWrap;
   dist.distributedAN = overlay->distSakAnAndOffset.distributedAN();
   dist.confidentialityOffset = overlay->distSakAnAndOffset.confidentialityOffset();
@@ -145,7 +142,7 @@ DecodeResult decodeDistCak(const uint8_t* set, size_t length, const ActorKeys& k
   const size_t wrappedLength = wrappedLengthOf(keys.cipherSuite);
   // A distributed CAK needs its name: 1 to 32 octets after the wrapped key.
   if (length <= wrappedLength || length - wrappedLength > 32) return DecodeResult::badParameterSet;
-  StoredKey cak = unwrapped(keys.kek, set + C::parameterSetHeaderSize, wrappedLength);
+  StoredKey cak = keys.prepared->unwrapped(set + C::parameterSetHeaderSize, wrappedLength);
   if (cak.empty()) return DecodeResult::badKeyWrap;
   dist.cak = std::move(cak);
   dist.ckn = bytesToHex(set + C::parameterSetHeaderSize + wrappedLength, length - wrappedLength);
@@ -228,8 +225,10 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
   if (!actor) return DecodeResult::unknownCkn;
 
   // The ICV covers everything from the destination address up to the ICV itself.
-  const KeyBytes icv = icvOf(actor->ick, frame, kHeader + setsEnd);
-  if (icv.size() != kIcv || CRYPTO_memcmp(icv.data(), body + setsEnd, kIcv) != 0) return DecodeResult::badIcv;
+  uint8_t icv[kIcv];
+  if (!actor->prepared->icvOf(frame, kHeader + setsEnd, icv) || CRYPTO_memcmp(icv, body + setsEnd, kIcv) != 0) {
+    return DecodeResult::badIcv;
+  }
 
   DecodedMkpdu message;
   BasicInfo& base = message.baseInfo;
@@ -292,25 +291,26 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
 
 bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const ActorKeys& keys, std::string& frame) {
   const BasicInfo& base = message.baseInfo;
-  KeyBytes ckn;
-  if (!hexToBytes(base.ckn.view(), ckn) || ckn.empty() || ckn.size() > 32) return false;
+  const size_t cknLength = base.ckn.size() / 2;
+  if (cknLength == 0 || cknLength > 32) return false;
 
   // The basic parameter set, with the CKN padded to 4 octets.
   std::string body;
+  body.reserve(256);
   put8(body, C::mkaVersion);
   put8(body, base.keyServerPriority);
   BasicParameterSetPart part;
   part.keyServerIs(base.keyServer);
   part.macsecDesiredIs(base.macsecDesired);
   part.macsecCapabilityIs(base.macsecCapability);
-  part.parameterSetBodyLengthIs(static_cast<uint16_t>(C::basicParameterSetBodyLen + ckn.size()));
+  part.parameterSetBodyLengthIs(static_cast<uint16_t>(C::basicParameterSetBodyLen + cknLength));
   put16(body, part.value());
   putBytes(body, base.sci.addr.data(), 6);
   put16(body, base.sci.portId);
   if (!putMi(body, base.msgId)) return false;
   put32(body, base.msgNum);
   put32(body, C::mkaAlgorithmAgility);
-  putBytes(body, ckn.data(), ckn.size());
+  if (!putHex(body, base.ckn.view())) return false;
   padTo4(body);
 
   // The peer lists, each only when it has members.
@@ -355,7 +355,7 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
   // cipher suite only when it is not the default one.
   const SakDistInfo& dist = message.sakDistInfo;
   if (dist != SakDistInfo()) {
-    const KeyBytes wrappedSak = wrapped(keys.kek, dist.wrappedSak);
+    const KeyBytes wrappedSak = keys.prepared->wrapped(dist.wrappedSak);
     if (wrappedSak.empty()) return false;
     const bool withSuite = dist.cipherSuite != cipherSuiteGcmAes128;
     put8(body, distSakParameterSetType);
@@ -376,7 +376,7 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
   const CakDistInfo& cakDist = message.cakDistInfo;
   if (cakDist != CakDistInfo()) {
     KeyBytes name;
-    const KeyBytes wrappedCak = wrapped(keys.kek, cakDist.cak);
+    const KeyBytes wrappedCak = keys.prepared->wrapped(cakDist.cak);
     if (wrappedCak.empty() || !hexToBytes(cakDist.ckn.view(), name) || name.size() > 32) return false;
     put8(body, distCakParameterSetType);
     put8(body, 0);
@@ -388,6 +388,7 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
 
   // The EAPOL header, and the ICV over all of it.
   std::string out;
+  out.reserve(kHeader + body.size() + kIcv);
   putBytes(out, C::paeGroupAddress.data(), 6);
   putBytes(out, source.data(), 6);
   put16(out, C::eapolEthType);
@@ -395,9 +396,9 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
   put8(out, EapolType::eapMka);
   put16(out, static_cast<uint16_t>(body.size() + kIcv));
   out += body;
-  const KeyBytes icv = icvOf(keys.ick, reinterpret_cast<const uint8_t*>(out.data()), out.size());
-  if (icv.size() != kIcv) return false;
-  putBytes(out, icv.data(), icv.size());
+  uint8_t icv[kIcv];
+  if (!keys.prepared->icvOf(reinterpret_cast<const uint8_t*>(out.data()), out.size(), icv)) return false;
+  putBytes(out, icv, kIcv);
   frame = std::move(out);
   return true;
 }

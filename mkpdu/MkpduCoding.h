@@ -6,11 +6,13 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "model/PreparedKeys.h"
 #include "model/Values.h"
 #include "platform/EthAddr.h"
 
@@ -27,10 +29,15 @@ struct DecodedMkpdu {
   bool operator==(const DecodedMkpdu&) const = default;
 };
 
-// The keys of the actor that sends or receives an MKPDU, in stored form, and its key length.
+// The keys of the actor that sends or receives an MKPDU, made ready for its frames, and the cipher
+// suite of its interface.
 struct ActorKeys {
-  StoredKey ick;
-  StoredKey kek;
+  ActorKeys(std::shared_ptr<PreparedKeys> keys, CipherSuite suite) : prepared(std::move(keys)), cipherSuite(suite) {}
+  // Keys made ready from their stored forms for the frames of one caller.
+  ActorKeys(const StoredKey& ick, const StoredKey& kek, CipherSuite suite)
+      : prepared(std::make_shared<PreparedKeys>(ick, kek)), cipherSuite(suite) {}
+
+  std::shared_ptr<PreparedKeys> prepared;
   CipherSuite cipherSuite = cipherSuiteGcmAes128;
 };
 

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 
@@ -16,15 +17,14 @@ namespace Macsec {
 class ReplayGuard {
  public:
   // Whether an actor holds the member with this CKN and member identifier as a peer.
-  using Held = std::function<bool(const std::string& ckn, const std::string& member)>;
+  using Held = std::function<bool(std::string_view ckn, std::string_view member)>;
 
   explicit ReplayGuard(size_t capacity = 256) : capacity_(capacity) {}
 
   // Whether a message may be accepted; remembers its number if it is.
-  bool accept(const std::string& ckn, const std::string& member, uint32_t number, const Held& held = {}) {
+  bool accept(std::string_view ckn, std::string_view member, uint32_t number, const Held& held = {}) {
     ++clock_;
-    const std::string key = ckn + '/' + member;
-    auto it = last_.find(key);
+    auto it = last_.find(MemberView{ckn, member});
     if (it != last_.end()) {
       if (number <= it->second.number) return false;
       it->second.number = number;
@@ -32,22 +32,40 @@ class ReplayGuard {
       return true;
     }
     if (last_.size() >= capacity_) forgetOldest(held);
-    last_.emplace(key, Entry{number, clock_, ckn, member});
+    last_.emplace(Member{std::string(ckn), std::string(member)}, Entry{number, clock_});
     return true;
   }
   size_t size() const noexcept { return last_.size(); }
 
  private:
+  // A member is found by views of its names, so that a message already heard costs no copies.
+  struct MemberView {
+    std::string_view ckn;
+    std::string_view member;
+  };
+  struct Member {
+    std::string ckn;
+    std::string member;
+    operator MemberView() const noexcept { return MemberView{ckn, member}; }
+  };
+  struct MemberHash {
+    using is_transparent = void;
+    size_t operator()(MemberView m) const noexcept {
+      return std::hash<std::string_view>()(m.ckn) * 31 + std::hash<std::string_view>()(m.member);
+    }
+  };
+  struct MemberEqual {
+    using is_transparent = void;
+    bool operator()(MemberView a, MemberView b) const noexcept { return a.ckn == b.ckn && a.member == b.member; }
+  };
   struct Entry {
     uint32_t number;
     uint64_t heard;
-    std::string ckn;
-    std::string member;
   };
   void forgetOldest(const Held& held) {
     auto oldest = last_.end();
     for (auto it = last_.begin(); it != last_.end(); ++it) {
-      if (held && held(it->second.ckn, it->second.member)) continue;
+      if (held && held(it->first.ckn, it->first.member)) continue;
       if (oldest == last_.end() || it->second.heard < oldest->second.heard) oldest = it;
     }
     if (oldest != last_.end()) last_.erase(oldest);
@@ -55,7 +73,7 @@ class ReplayGuard {
 
   size_t capacity_;
   uint64_t clock_ = 0;
-  std::unordered_map<std::string, Entry> last_;
+  std::unordered_map<Member, Entry, MemberHash, MemberEqual> last_;
 };
 
 }  // namespace Macsec

@@ -18,4 +18,15 @@ void MkaPamManager::handleTxMessageInfoInit() {
   ZEF_ASSERT(txMessageInfo_);
 }
 
+void MkaPamManager::rxMessageDeliver() {
+  const Zef::Ptr<MkaMessageInfo>& rx = rxMessageInfo();
+  rx->countInc(1);
+  const Zef::Ptr<MkaInfo const> info = rx->mkaInfo();
+  const MessageReceiver* receiver = info ? receivers_.receiver(rx->intfId(), info->baseInfo().ckn) : nullptr;
+  if (receiver == nullptr) return;
+  // A copy: the handler may add or remove receivers, and with them the one it runs from.
+  const std::function<void()> receive = receiver->receive;
+  receive();
+}
+
 }  // namespace Macsec

@@ -2,6 +2,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <string>
 #include <string_view>
@@ -39,3 +40,8 @@ bool isSubIntfId(const IntfId& id);
 }  // namespace SubIntfId
 
 }  // namespace Lanx
+
+template <>
+struct std::hash<Lanx::IntfId> {
+  size_t operator()(const Lanx::IntfId& id) const noexcept { return id.hash(); }
+};

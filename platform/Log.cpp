@@ -1,5 +1,6 @@
 #include "platform/Log.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -53,7 +54,9 @@ std::string fillIn(std::string_view format, const String* strings, int count) {
   return text;
 }
 
-// When the rate-limit history grows past this size, entries whose interval has passed are forgotten.
+// When the rate-limit history grows past this size, entries whose interval has passed are
+// forgotten; the next pruning waits until the history has doubled, so that a history of many live
+// entries costs each message a constant share of a walk.
 constexpr size_t kHistoryPruneSize = 4096;
 
 }  // namespace
@@ -69,7 +72,8 @@ LogHandle::LogHandle(String name, LogSeverity severity, String format, String ex
       rateParameter_(rateParameter),
       flags_(flags),
       placeholders_(countPlaceholders(format_.view())),
-      idHash_(name_.hash()) {
+      idHash_(name_.hash()),
+      pruneAt_(kHistoryPruneSize) {
   (void)rateParameter_;
   (void)flags_;
 }
@@ -83,10 +87,16 @@ bool LogHandle::okToLog(uint32_t hash) {
     if (now - it->second < minInterval_) return false;
     it->second = now;
   }
-  if (lastLogged_.size() > kHistoryPruneSize) {
+  if (lastLogged_.size() > pruneAt_) {
     std::erase_if(lastLogged_, [&](const auto& entry) { return now - entry.second >= minInterval_; });
+    pruneAt_ = std::max(kHistoryPruneSize, 2 * lastLogged_.size());
   }
   return true;
+}
+
+void LogHandle::clearHistory() {
+  lastLogged_.clear();
+  pruneAt_ = kHistoryPruneSize;
 }
 
 void LogHandle::log(uint32_t, const String* strings, int count) {

@@ -47,7 +47,7 @@ class LogHandle {
   void log(uint32_t key, const String* strings, int count);
 
   // Forgets the rate-limit history, as a restarted agent would.
-  void clearHistory() { lastLogged_.clear(); }
+  void clearHistory();
 
  private:
   String name_;
@@ -61,6 +61,7 @@ class LogHandle {
   int placeholders_;
   uint32_t idHash_;
   std::unordered_map<uint32_t, double> lastLogged_;
+  size_t pruneAt_;
 };
 
 // One message as it reaches the sink.

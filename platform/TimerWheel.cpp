@@ -33,7 +33,7 @@ TimerWheel::Notifiee::~Notifiee() {
 TimerWheel::~TimerWheel() {
   // Timers hold the wheel, so none can be armed here; this only guards a wheel torn down by
   // force.
-  for (Notifiee* timer : heap_) timer->heapIndex_ = Notifiee::kNotArmed;
+  for (const Slot& slot : heap_) slot.timer->heapIndex_ = Notifiee::kNotArmed;
 }
 
 void TimerWheel::serviceTimers() {
@@ -43,9 +43,9 @@ void TimerWheel::serviceTimers() {
 }
 
 bool TimerWheel::serviceOneTimer() {
-  if (heap_.empty() || heap_.front()->timeMin_ > Zef::System::currentTime()) return false;
+  if (heap_.empty() || heap_.front().timeMin > Zef::System::currentTime()) return false;
   Zef::Ptr<TimerWheel> keepAlive(this);
-  Notifiee* timer = heap_.front();
+  Notifiee* timer = heap_.front().timer;
   disarm(timer);
   // The handler may delete the timer, its state machine, or re-arm it: nothing here touches the
   // timer after the call.
@@ -61,7 +61,7 @@ bool TimerWheel::serviceOneTimer() {
 
 void TimerWheel::arm(Notifiee* timer) {
   timer->sequence_ = ++sequence_;
-  heap_.push_back(timer);
+  heap_.push_back(Slot{timer->timeMin_, timer->sequence_, timer});
   timer->heapIndex_ = heap_.size() - 1;
   siftUp(timer->heapIndex_);
 }
@@ -69,16 +69,16 @@ void TimerWheel::arm(Notifiee* timer) {
 void TimerWheel::disarm(Notifiee* timer) {
   const size_t index = timer->heapIndex_;
   timer->heapIndex_ = Notifiee::kNotArmed;
-  Notifiee* last = heap_.back();
+  const Slot last = heap_.back();
   heap_.pop_back();
-  if (last == timer) return;
+  if (last.timer == timer) return;
   place(last, index);
   siftUp(index);
-  siftDown(last->heapIndex_);
+  siftDown(last.timer->heapIndex_);
 }
 
 void TimerWheel::siftUp(size_t index) {
-  Notifiee* timer = heap_[index];
+  const Slot timer = heap_[index];
   while (index > 0) {
     const size_t parent = (index - 1) / 2;
     if (!earlier(timer, heap_[parent])) break;
@@ -89,7 +89,7 @@ void TimerWheel::siftUp(size_t index) {
 }
 
 void TimerWheel::siftDown(size_t index) {
-  Notifiee* timer = heap_[index];
+  const Slot timer = heap_[index];
   const size_t size = heap_.size();
   for (;;) {
     size_t child = 2 * index + 1;

@@ -54,7 +54,7 @@ class TimerWheel : public Zef::Notifier {
   static Zef::Ptr<TimerWheel> TimerWheelIs() { return Zef::Ptr<TimerWheel>(new TimerWheel); }
 
   // The earliest deadline of an armed timer, or `never`.
-  double nextDeadline() const noexcept { return heap_.empty() ? never : heap_.front()->timeMin_; }
+  double nextDeadline() const noexcept { return heap_.empty() ? never : heap_.front().timeMin; }
   size_t armedTimers() const noexcept { return heap_.size(); }
 
   // Fires every timer whose deadline is not after the current time, in deadline order, including
@@ -76,19 +76,26 @@ class TimerWheel : public Zef::Notifier {
 
  private:
   TimerWheel() = default;
-  static bool earlier(const Notifiee* a, const Notifiee* b) noexcept {
-    return a->timeMin_ < b->timeMin_ || (a->timeMin_ == b->timeMin_ && a->sequence_ < b->sequence_);
+  // A place in the heap carries its timer's deadline and arming order, so that ordering the heap
+  // reads the heap alone and not the timers, which lie all over memory.
+  struct Slot {
+    double timeMin;
+    uint64_t sequence;
+    Notifiee* timer;
+  };
+  static bool earlier(const Slot& a, const Slot& b) noexcept {
+    return a.timeMin < b.timeMin || (a.timeMin == b.timeMin && a.sequence < b.sequence);
   }
   void arm(Notifiee* timer);
   void disarm(Notifiee* timer);
   void siftUp(size_t index);
   void siftDown(size_t index);
-  void place(Notifiee* timer, size_t index) {
-    heap_[index] = timer;
-    timer->heapIndex_ = index;
+  void place(const Slot& slot, size_t index) {
+    heap_[index] = slot;
+    slot.timer->heapIndex_ = index;
   }
 
-  std::vector<Notifiee*> heap_;
+  std::vector<Slot> heap_;
   uint64_t sequence_ = 0;
   std::mt19937_64 random_{1};
 };

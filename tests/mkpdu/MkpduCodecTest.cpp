@@ -101,11 +101,10 @@ TEST(MkpduCoding, AFrameForFixedInputsHasTheBytesOfTheStandard) {
 TEST(MkpduCoding, DecodingAnEncodedMessageGivesItBack) {
   for (CipherSuite cipher : {cipherSuiteGcmAes128, cipherSuiteGcmAes256}) {
     SCOPED_TRACE(cipher);
-    ActorKeys keys = keys128();
-    keys.cipherSuite = cipher;
-    if (cipher == cipherSuiteGcmAes256) {
-      keys.kek = StoredKey::ofHex("71340e454c84a1232aa7977d5ed86f78f250f3f9d53584b9337ff0c6dfdc9f96");
-    }
+    const StoredKey kek = cipher == cipherSuiteGcmAes256
+                              ? StoredKey::ofHex("71340e454c84a1232aa7977d5ed86f78f250f3f9d53584b9337ff0c6dfdc9f96")
+                              : StoredKey::ofHex(kKek);
+    const ActorKeys keys{StoredKey::ofHex(kIck), kek, cipher};
     DecodedMkpdu m = typicalMessage(cipher);
     m.potentialPeers = {{"b1b2b3b4b5b6b7b8b9babbbc", 9}, {"c1c2c3c4c5c6c7c8c9cacbcc", 0}};
     m.cakDistInfo = CakDistInfo{

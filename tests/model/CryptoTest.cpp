@@ -7,6 +7,8 @@
 #include <set>
 #include <string>
 
+#include "model/PreparedKeys.h"
+
 namespace Macsec {
 namespace {
 
@@ -143,6 +145,43 @@ TEST(Crypto, AesCmacAndKeyWrapMatchTheirRfcVectors) {
   KeyBytes tampered = bytes(vectors[0].wrapped);
   tampered.data()[5] ^= 1;
   EXPECT_TRUE(aesKeyUnwrap(bytes(vectors[0].kek), tampered.data(), tampered.size()).empty());
+}
+
+// Keys made ready once serve frame after frame: each use restarts the context with its key kept,
+// wrapping and unwrapping keep apart, and the wrapped form kept for a key is that key's.
+TEST(Crypto, PreparedKeysGiveTheRfcResultsOnEveryUse) {
+  const KeyBytes message = bytes("6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51");
+  const StoredKey kek = StoredKey::ofHex("000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f");
+  PreparedKeys keys(StoredKey::ofHex("2b7e151628aed2a6abf7158809cf4f3c"), kek);
+  uint8_t icv[PreparedKeys::icvSize];
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_TRUE(keys.icvOf(message.data(), 0, icv));
+    EXPECT_EQ(bytesToHex(icv, sizeof icv), "bb1d6929e95937287fa37d129b756746");
+    ASSERT_TRUE(keys.icvOf(message.data(), 16, icv));
+    EXPECT_EQ(bytesToHex(icv, sizeof icv), "070a16b46b4d4144f79bdd9dd04a287c");
+  }
+
+  const StoredKey short16 = StoredKey::ofHex("00112233445566778899aabbccddeeff");
+  const StoredKey long32 = StoredKey::ofHex("00112233445566778899aabbccddeeff000102030405060708090a0b0c0d0e0f");
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(hexOf(keys.wrapped(short16)), "64e8c3f9ce0f5ba263e9777905818a2a93c8191e7d6e8ae7");
+    EXPECT_EQ(hexOf(keys.wrapped(long32)),
+              "28c9f404c4b810f4cbccb35cfb87f8263f5786e2d80ed326cbc7f0e71a99f43bfb988b9b7a02dd21");
+  }
+  const KeyBytes wrapped = bytes("64e8c3f9ce0f5ba263e9777905818a2a93c8191e7d6e8ae7");
+  EXPECT_TRUE(keys.unwrapped(wrapped.data(), wrapped.size()).sameKeyAs(short16));
+  KeyBytes tampered = wrapped;
+  tampered.data()[5] ^= 1;
+  EXPECT_TRUE(keys.unwrapped(tampered.data(), tampered.size()).empty());
+  EXPECT_EQ(hexOf(keys.wrapped(short16)), "64e8c3f9ce0f5ba263e9777905818a2a93c8191e7d6e8ae7");
+
+  // Keys that do not open, or of a length the algorithms do not take, serve nothing.
+  PreparedKeys none{StoredKey(), StoredKey()};
+  EXPECT_FALSE(none.icvOf(message.data(), 16, icv));
+  EXPECT_TRUE(none.wrapped(short16).empty());
+  PreparedKeys odd{StoredKey::ofHex("2b7e151628aed2a6abf7158809cf4f"), StoredKey::ofHex("0001020304050607")};
+  EXPECT_FALSE(odd.icvOf(message.data(), 16, icv));
+  EXPECT_TRUE(odd.unwrapped(wrapped.data(), wrapped.size()).empty());
 }
 
 TEST(Crypto, SaltFollowsTheExtendedPacketNumberLayout) {

@@ -1,0 +1,55 @@
+#pragma once
+
+// An actor's integrity check key and key encrypting key made ready for its frames: an AES-CMAC
+// context keyed once with the ICK, and AES key wrap contexts keyed once with the KEK, so that a
+// frame costs the cipher rather than the opening of stored keys and the setting up of OpenSSL.
+// The contexts live as long as the actor that holds them; OpenSSL cleanses them when they go. The
+// KEK's contexts are made on first use, since most actors neither distribute nor receive keys in
+// most of their frames.
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "model/KeyBytes.h"
+#include "model/StoredKey.h"
+
+namespace Macsec {
+
+class PreparedKeys {
+ public:
+  static constexpr size_t icvSize = 16;
+
+  PreparedKeys(StoredKey ick, StoredKey kek);
+  ~PreparedKeys();
+  PreparedKeys(const PreparedKeys&) = delete;
+  PreparedKeys& operator=(const PreparedKeys&) = delete;
+
+  // The stored forms the contexts were made from.
+  const StoredKey& ick() const noexcept { return ick_; }
+  const StoredKey& kek() const noexcept { return kek_; }
+
+  // The AES-CMAC of a message under the ICK, into `icv` (icvSize octets); false if the ICK does not
+  // open or has a length AES-CMAC does not take.
+  bool icvOf(const uint8_t* message, size_t length, uint8_t* icv);
+
+  // A key wrapped with the KEK (RFC 3394); empty if either does not open. Wrapping is
+  // deterministic, so the wrapped form of the last key is kept for the next frame that carries it.
+  KeyBytes wrapped(const StoredKey& key);
+
+  // A key unwrapped with the KEK, in stored form; none if it does not unwrap.
+  StoredKey unwrapped(const uint8_t* wrapped, size_t length);
+
+ private:
+  struct Contexts;
+  // Makes the KEK's contexts, once.
+  void prepareKek();
+
+  StoredKey ick_;
+  StoredKey kek_;
+  std::unique_ptr<Contexts> contexts_;
+  StoredKey lastWrappedKey_;
+  KeyBytes lastWrapped_;
+};
+
+}  // namespace Macsec
