@@ -50,8 +50,11 @@ void BM_SteadyStatePerActor(benchmark::State& state) {
     const double actors = static_cast<double>(a.status()->portStatus(intfNumber(0))->actorStatusSize()) * links * 2;
 
     const double cpuBefore = cpuSeconds();
+    const uint64_t framesBefore = sim.deliveries();
     sim.runFor(measuredSeconds);
     const double cpu = cpuSeconds() - cpuBefore;
+    state.counters["frames_per_actor_second"] =
+        static_cast<double>(sim.deliveries() - framesBefore) / actors / measuredSeconds;
     state.counters["actors_per_engine"] = actors / 2;
     state.counters["cpu_pct_of_one_engine"] = 100.0 * cpu / measuredSeconds / 2;
     state.counters["heap_bytes_per_actor"] = static_cast<double>(heapInUse() - heapBefore) / actors;

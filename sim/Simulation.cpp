@@ -13,11 +13,9 @@ void Link::cutIs(bool cut) {
   cut_ = cut;
 }
 
-bool Link::joins(const Agent* agent, const Lanx::IntfId& intf) const {
-  for (const End& end : ends_) {
-    if (end.agent == agent && end.intfId == intf) return true;
-  }
-  return false;
+void Link::endIs(Agent& agent, const Lanx::IntfId& intf) {
+  ends_.push_back(End{&agent, intf});
+  sim_.linkOfEnd_.emplace(std::pair{&agent, intf}, this);
 }
 
 template <class Schedule>
@@ -239,14 +237,15 @@ Agent& Simulation::agentIs(const std::string& name) {
 
 Link& Simulation::linkIs(Agent& a, const Lanx::IntfId& intfA, Agent& b, const Lanx::IntfId& intfB, double delay) {
   links_.push_back(std::make_unique<Link>(*this, Link::End{&a, intfA}, Link::End{&b, intfB}, delay));
-  return *links_.back();
+  Link* link = links_.back().get();
+  linkOfEnd_.emplace(std::pair{&a, intfA}, link);
+  linkOfEnd_.emplace(std::pair{&b, intfB}, link);
+  return *link;
 }
 
 Link* Simulation::linkOf(const Agent* agent, const Lanx::IntfId& intf) const {
-  for (const auto& link : links_) {
-    if (link->joins(agent, intf)) return link.get();
-  }
-  return nullptr;
+  const auto it = linkOfEnd_.find(std::pair{agent, intf});
+  return it == linkOfEnd_.end() ? nullptr : it->second;
 }
 
 void Simulation::schedule(Link* link, Agent* to, const Message& message, double delay) {

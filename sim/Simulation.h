@@ -14,6 +14,7 @@
 #include <queue>
 #include <random>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "agent/Engine.h"
@@ -59,7 +60,7 @@ class Link {
   Link(Simulation& sim, End a, End b, double delay) : sim_(sim), ends_{a, b}, delay_(delay) {}
 
   // Adds another interface to the segment.
-  void endIs(Agent& agent, const Lanx::IntfId& intf) { ends_.push_back(End{&agent, intf}); }
+  void endIs(Agent& agent, const Lanx::IntfId& intf);
 
   double delay() const noexcept { return delay_; }
   void delayIs(double seconds) { delay_ = seconds; }
@@ -78,7 +79,6 @@ class Link {
   uint64_t carried() const noexcept { return carried_; }
   uint64_t lost() const noexcept { return lost_; }
 
-  bool joins(const Agent* agent, const Lanx::IntfId& intf) const;
   // Puts a message (or a frame) sent at one end on its way to the others.
   void send(const Agent* from, const Lanx::IntfId& intf, const Message& message);
   void sendFrame(const Agent* from, const Lanx::IntfId& intf, const std::string& frame);
@@ -214,6 +214,13 @@ class Simulation {
   std::mt19937 random_;
   std::map<std::string, std::unique_ptr<Agent>> agents_;
   std::vector<std::unique_ptr<Link>> links_;
+  // The link of each end, the first one made where several share it.
+  struct EndHash {
+    size_t operator()(const std::pair<const Agent*, Lanx::IntfId>& end) const noexcept {
+      return std::hash<const Agent*>()(end.first) ^ end.second.hash();
+    }
+  };
+  std::unordered_map<std::pair<const Agent*, Lanx::IntfId>, Link*, EndHash> linkOfEnd_;
   std::priority_queue<Event, std::vector<Event>, Later> events_;
   uint64_t sequence_ = 0;
   uint64_t deliveries_ = 0;
