@@ -1,6 +1,7 @@
 // mkasim: simulated switches that secure their links with MKA, over real MKPDU frames, on virtual
 // time. Prints the operators' log as it happens and a table of every interface at the end.
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
@@ -104,7 +105,7 @@ Options parse(int argc, char** argv) {
     if (flag == "--switches") {
       o.switches = static_cast<int>(integer(flag, value(), 2, 64));
     } else if (flag == "--links") {
-      o.links = static_cast<int>(integer(flag, value(), 1, 256));
+      o.links = static_cast<int>(integer(flag, value(), 1, 4096));
     } else if (flag == "--ckn") {
       o.ckn = value();
     } else if (flag == "--cak") {
@@ -164,8 +165,10 @@ std::string keyText(const Macsec::Sak& sak) {
 }
 
 void printTable(Sim::Simulation& sim, const Options& o) {
+  // Wide enough for the longest interface name and a space.
+  const int intfWidth = std::max(12, static_cast<int>(intfOf(o.links - 1, false, o.links).stringValue().size()) + 1);
   std::cout << "\n"
-            << std::left << std::setw(8) << "switch" << std::setw(12) << "interface" << std::setw(7) << "peers"
+            << std::left << std::setw(8) << "switch" << std::setw(intfWidth) << "interface" << std::setw(7) << "peers"
             << std::setw(30) << "key server" << std::setw(18) << "key in use" << std::setw(20) << "port"
             << "forwarding\n";
   for (int s = 0; s < o.switches; ++s) {
@@ -187,8 +190,8 @@ void printTable(Sim::Simulation& sim, const Options& o) {
                                                         : "secured";
         // The interface layer holds back an interface that MACsec vetoes.
         const bool vetoed = agent.engine().forwardingModel()->forwardingModelInputHas(intf);
-        std::cout << std::left << std::setw(8) << agent.name() << std::setw(12) << intf.stringValue() << std::setw(7)
-                  << (actor ? actor->livePeerSize() : 0) << std::setw(30) << server << std::setw(18)
+        std::cout << std::left << std::setw(8) << agent.name() << std::setw(intfWidth) << intf.stringValue()
+                  << std::setw(7) << (actor ? actor->livePeerSize() : 0) << std::setw(30) << server << std::setw(18)
                   << keyText(cp->oldSakContext().sak) << std::setw(20) << port << (vetoed ? "held back" : "allowed")
                   << "\n";
       }
@@ -264,8 +267,11 @@ int main(int argc, char** argv) {
       for (int l = 0; l < o.links; ++l) {
         const Lanx::IntfId intf = intfOf(l, towardsNext, o.links);
         Macsec::Engine& engine = switches[s]->engine();
-        engine.linkedInterfaceIs(intf, Lanx::EthAddr({0x02, 0x00, 0x00, static_cast<uint8_t>(s + 1),
-                                                      static_cast<uint8_t>(towardsNext), static_cast<uint8_t>(l + 1)}));
+        // 02:HH:00:SS:DD:LL, with the link's number split over HH and LL.
+        const int number = l + 1;
+        engine.linkedInterfaceIs(
+            intf, Lanx::EthAddr({0x02, static_cast<uint8_t>(number >> 8), 0x00, static_cast<uint8_t>(s + 1),
+                                 static_cast<uint8_t>(towardsNext), static_cast<uint8_t>(number)}));
         engine.config()->intfConfigIs(intf)->profileNameIs("mkasim");
       }
     }
