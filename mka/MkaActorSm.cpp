@@ -68,12 +68,14 @@ void MkaActorSm::handleInitialized() {
   mkpduTimer()->timeMinIs(deadline);
 
   // Last, the codec may hand this actor the messages of its CKN on its interface, and check and
-  // seal its frames with its keys, made ready once.
+  // seal its frames with its keys, made ready once (and shared with the agent's other actors
+  // that have the same keys).
   if (pamManager()) {
     pamManager()->receivers().receiverIs(
         intfId(), ckn(),
         MessageReceiver{this, [this] { handleRxMessage(); },
-                        std::make_shared<PreparedKeys>(actorStatus()->ick(), actorStatus()->kek())});
+                        pamManager()->preparedKeys().keysFor(ckn(), actorStatus()->ick(), actorStatus()->kek()),
+                        intfStatus()});
   }
 }
 

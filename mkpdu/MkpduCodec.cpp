@@ -80,17 +80,16 @@ void MkpduCodec::ZefPam::handleReadable() {
 }
 
 std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const Zef::String& ckn) const {
-  const Zef::Ptr<IntfStatus const> intf = Zef::Ptr<Status const>(status())->intfStatus(intfId);
-  if (!intf) return std::nullopt;
   // A running actor holds its keys ready.
   if (const MessageReceiver* receiver = pamManager()->receivers().receiver(intfId, ckn)) {
-    return ActorKeys{receiver->keys, intf->cipherSuite()};
+    if (receiver->intfStatus) return ActorKeys{receiver->keys, receiver->intfStatus->cipherSuite()};
   }
   // A status without its actor (a device on its way down or up) has its stored keys opened for
   // this frame.
+  const Zef::Ptr<IntfStatus const> intf = Zef::Ptr<Status const>(status())->intfStatus(intfId);
   const Zef::Ptr<MkaPortStatus const> port = Zef::Ptr<Status const>(status())->portStatus(intfId);
   const Zef::Ptr<MkaActorStatus const> actor = port ? port->actorStatus(ckn) : nullptr;
-  if (!actor || actor->ick().empty()) return std::nullopt;
+  if (!intf || !actor || actor->ick().empty()) return std::nullopt;
   return ActorKeys{actor->ick(), actor->kek(), intf->cipherSuite()};
 }
 

@@ -4,7 +4,9 @@
 // takes the messages received for it and the keys its frames are checked and sealed with. A
 // lookup costs the same among four actors as among four thousand.
 
+#include <array>
 #include <cstddef>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <unordered_map>
@@ -12,6 +14,7 @@
 #include <vector>
 
 #include "model/PreparedKeys.h"
+#include "model/Status.h"
 #include "platform/IntfId.h"
 #include "platform/String.h"
 
@@ -23,6 +26,8 @@ struct MessageReceiver {
   // Handles the message in the received-message object, fully, before it returns.
   std::function<void()> receive;
   std::shared_ptr<PreparedKeys> keys;
+  // The status of the actor's interface, whose cipher suite sizes the keys the actor is sent.
+  Zef::Ptr<IntfStatus const> intfStatus;
 };
 
 class MessageReceivers {
@@ -31,18 +36,18 @@ class MessageReceivers {
   void receiverIs(const Lanx::IntfId& intfId, const Zef::String& ckn, MessageReceiver receiver) {
     std::vector<Entry>& entries = byIntf_[intfId];
     for (Entry& entry : entries) {
-      if (entry.ckn == ckn) {
+      if (entry.names(ckn)) {
         entry.receiver = std::move(receiver);
         return;
       }
     }
-    entries.push_back(Entry{ckn, std::move(receiver)});
+    entries.emplace_back(ckn, std::move(receiver));
   }
   // Removes the receiver of a CKN on an interface if `owner` registered it.
   void receiverDel(const Lanx::IntfId& intfId, const Zef::String& ckn, const void* owner) {
     const auto it = byIntf_.find(intfId);
     if (it == byIntf_.end()) return;
-    std::erase_if(it->second, [&](const Entry& entry) { return entry.ckn == ckn && entry.receiver.owner == owner; });
+    std::erase_if(it->second, [&](const Entry& entry) { return entry.names(ckn) && entry.receiver.owner == owner; });
     if (it->second.empty()) byIntf_.erase(it);
   }
   // The receiver of a CKN on an interface; null if there is none. Valid until the next change.
@@ -50,7 +55,7 @@ class MessageReceivers {
     const auto it = byIntf_.find(intfId);
     if (it == byIntf_.end()) return nullptr;
     for (const Entry& entry : it->second) {
-      if (entry.ckn == ckn) return &entry.receiver;
+      if (entry.names(ckn)) return &entry.receiver;
     }
     return nullptr;
   }
@@ -58,7 +63,19 @@ class MessageReceivers {
  private:
   // An interface has an actor for its primary key, one for its fallback key, and for a while
   // those of keys being retired: a few, found by comparing CKNs.
+  // The CKN is held in the entry itself as well, so that telling the entries of an interface
+  // apart reads no memory beyond them.
   struct Entry {
+    static constexpr size_t kInline = 64;  // the longest CKN, 32 octets, as text
+    Entry(const Zef::String& name, MessageReceiver r) : size(name.size()), ckn(name), receiver(std::move(r)) {
+      if (size <= kInline) std::memcpy(text.data(), name.charPtr(), size);
+    }
+    bool names(const Zef::String& other) const noexcept {
+      if (other.size() != size) return false;
+      return size <= kInline ? std::memcmp(text.data(), other.charPtr(), size) == 0 : ckn == other;
+    }
+    size_t size;
+    std::array<char, kInline> text{};
     Zef::String ckn;
     MessageReceiver receiver;
   };

@@ -3,6 +3,7 @@
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "platform/Fatal.h"
@@ -108,6 +109,20 @@ StoredKey PreparedKeys::unwrapped(const uint8_t* wrapped, size_t length) {
   KeyBytes clear(length);  // room for OpenSSL's block-sized output; cut below
   if (!runKeyWrap(ctx, wrapped, length, clear.data(), length - 8)) return StoredKey();
   return StoredKey::of(clear.prefix(length - 8));
+}
+
+std::shared_ptr<PreparedKeys> SharedPreparedKeys::keysFor(const Zef::String& ckn, const StoredKey& ick,
+                                                          const StoredKey& kek) {
+  std::vector<std::weak_ptr<PreparedKeys>>& sets = byCkn_[ckn];
+  std::erase_if(sets, [](const std::weak_ptr<PreparedKeys>& set) { return set.expired(); });
+  for (const std::weak_ptr<PreparedKeys>& set : sets) {
+    std::shared_ptr<PreparedKeys> keys = set.lock();
+    if (keys->ick().sameKeyAs(ick) && keys->kek().sameKeyAs(kek)) return keys;
+  }
+  // Made apart from its count, so that the weak references here do not hold the memory.
+  std::shared_ptr<PreparedKeys> keys(new PreparedKeys(ick, kek));
+  sets.push_back(keys);
+  return keys;
 }
 
 }  // namespace Macsec

@@ -10,6 +10,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <unordered_map>
+#include <vector>
 
 #include "model/KeyBytes.h"
 #include "model/StoredKey.h"
@@ -50,6 +52,23 @@ class PreparedKeys {
   std::unique_ptr<Contexts> contexts_;
   StoredKey lastWrappedKey_;
   KeyBytes lastWrapped_;
+};
+
+// The prepared keys of an agent's actors, one set for all actors whose ICK and KEK are the same
+// (ports configured with one CAK and CKN): a switch whose ports share a key keeps one set of
+// contexts, warm in the cache, rather than one per port. A set goes when its last actor does.
+class SharedPreparedKeys {
+ public:
+  // Keys ready for an actor of a CKN with this ICK and KEK: those of another actor that has the
+  // same keys, or new ones. Telling whether two stored keys are the same opens both, which is done
+  // here, once per actor, and never per frame.
+  std::shared_ptr<PreparedKeys> keysFor(const Zef::String& ckn, const StoredKey& ick, const StoredKey& kek);
+
+ private:
+  struct CknHash {
+    size_t operator()(const Zef::String& ckn) const noexcept { return ckn.hash(); }
+  };
+  std::unordered_map<Zef::String, std::vector<std::weak_ptr<PreparedKeys>>, CknHash> byCkn_;
 };
 
 }  // namespace Macsec

@@ -4,6 +4,7 @@
 #include <openssl/evp.h>
 
 #include <cstring>
+#include <memory>
 #include <set>
 #include <string>
 
@@ -182,6 +183,26 @@ TEST(Crypto, PreparedKeysGiveTheRfcResultsOnEveryUse) {
   PreparedKeys odd{StoredKey::ofHex("2b7e151628aed2a6abf7158809cf4f"), StoredKey::ofHex("0001020304050607")};
   EXPECT_FALSE(odd.icvOf(message.data(), 16, icv));
   EXPECT_TRUE(odd.unwrapped(wrapped.data(), wrapped.size()).empty());
+}
+
+// Actors with the same keys share one set of contexts, told by the keys and not by their stored
+// forms, which differ between two encodings of one key.
+TEST(Crypto, ActorsWithTheSameKeysShareTheirPreparedKeys) {
+  SharedPreparedKeys shared;
+  const char* ick = "2b7e151628aed2a6abf7158809cf4f3c";
+  const char* kek = "000102030405060708090a0b0c0d0e0f";
+  std::shared_ptr<PreparedKeys> first = shared.keysFor("aa", StoredKey::ofHex(ick), StoredKey::ofHex(kek));
+  EXPECT_EQ(shared.keysFor("aa", StoredKey::ofHex(ick), StoredKey::ofHex(kek)), first);
+  EXPECT_NE(shared.keysFor("bb", StoredKey::ofHex(ick), StoredKey::ofHex(kek)), first);
+  EXPECT_NE(shared.keysFor("aa", StoredKey::ofHex(ick), StoredKey::ofHex("0f0e0d0c0b0a09080706050403020100")), first);
+  // Once its last actor has let it go, a set is made anew.
+  const std::weak_ptr<PreparedKeys> gone = first;
+  first.reset();
+  EXPECT_TRUE(gone.expired());
+  const std::shared_ptr<PreparedKeys> again = shared.keysFor("aa", StoredKey::ofHex(ick), StoredKey::ofHex(kek));
+  ASSERT_NE(again, nullptr);
+  uint8_t icv[PreparedKeys::icvSize];
+  EXPECT_TRUE(again->icvOf(reinterpret_cast<const uint8_t*>(""), 0, icv));
 }
 
 TEST(Crypto, SaltFollowsTheExtendedPacketNumberLayout) {
