@@ -15,7 +15,7 @@ void Link::cutIs(bool cut) {
 
 void Link::endIs(Agent& agent, const Lanx::IntfId& intf) {
   ends_.push_back(End{&agent, intf});
-  sim_.linkOfEnd_.emplace(std::pair{&agent, intf}, this);
+  sim_.endOfLinkIs(&agent, intf, this);
 }
 
 template <class Schedule>
@@ -238,14 +238,21 @@ Agent& Simulation::agentIs(const std::string& name) {
 Link& Simulation::linkIs(Agent& a, const Lanx::IntfId& intfA, Agent& b, const Lanx::IntfId& intfB, double delay) {
   links_.push_back(std::make_unique<Link>(*this, Link::End{&a, intfA}, Link::End{&b, intfB}, delay));
   Link* link = links_.back().get();
-  linkOfEnd_.emplace(std::pair{&a, intfA}, link);
-  linkOfEnd_.emplace(std::pair{&b, intfB}, link);
+  endOfLinkIs(&a, intfA, link);
+  endOfLinkIs(&b, intfB, link);
   return *link;
 }
 
 Link* Simulation::linkOf(const Agent* agent, const Lanx::IntfId& intf) const {
-  const auto it = linkOfEnd_.find(std::pair{agent, intf});
-  return it == linkOfEnd_.end() ? nullptr : it->second;
+  const auto it = linksByIntf_.find(agent);
+  if (it == linksByIntf_.end() || intf.value() >= it->second.size()) return nullptr;
+  return it->second[intf.value()];
+}
+
+void Simulation::endOfLinkIs(const Agent* agent, const Lanx::IntfId& intf, Link* link) {
+  std::vector<Link*>& links = linksByIntf_[agent];
+  if (intf.value() >= links.size()) links.resize(intf.value() + 1, nullptr);
+  if (!links[intf.value()]) links[intf.value()] = link;
 }
 
 void Simulation::schedule(Link* link, Agent* to, const Message& message, double delay) {

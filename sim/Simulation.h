@@ -214,13 +214,10 @@ class Simulation {
   std::mt19937 random_;
   std::map<std::string, std::unique_ptr<Agent>> agents_;
   std::vector<std::unique_ptr<Link>> links_;
-  // The link of each end, the first one made where several share it.
-  struct EndHash {
-    size_t operator()(const std::pair<const Agent*, Lanx::IntfId>& end) const noexcept {
-      return std::hash<const Agent*>()(end.first) ^ end.second.hash();
-    }
-  };
-  std::unordered_map<std::pair<const Agent*, Lanx::IntfId>, Link*, EndHash> linkOfEnd_;
+  // The link of each end, the first one made where several share it: per agent, by the
+  // interface's identifier, which is a small number.
+  void endOfLinkIs(const Agent* agent, const Lanx::IntfId& intf, Link* link);
+  std::unordered_map<const Agent*, std::vector<Link*>> linksByIntf_;
   std::priority_queue<Event, std::vector<Event>, Later> events_;
   uint64_t sequence_ = 0;
   uint64_t deliveries_ = 0;
