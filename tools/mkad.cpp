@@ -6,13 +6,16 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
 
 #include "agent/ConfigFile.h"
+#include "agent/CoreDumps.h"
 #include "agent/Daemon.h"
 #include "agent/DaemonLog.h"
 #include "agent/EventLoop.h"
@@ -98,6 +101,11 @@ int main(int argc, char** argv) {
   if (!options.trace.empty() && !Zef::traceSettingsIs(options.trace)) {
     std::cerr << "mkad: --trace: not a list of facility=level rules: " << options.trace << "\n";
     return 2;
+  }
+  // Before any key is read: keys in memory must not end up in a core file.
+  if (!Macsec::keepMemoryOutOfCoreDumps()) {
+    std::cerr << "mkad: cannot keep keys out of core dumps: " << std::strerror(errno) << "\n";
+    return 1;
   }
   if (options.check) return checkOnly(options.daemon.configPath);
   // Reloads read the same file wherever the daemon's working directory is.

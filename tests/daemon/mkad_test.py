@@ -189,6 +189,10 @@ class Sessions(DaemonTest):
                     for output in (daemon.ctl("show", "--json").stdout, daemon.ctl("show").stdout,
                                    daemon.ctl("show", "counters").stdout, daemon.log_text()):
                         self.assertNotIn(cak, output.lower())
+                    # Keys held ready in memory never reach a core file.
+                    with open("/proc/%d/limits" % daemon.process.pid) as limits:
+                        core = [line.split()[4:6] for line in limits if line.startswith("Max core file size")]
+                    self.assertEqual(core, [["0", "0"]])
                     counters = daemon.counters()
                     self.assertGreater(counters["in-mkpdu"], 0)
                     self.assertGreater(counters["out-mkpdu"], 0)
