@@ -3,6 +3,7 @@
 #include <openssl/crypto.h>
 
 #include <algorithm>
+#include <array>
 #include <bitset>
 #include <cstring>
 
@@ -47,12 +48,17 @@ Zef::String miText(const uint8_t* p) {
   return std::memcmp(p, zeros, kMi) == 0 ? Zef::String() : bytesToHex(p, kMi);
 }
 
-int nibbleOf(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
+// The value of each hexadecimal digit; -1 for any other character.
+constexpr std::array<int8_t, 256> kNibbles = [] {
+  std::array<int8_t, 256> table{};
+  table.fill(-1);
+  for (int c = '0'; c <= '9'; ++c) table[c] = static_cast<int8_t>(c - '0');
+  for (int c = 'a'; c <= 'f'; ++c) table[c] = static_cast<int8_t>(c - 'a' + 10);
+  for (int c = 'A'; c <= 'F'; ++c) table[c] = static_cast<int8_t>(c - 'A' + 10);
+  return table;
+}();
+
+int nibbleOf(char c) { return kNibbles[static_cast<uint8_t>(c)]; }
 
 // Appends the octets of hexadecimal text (names and identifiers, never keys); false if it is not.
 bool putHex(std::string& out, std::string_view hex) {

@@ -44,13 +44,16 @@ bool hexToBytes(std::string_view hex, KeyBytes& out) {
 
 Zef::String bytesToHex(const uint8_t* data, size_t size) {
   static const char* digits = "0123456789abcdef";
-  std::vector<char> text(2 * size);
+  // Identifiers and names fit on the stack; the text is wiped either way, since keys pass here too.
+  char small[128];
+  std::vector<char> large(2 * size > sizeof small ? 2 * size : 0);
+  char* text = large.empty() ? small : large.data();
   for (size_t i = 0; i < size; ++i) {
     text[2 * i] = digits[data[i] >> 4];
     text[2 * i + 1] = digits[data[i] & 0xf];
   }
-  Zef::String result(text.data(), text.size());
-  OPENSSL_cleanse(text.data(), text.size());
+  Zef::String result(text, 2 * size);
+  OPENSSL_cleanse(text, 2 * size);
   return result;
 }
 
