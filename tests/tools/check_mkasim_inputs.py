@@ -16,8 +16,8 @@ def main():
     mkasim = sys.argv[1]
     refused = [
         ("--duration", "nan"), ("--duration", "inf"), ("--latency", "nan"), ("--switches", "1e20"),
-        ("--switches", "2.5"), ("--links", "0x10"), ("--links", "0"), ("--seed", "-1"), ("--cak", ""),
-        ("--cipher", "512"), ("--loss", "1"),
+        ("--switches", "2.5"), ("--links", "0x10"), ("--links", "0"), ("--links", "4097"), ("--seed", "-1"),
+        ("--cak", ""), ("--cipher", "512"), ("--loss", "1"),
     ]
     for flag, value in refused:
         result = run(mkasim, flag, value)
