@@ -70,7 +70,8 @@ std::vector<std::string> framesFor(const Zef::Ptr<Macsec::MkaActorStatus>& actor
 
 // One received MKPDU frame, from the access point of its interface to the end of its handling:
 // decoding, the ICV check, the lookup of the one actor among all of the agent's, and the actor's
-// parsing of it.
+// parsing of it. With a second argument of 1 the frames go to every actor in turn, as on a busy
+// switch, where each finds its actor's state out of the processor's caches.
 void BM_ReceiveFrameAmongActors(benchmark::State& state) {
   quietLog();
   Sim::Simulation sim(0.0, 1, Sim::Wire::bytes);
@@ -82,7 +83,11 @@ void BM_ReceiveFrameAmongActors(benchmark::State& state) {
     agent.portIs(intfNumber(i), config);
     agent.actorIs(intfNumber(i), kCkn, kCak);
   }
+  const bool spread = state.range(1) != 0;
+  std::vector<Lanx::IntfId> intfs;
+  for (int i = 0; i < actors; ++i) intfs.push_back(intfNumber(i));
   const Lanx::IntfId intf = intfNumber(actors / 2);
+  // Every actor has the same keys, so that one frame suits any of them.
   const Zef::Ptr<Macsec::MkaActorStatus> actor = agent.actorStatus(intf, kCkn);
   constexpr size_t kBatch = 4096;
   uint32_t next = 1;
@@ -96,13 +101,14 @@ void BM_ReceiveFrameAmongActors(benchmark::State& state) {
       at = 0;
       state.ResumeTiming();
     }
-    agent.deliverFrame(intf, frames[at++]);
+    agent.deliverFrame(spread ? intfs[at % intfs.size()] : intf, frames[at]);
+    ++at;
   }
   if (agent.codec()->pamManager()->rxMessageInfo()->count() != next - kBatch + at - 1) {
     state.SkipWithError("a frame was refused");
   }
 }
-BENCHMARK(BM_ReceiveFrameAmongActors)->Arg(1)->Arg(64)->Arg(1024);
+BENCHMARK(BM_ReceiveFrameAmongActors)->Args({1, 0})->Args({64, 0})->Args({1024, 0})->Args({1024, 1})->Args({4096, 1});
 
 // One periodic MKPDU of an actor with a live peer: peer review, building and handing it off.
 void BM_PeriodicTransmit(benchmark::State& state) {
