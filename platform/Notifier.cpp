@@ -5,17 +5,17 @@
 namespace Zef {
 
 void NotifieeList::add(NotifieeBase* notifiee) {
-  items_.push_back(notifiee);
+  items_.push_back(Item{notifiee, notifiee->zefInterests()});
   ++live_;
 }
 
 void NotifieeList::remove(NotifieeBase* notifiee) {
-  auto it = std::find(items_.begin(), items_.end(), notifiee);
+  auto it = std::find_if(items_.begin(), items_.end(), [&](const Item& item) { return item.notifiee == notifiee; });
   if (it == items_.end()) return;
   --live_;
   if (walks_ > 0) {
     // A walk is indexing the vector: leave a hole rather than move anything under it.
-    *it = nullptr;
+    it->notifiee = nullptr;
     holes_ = true;
   } else {
     items_.erase(it);
@@ -23,7 +23,7 @@ void NotifieeList::remove(NotifieeBase* notifiee) {
 }
 
 void NotifieeList::compact() {
-  std::erase(items_, nullptr);
+  std::erase_if(items_, [](const Item& item) { return item.notifiee == nullptr; });
   holes_ = false;
 }
 

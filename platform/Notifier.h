@@ -25,8 +25,10 @@ class NotifieeList {
   void remove(NotifieeBase* notifiee);
   bool empty() const noexcept { return live_ == 0; }
 
+  // Calls `call` on every active reactor whose interests include `topic`, the bit of the
+  // attribute that changed.
   template <class Notifiee, class Call>
-  void deliver(Call&& call);
+  void deliver(uint64_t topic, Call&& call);
 
   void newRef() noexcept { ++refs_; }
   void delRef() noexcept {
@@ -40,7 +42,13 @@ class NotifieeList {
   uint32_t walks_ = 0;
   uint32_t live_ = 0;
   bool holes_ = false;
-  std::vector<NotifieeBase*> items_;
+  // Each reactor with the interests it registered with, so that a walk passes the reactors a
+  // change does not concern without reading them.
+  struct Item {
+    NotifieeBase* notifiee;
+    uint64_t interests;
+  };
+  std::vector<Item> items_;
 };
 
 // An object that others can watch.
@@ -56,9 +64,9 @@ class Notifier : public PtrInterface {
   // Delivers one notification to every registered reactor whose notification is active. `call`
   // gets each reactor as `Notifiee*`, the notifiee class of the concrete notifier.
   template <class Notifiee, class Call>
-  void zefNotify(Call&& call) const {
+  void zefNotify(uint64_t topic, Call&& call) const {
     if (notifieeList_ == nullptr || !hasNotificationActive()) return;
-    notifieeList_->deliver<Notifiee>(call);
+    notifieeList_->deliver<Notifiee>(topic, call);
   }
 
  private:
@@ -82,6 +90,10 @@ class NotifieeBase : public PtrInterface {
   // delivery off.
   virtual void zefDoZombieReactors(bool zombie);
 
+  // The attributes whose changes reach this reactor, one bit each (see NotifieeList::deliver):
+  // all of them unless it said otherwise before it registered.
+  uint64_t zefInterests() const noexcept { return interests_; }
+
  protected:
   NotifieeBase() = default;
   NotifieeBase(const NotifieeBase&) = delete;
@@ -90,10 +102,13 @@ class NotifieeBase : public PtrInterface {
   // Binds to another notifier (or to none) without registering: the caller decides when the
   // reactor starts to listen.
   void zefNotifierBind(const Notifier* notifier);
+  // Says which attributes the reactor reacts to; it takes effect at the next registration.
+  void zefInterestsIs(uint64_t interests) noexcept { interests_ = interests; }
 
  private:
   const Notifier* notifierRaw_ = nullptr;
   bool registered_ = false;
+  uint64_t interests_ = ~uint64_t{0};
 };
 
 // The typed reactor base for a notifier class X, with read access. X::NotifieeConst derives from
@@ -150,12 +165,13 @@ class NotifieeOf : public ConstBase {
 };
 
 template <class Notifiee, class Call>
-void NotifieeList::deliver(Call&& call) {
+void NotifieeList::deliver(uint64_t topic, Call&& call) {
   newRef();
   ++walks_;
   const size_t count = items_.size();
   for (size_t i = 0; i < count; ++i) {
-    NotifieeBase* notifiee = items_[i];
+    if ((items_[i].interests & topic) == 0) continue;
+    NotifieeBase* notifiee = items_[i].notifiee;
     if (notifiee == nullptr || !notifiee->hasNotificationActive()) continue;
     try {
       call(static_cast<Notifiee*>(notifiee));

@@ -352,8 +352,16 @@ class Emitter:
 
     # ---- entities ----------------------------------------------------------------------------
 
-    def notify(self, call):
-        return f"zefNotify<NotifieeConst>([&](NotifieeConst* zefN) {{ zefN->{call}; }});"
+    @staticmethod
+    def topic_of(t, a):
+        """The bit of a notifying attribute: its place among the type's notifying attributes, modulo
+        64. A reactor registers the bits of the attributes it reacts to, and a notification skips the
+        reactors without its bit."""
+        notifying = [x for x in t.attrs if x.kind not in ("ctor", "member")]
+        return f"0x{1 << (notifying.index(a) % 64):x}ull"
+
+    def notify(self, call, t, a):
+        return f"zefNotify<NotifieeConst>({self.topic_of(t, a)}, [&](NotifieeConst* zefN) {{ zefN->{call}; }});"
 
     def entity(self, t):
         ns = t.namespace
@@ -440,7 +448,7 @@ class Emitter:
         hw(f"    if ({a.name}_ == value) return;")
         hw(f"    {a.name}_ = value;")
         if not a.quiet:
-            hw(f"    {self.notify(f'on{a.cap}()')}")
+            hw(f"    {self.notify(f'on{a.cap}()', t, a)}")
         hw("  }")
 
     def entity_counter(self, t, a):
@@ -451,7 +459,7 @@ class Emitter:
             hw(f"    if (delta == 0) return {a.name}_;")
             hw(f"    {a.name}_ = static_cast<{a.type}>({a.name}_ {sign} delta);")
             if not a.quiet:
-                hw(f"    {self.notify(f'on{a.cap}()')}")
+                hw(f"    {self.notify(f'on{a.cap}()', t, a)}")
             hw(f"    return {a.name}_;")
             hw("  }")
 
@@ -467,23 +475,23 @@ class Emitter:
         hw(f"    Zef::Ptr<{a.type}> child = {creator}(std::forward<Args>(args)...);")
         hw(f"    child->parentIs(this, \"{a.name}\");")
         hw(f"    {a.name}_ = child;")
-        hw(f"    {self.notify(f'on{a.cap}()')}")
+        hw(f"    {self.notify(f'on{a.cap}()', t, a)}")
         hw("    return child;")
         hw("  }")
         hw(f"  Zef::Ptr<{a.type}> {a.name}Del() {{")
         hw(f"    Zef::Ptr<{a.type}> child = std::move({a.name}_);")
         hw("    if (!child) return child;")
         hw("    child->parentIs(nullptr);")
-        hw(f"    {self.notify(f'on{a.cap}()')}")
+        hw(f"    {self.notify(f'on{a.cap}()', t, a)}")
         hw("    return child;")
         hw("  }")
 
-    def collection_common(self, a):
+    def collection_common(self, t, a):
         hw = self.hw
         hw(f"  size_t {a.name}Size() const noexcept {{ return {a.name}_.size(); }}")
         hw(f"  bool {a.name}Has({param_type(a.key)} key) const {{ return {a.name}_.contains(key); }}")
         hw(f"  auto {a.name}Iter() const {{ return {a.name}_.iterator(); }}")
-        hw(f"  void {a.name}Notify({param_type(a.key)} key) {{ {self.notify(f'on{a.cap}(key)')} }}")
+        hw(f"  void {a.name}Notify({param_type(a.key)} key) {{ {self.notify(f'on{a.cap}(key)', t, a)} }}")
         hw(f"  void {a.name}DelAll() {{")
         hw(f"    for (auto it = {a.name}_.iterator(); it; ++it) {a.name}Del({a.key}(it.key()));")
         hw("  }")
@@ -496,17 +504,17 @@ class Emitter:
         hw("  }")
         hw(f"  void {a.name}Is({param_type(a.key)} key, {param_type(a.type)} value) {{")
         hw(f"    if (!{a.name}_.assign(key, value)) return;")
-        hw(f"    {self.notify(f'on{a.cap}(key)')}")
+        hw(f"    {self.notify(f'on{a.cap}(key)', t, a)}")
         hw("  }")
         if a.keyof:
             hw(f"  void {a.name}Is({param_type(a.type)} v) {{ {a.name}Is({a.keyof}, v); }}")
         hw(f"  {a.type} {a.name}Del({param_type(a.key)} key) {{")
         hw(f"    {a.type} old{{}};")
         hw(f"    if (!{a.name}_.erase(key, &old)) return old;")
-        hw(f"    {self.notify(f'on{a.cap}(key)')}")
+        hw(f"    {self.notify(f'on{a.cap}(key)', t, a)}")
         hw("    return old;")
         hw("  }")
-        self.collection_common(a)
+        self.collection_common(t, a)
 
     def entity_entities(self, t, a):
         hw = self.hw
@@ -520,17 +528,17 @@ class Emitter:
         hw(f"    Zef::Ptr<{a.type}> member = {creator}(key, std::forward<Args>(args)...);")
         hw(f"    member->parentIs(this, \"{a.name}\");")
         hw(f"    {a.name}_.insert(key, member);")
-        hw(f"    {self.notify(f'on{a.cap}(key)')}")
+        hw(f"    {self.notify(f'on{a.cap}(key)', t, a)}")
         hw("    return member;")
         hw("  }")
         hw(f"  Zef::Ptr<{a.type}> {a.name}Del({param_type(a.key)} key) {{")
         hw(f"    Zef::Ptr<{a.type}> member = {a.name}_.erase(key);")
         hw("    if (!member) return member;")
         hw("    member->parentIs(nullptr);")
-        hw(f"    {self.notify(f'on{a.cap}(key)')}")
+        hw(f"    {self.notify(f'on{a.cap}(key)', t, a)}")
         hw("    return member;")
         hw("  }")
-        self.collection_common(a)
+        self.collection_common(t, a)
 
     # ---- state machines ----------------------------------------------------------------------
 
@@ -601,7 +609,19 @@ class Emitter:
 
         ctor_extra = f", const {key_type}& key" if key_type else ""
         hw(f"{pad}  {class_name}(const Zef::Ptr<{ptr_type}>& notifier, {owner_type}* owner{ctor_extra})")
-        hw(f"{pad}      : {base}(notifier), owner_(owner){', key_(key)' if key_type else ''} {{")
+        if a.kind == "timer":
+            hw(f"{pad}      : {base}(notifier), owner_(owner){', key_(key)' if key_type else ''} {{")
+        else:
+            # The attributes it reacts to are known before it registers: notifications of the
+            # others pass it by without reading it.
+            interests = 0
+            for r in a.reactions:
+                n_attr = self.notifier_attr(notifier_type, r.attr, r.line)
+                interests |= int(self.topic_of(notifier_type, n_attr)[:-3], 16)
+            hw(f"{pad}      : owner_(owner){', key_(key)' if key_type else ''} {{")
+            hw(f"{pad}    zefInterestsIs(0x{interests:x}ull);")
+            hw(f"{pad}    zefNotifierIs(Zef::Ptr<{notifier_spelling} const>(notifier));")
+            hw(f"{pad}    isRegisteredNotifieeIs(static_cast<bool>(notifier));")
         # A mirror built on a populated collection watches its members from the start, without
         # running any handler.
         for r in mirrors:
