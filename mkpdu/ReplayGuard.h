@@ -1,9 +1,12 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <unordered_map>
 #include <utility>
 
@@ -32,7 +35,7 @@ class ReplayGuard {
       return true;
     }
     if (last_.size() >= capacity_) forgetOldest(held);
-    last_.emplace(Member{std::string(ckn), std::string(member)}, Entry{number, clock_});
+    last_.emplace(std::piecewise_construct, std::forward_as_tuple(ckn, member), std::forward_as_tuple(number, clock_));
     return true;
   }
   size_t size() const noexcept { return last_.size(); }
@@ -43,10 +46,27 @@ class ReplayGuard {
     std::string_view ckn;
     std::string_view member;
   };
+  // The names are held in the table's own node when they fit, as those of MKPDUs do (a CKN of up
+  // to 32 octets and a member identifier of 12, as text), so that comparing them reads no memory
+  // beyond the node; longer ones go to the heap.
   struct Member {
-    std::string ckn;
-    std::string member;
-    operator MemberView() const noexcept { return MemberView{ckn, member}; }
+    static constexpr size_t kInline = 88;
+    Member(std::string_view c, std::string_view m) : cknSize(c.size()), memberSize(m.size()) {
+      if (c.size() + m.size() > kInline) {
+        spill.assign(c).append(m);
+        return;
+      }
+      std::memcpy(text.data(), c.data(), c.size());
+      std::memcpy(text.data() + c.size(), m.data(), m.size());
+    }
+    operator MemberView() const noexcept {
+      const char* at = spill.empty() ? text.data() : spill.data();
+      return MemberView{std::string_view(at, cknSize), std::string_view(at + cknSize, memberSize)};
+    }
+    size_t cknSize;
+    size_t memberSize;
+    std::array<char, kInline> text;
+    std::string spill;
   };
   struct MemberHash {
     using is_transparent = void;
@@ -59,13 +79,15 @@ class ReplayGuard {
     bool operator()(MemberView a, MemberView b) const noexcept { return a.ckn == b.ckn && a.member == b.member; }
   };
   struct Entry {
+    Entry(uint32_t n, uint64_t h) : number(n), heard(h) {}
     uint32_t number;
     uint64_t heard;
   };
   void forgetOldest(const Held& held) {
     auto oldest = last_.end();
     for (auto it = last_.begin(); it != last_.end(); ++it) {
-      if (held && held(it->first.ckn, it->first.member)) continue;
+      const MemberView names = it->first;
+      if (held && held(names.ckn, names.member)) continue;
       if (oldest == last_.end() || it->second.heard < oldest->second.heard) oldest = it;
     }
     if (oldest != last_.end()) last_.erase(oldest);

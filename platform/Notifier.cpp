@@ -46,6 +46,7 @@ void NotifieeBase::isRegisteredNotifieeIs(bool registered) {
   if (registered) {
     if (list == nullptr) list = new NotifieeList;
     list->add(this);
+    notifierRaw_->interests_ |= interests_;
   } else if (list != nullptr) {
     list->remove(this);
   }

@@ -65,13 +65,16 @@ class Notifier : public PtrInterface {
   // gets each reactor as `Notifiee*`, the notifiee class of the concrete notifier.
   template <class Notifiee, class Call>
   void zefNotify(uint64_t topic, Call&& call) const {
-    if (notifieeList_ == nullptr || !hasNotificationActive()) return;
+    if (notifieeList_ == nullptr || (interests_ & topic) == 0 || !hasNotificationActive()) return;
     notifieeList_->deliver<Notifiee>(topic, call);
   }
 
  private:
   friend class NotifieeBase;
   mutable NotifieeList* notifieeList_ = nullptr;
+  // The interests of every reactor ever registered here, joined: a change that no reactor reacts
+  // to does not walk the list at all.
+  mutable uint64_t interests_ = 0;
 };
 
 // Base of every reactor: one watcher bound to at most one notifier.

@@ -319,6 +319,20 @@ TEST_F(Codec, UnusualButSoundFramesAreAccepted) {
   EXPECT_EQ(table->row(eth1).inMkpdus, std::size(rows));
 }
 
+// The guard tells members by both names, whatever their lengths, and wherever one ends and the
+// other begins.
+TEST(ReplayGuard, TellsMembersByBothNames) {
+  ReplayGuard guard;
+  const std::string longCkn(100, 'a');
+  EXPECT_TRUE(guard.accept(longCkn, "b1b2b3b4b5b6b7b8b9babbbc", 5));
+  EXPECT_FALSE(guard.accept(longCkn, "b1b2b3b4b5b6b7b8b9babbbc", 5));
+  EXPECT_TRUE(guard.accept(longCkn + "a", "b1b2b3b4b5b6b7b8b9babbbc", 5));
+  EXPECT_TRUE(guard.accept("ab", "c", 1));
+  EXPECT_TRUE(guard.accept("a", "bc", 1));
+  EXPECT_FALSE(guard.accept("ab", "c", 1));
+  EXPECT_EQ(guard.size(), 4u);
+}
+
 // The replay guard's memory is bounded, but a crowd of other members never makes it forget a
 // member that the actor holds as a peer: that member's old numbers stay refused.
 TEST_F(Codec, AMemberHeldAsAPeerIsNeverForgottenByTheReplayGuard) {
