@@ -187,8 +187,10 @@ void ControlledPortSm::handleLivePeer(const Zef::String& peer) {
     TRACE(3, ": Peer Sci cannot be all zeros");
     return;
   }
-  // The greater SCI takes 1.
+  // The greater SCI takes 1. The pair follows from the two SCIs alone, and every MKPDU of the peer
+  // comes here: while they are the ones on record, the pair is too.
   const Sci mySci = portStatus()->mySci();
+  if (cpStatus()->mySsci().sci == mySci && cpStatus()->peerSsci().sci == peerSci) return;
   const bool mineLower = mySci.addr < peerSci.addr || (mySci.addr == peerSci.addr && peerSci.portId > mySci.portId);
   cpStatus()->mySsciIs(Ssci{mySci, ssciText(mineLower ? 2 : 1)});
   cpStatus()->peerSsciIs(Ssci{peerSci, ssciText(mineLower ? 1 : 2)});

@@ -200,7 +200,13 @@ struct BasicInfo {
   Zef::String msgId;  // member identifier: 24 lower-case hexadecimal characters
   uint32_t msgNum = 0;
   Zef::String ckn;
-  bool operator==(const BasicInfo&) const noexcept = default;
+  // The numbers before the texts: the message number differs in every MKPDU, and telling it
+  // reads no memory beyond the value. Every member takes part.
+  bool operator==(const BasicInfo& o) const noexcept {
+    return msgNum == o.msgNum && keyServerPriority == o.keyServerPriority && keyServer == o.keyServer &&
+           macsecDesired == o.macsecDesired && macsecCapability == o.macsecCapability && sci == o.sci &&
+           msgId == o.msgId && ckn == o.ckn;
+  }
 };
 std::ostream& operator<<(std::ostream& out, const BasicInfo& info);
 
@@ -212,7 +218,10 @@ struct KeyInfo {
   Zef::String mi;
   uint32_t keyNum = 0;
   uint32_t lpn = 0;
-  bool operator==(const KeyInfo&) const noexcept = default;
+  // The numbers before the identifier, for the same reason as BasicInfo's. Every member takes part.
+  bool operator==(const KeyInfo& o) const noexcept {
+    return lpn == o.lpn && keyNum == o.keyNum && an == o.an && tx == o.tx && rx == o.rx && mi == o.mi;
+  }
 };
 std::ostream& operator<<(std::ostream& out, const KeyInfo& info);
 
