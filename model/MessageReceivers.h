@@ -4,6 +4,7 @@
 // takes the messages received for it and the keys its frames are checked and sealed with. A
 // lookup costs the same among four actors as among four thousand.
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstring>
@@ -11,7 +12,6 @@
 #include <memory>
 #include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include "model/PreparedKeys.h"
 #include "model/Status.h"
@@ -34,37 +34,51 @@ class MessageReceivers {
  public:
   // Makes `receiver` the one of a CKN on an interface, in place of any before it.
   void receiverIs(const Lanx::IntfId& intfId, const Zef::String& ckn, MessageReceiver receiver) {
-    std::vector<Entry>& entries = byIntf_[intfId];
-    for (Entry& entry : entries) {
-      if (entry.names(ckn)) {
-        entry.receiver = std::move(receiver);
+    const Key key = Key::of(intfId, ckn);
+    for (auto [it, end] = receivers_.equal_range(key); it != end; ++it) {
+      if (it->second.names(ckn)) {
+        it->second.receiver = std::move(receiver);
         return;
       }
     }
-    entries.emplace_back(ckn, std::move(receiver));
+    receivers_.emplace(key, Entry(ckn, std::move(receiver)));
   }
   // Removes the receiver of a CKN on an interface if `owner` registered it.
   void receiverDel(const Lanx::IntfId& intfId, const Zef::String& ckn, const void* owner) {
-    const auto it = byIntf_.find(intfId);
-    if (it == byIntf_.end()) return;
-    std::erase_if(it->second, [&](const Entry& entry) { return entry.names(ckn) && entry.receiver.owner == owner; });
-    if (it->second.empty()) byIntf_.erase(it);
+    for (auto [it, end] = receivers_.equal_range(Key::of(intfId, ckn)); it != end; ++it) {
+      if (it->second.names(ckn) && it->second.receiver.owner == owner) {
+        receivers_.erase(it);
+        return;
+      }
+    }
   }
-  // The receiver of a CKN on an interface; null if there is none. Valid until the next change.
+  // The receiver of a CKN on an interface; null if there is none. Valid until it is removed.
   const MessageReceiver* receiver(const Lanx::IntfId& intfId, const Zef::String& ckn) const {
-    const auto it = byIntf_.find(intfId);
-    if (it == byIntf_.end()) return nullptr;
-    for (const Entry& entry : it->second) {
-      if (entry.names(ckn)) return &entry.receiver;
+    for (auto [it, end] = receivers_.equal_range(Key::of(intfId, ckn)); it != end; ++it) {
+      if (it->second.names(ckn)) return &it->second.receiver;
     }
     return nullptr;
   }
 
  private:
-  // An interface has an actor for its primary key, one for its fallback key, and for a while
-  // those of keys being retired: a few, found by comparing CKNs.
-  // The CKN is held in the entry itself as well, so that telling the entries of an interface
-  // apart reads no memory beyond them.
+  // An entry is found by its interface and the first characters of its CKN, and held in the
+  // table's own node with the whole CKN, so that finding it reads one node.
+  struct Key {
+    Lanx::IntfId intfId;
+    std::array<uint64_t, 2> head{};  // the CKN's first 16 characters, zero-padded
+    size_t size = 0;
+    bool operator==(const Key&) const noexcept = default;
+    static Key of(const Lanx::IntfId& intfId, const Zef::String& ckn) noexcept {
+      Key key{intfId, {}, ckn.size()};
+      std::memcpy(key.head.data(), ckn.charPtr(), std::min(ckn.size(), sizeof key.head));
+      return key;
+    }
+  };
+  struct KeyHash {
+    size_t operator()(const Key& key) const noexcept {
+      return key.intfId.hash() ^ key.head[0] * 0x9e3779b97f4a7c15ull ^ key.head[1] * 0xc2b2ae3d27d4eb4full ^ key.size;
+    }
+  };
   struct Entry {
     static constexpr size_t kInline = 64;  // the longest CKN, 32 octets, as text
     Entry(const Zef::String& name, MessageReceiver r) : size(name.size()), ckn(name), receiver(std::move(r)) {
@@ -79,7 +93,7 @@ class MessageReceivers {
     Zef::String ckn;
     MessageReceiver receiver;
   };
-  std::unordered_map<Lanx::IntfId, std::vector<Entry>> byIntf_;
+  std::unordered_multimap<Key, Entry, KeyHash> receivers_;
 };
 
 }  // namespace Macsec

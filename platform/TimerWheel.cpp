@@ -77,10 +77,18 @@ void TimerWheel::disarm(Notifiee* timer) {
   siftDown(last.timer->heapIndex_);
 }
 
+namespace {
+
+// The heap is 4-ary: half the depth of a binary one, so each change moves fewer timers, and a
+// node's children lie side by side.
+constexpr size_t kArity = 4;
+
+}  // namespace
+
 void TimerWheel::siftUp(size_t index) {
   const Slot timer = heap_[index];
   while (index > 0) {
-    const size_t parent = (index - 1) / 2;
+    const size_t parent = (index - 1) / kArity;
     if (!earlier(timer, heap_[parent])) break;
     place(heap_[parent], index);
     index = parent;
@@ -92,9 +100,12 @@ void TimerWheel::siftDown(size_t index) {
   const Slot timer = heap_[index];
   const size_t size = heap_.size();
   for (;;) {
-    size_t child = 2 * index + 1;
-    if (child >= size) break;
-    if (child + 1 < size && earlier(heap_[child + 1], heap_[child])) ++child;
+    const size_t first = kArity * index + 1;
+    if (first >= size) break;
+    size_t child = first;
+    for (size_t other = first + 1; other < std::min(first + kArity, size); ++other) {
+      if (earlier(heap_[other], heap_[child])) child = other;
+    }
     if (!earlier(heap_[child], timer)) break;
     place(heap_[child], index);
     index = child;
