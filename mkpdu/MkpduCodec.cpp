@@ -75,6 +75,10 @@ void MkpduCodec::ZefPam::handleReadable() {
     TRACE(3, ": Error receiving packet");
     return;
   }
+  if (pkt->contiguous()) {
+    codec->receive(key(), pkt->data(), pkt->size());
+    return;
+  }
   const std::string frame = pkt->bytes();
   codec->receive(key(), reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
 }

@@ -47,6 +47,8 @@ class Pkt : public Zef::PtrInterface {
   uint8_t* data() noexcept { return iov_[firstIoVec_].data; }
   size_t size() const noexcept;
   size_t segmentSize(size_t index) const noexcept { return iov_[index].length; }
+  // Whether all the bytes lie in one piece from data() on.
+  bool contiguous() const noexcept { return size() == iov_[firstIoVec_].length; }
   // All the bytes in one piece, for whoever must read across the segments.
   std::string bytes() const;
   // A hexadecimal dump, for traces.
