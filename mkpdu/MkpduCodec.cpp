@@ -64,7 +64,7 @@ void MkpduCodec::handleMkaIntf(const Lanx::IntfId& intfId) {
   }
   pamDel(intfId);
   pamCollection()->pamDel(intfId);
-  replay_.erase(intfId);
+  interfaces_.erase(intfId);
 }
 
 void MkpduCodec::ZefPam::handleReadable() {
@@ -83,6 +83,14 @@ void MkpduCodec::ZefPam::handleReadable() {
   codec->receive(key(), reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
 }
 
+CodecInterface& MkpduCodec::interfaceOf(const Lanx::IntfId& intfId) {
+  CodecInterface& intf = interfaces_[intfId];
+  // The counters are made when the interface enters MKA operation, and never go.
+  if (!intf.rxCounter) intf.rxCounter = pamManager()->rxPamCounter(intfId);
+  if (!intf.txCounter) intf.txCounter = pamManager()->txPamCounter(intfId);
+  return intf;
+}
+
 std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const Zef::String& ckn) const {
   // A running actor holds its keys ready.
   if (const MessageReceiver* receiver = pamManager()->receivers().receiver(intfId, ckn)) {
@@ -98,7 +106,8 @@ std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const
 }
 
 DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, const uint8_t* frame, size_t length) {
-  const Zef::Ptr<MkaPamCounter> counter = pamManager()->rxPamCounter(intfId);
+  CodecInterface& intf = interfaceOf(intfId);
+  const Zef::Ptr<MkaPamCounter> counter = intf.rxCounter;
   DecodedMkpdu message;
   DecodeResult result = decodeMkpdu(
       frame, length, [&](const Zef::String& ckn) { return actorKeys(intfId, ckn); }, message);
@@ -110,8 +119,8 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, const uint8_t* fram
     return actor && (actor->livePeerHas(Zef::String(member)) || actor->potentialPeerHas(Zef::String(member)));
   };
   if (result == DecodeResult::accepted &&
-      !replay_[intfId].accept(message.baseInfo.ckn.view(), message.baseInfo.msgId.view(), message.baseInfo.msgNum,
-                              heldAsPeer)) {
+      !intf.replay.accept(message.baseInfo.ckn.view(), message.baseInfo.msgId.view(), message.baseInfo.msgNum,
+                          heldAsPeer)) {
     result = DecodeResult::replayed;
   }
   if (result != DecodeResult::accepted) {
@@ -134,7 +143,7 @@ void MkpduCodec::handleTransmit() {
   if (!initialized()) return;
   const Zef::Ptr<MkaMessageInfo const> tx = txMessage();
   const Lanx::IntfId intfId = tx->intfId();
-  const Zef::Ptr<MkaPamCounter> counter = pamManager()->txPamCounter(intfId);
+  const Zef::Ptr<MkaPamCounter> counter = interfaceOf(intfId).txCounter;
   const Zef::Ptr<Lanx::Pam> pam = pamCollection()->pam(intfId);
   const Zef::Ptr<MkaInfo const> info = tx->mkaInfo();
   const Zef::Ptr<MkaPortStatus const> port = Zef::Ptr<Status const>(status())->portStatus(intfId);
