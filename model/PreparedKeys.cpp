@@ -88,7 +88,8 @@ void PreparedKeys::prepareKek() {
 }
 
 KeyBytes PreparedKeys::wrapped(const StoredKey& key) {
-  if (!key.empty() && key == lastWrappedKey_) return lastWrapped_;
+  // The same stored form is the same key, unless it has been wiped since.
+  if (!key.empty() && !key.wiped() && key == lastWrappedKey_) return lastWrapped_;
   prepareKek();
   EVP_CIPHER_CTX* ctx = contexts_->wrap.get();
   KeyBytes result = key.withClear([&](const KeyBytes& clear) {

@@ -45,6 +45,9 @@ class StoredKey {
 
   // Zeroes the stored text in place, in every copy that shares it, without notifying anyone.
   void wipeStoredForm() const noexcept { stored_.zeroStringDataUnsafe(); }
+  // Whether the stored text was zeroed so: it opens to nothing. A stored form never starts with
+  // a zero.
+  bool wiped() const noexcept { return !stored_.empty() && stored_.charPtr()[0] == '\0'; }
 
   // The same stored form: what entity mutators compare to tell a change. Not key equality.
   bool operator==(const StoredKey&) const noexcept = default;

@@ -175,6 +175,9 @@ TEST(Crypto, PreparedKeysGiveTheRfcResultsOnEveryUse) {
   tampered.data()[5] ^= 1;
   EXPECT_TRUE(keys.unwrapped(tampered.data(), tampered.size()).empty());
   EXPECT_EQ(hexOf(keys.wrapped(short16)), "64e8c3f9ce0f5ba263e9777905818a2a93c8191e7d6e8ae7");
+  // A key wiped in place is not sent again from what was kept of it.
+  short16.wipeStoredForm();
+  EXPECT_TRUE(keys.wrapped(short16).empty());
 
   // Keys that do not open, or of a length the algorithms do not take, serve nothing.
   PreparedKeys none{StoredKey(), StoredKey()};
