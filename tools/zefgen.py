@@ -358,10 +358,10 @@ class Emitter:
         64. A reactor registers the bits of the attributes it reacts to, and a notification skips the
         reactors without its bit."""
         notifying = [x for x in t.attrs if x.kind not in ("ctor", "member")]
-        return f"0x{1 << (notifying.index(a) % 64):x}ull"
+        return 1 << (notifying.index(a) % 64)
 
     def notify(self, call, t, a):
-        return f"zefNotify<NotifieeConst>({self.topic_of(t, a)}, [&](NotifieeConst* zefN) {{ zefN->{call}; }});"
+        return f"zefNotify<NotifieeConst>(0x{self.topic_of(t, a):x}ull, [&](NotifieeConst* zefN) {{ zefN->{call}; }});"
 
     def entity(self, t):
         ns = t.namespace
@@ -617,7 +617,7 @@ class Emitter:
             interests = 0
             for r in a.reactions:
                 n_attr = self.notifier_attr(notifier_type, r.attr, r.line)
-                interests |= int(self.topic_of(notifier_type, n_attr)[:-3], 16)
+                interests |= self.topic_of(notifier_type, n_attr)
             hw(f"{pad}      : owner_(owner){', key_(key)' if key_type else ''} {{")
             hw(f"{pad}    zefInterestsIs(0x{interests:x}ull);")
             hw(f"{pad}    zefNotifierIs(Zef::Ptr<{notifier_spelling} const>(notifier));")
