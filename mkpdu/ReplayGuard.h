@@ -1,14 +1,14 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
-#include <cstring>
 #include <functional>
 #include <string>
 #include <string_view>
 #include <tuple>
 #include <unordered_map>
 #include <utility>
+
+#include "platform/InlineText.h"
 
 namespace Macsec {
 
@@ -47,26 +47,12 @@ class ReplayGuard {
     std::string_view member;
   };
   // The names are held in the table's own node when they fit, as those of MKPDUs do (a CKN of up
-  // to 32 octets and a member identifier of 12, as text), so that comparing them reads no memory
-  // beyond the node; longer ones go to the heap.
+  // to 32 octets and a member identifier of 12, as text).
   struct Member {
-    static constexpr size_t kInline = 88;
-    Member(std::string_view c, std::string_view m) : cknSize(c.size()), memberSize(m.size()) {
-      if (c.size() + m.size() > kInline) {
-        spill.assign(c).append(m);
-        return;
-      }
-      std::memcpy(text.data(), c.data(), c.size());
-      std::memcpy(text.data() + c.size(), m.data(), m.size());
-    }
-    operator MemberView() const noexcept {
-      const char* at = spill.empty() ? text.data() : spill.data();
-      return MemberView{std::string_view(at, cknSize), std::string_view(at + cknSize, memberSize)};
-    }
-    size_t cknSize;
-    size_t memberSize;
-    std::array<char, kInline> text;
-    std::string spill;
+    Member(std::string_view c, std::string_view m) : ckn(c), member(m) {}
+    operator MemberView() const noexcept { return MemberView{ckn.view(), member.view()}; }
+    Zef::InlineText<64> ckn;
+    Zef::InlineText<24> member;
   };
   struct MemberHash {
     using is_transparent = void;

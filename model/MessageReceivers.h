@@ -15,6 +15,7 @@
 
 #include "model/PreparedKeys.h"
 #include "model/Status.h"
+#include "platform/InlineText.h"
 #include "platform/IntfId.h"
 #include "platform/String.h"
 
@@ -80,17 +81,9 @@ class MessageReceivers {
     }
   };
   struct Entry {
-    static constexpr size_t kInline = 64;  // the longest CKN, 32 octets, as text
-    Entry(const Zef::String& name, MessageReceiver r) : size(name.size()), ckn(name), receiver(std::move(r)) {
-      if (size <= kInline) std::memcpy(text.data(), name.charPtr(), size);
-    }
-    bool names(const Zef::String& other) const noexcept {
-      if (other.size() != size) return false;
-      return size <= kInline ? std::memcmp(text.data(), other.charPtr(), size) == 0 : ckn == other;
-    }
-    size_t size;
-    std::array<char, kInline> text{};
-    Zef::String ckn;
+    Entry(const Zef::String& name, MessageReceiver r) : ckn(name.view()), receiver(std::move(r)) {}
+    bool names(const Zef::String& other) const noexcept { return ckn.view() == other.view(); }
+    Zef::InlineText<64> ckn;  // the longest CKN, 32 octets, as text, fits
     MessageReceiver receiver;
   };
   std::unordered_multimap<Key, Entry, KeyHash> receivers_;
