@@ -1,5 +1,6 @@
 #include "sim/Simulation.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -47,7 +48,7 @@ void Link::sendFrame(const Agent* from, const Lanx::IntfId& intf, const std::str
       const size_t bit = std::uniform_int_distribution<size_t>(0, carried.size() * 8 - 1)(sim_.random_);
       carried[bit / 8] = static_cast<char>(carried[bit / 8] ^ (1 << (bit % 8)));
     }
-    sim_.scheduleFrame(this, to.agent, to.intfId, carried, delay);
+    sim_.scheduleFrame(this, to.agent, to.intfId, std::move(carried), delay);
   });
 }
 
@@ -164,12 +165,12 @@ Zef::Ptr<Macsec::MkaActorStatus> Agent::actorStatus(const Lanx::IntfId& intf, co
 
 void Agent::transmitted(const Lanx::IntfId& intf, const Macsec::DecodedMkpdu& decoded) {
   ++sent_;
-  if (muted_) return;
+  // Over bytes, the codec sends the frame: the message is wanted only by a tap.
+  if (muted_ || (engine_.frames() && !sim_.tap_)) return;
   Message message;
   static_cast<Macsec::DecodedMkpdu&>(message) = decoded;
   message.intfId = intf;
   if (sim_.tap_) sim_.tap_(*this, message);
-  // Over bytes, the codec sends the frame.
   if (engine_.frames()) return;
   if (Link* link = sim_.linkOf(this, intf)) link->send(this, intf, message);
 }
@@ -269,10 +270,9 @@ void Simulation::schedule(Link* link, Agent* to, const Message& message, double 
   });
 }
 
-void Simulation::scheduleFrame(Link* link, Agent* to, const Lanx::IntfId& intf, const std::string& frame,
-                               double delay) {
+void Simulation::scheduleFrame(Link* link, Agent* to, const Lanx::IntfId& intf, std::string frame, double delay) {
   const uint64_t generation = link->generation_;
-  after(delay, [this, link, generation, to, intf, frame] {
+  after(delay, [this, link, generation, to, intf, frame = std::move(frame)] {
     if (link->cut_ || generation != link->generation_) {
       ++link->lost_;
       return;
@@ -284,12 +284,13 @@ void Simulation::scheduleFrame(Link* link, Agent* to, const Lanx::IntfId& intf, 
 }
 
 void Simulation::after(double delay, std::function<void()> action) {
-  events_.push(Event{now() + delay, ++sequence_, std::move(action)});
+  events_.push_back(Event{now() + delay, ++sequence_, std::move(action)});
+  std::push_heap(events_.begin(), events_.end(), Later());
 }
 
 double Simulation::nextEvent() const {
   double next = std::numeric_limits<double>::infinity();
-  if (!events_.empty()) next = events_.top().time;
+  if (!events_.empty()) next = events_.front().time;
   for (const auto& [name, agent] : agents_) next = std::min(next, agent->engine().nextDeadline());
   return next;
 }
@@ -300,9 +301,10 @@ void Simulation::runUntil(double t) {
     if (next > t) break;
     clock_.timeIs(next);
     // Events due now go first, one at a time, then the timers, one at a time.
-    if (!events_.empty() && events_.top().time <= now()) {
-      Event event = events_.top();
-      events_.pop();
+    if (!events_.empty() && events_.front().time <= now()) {
+      std::pop_heap(events_.begin(), events_.end(), Later());
+      Event event = std::move(events_.back());
+      events_.pop_back();
       event.action();
       if (observer_) observer_();
       continue;

@@ -11,7 +11,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <queue>
 #include <random>
 #include <string>
 #include <unordered_map>
@@ -203,7 +202,7 @@ class Simulation {
   };
   Link* linkOf(const Agent* agent, const Lanx::IntfId& intf) const;
   void schedule(Link* link, Agent* to, const Message& message, double delay);
-  void scheduleFrame(Link* link, Agent* to, const Lanx::IntfId& intf, const std::string& frame, double delay);
+  void scheduleFrame(Link* link, Agent* to, const Lanx::IntfId& intf, std::string frame, double delay);
   void capture(const std::string& frame);
   double nextEvent() const;
 
@@ -218,7 +217,8 @@ class Simulation {
   // interface's identifier, which is a small number.
   void endOfLinkIs(const Agent* agent, const Lanx::IntfId& intf, Link* link);
   std::unordered_map<const Agent*, std::vector<Link*>> linksByIntf_;
-  std::priority_queue<Event, std::vector<Event>, Later> events_;
+  // A heap ordered by Later, kept by hand so that the earliest event moves out rather than copies.
+  std::vector<Event> events_;
   uint64_t sequence_ = 0;
   uint64_t deliveries_ = 0;
   std::function<void()> observer_;
