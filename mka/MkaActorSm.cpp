@@ -75,7 +75,7 @@ void MkaActorSm::handleInitialized() {
         intfId(), ckn(),
         MessageReceiver{this, [this] { handleRxMessage(); },
                         pamManager()->preparedKeys().keysFor(ckn(), actorStatus()->ick(), actorStatus()->kek()),
-                        intfStatus()});
+                        intfStatus() ? std::optional(intfStatus()->cipherSuite()) : std::nullopt});
   }
 }
 

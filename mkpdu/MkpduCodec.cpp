@@ -94,7 +94,7 @@ CodecInterface& MkpduCodec::interfaceOf(const Lanx::IntfId& intfId) {
 std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const Zef::String& ckn) const {
   // A running actor holds its keys ready.
   if (const MessageReceiver* receiver = pamManager()->receivers().receiver(intfId, ckn)) {
-    if (receiver->intfStatus) return ActorKeys{receiver->keys, receiver->intfStatus->cipherSuite()};
+    if (receiver->cipherSuite) return ActorKeys{receiver->keys, *receiver->cipherSuite};
   }
   // A status without its actor (a device on its way down or up) has its stored keys opened for
   // this frame.

@@ -67,6 +67,13 @@ class HashMap2018 {
     return true;
   }
 
+  // The value of a key for a change in place, made with the type's default if the key is absent.
+  // The caller notifies, as a collection attribute would.
+  V& valueFor(const K& key) {
+    auto* node = table_.find(key);
+    return (node ? node : table_.insert(key, V()))->value_;
+  }
+
   // Removes a key. Returns true and fills *old (if given) if the key was present.
   bool erase(const K& key, V* old = nullptr) {
     auto node = table_.unlink(key);

@@ -124,7 +124,8 @@ class HashTable {
     }
   }
 
-  Node* first() const noexcept { return firstFromBucket(0); }
+  // An empty table does not read its buckets: walks of empty collections are frequent.
+  Node* first() const noexcept { return size_ == 0 ? nullptr : firstFromBucket(0); }
 
   // The node after n; only valid while the version has not moved since n was reached.
   Node* successor(const Node* n) const noexcept { return n->next ? n->next : firstFromBucket(bucketOf(n->order) + 1); }
