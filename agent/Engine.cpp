@@ -335,7 +335,7 @@ void Engine::confirmationSchedulerIs(ConfirmationScheduler scheduler) {
 void Engine::transmitted() {
   if (!messageTransmitter_) return;
   const Zef::Ptr<MkaMessageInfo>& tx = pamManager_->txMessageInfo();
-  messageTransmitter_(tx->intfId(), decodedMessageOf(*tx));
+  messageTransmitter_(tx->intfId(), *tx);
 }
 
 }  // namespace Macsec

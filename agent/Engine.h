@@ -66,7 +66,9 @@ struct InterfaceSettings {
 class Engine {
  public:
   using FrameTransmitter = std::function<void(const Lanx::IntfId& intf, const std::string& frame)>;
-  using MessageTransmitter = std::function<void(const Lanx::IntfId& intf, const DecodedMkpdu& message)>;
+  // The message as the actor built it; decodedMessageOf() gives it in decoded form, at a cost
+  // that a listener which only counts need not pay.
+  using MessageTransmitter = std::function<void(const Lanx::IntfId& intf, const MkaMessageInfo& message)>;
   // Runs one hardware confirmation, at once or later.
   using ConfirmationScheduler = std::function<void(std::function<void()> confirm)>;
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <limits>
 
+#include "mkpdu/HandOff.h"
 #include "platform/Log.h"
 
 namespace Sim {
@@ -63,7 +64,7 @@ void Link::send(const Agent* from, const Lanx::IntfId& intf, const Message& mess
 Agent::Agent(Simulation& sim, std::string name, uint64_t seed)
     : sim_(sim), engine_(Macsec::EngineOptions{std::move(name), sim.wire() == Wire::bytes, seed, true, seed | 1}) {
   engine_.messageTransmitterIs(
-      [this](const Lanx::IntfId& intf, const Macsec::DecodedMkpdu& message) { transmitted(intf, message); });
+      [this](const Lanx::IntfId& intf, const Macsec::MkaMessageInfo& message) { transmitted(intf, message); });
   engine_.frameTransmitterIs([this](const Lanx::IntfId& intf, const std::string& frame) {
     if (muted_) return;
     if (Link* link = sim_.linkOf(this, intf)) link->sendFrame(this, intf, frame);
@@ -163,12 +164,12 @@ Zef::Ptr<Macsec::MkaActorStatus> Agent::actorStatus(const Lanx::IntfId& intf, co
   return port ? port->actorStatus(ckn) : nullptr;
 }
 
-void Agent::transmitted(const Lanx::IntfId& intf, const Macsec::DecodedMkpdu& decoded) {
+void Agent::transmitted(const Lanx::IntfId& intf, const Macsec::MkaMessageInfo& sent) {
   ++sent_;
   // Over bytes, the codec sends the frame: the message is wanted only by a tap.
   if (muted_ || (engine_.frames() && !sim_.tap_)) return;
   Message message;
-  static_cast<Macsec::DecodedMkpdu&>(message) = decoded;
+  static_cast<Macsec::DecodedMkpdu&>(message) = Macsec::decodedMessageOf(sent);
   message.intfId = intf;
   if (sim_.tap_) sim_.tap_(*this, message);
   if (engine_.frames()) return;

@@ -150,7 +150,7 @@ class Agent {
   uint64_t sent() const noexcept { return sent_; }
 
  private:
-  void transmitted(const Lanx::IntfId& intf, const Macsec::DecodedMkpdu& message);
+  void transmitted(const Lanx::IntfId& intf, const Macsec::MkaMessageInfo& message);
 
   Simulation& sim_;
   Macsec::Engine engine_;

@@ -33,9 +33,9 @@ TEST(Engine, TwoEnginesCarryingEachOthersFramesSecureTheLinkAndNameThemselvesInT
     a.frameTransmitterIs([&](const Lanx::IntfId&, const std::string& frame) { wire.push_back({&b, frame}); });
     b.frameTransmitterIs([&](const Lanx::IntfId&, const std::string& frame) { wire.push_back({&a, frame}); });
     int sent = 0;
-    a.messageTransmitterIs([&](const Lanx::IntfId& intf, const DecodedMkpdu& message) {
+    a.messageTransmitterIs([&](const Lanx::IntfId& intf, const MkaMessageInfo& message) {
       EXPECT_EQ(intf, eth1);
-      EXPECT_EQ(message.baseInfo.ckn, "96437a93ccf10d9dfe347846cce52c7d");
+      EXPECT_EQ(decodedMessageOf(message).baseInfo.ckn, "96437a93ccf10d9dfe347846cce52c7d");
       ++sent;
     });
     for (auto [engine, last] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
