@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "model/PreparedKeys.h"
-#include "model/Status.h"
+#include "model/Values.h"
 #include "platform/InlineText.h"
 #include "platform/IntfId.h"
 #include "platform/String.h"
