@@ -216,12 +216,14 @@ void ControlledPortSm::handleKeyServerMessage(const Zef::String& peer) {
   // one): it gives way, as it would to the next key. The key server's first MKPDU with a new key
   // may go out before its own slots have it, so only a later MKPDU's set counts.
   const SakUseInfo& use = sender->sakUseInfo();
-  const SakContext latest = cpStatus()->latestSakContext();
   if (previous == 0 || latestSince() >= previous || use == SakUseInfo()) return;
+  // Read in place: this runs for every MKPDU of the key server, and mostly ends here.
+  const SakContext& latest = cpStatus()->latestSakContext();
   if (latest == SakContext() || latest.txEnabled || latest.sak.mi != peer) return;
   if (sakMatch(use.latestKey, latest.sak) || sakMatch(use.oldKey, latest.sak)) return;
   TRACE(3, ": The key server does not have the latest key " << latest.sak.mi << ":" << latest.sak.keyNum << forActor());
-  keepReceiving(latest);
+  // A copy: giving way changes the slot it is read from.
+  keepReceiving(SakContext(latest));
 }
 
 void ControlledPortSm::handleLivePeer() {

@@ -584,10 +584,12 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
     info->sakDistInfoIs(SakDistInfo());
   }
 
-  // What the hardware has confirmed, not what was asked of it.
-  const SakContext latest = cpStatus() ? cpStatus()->latestSakContext() : SakContext();
-  const SakContext old = cpStatus() ? cpStatus()->oldSakContext() : SakContext();
-  if ((latest == SakContext() && old == SakContext()) || actorStatus()->livePeerSize() == 0) {
+  // What the hardware has confirmed, not what was asked of it; read in place.
+  const Zef::Ptr<CpStatus const> cp = cpStatus();
+  const SakContext none;
+  const SakContext& latest = cp ? cp->latestSakContext() : none;
+  const SakContext& old = cp ? cp->oldSakContext() : none;
+  if ((latest == none && old == none) || actorStatus()->livePeerSize() == 0) {
     info->sakUseInfoIs(SakUseInfo());
   } else {
     info->sakUseInfoIs(SakUseInfo{keyInfoOf(latest), keyInfoOf(old), false, false, status()->delayProtection()});
