@@ -5,19 +5,10 @@
 #include <cstring>
 #include <new>
 #include <ostream>
-#include <utility>
 
 #include "platform/PtrInterface.h"
 
 namespace Zef {
-
-namespace detail {
-struct StringRep {
-  uint32_t refs;
-  uint32_t size;
-  char data[1];
-};
-}  // namespace detail
 
 namespace {
 
@@ -38,22 +29,6 @@ Rep* allocateRep(size_t length) {
   return rep;
 }
 
-void addRef(Rep* rep) noexcept {
-  if (rep == nullptr) return;
-  if (VFPtrInterface::threadSafePointers_) {
-    std::atomic_ref<uint32_t>(rep->refs).fetch_add(1, std::memory_order_relaxed);
-  } else {
-    ++rep->refs;
-  }
-}
-
-bool dropRef(Rep* rep) noexcept {
-  if (VFPtrInterface::threadSafePointers_) {
-    return std::atomic_ref<uint32_t>(rep->refs).fetch_sub(1, std::memory_order_acq_rel) == 1;
-  }
-  return --rep->refs == 0;
-}
-
 }  // namespace
 
 String::String(const char* text) : String(text, text ? std::strlen(text) : 0) {}
@@ -64,43 +39,12 @@ String::String(const char* data, size_t length) {
   std::memcpy(rep_->data, data, length);
 }
 
-String::String(const String& other) noexcept : rep_(other.rep_) { addRef(rep_); }
-
-String::String(String&& other) noexcept : rep_(std::exchange(other.rep_, nullptr)) {}
-
-String::~String() { release(); }
-
-String& String::operator=(const String& other) noexcept {
-  if (rep_ != other.rep_) {
-    addRef(other.rep_);
-    release();
-    rep_ = other.rep_;
-  }
-  return *this;
-}
-
-String& String::operator=(String&& other) noexcept {
-  if (this != &other) {
-    release();
-    rep_ = std::exchange(other.rep_, nullptr);
-  }
-  return *this;
-}
-
-void String::release() noexcept {
-  Rep* rep = std::exchange(rep_, nullptr);
-  if (rep == nullptr || !dropRef(rep)) return;
+void String::destroy(Rep* rep) noexcept {
   wipe(rep->data, rep->size);
   std::free(rep);
 }
 
-const char* String::charPtr() const noexcept { return rep_ ? rep_->data : ""; }
-
-size_t String::size() const noexcept { return rep_ ? rep_->size : 0; }
-
 uint32_t String::hash() const noexcept { return hashBytes(charPtr(), size()); }
-
-bool String::operator==(const String& other) const noexcept { return rep_ == other.rep_ || view() == other.view(); }
 
 std::strong_ordering String::operator<=>(const String& other) const noexcept {
   const int c = view().compare(other.view());
@@ -129,13 +73,19 @@ void String::zeroStringDataUnsafe() const noexcept {
 std::ostream& operator<<(std::ostream& out, const String& s) { return out << s.view(); }
 
 uint32_t hashBytes(const void* data, size_t length) noexcept {
-  // FNV-1a over the bytes, then mixed so that the top bits depend on every byte.
-  uint64_t h = 0xcbf29ce484222325ull;
+  // Eight octets at a time (identifiers and CKNs are 24 to 64 characters long), each word
+  // multiplied in, then mixed so that the top bits depend on every octet.
+  uint64_t h = 0xcbf29ce484222325ull ^ length;
   const auto* p = static_cast<const unsigned char*>(data);
-  for (size_t i = 0; i < length; ++i) {
-    h ^= p[i];
-    h *= 0x100000001b3ull;
+  for (; length >= 8; p += 8, length -= 8) {
+    uint64_t word;
+    std::memcpy(&word, p, 8);
+    h = (h ^ word) * 0x9e3779b97f4a7c15ull;
+    h ^= h >> 29;
   }
+  uint64_t tail = 0;
+  std::memcpy(&tail, p, length);
+  h = (h ^ tail) * 0x9e3779b97f4a7c15ull;
   return hashMix(h);
 }
 

@@ -7,11 +7,18 @@
 #include <string>
 #include <string_view>
 
+#include "platform/PtrInterface.h"
+
 namespace Zef {
 
 namespace detail {
-struct StringRep;
-}
+// The shared buffer: a count, the length, and the bytes with a NUL after them.
+struct StringRep {
+  uint32_t refs;
+  uint32_t size;
+  char data[1];
+};
+}  // namespace detail
 
 // An immutable, shared, counted byte string. Copies share one buffer; the buffer is wiped when
 // the last copy goes, so key text held in a String leaves nothing behind in freed memory.
@@ -22,24 +29,39 @@ class String {
   String(const char* data, size_t length);
   String(std::string_view text) : String(text.data(), text.size()) {}
   String(const std::string& text) : String(text.data(), text.size()) {}
-  String(const String& other) noexcept;
-  String(String&& other) noexcept;
-  ~String();
+  // Copies, compares and reads are inline: strings are copied and compared on every MKPDU.
+  String(const String& other) noexcept : rep_(other.rep_) { addRef(rep_); }
+  String(String&& other) noexcept : rep_(other.rep_) { other.rep_ = nullptr; }
+  ~String() { release(); }
 
-  String& operator=(const String& other) noexcept;
-  String& operator=(String&& other) noexcept;
+  String& operator=(const String& other) noexcept {
+    if (rep_ != other.rep_) {
+      addRef(other.rep_);
+      release();
+      rep_ = other.rep_;
+    }
+    return *this;
+  }
+  String& operator=(String&& other) noexcept {
+    if (this != &other) {
+      release();
+      rep_ = other.rep_;
+      other.rep_ = nullptr;
+    }
+    return *this;
+  }
 
   // Never null; the bytes are followed by a NUL so that C interfaces can take them.
-  const char* charPtr() const noexcept;
+  const char* charPtr() const noexcept { return rep_ ? rep_->data : ""; }
   const char* begin() const noexcept { return charPtr(); }
   const char* end() const noexcept { return charPtr() + size(); }
-  size_t size() const noexcept;
+  size_t size() const noexcept { return rep_ ? rep_->size : 0; }
   bool empty() const noexcept { return size() == 0; }
   std::string_view view() const noexcept { return {charPtr(), size()}; }
   std::string stdString() const { return std::string(view()); }
   uint32_t hash() const noexcept;
 
-  bool operator==(const String& other) const noexcept;
+  bool operator==(const String& other) const noexcept { return rep_ == other.rep_ || view() == other.view(); }
   bool operator==(const char* other) const noexcept { return view() == std::string_view(other); }
   std::strong_ordering operator<=>(const String& other) const noexcept;
 
@@ -51,7 +73,27 @@ class String {
   void zeroStringDataUnsafe() const noexcept;
 
  private:
-  void release() noexcept;
+  static void addRef(detail::StringRep* rep) noexcept {
+    if (rep == nullptr) return;
+    if (VFPtrInterface::threadSafePointers_) {
+      std::atomic_ref<uint32_t>(rep->refs).fetch_add(1, std::memory_order_relaxed);
+    } else {
+      ++rep->refs;
+    }
+  }
+  void release() noexcept {
+    detail::StringRep* rep = rep_;
+    rep_ = nullptr;
+    if (rep == nullptr) return;
+    if (VFPtrInterface::threadSafePointers_) {
+      if (std::atomic_ref<uint32_t>(rep->refs).fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    } else if (--rep->refs != 0) {
+      return;
+    }
+    destroy(rep);
+  }
+  // Wipes and frees the buffer of the last copy.
+  static void destroy(detail::StringRep* rep) noexcept;
   detail::StringRep* rep_ = nullptr;
 };
 
