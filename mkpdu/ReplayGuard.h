@@ -4,9 +4,8 @@
 #include <functional>
 #include <string>
 #include <string_view>
-#include <tuple>
-#include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "platform/InlineText.h"
 
@@ -27,61 +26,50 @@ class ReplayGuard {
   // Whether a message may be accepted; remembers its number if it is.
   bool accept(std::string_view ckn, std::string_view member, uint32_t number, const Held& held = {}) {
     ++clock_;
-    auto it = last_.find(MemberView{ckn, member});
-    if (it != last_.end()) {
-      if (number <= it->second.number) return false;
-      it->second.number = number;
-      it->second.heard = clock_;
+    if (Entry* entry = find(ckn, member)) {
+      if (number <= entry->number) return false;
+      entry->number = number;
+      entry->heard = clock_;
       return true;
     }
-    if (last_.size() >= capacity_) forgetOldest(held);
-    last_.emplace(std::piecewise_construct, std::forward_as_tuple(ckn, member), std::forward_as_tuple(number, clock_));
+    if (entries_.size() >= capacity_) forgetOldest(held);
+    entries_.emplace_back(ckn, member, number, clock_);
     return true;
   }
-  size_t size() const noexcept { return last_.size(); }
+  size_t size() const noexcept { return entries_.size(); }
 
  private:
-  // A member is found by views of its names, so that a message already heard costs no copies.
-  struct MemberView {
-    std::string_view ckn;
-    std::string_view member;
-  };
-  // The names are held in the table's own node when they fit, as those of MKPDUs do (a CKN of up
-  // to 32 octets and a member identifier of 12, as text).
-  struct Member {
-    Member(std::string_view c, std::string_view m) : ckn(c), member(m) {}
-    operator MemberView() const noexcept { return MemberView{ckn.view(), member.view()}; }
-    Zef::InlineText<64> ckn;
-    Zef::InlineText<24> member;
-  };
-  struct MemberHash {
-    using is_transparent = void;
-    size_t operator()(MemberView m) const noexcept {
-      return std::hash<std::string_view>()(m.ckn) * 31 + std::hash<std::string_view>()(m.member);
-    }
-  };
-  struct MemberEqual {
-    using is_transparent = void;
-    bool operator()(MemberView a, MemberView b) const noexcept { return a.ckn == b.ckn && a.member == b.member; }
-  };
+  // An interface hears a handful of members, so a short array searched by member identifier, the
+  // name that differs, costs less than a hash table: one block of memory, and no hashing of names.
+  // The names are held in the entry itself when they fit, as those of MKPDUs do (a member
+  // identifier of 12 octets and a CKN of up to 32, as text).
   struct Entry {
-    Entry(uint32_t n, uint64_t h) : number(n), heard(h) {}
+    Entry(std::string_view c, std::string_view m, uint32_t n, uint64_t h) : member(m), ckn(c), number(n), heard(h) {}
+    Zef::InlineText<24> member;
+    Zef::InlineText<64> ckn;
     uint32_t number;
     uint64_t heard;
   };
-  void forgetOldest(const Held& held) {
-    auto oldest = last_.end();
-    for (auto it = last_.begin(); it != last_.end(); ++it) {
-      const MemberView names = it->first;
-      if (held && held(names.ckn, names.member)) continue;
-      if (oldest == last_.end() || it->second.heard < oldest->second.heard) oldest = it;
+  Entry* find(std::string_view ckn, std::string_view member) {
+    for (Entry& entry : entries_) {
+      if (entry.member.view() == member && entry.ckn.view() == ckn) return &entry;
     }
-    if (oldest != last_.end()) last_.erase(oldest);
+    return nullptr;
+  }
+  void forgetOldest(const Held& held) {
+    auto oldest = entries_.end();
+    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+      if (held && held(it->ckn.view(), it->member.view())) continue;
+      if (oldest == entries_.end() || it->heard < oldest->heard) oldest = it;
+    }
+    if (oldest == entries_.end()) return;
+    if (oldest != entries_.end() - 1) *oldest = std::move(entries_.back());
+    entries_.pop_back();
   }
 
   size_t capacity_;
   uint64_t clock_ = 0;
-  std::unordered_map<Member, Entry, MemberHash, MemberEqual> last_;
+  std::vector<Entry> entries_;
 };
 
 }  // namespace Macsec
