@@ -3,9 +3,12 @@
 namespace Lanx {
 
 Zef::Ptr<Pkt> Pam::rxPkt() {
-  if (queue_.empty()) return nullptr;
-  Zef::Ptr<Pkt> pkt = std::move(queue_.front());
-  queue_.pop_front();
+  if (queueHead_ == queue_.size()) return nullptr;
+  Zef::Ptr<Pkt> pkt = std::move(queue_[queueHead_++]);
+  if (queueHead_ == queue_.size()) {
+    queue_.clear();
+    queueHead_ = 0;
+  }
   return pkt;
 }
 

@@ -42,12 +42,21 @@ TEST(EthDevPamManager, KeepsAnAccessPointForEachWantedInterfaceWhileEnabled) {
   EXPECT_FALSE(pams->pam(eth2));
   EXPECT_EQ(attached, (std::vector<std::string>{"eth1", "eth2"}));
 
-  // Reading: a packet joins the queue and is announced; an empty queue reads null.
+  // Reading: packets join the queue and are announced, and come out in order, also when one joins
+  // while others wait; an empty queue reads null.
   Zef::Ptr<Lanx::Pam> pam = pams->pam(eth1);
   EXPECT_FALSE(pam->rxPkt());
-  pam->rxPktIs(Lanx::globalPktManager().newPkt());
-  EXPECT_EQ(pam->readableCount(), 1u);
-  EXPECT_TRUE(pam->rxPkt());
+  const Zef::Ptr<Lanx::Pkt> first = Lanx::globalPktManager().newPkt();
+  const Zef::Ptr<Lanx::Pkt> second = Lanx::globalPktManager().newPkt();
+  const Zef::Ptr<Lanx::Pkt> third = Lanx::globalPktManager().newPkt();
+  pam->rxPktIs(first);
+  pam->rxPktIs(second);
+  EXPECT_EQ(pam->readableCount(), 2u);
+  EXPECT_EQ(pam->rxPkt(), first);
+  pam->rxPktIs(third);
+  EXPECT_EQ(pam->rxPkt(), second);
+  EXPECT_EQ(pam->rxPkt(), third);
+  EXPECT_FALSE(pam->rxPkt());
   pam->txPkt(Lanx::globalPktManager().newPkt());  // no transport attached: dropped and counted
   EXPECT_EQ(pam->txDrops(), 1u);
 
