@@ -272,20 +272,26 @@ void Simulation::schedule(Link* link, Agent* to, const Message& message, double 
 }
 
 void Simulation::scheduleFrame(Link* link, Agent* to, const Lanx::IntfId& intf, std::string frame, double delay) {
-  const uint64_t generation = link->generation_;
-  after(delay, [this, link, generation, to, intf, frame = std::move(frame)] {
-    if (link->cut_ || generation != link->generation_) {
-      ++link->lost_;
-      return;
-    }
-    ++link->carried_;
-    ++deliveries_;
-    to->deliverFrame(intf, frame);
-  });
+  eventIs(Event{now() + delay, ++sequence_, nullptr, Frame{link, link->generation_, to, intf, std::move(frame)}});
+}
+
+void Simulation::deliver(Frame& frame) {
+  Link* link = frame.link;
+  if (link->cut_ || frame.generation != link->generation_) {
+    ++link->lost_;
+    return;
+  }
+  ++link->carried_;
+  ++deliveries_;
+  frame.to->deliverFrame(frame.intf, frame.bytes);
 }
 
 void Simulation::after(double delay, std::function<void()> action) {
-  events_.push_back(Event{now() + delay, ++sequence_, std::move(action)});
+  eventIs(Event{now() + delay, ++sequence_, std::move(action), Frame{}});
+}
+
+void Simulation::eventIs(Event event) {
+  events_.push_back(std::move(event));
   std::push_heap(events_.begin(), events_.end(), Later());
 }
 
@@ -306,7 +312,11 @@ void Simulation::runUntil(double t) {
       std::pop_heap(events_.begin(), events_.end(), Later());
       Event event = std::move(events_.back());
       events_.pop_back();
-      event.action();
+      if (event.action) {
+        event.action();
+      } else {
+        deliver(event.frame);
+      }
       if (observer_) observer_();
       continue;
     }

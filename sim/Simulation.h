@@ -190,10 +190,20 @@ class Simulation {
  private:
   friend class Link;
   friend class Agent;
+  // A frame on a link, held in its event rather than in a function: there is one per MKPDU.
+  struct Frame {
+    Link* link = nullptr;
+    uint64_t generation = 0;
+    Agent* to = nullptr;
+    Lanx::IntfId intf;
+    std::string bytes;
+  };
+  // Runs its action or, without one, delivers its frame.
   struct Event {
     double time;
     uint64_t sequence;
     std::function<void()> action;
+    Frame frame;
   };
   struct Later {
     bool operator()(const Event& a, const Event& b) const {
@@ -205,6 +215,8 @@ class Simulation {
   void scheduleFrame(Link* link, Agent* to, const Lanx::IntfId& intf, std::string frame, double delay);
   void capture(const std::string& frame);
   double nextEvent() const;
+  void eventIs(Event event);
+  void deliver(Frame& frame);
 
   Wire wire_;
   Zef::System::VirtualClock clock_;
