@@ -68,7 +68,7 @@ class MessageReceivers {
   struct KeyHash {
     using is_transparent = void;
     size_t operator()(const KeyView& key) const noexcept {
-      return key.intfId.hash() ^ std::hash<std::string_view>()(key.ckn) * 0x9e3779b97f4a7c15ull;
+      return Zef::hashMix(key.intfId.hash() ^ (uint64_t{Zef::hashBytes(key.ckn.data(), key.ckn.size())} << 32));
     }
   };
   struct KeyEqual {
