@@ -30,7 +30,7 @@ Daemon::Daemon(EventLoop& loop, DaemonOptions options)
       kernel_->linkNameOfIs([this](const Lanx::IntfId& intf) { return macsecName(intf.stringValue()); });
     });
   }
-  engine_->frameTransmitterIs([this](const Lanx::IntfId& intf, const std::string& frame) { transmit(intf, frame); });
+  engine_->frameTransmitterIs([this](const Lanx::IntfId& intf, std::string_view frame) { transmit(intf, frame); });
   engine_->as([&] { applyConfigFile(config_, *engine_->config()); });
   linkWatcher_ =
       std::make_unique<LinkWatcher>([this](const LinkState& link) { linkChanged(link); },
@@ -179,7 +179,7 @@ void Daemon::portsFollowConfig() {
   }
 }
 
-void Daemon::transmit(const Lanx::IntfId& intf, const std::string& frame) {
+void Daemon::transmit(const Lanx::IntfId& intf, std::string_view frame) {
   const auto it = ports_.find(intf.stringValue());
   if (it != ports_.end()) it->second.eapol->send(frame);
 }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <nlohmann/json.hpp>
 
@@ -64,7 +65,7 @@ class Daemon {
   void portDel(const std::string& name);
   // Brings the ports in line with the configured interfaces, after the configuration changed.
   void portsFollowConfig();
-  void transmit(const Lanx::IntfId& intf, const std::string& frame);
+  void transmit(const Lanx::IntfId& intf, std::string_view frame);
   void runDueTimers();
   nlohmann::json show() const;
   nlohmann::json counters() const;

@@ -71,7 +71,7 @@ void EapolSocket::readable(const std::function<void(const uint8_t* frame, size_t
   }
 }
 
-bool EapolSocket::send(const std::string& frame) {
+bool EapolSocket::send(std::string_view frame) {
   return ::send(fd_, frame.data(), frame.size(), MSG_DONTWAIT) == static_cast<ssize_t>(frame.size());
 }
 

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace Macsec {
 
@@ -27,7 +28,7 @@ class EapolSocket {
   // Reads every frame that is waiting and hands each on, Ethernet header included.
   void readable(const std::function<void(const uint8_t* frame, size_t length)>& received);
   // Sends a whole Ethernet frame; false if the kernel refused it.
-  bool send(const std::string& frame);
+  bool send(std::string_view frame);
 
  private:
   EapolSocket(int fd, int ifindex) : fd_(fd), ifindex_(ifindex) {}

@@ -197,7 +197,12 @@ void Engine::openAccessPoint(const Lanx::IntfId& intf) {
   // The codec opens an access point for the interface; what it sends there leaves the engine.
   pamManager_->mkaIntfIs(intf);
   pams_->pam(intf)->transmitterIs([this, intf](const Zef::Ptr<Lanx::Pkt>& pkt) {
-    if (frameTransmitter_) frameTransmitter_(intf, pkt->bytes());
+    if (!frameTransmitter_) return;
+    if (pkt->contiguous()) {
+      frameTransmitter_(intf, std::string_view(reinterpret_cast<const char*>(pkt->data()), pkt->size()));
+      return;
+    }
+    frameTransmitter_(intf, pkt->bytes());
   });
 }
 

@@ -20,6 +20,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "config/MacsecConfigMergeSm.h"
@@ -65,7 +66,7 @@ struct InterfaceSettings {
 
 class Engine {
  public:
-  using FrameTransmitter = std::function<void(const Lanx::IntfId& intf, const std::string& frame)>;
+  using FrameTransmitter = std::function<void(const Lanx::IntfId& intf, std::string_view frame)>;
   // The message as the actor built it; decodedMessageOf() gives it in decoded form, at a cost
   // that a listener which only counts need not pay.
   using MessageTransmitter = std::function<void(const Lanx::IntfId& intf, const MkaMessageInfo& message)>;

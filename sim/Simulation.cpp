@@ -40,10 +40,10 @@ void Link::carry(const Agent* from, const Lanx::IntfId& intf, Schedule&& schedul
   }
 }
 
-void Link::sendFrame(const Agent* from, const Lanx::IntfId& intf, const std::string& frame) {
+void Link::sendFrame(const Agent* from, const Lanx::IntfId& intf, std::string_view frame) {
   sim_.capture(frame);
   carry(from, intf, [&](const End& to, double delay) {
-    std::string carried = frame;
+    std::string carried(frame);
     std::uniform_real_distribution<double> draw(0.0, 1.0);
     if (corruption_ > 0 && draw(sim_.random_) < corruption_ && !carried.empty()) {
       const size_t bit = std::uniform_int_distribution<size_t>(0, carried.size() * 8 - 1)(sim_.random_);
@@ -65,7 +65,7 @@ Agent::Agent(Simulation& sim, std::string name, uint64_t seed)
     : sim_(sim), engine_(Macsec::EngineOptions{std::move(name), sim.wire() == Wire::bytes, seed, true, seed | 1}) {
   engine_.messageTransmitterIs(
       [this](const Lanx::IntfId& intf, const Macsec::MkaMessageInfo& message) { transmitted(intf, message); });
-  engine_.frameTransmitterIs([this](const Lanx::IntfId& intf, const std::string& frame) {
+  engine_.frameTransmitterIs([this](const Lanx::IntfId& intf, std::string_view frame) {
     if (muted_) return;
     if (Link* link = sim_.linkOf(this, intf)) link->sendFrame(this, intf, frame);
   });
@@ -215,7 +215,7 @@ bool Simulation::pcapIs(const std::string& path) {
   return true;
 }
 
-void Simulation::capture(const std::string& frame) {
+void Simulation::capture(std::string_view frame) {
   if (!pcap_) return;
   const double utc = clock_.utcTime();
   const uint32_t seconds = static_cast<uint32_t>(utc);

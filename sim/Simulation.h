@@ -13,6 +13,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -80,7 +81,7 @@ class Link {
 
   // Puts a message (or a frame) sent at one end on its way to the others.
   void send(const Agent* from, const Lanx::IntfId& intf, const Message& message);
-  void sendFrame(const Agent* from, const Lanx::IntfId& intf, const std::string& frame);
+  void sendFrame(const Agent* from, const Lanx::IntfId& intf, std::string_view frame);
 
  private:
   friend class Simulation;
@@ -213,7 +214,7 @@ class Simulation {
   Link* linkOf(const Agent* agent, const Lanx::IntfId& intf) const;
   void schedule(Link* link, Agent* to, const Message& message, double delay);
   void scheduleFrame(Link* link, Agent* to, const Lanx::IntfId& intf, std::string frame, double delay);
-  void capture(const std::string& frame);
+  void capture(std::string_view frame);
   double nextEvent() const;
   void eventIs(Event event);
   void deliver(Frame& frame);

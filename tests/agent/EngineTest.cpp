@@ -30,8 +30,12 @@ TEST(Engine, TwoEnginesCarryingEachOthersFramesSecureTheLinkAndNameThemselvesInT
       std::string frame;
     };
     std::deque<InFlight> wire;
-    a.frameTransmitterIs([&](const Lanx::IntfId&, const std::string& frame) { wire.push_back({&b, frame}); });
-    b.frameTransmitterIs([&](const Lanx::IntfId&, const std::string& frame) { wire.push_back({&a, frame}); });
+    a.frameTransmitterIs([&](const Lanx::IntfId&, std::string_view frame) {
+      wire.push_back({&b, std::string(frame)});
+    });
+    b.frameTransmitterIs([&](const Lanx::IntfId&, std::string_view frame) {
+      wire.push_back({&a, std::string(frame)});
+    });
     int sent = 0;
     a.messageTransmitterIs([&](const Lanx::IntfId& intf, const MkaMessageInfo& message) {
       EXPECT_EQ(intf, eth1);
