@@ -84,7 +84,7 @@ void MkpduCodec::ZefPam::handleReadable() {
 }
 
 CodecInterface& MkpduCodec::interfaceOf(const Lanx::IntfId& intfId) {
-  CodecInterface& intf = interfaces_[intfId];
+  CodecInterface& intf = interfaces_.valueFor(intfId);
   // The counters are made when the interface enters MKA operation, and never go.
   if (!intf.rxCounter) intf.rxCounter = pamManager()->rxPamCounter(intfId);
   if (!intf.txCounter) intf.txCounter = pamManager()->txPamCounter(intfId);
