@@ -1,5 +1,7 @@
 #include "platform/PacketAccess.h"
 
+#include <cstddef>
+
 namespace Lanx {
 
 Zef::Ptr<Pkt> Pam::rxPkt() {
@@ -7,6 +9,10 @@ Zef::Ptr<Pkt> Pam::rxPkt() {
   Zef::Ptr<Pkt> pkt = std::move(queue_[queueHead_++]);
   if (queueHead_ == queue_.size()) {
     queue_.clear();
+    queueHead_ = 0;
+  } else if (queueHead_ >= 64 && queueHead_ * 2 >= queue_.size()) {
+    // A queue that is never read empty drops what it has read once that is half of it.
+    queue_.erase(queue_.begin(), queue_.begin() + static_cast<std::ptrdiff_t>(queueHead_));
     queueHead_ = 0;
   }
   return pkt;
