@@ -5,7 +5,6 @@
 #include <sstream>
 
 #include "model/CloakLib.h"
-#include "model/MacsecInternalTypes.h"
 #include "model/Status.h"
 #include "platform/Exception.h"
 #include "platform/NetInt.h"
@@ -142,21 +141,6 @@ TEST(Entities, CollectionsReturnTheExistingMemberWhateverTheArguments) {
   Sak copy = actor->distSak();
   actor->zeroDistSakKeyForced();
   for (char c : copy.key.storedText()) EXPECT_EQ(c, '\0');  // every copy of the key is wiped
-}
-
-TEST(Entities, ThePamManagerHasBothMessageObjectsForItsWholeLife) {
-  Zef::Ptr<MkaPamManager> manager = MkaPamManager::MkaPamManagerIs(nullptr);
-  Zef::Ptr<MkaMessageInfo> rx = manager->rxMessageInfo();
-  ASSERT_TRUE(rx);
-  ASSERT_TRUE(manager->txMessageInfo());
-  EXPECT_NE(rx, manager->txMessageInfo());
-  EXPECT_EQ(manager->rxMessageInfoIs(), rx);
-  EXPECT_FALSE(manager->hasBackupSupport());
-  Zef::Ptr<MkaPamCounter> counter = manager->rxPamCounterIs(Lanx::IntfId("eth1"));
-  EXPECT_EQ(manager->rxPamCounterIs(Lanx::IntfId("eth1")), counter);
-  counter->failureInc(1);
-  EXPECT_EQ(counter->failure(), 1u);
-  EXPECT_FALSE(manager->mkaIntfDel(Lanx::IntfId("eth9")));
 }
 
 }  // namespace
