@@ -2,13 +2,16 @@
 
 #include "mkpdu/ReplayGuard.h"
 #include "model/MacsecInternalTypes.h"
+#include "platform/PacketAccess.h"
 
 namespace Macsec {
 
-// What the codec keeps for one interface: the member numbers it has accepted and the interface's
-// frame counters, found together by one lookup per frame.
+// What the codec keeps for one interface: the member numbers it has accepted, the interface's
+// frame counters and, while the interface is in MKA operation, its access point, found together
+// by one lookup per frame.
 struct CodecInterface {
   ReplayGuard replay;
+  Zef::Ptr<Lanx::Pam> pam;
   Zef::Ptr<MkaPamCounter> rxCounter;
   Zef::Ptr<MkaPamCounter> txCounter;
 };

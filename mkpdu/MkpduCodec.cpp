@@ -57,9 +57,11 @@ void MkpduCodec::handleMkaIntf(const Lanx::IntfId& intfId) {
   TRACE(8, ": intf " << intfId);
   if (pamManager()->mkaIntfHas(intfId)) {
     // An access point for the interface, watched for frames, and its counters.
-    pamIs(intfId, pamCollection()->pamIs(intfId));
+    const Zef::Ptr<Lanx::Pam> pam = pamCollection()->pamIs(intfId);
+    pamIs(intfId, pam);
     pamManager()->rxPamCounterIs(intfId);
     pamManager()->txPamCounterIs(intfId);
+    interfaceOf(intfId).pam = pam;
     return;
   }
   pamDel(intfId);
@@ -143,8 +145,9 @@ void MkpduCodec::handleTransmit() {
   if (!initialized()) return;
   const Zef::Ptr<MkaMessageInfo const> tx = txMessage();
   const Lanx::IntfId intfId = tx->intfId();
-  const Zef::Ptr<MkaPamCounter> counter = interfaceOf(intfId).txCounter;
-  const Zef::Ptr<Lanx::Pam> pam = pamCollection()->pam(intfId);
+  const CodecInterface& intf = interfaceOf(intfId);
+  const Zef::Ptr<MkaPamCounter> counter = intf.txCounter;
+  const Zef::Ptr<Lanx::Pam> pam = intf.pam;
   const Zef::Ptr<MkaInfo const> info = tx->mkaInfo();
   const Zef::Ptr<MkaPortStatus const> port = Zef::Ptr<Status const>(status())->portStatus(intfId);
   const std::optional<ActorKeys> keys = info ? actorKeys(intfId, info->baseInfo().ckn) : std::nullopt;
@@ -156,7 +159,7 @@ void MkpduCodec::handleTransmit() {
     count(intfId, &Memtab::MessageCounterData::outErrors);
     return;
   }
-  const Zef::Ptr<Lanx::Pkt> pkt = Lanx::globalPktManager().newPkt();
+  const Zef::Ptr<Lanx::Pkt> pkt = Lanx::globalPktManager().newPkt(frame.size());
   std::memcpy(pkt->newHeadData(frame.size()), frame.data(), frame.size());
   pam->txPkt(pkt);
   if (counter) counter->successInc(1);
