@@ -276,7 +276,8 @@ void Engine::defaultKeyIs(const Lanx::IntfId& intf, const Cak& key) {
 namespace {
 
 Zef::Ptr<Lanx::Pkt> packetOf(const uint8_t* frame, size_t length) {
-  const Zef::Ptr<Lanx::Pkt> pkt = Lanx::globalPktManager().newPkt();
+  // Room for the frame and no more: one buffer, filled once.
+  const Zef::Ptr<Lanx::Pkt> pkt = Lanx::globalPktManager().newPkt(length);
   if (length > 0) std::memcpy(pkt->newHeadData(length), frame, length);
   return pkt;
 }
