@@ -9,8 +9,8 @@
 #include <memory>
 #include <optional>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "model/PreparedKeys.h"
 #include "model/Values.h"
@@ -35,49 +35,94 @@ class MessageReceivers {
  public:
   // Makes `receiver` the one of a CKN on an interface, in place of any before it.
   void receiverIs(const Lanx::IntfId& intfId, const Zef::String& ckn, MessageReceiver receiver) {
-    if (const auto it = receivers_.find(KeyView{intfId, ckn.view()}); it != receivers_.end()) {
-      it->second = std::move(receiver);
+    const uint64_t hash = hashOf(intfId, ckn.view());
+    if (Entry* entry = find(intfId, ckn.view(), hash)) {
+      entry->receiver = std::move(receiver);
       return;
     }
-    receivers_.emplace(Key(intfId, ckn.view()), std::move(receiver));
+    if (2 * (size_ + 1) > slots_.size()) grow();
+    place(Slot{hash, std::make_unique<Entry>(intfId, ckn.view(), std::move(receiver))});
+    ++size_;
   }
   // Removes the receiver of a CKN on an interface if `owner` registered it.
   void receiverDel(const Lanx::IntfId& intfId, const Zef::String& ckn, const void* owner) {
-    const auto it = receivers_.find(KeyView{intfId, ckn.view()});
-    if (it != receivers_.end() && it->second.owner == owner) receivers_.erase(it);
+    const uint64_t hash = hashOf(intfId, ckn.view());
+    const size_t index = indexOf(intfId, ckn.view(), hash);
+    if (index == kNone || slots_[index].entry->receiver.owner != owner) return;
+    erase(index);
+    --size_;
   }
   // The receiver of a CKN on an interface; null if there is none. Valid until it is removed.
   const MessageReceiver* receiver(const Lanx::IntfId& intfId, const Zef::String& ckn) const {
-    const auto it = receivers_.find(KeyView{intfId, ckn.view()});
-    return it == receivers_.end() ? nullptr : &it->second;
+    const Entry* entry = find(intfId, ckn.view(), hashOf(intfId, ckn.view()));
+    return entry ? &entry->receiver : nullptr;
   }
+  size_t size() const noexcept { return size_; }
 
  private:
-  // An entry is found by views of its names, and holds the whole CKN in the table's own node, so
-  // that finding it reads that node only.
-  struct KeyView {
-    Lanx::IntfId intfId;
-    std::string_view ckn;
-  };
-  struct Key {
-    Key(const Lanx::IntfId& intf, std::string_view name) : intfId(intf), ckn(name) {}
-    operator KeyView() const noexcept { return KeyView{intfId, ckn.view()}; }
+  // An entry holds the whole CKN ahead of its receiver, so that telling it apart and using it
+  // read the entry's first lines and nothing else.
+  struct Entry {
+    Entry(const Lanx::IntfId& intf, std::string_view name, MessageReceiver r)
+        : intfId(intf), ckn(name), receiver(std::move(r)) {}
     Lanx::IntfId intfId;
     Zef::InlineText<64> ckn;  // the longest CKN, 32 octets, as text, fits
+    MessageReceiver receiver;
   };
-  struct KeyHash {
-    using is_transparent = void;
-    size_t operator()(const KeyView& key) const noexcept {
-      return Zef::hashMix(key.intfId.hash() ^ (uint64_t{Zef::hashBytes(key.ckn.data(), key.ckn.size())} << 32));
+  // Open addressing with linear probing in a flat array that is at most half full: a slot carries
+  // its entry's full hash, so a lookup reads one slot and the one entry that matches.
+  struct Slot {
+    uint64_t hash = 0;
+    std::unique_ptr<Entry> entry;
+  };
+  static constexpr size_t kNone = ~size_t{0};
+
+  // The low half, which picks the slot, mixes the interface and the CKN; the high half is the
+  // CKN's own hash, to tell entries apart without reading them.
+  static uint64_t hashOf(const Lanx::IntfId& intfId, std::string_view ckn) noexcept {
+    const uint64_t cknHash = Zef::hashBytes(ckn.data(), ckn.size());
+    return (cknHash << 32) | Zef::hashMix(intfId.hash() ^ (cknHash << 32));
+  }
+  size_t mask() const noexcept { return slots_.size() - 1; }
+  size_t indexOf(const Lanx::IntfId& intfId, std::string_view ckn, uint64_t hash) const noexcept {
+    if (slots_.empty()) return kNone;
+    for (size_t i = hash & mask();; i = (i + 1) & mask()) {
+      const Slot& slot = slots_[i];
+      if (!slot.entry) return kNone;
+      if (slot.hash == hash && slot.entry->intfId == intfId && slot.entry->ckn.view() == ckn) return i;
     }
-  };
-  struct KeyEqual {
-    using is_transparent = void;
-    bool operator()(const KeyView& a, const KeyView& b) const noexcept {
-      return a.intfId == b.intfId && a.ckn == b.ckn;
+  }
+  Entry* find(const Lanx::IntfId& intfId, std::string_view ckn, uint64_t hash) const noexcept {
+    const size_t index = indexOf(intfId, ckn, hash);
+    return index == kNone ? nullptr : slots_[index].entry.get();
+  }
+  void place(Slot slot) {
+    size_t i = slot.hash & mask();
+    while (slots_[i].entry) i = (i + 1) & mask();
+    slots_[i] = std::move(slot);
+  }
+  void grow() {
+    std::vector<Slot> old = std::exchange(slots_, std::vector<Slot>(slots_.empty() ? 16 : 2 * slots_.size()));
+    for (Slot& slot : old) {
+      if (slot.entry) place(std::move(slot));
     }
-  };
-  std::unordered_map<Key, MessageReceiver, KeyHash, KeyEqual> receivers_;
+  }
+  // Empties a slot and moves back each later entry of its run that would otherwise no longer be
+  // found from its home slot.
+  void erase(size_t hole) {
+    slots_[hole] = Slot{};
+    for (size_t i = (hole + 1) & mask(); slots_[i].entry; i = (i + 1) & mask()) {
+      const size_t home = slots_[i].hash & mask();
+      // Whether `home` lies cyclically in (hole, i]: then the entry is still reachable.
+      const bool reachable = hole <= i ? (hole < home && home <= i) : (hole < home || home <= i);
+      if (reachable) continue;
+      slots_[hole] = std::move(slots_[i]);
+      hole = i;
+    }
+  }
+
+  std::vector<Slot> slots_;
+  size_t size_ = 0;
 };
 
 }  // namespace Macsec
