@@ -42,13 +42,14 @@ class ReplayGuard {
   // An interface hears a handful of members, so a short array searched by member identifier, the
   // name that differs, costs less than a hash table: one block of memory, and no hashing of names.
   // The names are held in the entry itself when they fit, as those of MKPDUs do (a member
-  // identifier of 12 octets and a CKN of up to 32, as text).
+  // identifier of 12 octets and a CKN of up to 32, as text). The member identifier and the
+  // numbers lead, so that passing over another member reads one cache line of its entry.
   struct Entry {
-    Entry(std::string_view c, std::string_view m, uint32_t n, uint64_t h) : member(m), ckn(c), number(n), heard(h) {}
+    Entry(std::string_view c, std::string_view m, uint32_t n, uint64_t h) : member(m), number(n), heard(h), ckn(c) {}
     Zef::InlineText<24> member;
-    Zef::InlineText<64> ckn;
     uint32_t number;
     uint64_t heard;
+    Zef::InlineText<64> ckn;
   };
   Entry* find(std::string_view ckn, std::string_view member) {
     for (Entry& entry : entries_) {

@@ -2,30 +2,47 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
-#include <string>
+#include <memory>
 #include <string_view>
 
 namespace Zef {
 
 // Text held in the object itself when it has at most N characters, and on the heap beyond: a key
-// of a table's node that is told apart from others without reading memory outside the node.
+// of a table's node that is told apart from others without reading memory outside the node. The
+// size and the characters come first and the rarely used spill pointer last, so that a short text
+// and what follows it in a record share as few cache lines as can be.
 template <size_t N>
 class InlineText {
  public:
-  explicit InlineText(std::string_view text) : size_(text.size()) {
-    if (size_ > N) {
-      spill_.assign(text);
-      return;
-    }
-    std::memcpy(inline_.data(), text.data(), size_);
+  explicit InlineText(std::string_view text) { assign(text); }
+  InlineText(const InlineText& other) { assign(other.view()); }
+  InlineText(InlineText&&) noexcept = default;
+  InlineText& operator=(const InlineText& other) {
+    if (this != &other) assign(other.view());
+    return *this;
   }
-  std::string_view view() const noexcept { return std::string_view(size_ > N ? spill_.data() : inline_.data(), size_); }
+  InlineText& operator=(InlineText&&) noexcept = default;
+
+  // Told by the size, which lies next to the characters, rather than by the spill pointer.
+  std::string_view view() const noexcept { return std::string_view(size_ > N ? spill_.get() : inline_.data(), size_); }
 
  private:
-  size_t size_;
+  void assign(std::string_view text) {
+    size_ = static_cast<uint32_t>(text.size());
+    if (text.size() > N) {
+      spill_ = std::make_unique<char[]>(text.size());
+      std::memcpy(spill_.get(), text.data(), text.size());
+      return;
+    }
+    spill_.reset();
+    std::memcpy(inline_.data(), text.data(), text.size());
+  }
+
+  uint32_t size_ = 0;
   std::array<char, N> inline_;
-  std::string spill_;
+  std::unique_ptr<char[]> spill_;
 };
 
 }  // namespace Zef
