@@ -1,30 +1,32 @@
 #include "platform/Notifier.h"
 
-#include <algorithm>
-
 namespace Zef {
 
 void NotifieeList::add(NotifieeBase* notifiee) {
+  notifiee->listIndex_ = static_cast<uint32_t>(items_.size());
   items_.push_back(Item{notifiee, notifiee->zefInterests()});
   ++live_;
 }
 
 void NotifieeList::remove(NotifieeBase* notifiee) {
-  auto it = std::find_if(items_.begin(), items_.end(), [&](const Item& item) { return item.notifiee == notifiee; });
-  if (it == items_.end()) return;
+  const uint32_t index = notifiee->listIndex_;
+  if (index >= items_.size() || items_[index].notifiee != notifiee) return;
+  // A walk may be indexing the vector: a hole moves nothing under it.
+  items_[index].notifiee = nullptr;
   --live_;
-  if (walks_ > 0) {
-    // A walk is indexing the vector: leave a hole rather than move anything under it.
-    it->notifiee = nullptr;
-    holes_ = true;
-  } else {
-    items_.erase(it);
-  }
+  ++holes_;
+  compactIfSparse();
 }
 
 void NotifieeList::compact() {
-  std::erase_if(items_, [](const Item& item) { return item.notifiee == nullptr; });
-  holes_ = false;
+  size_t kept = 0;
+  for (const Item& item : items_) {
+    if (item.notifiee == nullptr) continue;
+    item.notifiee->listIndex_ = static_cast<uint32_t>(kept);
+    items_[kept++] = item;
+  }
+  items_.resize(kept);
+  holes_ = 0;
 }
 
 Notifier::~Notifier() {

@@ -36,12 +36,19 @@ class NotifieeList {
   }
 
  private:
+  // A removed reactor leaves a hole, found through the place the reactor keeps, so that taking
+  // thousands of reactors off one notifier (the timers of a switch's actors, say) costs time in
+  // proportion to their number. Holes are closed up, in order, once they outnumber the reactors
+  // and no walk is under way.
+  void compactIfSparse() {
+    if (walks_ == 0 && holes_ > live_) compact();
+  }
   void compact();
 
   uint32_t refs_ = 1;
   uint32_t walks_ = 0;
   uint32_t live_ = 0;
-  bool holes_ = false;
+  uint32_t holes_ = 0;
   // Each reactor with the interests it registered with, so that a walk passes the reactors a
   // change does not concern without reading them.
   struct Item {
@@ -109,8 +116,11 @@ class NotifieeBase : public PtrInterface {
   void zefInterestsIs(uint64_t interests) noexcept { interests_ = interests; }
 
  private:
+  friend class NotifieeList;
   const Notifier* notifierRaw_ = nullptr;
   bool registered_ = false;
+  // Where the reactor stands in its notifier's list while it is registered.
+  uint32_t listIndex_ = 0;
   uint64_t interests_ = ~uint64_t{0};
 };
 
@@ -182,7 +192,8 @@ void NotifieeList::deliver(uint64_t topic, Call&& call) {
       onNotificationException(std::current_exception());
     }
   }
-  if (--walks_ == 0 && holes_) compact();
+  --walks_;
+  compactIfSparse();
   delRef();
 }
 

@@ -180,6 +180,52 @@ TEST_F(AttributesTest, AReactorRemovedDuringDeliveryIsNotCalledAndAnAddedOneWait
   EXPECT_EQ(recorder->heard, (Lines{"title a", "title b"}));
 }
 
+TEST_F(AttributesTest, ManyReactorsComeAndGoInAnyOrderAndTheRestHearInRegistrationOrder) {
+  // A switch's worth of watchers on one notifier: they leave in scattered order, some in the
+  // middle of a delivery, others join, and every change reaches exactly those registered, in the
+  // order in which they registered.
+  std::vector<Zef::Ptr<Recorder>> watchers;
+  std::vector<std::string> order;
+  auto join = [&] {
+    const std::string name = "w" + std::to_string(watchers.size());
+    watchers.emplace_back(new Recorder(tree, name));
+    watchers.back()->then = [&order, name](const std::string&) { order.push_back(name); };
+  };
+  auto expectOrder = [&](const char* change) {
+    Lines expected = {"r"};
+    for (size_t i = 0; i < watchers.size(); ++i) {
+      if (watchers[i]) expected.push_back("w" + std::to_string(i));
+    }
+    order.clear();
+    tree->titleIs(change);
+    EXPECT_EQ(order, expected) << change;
+  };
+  recorder->then = [&order](const std::string&) { order.push_back("r"); };
+  for (int i = 0; i < 1000; ++i) join();
+  expectOrder("all");
+  for (size_t i = 0; i < watchers.size(); i += 3) watchers[i] = nullptr;
+  for (size_t i = watchers.size(); i-- > 0;) {
+    if (i % 3 == 1) watchers[i] = nullptr;
+  }
+  expectOrder("a third left");
+  // During a delivery the first watcher drops the others it has not reached yet, and more join.
+  recorder->then = [&](const std::string& what) {
+    order.push_back("r");
+    if (what != "title drop") return;
+    for (size_t i = 0; i < watchers.size(); i += 2) watchers[i] = nullptr;
+    for (int i = 0; i < 10; ++i) join();
+  };
+  order.clear();
+  tree->titleIs("drop");
+  Lines heardDuringDrop = {"r"};
+  for (size_t i = 0; i < 1000; ++i) {
+    if (watchers[i]) heardDuringDrop.push_back("w" + std::to_string(i));
+  }
+  EXPECT_EQ(order, heardDuringDrop);
+  recorder->then = [&order](const std::string&) { order.push_back("r"); };
+  expectOrder("after");
+}
+
 TEST_F(AttributesTest, ANotifierFreedDuringItsOwnDeliveryFinishesTheWalkSafely) {
   Zef::Ptr<Recorder> second(new Recorder(tree, "second"));
   Zef::Ptr<Recorder> third(new Recorder(tree, "third"));
