@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 namespace Zef {
 
@@ -18,12 +19,21 @@ class InlineText {
  public:
   explicit InlineText(std::string_view text) { assign(text); }
   InlineText(const InlineText& other) { assign(other.view()); }
-  InlineText(InlineText&&) noexcept = default;
+  // A text moved from is empty.
+  InlineText(InlineText&& other) noexcept
+      : size_(std::exchange(other.size_, 0)), inline_(other.inline_), spill_(std::move(other.spill_)) {}
   InlineText& operator=(const InlineText& other) {
     if (this != &other) assign(other.view());
     return *this;
   }
-  InlineText& operator=(InlineText&&) noexcept = default;
+  InlineText& operator=(InlineText&& other) noexcept {
+    if (this != &other) {
+      size_ = std::exchange(other.size_, 0);
+      inline_ = other.inline_;
+      spill_ = std::move(other.spill_);
+    }
+    return *this;
+  }
 
   // Told by the size, which lies next to the characters, rather than by the spill pointer.
   std::string_view view() const noexcept { return std::string_view(size_ > N ? spill_.get() : inline_.data(), size_); }
