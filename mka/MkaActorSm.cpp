@@ -366,10 +366,22 @@ void MkaActorSm::parseSakUseInfo() {
   }
   if (!senderIsLive(peerId, "SAK use", __PRETTY_FUNCTION__)) return;
 
+  // A follower that stood as key server for a moment (on forged or stale news) withdrew the key it
+  // had been given, but its port still receives on it. The key server sees it received and will
+  // not send it again, so the key is taken back from the port once the key server says it uses it.
+  const bool fromKeyServer = base.keyServer && base.sci == actorStatus()->keyServer() && !actorStatus()->electedSelf();
+  if (fromKeyServer && actorStatus()->distSak().empty() && actorStatus()->principal() && cpStatus()) {
+    const SakContext& held = cpStatus()->latestSakContext();
+    if (held.rxInstalled && held.sak.mi == peerId && keyInUse(use, held.sak) != KeyInfo()) {
+      TRACE(1,
+            ": Taking back the latest key " << held.sak.mi << ":" << held.sak.keyNum << " from the port" << forActor());
+      actorStatus()->distSakIs(held.sak);
+    }
+  }
+
   // A follower transmits on the key once its key server does.
   const KeyInfo matched = keyInUse(use, actorStatus()->distSak());
-  if (base.keyServer && base.sci == actorStatus()->keyServer() && matched != KeyInfo() &&
-      !actorStatus()->electedSelf()) {
+  if (fromKeyServer && matched != KeyInfo()) {
     TRACE(1, ": Setting sakTransmit:  " << matched.tx << forActor());
     actorStatus()->sakTransmitIs(matched.tx);
   }
