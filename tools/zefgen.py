@@ -856,6 +856,7 @@ class Emitter:
         for a in t.attrs:
             if a.kind == "reactor" and a.is_arg:
                 cw(f"  {a.name}_ = Zef::makeReactor<Zef{a.cap}>(_{a.name}, this);")
+                cw(f"  {a.name}Notifier_ = _{a.name}.ptr();")
         epilogue = t.epilogue or (["handleInitialized()"] if "handleInitialized" in method_names else [])
         for statement in epilogue:
             cw(f"  {statement};")
@@ -950,7 +951,10 @@ class Emitter:
             return f"Zef::HashMap2018<{a.key}, {a.type}> {a.name}_"
         if a.kind in ("entities", "sms"):
             return f"Zef::HashMap<{a.key}, {a.type}> {a.name}_"
-        if a.kind in ("reactor", "timer"):
+        if a.kind == "reactor":
+            ptr = f"{a.type}{' const' if a.const else ''}"
+            return f"Zef::Ptr<Zef{a.cap}> {a.name}_;\n  {ptr}* {a.name}Notifier_ = nullptr"
+        if a.kind == "timer":
             return f"Zef::Ptr<Zef{a.cap}> {a.name}_"
         if a.kind == "reactors":
             return f"Zef::ReactorMap<{a.key}, Zef{a.cap}> {a.name}_"
@@ -977,10 +981,20 @@ class Emitter:
     def sm_reactor(self, t, a):
         hw = self.hw
         ptr = f"{a.type}{' const' if a.const else ''}"
-        hw(f"  Zef::Ptr<{ptr}> {a.name}() const {{ return {a.name}_ ? {a.name}_->notifier() : Zef::Ptr<{ptr}>(); }}")
+        # The notifier is also kept here, beside the reactor: handlers read it all the time, and the
+        # reactor is a separate object that a read would otherwise have to visit. It is set before
+        # the reactor moves, so that a handler the move replays reads the new notifier.
+        hw(f"  Zef::Ptr<{ptr}> {a.name}() const {{ return Zef::Ptr<{ptr}>({a.name}Notifier_); }}")
         hw(f"  const Zef::Ptr<Zef{a.cap}>& {a.name}Reactor() const noexcept {{ return {a.name}_; }}")
-        hw(f"  void {a.name}Is(const Zef::Ptr<{ptr}>& notifier) {{ Zef::reactorIs({a.name}_, notifier, this); }}")
-        hw(f"  void {a.name}Del() {{ Zef::reactorDel({a.name}_); }}")
+        hw(f"  void {a.name}Is(const Zef::Ptr<{ptr}>& notifier) {{")
+        hw(f"    {a.name}Notifier_ = notifier.ptr();")
+        hw(f"    Zef::reactorIs({a.name}_, notifier, this);")
+        hw(f"    {a.name}Notifier_ = {a.name}_ ? {a.name}_->notifier().ptr() : nullptr;")
+        hw("  }")
+        hw(f"  void {a.name}Del() {{")
+        hw(f"    {a.name}Notifier_ = nullptr;")
+        hw(f"    Zef::reactorDel({a.name}_);")
+        hw("  }")
 
     def sm_timer(self, t, a):
         hw = self.hw
