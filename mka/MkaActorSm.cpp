@@ -428,17 +428,34 @@ uint8_t MkaActorSm::getKeyServerPriority() const {
   }
 }
 
-// The better of two key server candidates: lower priority, then the lower SCI (address, then port
-// number, as IEEE 802.1X compares it); null when the two cannot be told apart.
-Zef::Ptr<MkaPeer> electKeyServer(const Zef::Ptr<MkaPeer>& a, const Zef::Ptr<MkaPeer>& b) {
+namespace {
+
+enum class Better { first, second, neither };
+
+// The better of two key server candidates, by what they say of themselves: lower priority, then
+// the lower SCI (address, then port number); neither when the two cannot be told apart.
+Better betterKeyServer(const BasicInfo& a, const BasicInfo& b) {
   ZEF_TRACE_FN(zefTraceHandle(), 8,
                "Macsec::MkaPeer::Ptr Macsec::electKeyServer(Macsec::MkaPeer::Ptr, Macsec::MkaPeer::Ptr)", "");
-  const BasicInfo& ai = a->baseInfo();
-  const BasicInfo& bi = b->baseInfo();
-  if (ai.keyServerPriority < bi.keyServerPriority) return a;
-  if (ai.keyServerPriority > bi.keyServerPriority) return b;
-  if (ai.sci == bi.sci) return nullptr;
-  return ai.sci < bi.sci ? a : b;
+  if (a.keyServerPriority != b.keyServerPriority) {
+    return a.keyServerPriority < b.keyServerPriority ? Better::first : Better::second;
+  }
+  if (a.sci == b.sci) return Better::neither;
+  return a.sci < b.sci ? Better::first : Better::second;
+}
+
+}  // namespace
+
+Zef::Ptr<MkaPeer> electKeyServer(const Zef::Ptr<MkaPeer>& a, const Zef::Ptr<MkaPeer>& b) {
+  switch (betterKeyServer(a->baseInfo(), b->baseInfo())) {
+    case Better::first:
+      return a;
+    case Better::second:
+      return b;
+    case Better::neither:
+      break;
+  }
+  return nullptr;
 }
 
 void MkaActorSm::doUpdateKeyServer() {
@@ -451,24 +468,17 @@ void MkaActorSm::doUpdateKeyServer() {
     best = best ? electKeyServer(it.ptr(), best) : it.ptr();
   }
 
-  // Ourselves as a candidate; never stored.
-  Zef::Ptr<MkaPeer> self = MkaPeer::MkaPeerIs(actorStatus()->msgId());
-  BasicInfo selfInfo;
-  selfInfo.keyServerPriority = getKeyServerPriority();
-  selfInfo.sci = portStatus()->mySci();
-  self->baseInfoIs(selfInfo);
-
-  // A supplicant of an EAP exchange never stands.
+  // Ourselves as a candidate, as our MKPDUs present us. A supplicant of an EAP exchange never
+  // stands.
   bool electedSelf = false;
   const Dot1x::Dot1xType type = intfStatus()->dot1xType();
   if (type == Dot1x::dot1xTypePreSharedKey || type == Dot1x::dot1xTypeAuthenticator) {
-    if (!best) {
-      best = self;
-      electedSelf = true;
-    } else {
-      best = electKeyServer(self, best);
-      electedSelf = best && best->id() == actorStatus()->msgId();
-    }
+    BasicInfo self;
+    self.keyServerPriority = getKeyServerPriority();
+    self.sci = portStatus()->mySci();
+    const Better choice = best ? betterKeyServer(self, best->baseInfo()) : Better::first;
+    electedSelf = choice == Better::first;
+    if (choice == Better::neither) best = nullptr;
   }
 
   // electedSelf is written first: the key server's handler must still see the previous keyServer.
@@ -476,7 +486,10 @@ void MkaActorSm::doUpdateKeyServer() {
   TRACE(1, ": Elected self is: " << (electedSelf ? 1 : 0) << forActor());
 
   // The key server's SCI, or none.
-  if (best) {
+  if (electedSelf) {
+    TRACE(1, ": Elected " << actorStatus()->msgId() << " as key server" << forActor());
+    actorStatus()->keyServerIs(portStatus()->mySci());
+  } else if (best) {
     TRACE(1, ": Elected " << best->id() << " as key server" << forActor());
     actorStatus()->keyServerIs(best->baseInfo().sci);
   } else {
