@@ -291,13 +291,30 @@ void Simulation::after(double delay, std::function<void()> action) {
 }
 
 void Simulation::eventIs(Event event) {
+  if (inOrder_.empty() || !Later()(inOrder_.back(), event)) {
+    inOrder_.push_back(std::move(event));
+    return;
+  }
   events_.push_back(std::move(event));
   std::push_heap(events_.begin(), events_.end(), Later());
 }
 
+Simulation::Event Simulation::nextEventOut() {
+  if (events_.empty() || (!inOrder_.empty() && Later()(events_.front(), inOrder_.front()))) {
+    Event event = std::move(inOrder_.front());
+    inOrder_.pop_front();
+    return event;
+  }
+  std::pop_heap(events_.begin(), events_.end(), Later());
+  Event event = std::move(events_.back());
+  events_.pop_back();
+  return event;
+}
+
 double Simulation::nextEvent() const {
   double next = std::numeric_limits<double>::infinity();
-  if (!events_.empty()) next = events_.front().time;
+  if (!inOrder_.empty()) next = inOrder_.front().time;
+  if (!events_.empty()) next = std::min(next, events_.front().time);
   for (const auto& [name, agent] : agents_) next = std::min(next, agent->engine().nextDeadline());
   return next;
 }
@@ -308,10 +325,8 @@ void Simulation::runUntil(double t) {
     if (next > t) break;
     clock_.timeIs(next);
     // Events due now go first, one at a time, then the timers, one at a time.
-    if (!events_.empty() && events_.front().time <= now()) {
-      std::pop_heap(events_.begin(), events_.end(), Later());
-      Event event = std::move(events_.back());
-      events_.pop_back();
+    if ((!inOrder_.empty() && inOrder_.front().time <= now()) || (!events_.empty() && events_.front().time <= now())) {
+      Event event = nextEventOut();
       if (event.action) {
         event.action();
       } else {
