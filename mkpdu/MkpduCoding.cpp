@@ -23,20 +23,22 @@ uint32_t be32(const uint8_t* p) { return uint32_t{p[0]} << 24 | uint32_t{p[1]} <
 
 void put8(std::string& out, uint8_t v) { out.push_back(static_cast<char>(v)); }
 void put16(std::string& out, uint16_t v) {
-  put8(out, static_cast<uint8_t>(v >> 8));
-  put8(out, static_cast<uint8_t>(v));
+  const char octets[2] = {static_cast<char>(v >> 8), static_cast<char>(v)};
+  out.append(octets, 2);
 }
 void put32(std::string& out, uint32_t v) {
-  put16(out, static_cast<uint16_t>(v >> 16));
-  put16(out, static_cast<uint16_t>(v));
+  const char octets[4] = {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8),
+                          static_cast<char>(v)};
+  out.append(octets, 4);
 }
 void put64(std::string& out, uint64_t v) {
   put32(out, static_cast<uint32_t>(v >> 32));
   put32(out, static_cast<uint32_t>(v));
 }
 void putBytes(std::string& out, const uint8_t* p, size_t n) { out.append(reinterpret_cast<const char*>(p), n); }
-void padTo4(std::string& out) {
-  while (out.size() % C::mkaWordAlignment != 0) put8(out, 0);
+// Pads what follows `start` to whole words.
+void padTo4(std::string& out, size_t start) {
+  while ((out.size() - start) % C::mkaWordAlignment != 0) put8(out, 0);
 }
 
 size_t padded(size_t n) { return (n + 3) & ~size_t{3}; }
@@ -63,11 +65,17 @@ int nibbleOf(char c) { return kNibbles[static_cast<uint8_t>(c)]; }
 // Appends the octets of hexadecimal text (names and identifiers, never keys); false if it is not.
 bool putHex(std::string& out, std::string_view hex) {
   if (hex.size() % 2 != 0) return false;
+  const size_t start = out.size();
+  out.resize(start + hex.size() / 2);
+  char* octet = out.data() + start;
   for (size_t i = 0; i < hex.size(); i += 2) {
     const int high = nibbleOf(hex[i]);
     const int low = nibbleOf(hex[i + 1]);
-    if (high < 0 || low < 0) return false;
-    put8(out, static_cast<uint8_t>(high << 4 | low));
+    if (high < 0 || low < 0) {
+      out.resize(start);
+      return false;
+    }
+    *octet++ = static_cast<char>(high << 4 | low);
   }
   return true;
 }
@@ -300,9 +308,11 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
   const size_t cknLength = base.ckn.size() / 2;
   if (cknLength == 0 || cknLength > 32) return false;
 
-  // The basic parameter set, with the CKN padded to 4 octets.
-  std::string body;
+  // The body follows room for the EAPOL header, which is written once the body's length is known.
+  std::string body(kHeader, '\0');
   body.reserve(256);
+
+  // The basic parameter set, with the CKN padded to 4 octets.
   put8(body, C::mkaVersion);
   put8(body, base.keyServerPriority);
   BasicParameterSetPart part;
@@ -317,7 +327,7 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
   put32(body, base.msgNum);
   put32(body, C::mkaAlgorithmAgility);
   if (!putHex(body, base.ckn.view())) return false;
-  padTo4(body);
+  padTo4(body, kHeader);
 
   // The peer lists, each only when it has members.
   for (auto [type, peers] : {std::pair{livePeerParameterSetType, &message.livePeers},
@@ -389,23 +399,24 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
     put16(body, static_cast<uint16_t>(wrappedCak.size() + name.size()));
     putBytes(body, wrappedCak.data(), wrappedCak.size());
     putBytes(body, name.data(), name.size());
-    padTo4(body);
+    padTo4(body, kHeader);
   }
 
   // The EAPOL header, and the ICV over all of it.
-  std::string out;
-  out.reserve(kHeader + body.size() + kIcv);
-  putBytes(out, C::paeGroupAddress.data(), 6);
-  putBytes(out, source.data(), 6);
-  put16(out, C::eapolEthType);
-  put8(out, C::eapolVersion);
-  put8(out, EapolType::eapMka);
-  put16(out, static_cast<uint16_t>(body.size() + kIcv));
-  out += body;
+  const uint16_t eapolLength = static_cast<uint16_t>(body.size() - kHeader + kIcv);
+  char* header = body.data();
+  std::memcpy(header, C::paeGroupAddress.data(), 6);
+  std::memcpy(header + 6, source.data(), 6);
+  header[12] = static_cast<char>(C::eapolEthType >> 8);
+  header[13] = static_cast<char>(C::eapolEthType & 0xff);
+  header[14] = static_cast<char>(C::eapolVersion);
+  header[15] = static_cast<char>(EapolType::eapMka);
+  header[16] = static_cast<char>(eapolLength >> 8);
+  header[17] = static_cast<char>(eapolLength & 0xff);
   uint8_t icv[kIcv];
-  if (!keys.prepared->icvOf(reinterpret_cast<const uint8_t*>(out.data()), out.size(), icv)) return false;
-  putBytes(out, icv, kIcv);
-  frame = std::move(out);
+  if (!keys.prepared->icvOf(reinterpret_cast<const uint8_t*>(body.data()), body.size(), icv)) return false;
+  putBytes(body, icv, kIcv);
+  frame = std::move(body);
   return true;
 }
 

@@ -63,8 +63,7 @@ void expectSameMessage(const DecodedMkpdu& a, const DecodedMkpdu& b) {
 TEST(MkpduCoding, AFrameForFixedInputsHasTheBytesOfTheStandard) {
   DecodedMkpdu m;
   m.baseInfo = BasicInfo{
-      16, true,      true, 2, Sci{Lanx::EthAddr::fromText("02:00:00:00:00:01"), 1}, "0102030405060708090a0b0c",
-      7,  "11223344"};
+      16, true, true, 2, Sci{Lanx::EthAddr::fromText("02:00:00:00:00:01"), 1}, "0102030405060708090a0b0c", 7, "112233"};
   m.potentialPeers = {{"a1a2a3a4a5a6a7a8a9aaabac", 5}};
   std::string frame;
   ASSERT_TRUE(encodeMkpdu(m, Lanx::EthAddr::fromText("02:00:00:00:00:01"), keys128(), frame));
@@ -77,13 +76,13 @@ TEST(MkpduCoding, AFrameForFixedInputsHasTheBytesOfTheStandard) {
       "0048"  // EAPOL version 3, MKA, body of 72 octets
       "01"
       "10"
-      "e020"  // MKA version 1, priority 16; key server, desired, capability 2, 32
+      "e01f"  // MKA version 1, priority 16; key server, desired, capability 2, 31
       "020000000001"
       "0001"  // SCI
       "0102030405060708090a0b0c"
       "00000007"  // member identifier and number
       "0080c201"  // algorithm agility
-      "11223344"  // the CKN, 4 octets: no padding
+      "11223300"  // the CKN, 3 octets, and one of padding that the length leaves out
       "02"
       "00"
       "0010"  // potential peer list, one entry
