@@ -37,6 +37,7 @@ String::String(const char* data, size_t length) {
   if (length == 0) return;
   rep_ = allocateRep(length);
   std::memcpy(rep_->data, data, length);
+  rep_->hash = hashBytes(rep_->data, length);
 }
 
 void String::destroy(Rep* rep) noexcept {
@@ -44,7 +45,7 @@ void String::destroy(Rep* rep) noexcept {
   std::free(rep);
 }
 
-uint32_t String::hash() const noexcept { return hashBytes(charPtr(), size()); }
+uint32_t String::hash() const noexcept { return rep_ ? rep_->hash : hashBytes("", 0); }
 
 std::strong_ordering String::operator<=>(const String& other) const noexcept {
   const int c = view().compare(other.view());
@@ -58,6 +59,7 @@ String String::operator+(const String& other) const {
   joined.rep_ = allocateRep(total);
   std::memcpy(joined.rep_->data, charPtr(), size());
   std::memcpy(joined.rep_->data + size(), other.charPtr(), other.size());
+  joined.rep_->hash = hashBytes(joined.rep_->data, total);
   return joined;
 }
 
@@ -67,7 +69,9 @@ String& String::operator+=(const String& other) {
 }
 
 void String::zeroStringDataUnsafe() const noexcept {
-  if (rep_) wipe(rep_->data, rep_->size);
+  if (!rep_) return;
+  wipe(rep_->data, rep_->size);
+  rep_->hash = hashBytes(rep_->data, rep_->size);
 }
 
 std::ostream& operator<<(std::ostream& out, const String& s) { return out << s.view(); }

@@ -16,6 +16,7 @@ namespace detail {
 struct StringRep {
   uint32_t refs;
   uint32_t size;
+  uint32_t hash;  // of the bytes, taken once when they are written: strings are mostly table keys
   char data[1];
 };
 }  // namespace detail

@@ -94,6 +94,8 @@ TEST(String, SharesBytesComparesAndJoins) {
   EXPECT_EQ(Zef::String(std::string_view("a\0b", 3)).size(), 3u);
   EXPECT_EQ(a.hash(), Zef::String("abc").hash());
   EXPECT_NE(a.hash(), Zef::String("abd").hash());
+  EXPECT_EQ((a + Zef::String("def")).hash(), Zef::String("abcdef").hash());  // a joined string hashes as its bytes
+  EXPECT_EQ(empty.hash(), Zef::hashBytes("", 0));
   EXPECT_EQ(std::string(a.begin(), a.end()), "abc");
 }
 
@@ -103,6 +105,7 @@ TEST(String, ZeroStringDataWipesEveryCopy) {
   key.zeroStringDataUnsafe();
   EXPECT_EQ(copy.size(), 32u);
   for (char ch : copy) EXPECT_EQ(ch, '\0');
+  EXPECT_EQ(copy.hash(), Zef::String(std::string(32, '\0')).hash());  // and the hash follows
 }
 
 }  // namespace
