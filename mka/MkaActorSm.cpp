@@ -446,6 +446,7 @@ Better betterKeyServer(const BasicInfo& a, const BasicInfo& b) {
 
 }  // namespace
 
+// The better of two peers as key server; null when the two cannot be told apart.
 Zef::Ptr<MkaPeer> electKeyServer(const Zef::Ptr<MkaPeer>& a, const Zef::Ptr<MkaPeer>& b) {
   switch (betterKeyServer(a->baseInfo(), b->baseInfo())) {
     case Better::first:

@@ -311,10 +311,15 @@ Simulation::Event Simulation::nextEventOut() {
   return event;
 }
 
-double Simulation::nextEvent() const {
+double Simulation::nextQueuedTime() const {
   double next = std::numeric_limits<double>::infinity();
   if (!inOrder_.empty()) next = inOrder_.front().time;
   if (!events_.empty()) next = std::min(next, events_.front().time);
+  return next;
+}
+
+double Simulation::nextEvent() const {
+  double next = nextQueuedTime();
   for (const auto& [name, agent] : agents_) next = std::min(next, agent->engine().nextDeadline());
   return next;
 }
@@ -325,7 +330,7 @@ void Simulation::runUntil(double t) {
     if (next > t) break;
     clock_.timeIs(next);
     // Events due now go first, one at a time, then the timers, one at a time.
-    if ((!inOrder_.empty() && inOrder_.front().time <= now()) || (!events_.empty() && events_.front().time <= now())) {
+    if (nextQueuedTime() <= now()) {
       Event event = nextEventOut();
       if (event.action) {
         event.action();

@@ -237,7 +237,8 @@ class Simulation {
   // rather than copies. The next event is the earlier of the two fronts.
   std::deque<Event> inOrder_;
   std::vector<Event> events_;
-  // Takes the next event out of whichever holds it.
+  // The time of the next event of either, and the event itself, taken out of whichever holds it.
+  double nextQueuedTime() const;
   Event nextEventOut();
   uint64_t sequence_ = 0;
   uint64_t deliveries_ = 0;
