@@ -39,7 +39,9 @@ class PreparedKeys {
   // deterministic, so the wrapped form of the last key is kept for the next frame that carries it.
   KeyBytes wrapped(const StoredKey& key);
 
-  // A key unwrapped with the KEK, in stored form; none if it does not unwrap.
+  // A key unwrapped with the KEK, in stored form; none if it does not unwrap. A key server repeats
+  // its key in every MKPDU until everybody transmits on it, so the last key is kept with its
+  // wrapped form for the next frame that carries it. Each caller gets a stored form of its own.
   StoredKey unwrapped(const uint8_t* wrapped, size_t length);
 
  private:
@@ -52,6 +54,8 @@ class PreparedKeys {
   std::unique_ptr<Contexts> contexts_;
   StoredKey lastWrappedKey_;
   KeyBytes lastWrapped_;
+  KeyBytes lastUnwrapped_;
+  StoredKey lastUnwrappedKey_;
 };
 
 // The prepared keys of an agent's actors, one set for all actors whose ICK and KEK are the same
