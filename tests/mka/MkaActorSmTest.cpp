@@ -180,22 +180,5 @@ TEST_F(MkaActorSmTest, CleanUpStopsTheTimerAndLeavesTheStatusToThePort) {
   EXPECT_EQ(actorStatus()->msgId().size(), 24u);
 }
 
-TEST_F(MkaActorSmTest, NoClearKeyReachesTheTraceAtAnyLevel) {
-  std::string all;
-  Zef::traceSettingsIs("*=9");
-  Zef::traceSinkIs([&](const Zef::TraceRecord& r) { all += std::string(r.text) + "\n"; });
-  {
-    Zef::Ptr<MkaActorSm> actor = makeActor();
-    actorStatus()->principalIs(true);
-    receive(eth1, kCkn);
-    Orb::advanceVirtualTime(clock, 1010, {wheel.ptr()});
-    actorStatus()->principalIs(false);
-  }
-  Zef::traceSinkIs(nullptr);
-  Zef::traceSettingsIs("*=off");
-  EXPECT_NE(all.find("Generated msg ID"), std::string::npos);  // the trace really was on
-  for (const char* secret : {kCak, kIck, kKek}) EXPECT_EQ(all.find(secret), std::string::npos) << secret;
-}
-
 }  // namespace
 }  // namespace Macsec

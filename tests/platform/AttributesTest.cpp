@@ -166,20 +166,6 @@ TEST_F(AttributesTest, NoticesStopWhenNotificationIsSwitchedOffOnEitherSide) {
   EXPECT_EQ(recorder->heard, (Lines{"title heard"}));
 }
 
-TEST_F(AttributesTest, AReactorRemovedDuringDeliveryIsNotCalledAndAnAddedOneWaitsForTheNextChange) {
-  Zef::Ptr<Recorder> second(new Recorder(tree, "second"));
-  Zef::Ptr<Recorder> late;
-  recorder->then = [&](const std::string& what) {
-    if (what != "title a") return;
-    second = nullptr;  // unregisters the second reactor in the middle of the walk
-    late = Zef::Ptr<Recorder>(new Recorder(tree, "late"));
-  };
-  tree->titleIs("a");
-  tree->titleIs("b");
-  EXPECT_EQ(late->heard, (Lines{"title b"}));
-  EXPECT_EQ(recorder->heard, (Lines{"title a", "title b"}));
-}
-
 TEST_F(AttributesTest, ManyReactorsComeAndGoInAnyOrderAndTheRestHearInRegistrationOrder) {
   // A switch's worth of watchers on one notifier: they leave in scattered order, some in the
   // middle of a delivery, others join, and every change reaches exactly those registered, in the
