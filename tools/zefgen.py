@@ -923,6 +923,8 @@ class Emitter:
         hw(" private:")
         for a in stored:
             hw(f"  {self.storage(a)};")
+            if a.kind == "reactor":
+                hw(f"  {a.type}{' const' if a.const else ''}* {a.name}Notifier_ = nullptr;")
         hw("};")
         hw("")
         hw(f"Zef::Ptr<{t.name}> {factory_name(t.name)}({params});")
@@ -951,10 +953,7 @@ class Emitter:
             return f"Zef::HashMap2018<{a.key}, {a.type}> {a.name}_"
         if a.kind in ("entities", "sms"):
             return f"Zef::HashMap<{a.key}, {a.type}> {a.name}_"
-        if a.kind == "reactor":
-            ptr = f"{a.type}{' const' if a.const else ''}"
-            return f"Zef::Ptr<Zef{a.cap}> {a.name}_;\n  {ptr}* {a.name}Notifier_ = nullptr"
-        if a.kind == "timer":
+        if a.kind in ("reactor", "timer"):
             return f"Zef::Ptr<Zef{a.cap}> {a.name}_"
         if a.kind == "reactors":
             return f"Zef::ReactorMap<{a.key}, Zef{a.cap}> {a.name}_"
