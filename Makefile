@@ -7,7 +7,7 @@ FUZZ_SECONDS ?= 30
 JOBS       ?= $(shell nproc)
 CMAKE      := cmake -G Ninja -DMKA_WERROR=ON
 
-.PHONY: all deps build build-asan fuzz test vmtest soak run bench bench-scale install format format-check clean
+.PHONY: all deps build build-asan fuzz-build fuzz fuzz-check test vmtest soak run bench bench-scale install format format-check clean
 
 all: build
 
@@ -22,24 +22,39 @@ build-asan: deps
 	@$(CMAKE) -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DMKA_SANITIZE=ON > /dev/null
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 
-# Under libFuzzer, with ASan and UBSan, for a bounded time each: the MKPDU decoder from its seed
-# corpus, and forged frames into a pair of engines.
-fuzz: deps
-	@CC=clang CXX=clang++ $(CMAKE) -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=Debug -DMKA_SANITIZE=ON -DMKA_FUZZ=ON \
+# The fuzzers under libFuzzer, optimised, with ASan and UBSan: of the MKPDU decoder, and of a pair
+# of engines that take forged frames. Each starts from a fresh copy of its kept corpus.
+FUZZ_RUNS       ?= 1000000
+ACTOR_FUZZ_RUNS ?= 3000
+FUZZ_SEED       ?= 1
+ACTOR_FUZZ_FLAGS = -max_len=514 -len_control=0
+
+fuzz-build: deps
+	@CC=clang CXX=clang++ $(CMAKE) -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMKA_SANITIZE=ON -DMKA_FUZZ=ON \
 	  -DMKA_BENCH=OFF > /dev/null
 	@cmake --build $(FUZZ_BUILD) --target mkpdu_fuzz actor_fuzz -j $(JOBS)
 	@rm -rf $(FUZZ_BUILD)/corpus $(FUZZ_BUILD)/actor-corpus && cp -r tests/fuzz/corpus $(FUZZ_BUILD)/corpus \
 	  && cp -r tests/fuzz/actor-corpus $(FUZZ_BUILD)/actor-corpus
-	@$(FUZZ_BUILD)/mkpdu_fuzz -max_total_time=$(FUZZ_SECONDS) $(FUZZ_BUILD)/corpus > $(FUZZ_BUILD)/fuzz.log 2>&1 \
+
+# Runs both fuzzers with the libFuzzer flags given, each into its log; a finding ends it.
+define run-fuzzers
+	@$(FUZZ_BUILD)/mkpdu_fuzz $(1) $(FUZZ_BUILD)/corpus > $(FUZZ_BUILD)/fuzz.log 2>&1 \
 	  || (tail -n 40 $(FUZZ_BUILD)/fuzz.log; echo "the decoder's fuzzer found a fault"; exit 1)
 	@tail -n 1 $(FUZZ_BUILD)/fuzz.log
-	@$(FUZZ_BUILD)/actor_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=514 -len_control=0 \
-	  $(FUZZ_BUILD)/actor-corpus \
-	  > $(FUZZ_BUILD)/actor-fuzz.log 2>&1 \
+	@$(FUZZ_BUILD)/actor_fuzz $(2) $(ACTOR_FUZZ_FLAGS) $(FUZZ_BUILD)/actor-corpus > $(FUZZ_BUILD)/actor-fuzz.log 2>&1 \
 	  || (tail -n 40 $(FUZZ_BUILD)/actor-fuzz.log; echo "the engines' fuzzer found a fault"; exit 1)
 	@tail -n 1 $(FUZZ_BUILD)/actor-fuzz.log
+endef
 
-test: format-check build build-asan fuzz
+# The open-ended campaign: FUZZ_SECONDS each, from a random seed.
+fuzz: fuzz-build
+	$(call run-fuzzers,-max_total_time=$(FUZZ_SECONDS),-max_total_time=$(FUZZ_SECONDS))
+
+# What make test runs: a fixed number of inputs from a fixed seed, the same every time.
+fuzz-check: fuzz-build
+	$(call run-fuzzers,-runs=$(FUZZ_RUNS) -seed=$(FUZZ_SEED),-runs=$(ACTOR_FUZZ_RUNS) -seed=$(FUZZ_SEED))
+
+test: format-check build build-asan fuzz-check
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 	ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
 	@vmtest/vmtest.sh $(BUILD)

@@ -46,10 +46,8 @@ void ControlledPortSm::handleInitialized() {
   portStatusIs(status()->portStatus(intfId()));
   actorStatusIs(portStatus()->actorStatus(ckn()));
   cpStatusIs(status()->cpStatus(intfId()));
-  latestKeyTxEnableTimerIs(timerWheel());
   oldKeyRetirementTimerIs(timerWheel());
   initializedIs(true);
-  // A transmit that sakTransmit asked of a former principal is not repeated here.
   handleLivePeer();
   // A retirement that the former principal had pending is armed again: the latest key already in
   // service, or keys that still receive outside the slots, would otherwise stay until the next key.
@@ -57,10 +55,16 @@ void ControlledPortSm::handleInitialized() {
     armOldKeyRetirement();
   }
   handleDistSak();
+  // A transmit that sakTransmit asks for is asked again: the actor writes sakTransmit only when it
+  // changes, so a port rebuilt after the key server said it transmits would otherwise wait for the
+  // next key.
+  handleSakTransmit();
   handleKeysLPN();
   // The hardware status of this interface; confirmations that it gave while no state machine
-  // listened (a restart between a request and its answer) count now.
+  // listened (a restart between a request and its answer) count now. The reactor on it may have
+  // been set before this state machine was initialized, and then replayed nothing.
   handleHwIntfStatus(intfId());
+  handleTxSaStatus();
   const SakContext latest = cpStatus()->latestSakContext();
   if (latest != SakContext() && !latest.rxInstalled) handleRxSaStatus(AssociationNumber(latest.sak.an));
 }
@@ -96,9 +100,15 @@ void ControlledPortSm::handleDistSak() {
   if (!initialized()) return;
   TRACE(8, "");
   const Sak dist = actorStatus()->distSak();
-  // Withdrawing a distributed key never touches the hardware requests.
+  // Withdrawing a distributed key never touches the hardware requests. But a key this actor made
+  // as key server and withdrew before anybody transmitted on it (its peers changed, or it stopped
+  // being key server) will not come into service: it gives way, as it would to the next key.
   if (dist.empty()) {
     TRACE(3, ": Ignoring empty distSak for actor " << ckn());
+    const SakContext& latest = cpStatus()->latestSakContext();
+    if (latest != SakContext() && !latest.txEnabled && latest.sak.mi == actorStatus()->msgId()) {
+      keepReceiving(SakContext(latest));
+    }
     return;
   }
   // The key is on its way in, or already in service.
@@ -163,17 +173,9 @@ void ControlledPortSm::handleRxSaStatus(const AssociationNumber& an) {
   }
   latest.rxInstalled = true;
   TRACE(1, ": Starting receive on key: " << latest.sak.mi << ":" << latest.sak.keyNum << forActor());
+  // Transmit waits for sakTransmit, on the key server as on a follower: the key server's actor
+  // sets it once every live peer, and this confirmation, say they receive.
   cpStatus()->latestSakContextIs(latest);
-  // A follower waits for sakTransmit.
-  if (!actorStatus()->electedSelf()) return;
-  // With traffic running under an older key, the peers get time to install this one.
-  if (cpStatus()->controlledPortEnabled()) {
-    const Sak& dist = actorStatus()->distSak();
-    TRACE(1, ": Starting transmit-enable timer for key:" << dist.mi << ":" << dist.keyNum << forActor());
-    latestKeyTxEnableTimer()->timeMinIs(Zef::System::currentTime() + status()->latestKeyEnablePeriod());
-  } else {
-    handleLatestKeyTxEnable();
-  }
 }
 
 void ControlledPortSm::handleLivePeer(const Zef::String& peer) {
@@ -254,7 +256,6 @@ void ControlledPortSm::handleLatestKeyTxEnable() {
   // transmitted on it) is never transmitted on; its successor will take its place.
   if (dist.empty() || !sameKey(latest.sak, dist)) {
     TRACE(3, ": Ignoring transmit enable on a withdrawn key" << forActor());
-    latestKeyTxEnableTimer()->timeMinIs(Orb::never);
     if (latest != SakContext() && !latest.txEnabled) keepReceiving(latest);
     return;
   }
@@ -272,7 +273,6 @@ void ControlledPortSm::handleLatestKeyTxEnable() {
   cpStatus()->oldSakContextIs(old);
   // The key transmitted is the distributed one.
   cpStatus()->txSakIs(withSalt(dist));
-  latestKeyTxEnableTimer()->timeMinIs(Orb::never);
 }
 
 void ControlledPortSm::handleTxSaStatus() {

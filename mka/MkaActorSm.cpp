@@ -184,7 +184,12 @@ bool MkaActorSm::parseBasicInfo() {
     if (promoted) {
       TRACE(1, ": Creating new live peer " << peerId << forActor());
       // The key server and the controlled port hear of the new peer inside this call, before its
-      // record is filled in below: an MKPDU they ask for waits until it is.
+      // record is filled in below: an MKPDU they ask for waits until it is. What the peer says of
+      // its keys is on its potential record already, where the key server reads it when it picks
+      // the new key's association number.
+      if (const Zef::Ptr<MkaPeer> potential = actorStatus()->potentialPeer(peerId)) {
+        potential->sakUseInfoIs(info->sakUseInfo());
+      }
       promotingPeerIs(true);
       peer = actorStatus()->livePeerIs(peerId);
       Zef::log(MKA_SESSION_ESTABLISHED, base.sci.addr, base.sci.portId, ckn(), intfId());
@@ -329,6 +334,14 @@ KeyInfo keyInUse(const SakUseInfo& use, const Sak& sak) {
   return KeyInfo();
 }
 
+// The live peer with an SCI, or none.
+Zef::Ptr<MkaPeer const> livePeerWithSci(const MkaActorStatus& actor, const Sci& sci) {
+  for (auto it = actor.livePeerIter(); it; ++it) {
+    if (it->baseInfo().sci == sci) return it.ptr();
+  }
+  return nullptr;
+}
+
 // Three quarters of the packet number space: a key this far used asks for a new one.
 constexpr uint32_t kLlpnExhaustion = 0xC0000000u;
 
@@ -344,6 +357,29 @@ bool MkaActorSm::ownHardwareReceives(const Sak& sak) const {
     }
   }
   return false;
+}
+
+void MkaActorSm::updateSakTransmit() {
+  // Nobody transmits on a key before every live peer says it receives on it: frames on a key that
+  // a peer cannot decrypt yet are lost, the first key of a session included. A peer that stops
+  // being live stops counting. The key server also waits for its own hardware; a follower waits
+  // for its key server to transmit first, and on a shared segment for the other members as well.
+  const Sak& sak = actorStatus()->distSak();
+  if (sak.empty()) return;
+  if (actorStatus()->electedSelf()) {
+    if (actorStatus()->sakTransmit()) return;
+    const bool everyoneReceives = !aLivePeerLacks(sak) && ownHardwareReceives(sak);
+    TRACE(1, ": Setting sakTransmit " << everyoneReceives << forActor());
+    actorStatus()->sakTransmitIs(everyoneReceives);
+    return;
+  }
+  const Zef::Ptr<MkaPeer const> keyServer = livePeerWithSci(*actorStatus(), actorStatus()->keyServer());
+  if (!keyServer) return;
+  const KeyInfo announced = keyInUse(keyServer->sakUseInfo(), sak);
+  if (announced == KeyInfo()) return;
+  const bool transmit = announced.tx && !aLivePeerLacks(sak);
+  TRACE(1, ": Setting sakTransmit:  " << transmit << forActor());
+  actorStatus()->sakTransmitIs(transmit);
 }
 
 bool MkaActorSm::aLivePeerLacks(const Sak& sak) const {
@@ -379,29 +415,9 @@ void MkaActorSm::parseSakUseInfo() {
     }
   }
 
-  // A follower transmits on the key once its key server does.
-  const KeyInfo matched = keyInUse(use, actorStatus()->distSak());
-  if (fromKeyServer && matched != KeyInfo()) {
-    TRACE(1, ": Setting sakTransmit:  " << matched.tx << forActor());
-    actorStatus()->sakTransmitIs(matched.tx);
-  }
-
-  // The key server transmits on its key once every live peer receives on it, and so does its
-  // own hardware.
-  if (actorStatus()->electedSelf() && !actorStatus()->distSak().empty() && !actorStatus()->sakTransmit()) {
-    bool allReceive = true;
-    for (auto it = actorStatus()->livePeerIter(); it; ++it) {
-      const SakUseInfo& peerUse = it->sakUseInfo();
-      if (peerUse == SakUseInfo() || (peerUse.latestKey == KeyInfo() && peerUse.oldKey == KeyInfo()) ||
-          !keyInUse(peerUse, actorStatus()->distSak()).rx) {
-        allReceive = false;
-        break;
-      }
-    }
-    const bool result = allReceive && ownHardwareReceives(actorStatus()->distSak());
-    TRACE(1, ": Setting sakTransmit " << result << forActor());
-    actorStatus()->sakTransmitIs(result);
-  }
+  // Whether this actor may transmit on its key now: what the key server says, and what every live
+  // peer receives.
+  updateSakTransmit();
 
   // Lowest acceptable packet numbers follow the last sender.
   if (use.delayProtect) {
@@ -538,6 +554,8 @@ void MkaActorSm::handlePeerReview() {
     actorStatus()->potentialPeerDel(Zef::String(it.key()));
   }
   doUpdateActorSuccess();
+  // The peers that went may have been the last ones that lacked the key.
+  updateSakTransmit();
 }
 
 namespace {
@@ -643,6 +661,8 @@ void MkaActorSm::handleLatestSakContext() {
   if (!initialized()) return;
   ACTOR_ENTRY();
   if (!actorStatus()->principal()) return;
+  // The key server's own hardware may be the last to receive on its key.
+  updateSakTransmit();
   // A follower tells the key server that it receives; the key server tells everybody that it
   // transmits.
   const SakContext latest = cpStatus()->latestSakContext();

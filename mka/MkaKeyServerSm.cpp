@@ -187,7 +187,13 @@ AssociationNumber MkaKeyServerSm::freeAssociationNumber() const {
   // peer may transmit on; the same, but a peer may move to it; one that a peer reports transmitting
   // on (even a key this port no longer knows, its controlled port rebuilt since); the key this port
   // transmits on and the keys in service.
-  const AssociationNumber next = mkaPortStatus()->anOfNextKey();
+  // A member's first key starts from a number of its own, drawn from its member identifier: on a
+  // shared segment two members may both stand as key server for a moment, and keys of both on one
+  // number would push each other out of the peers' receive SAs.
+  const Zef::String& mi = mkaActorStatus()->msgId();
+  const AssociationNumber next = mkaActorStatus()->keyNum() == 0 && !mi.empty()
+                                     ? AssociationNumber(static_cast<uint8_t>(mi.hash() >> 30))
+                                     : mkaPortStatus()->anOfNextKey();
   const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId());
   // Potential peers count here too: after a restart, a member that transmits on a key is heard
   // before it is live again.
@@ -203,6 +209,20 @@ AssociationNumber MkaKeyServerSm::freeAssociationNumber() const {
     }
     return false;
   };
+  // A peer that receives on another member's key (one that stood as key server meanwhile, or
+  // still does on a shared segment) would have to give that key up for ours, while its member may
+  // transmit on it.
+  const Zef::String& self = mkaActorStatus()->msgId();
+  auto aPeerReceivesAnothersKeyOn = [&](uint8_t an) {
+    auto receivesOn = [&](const KeyInfo& key) { return key.an == an && (key.rx || key.tx) && key.mi != self; };
+    auto anyOf = [&](auto it) {
+      for (; it; ++it) {
+        if (receivesOn(it->sakUseInfo().latestKey) || receivesOn(it->sakUseInfo().oldKey)) return true;
+      }
+      return false;
+    };
+    return anyOf(mkaActorStatus()->livePeerIter()) || anyOf(mkaActorStatus()->potentialPeerIter());
+  };
   auto cost = [&](uint8_t an) {
     const auto holds = [an](const Sak& sak) { return !sak.empty() && sak.an == an; };
     const SakContext latest = cp ? cp->latestSakContext() : SakContext();
@@ -210,6 +230,7 @@ AssociationNumber MkaKeyServerSm::freeAssociationNumber() const {
       return 4;
     }
     if (aPeerReportsTransmitOn(an)) return 3;
+    if (aPeerReceivesAnothersKeyOn(an)) return 2;
     std::optional<Sak> receiving;
     if (holds(latest.sak))
       receiving = latest.sak;

@@ -252,6 +252,28 @@ void MkaPortSm::doElectPrincipalActor() {
   principalActorCknIs(chosen->ckn());
 }
 
+void MkaPortSm::keyServerUp(const Zef::Ptr<MkaActorStatus>& actor) {
+  // The primary key gets its activation period to come back before a fallback key is used.
+  // A fresh port's timer (0.0) does not pass this test: there the fallback is taken at once.
+  if (actor->defaultActor() && principalActorCkn().empty() && defaultActorTimer()->timeMin() > kLargestFinite) {
+    TRACE(3, ": Starting default actor activation timer on " << intfId());
+    defaultActorTimer()->timeMinIs(Zef::System::currentTime() + status()->defaultKeyActivationPeriod());
+    return;
+  }
+  TRACE(3, ": Re-evaluating principal actor on " << intfId());
+  doElectPrincipalActor();
+}
+
+void MkaPortSm::ZefPortStatus::ZefActorStatus::handleActorElectedSelf() {
+  MkaPortSm* port = stateMachine();
+  if (port == nullptr || !port->initialized()) return;
+  // An actor that was up as a follower without a key, and now stands as key server itself, makes
+  // the keys: it needs the port as much as one that came up as key server.
+  const Zef::Ptr<MkaActorStatus> actor = port->portStatus()->actorStatus(Zef::String(key()));
+  if (!actor || !actor->success() || !actor->electedSelf() || actor->principal()) return;
+  port->keyServerUp(actor);
+}
+
 void MkaPortSm::ZefPortStatus::ZefActorStatus::handleActorSuccess() {
   MkaPortSm* port = stateMachine();
   if (port == nullptr || !port->initialized()) return;
@@ -275,16 +297,7 @@ void MkaPortSm::ZefPortStatus::ZefActorStatus::handleActorSuccess() {
       TRACE(3, ": Actor " << ckn << " is not the elected key server on " << intfId << ". Bailing");
       return;
     }
-    // The primary key gets its activation period to come back before a fallback key is used.
-    // A fresh port's timer (0.0) does not pass this test: there the fallback is taken at once.
-    if (actor->defaultActor() && port->principalActorCkn().empty() &&
-        port->defaultActorTimer()->timeMin() > kLargestFinite) {
-      TRACE(3, ": Starting default actor activation timer on " << intfId);
-      port->defaultActorTimer()->timeMinIs(Zef::System::currentTime() + port->status()->defaultKeyActivationPeriod());
-      return;
-    }
-    TRACE(3, ": Re-evaluating principal actor on " << intfId);
-    port->doElectPrincipalActor();
+    port->keyServerUp(actor);
     return;
   }
 

@@ -6,6 +6,7 @@
 #include <iomanip>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <random>
 #include <set>
 #include <sstream>
@@ -115,15 +116,19 @@ class FaultRunner {
   void drawEvents();
   void drawForgeries();
   void forge(const uint8_t* how);
+  void mend();
   void rest();
+  bool settled() const;
   void keyIs(Agent& agent, const std::string& ckn, const std::string& cak);
   void rekeyPeriodIs(uint32_t seconds);
   void note(const std::string& event);
 
   // What must hold after every event, and after the rest.
   void checkAlways();
+  void checkTransmitsAhead(const std::vector<End>& ends, const End& from);
   void checkKeysTakenAway(const std::vector<End>& ends, const End& to);
   void checkRested();
+  std::optional<Broken> unrested() const;
   void checkLogs();
 
   FaultOptions options_;
@@ -135,8 +140,10 @@ class FaultRunner {
   std::vector<std::vector<End>> ends_;  // of each link
   std::vector<std::string> secrets_;    // every CAK, as lower-case hexadecimal
   std::vector<std::string> logged_;
-  // The keys that each interface received on, at the last check.
+  // The keys that each interface received on, and the one it transmitted on with its port open
+  // (or none), at the last check.
   std::map<std::string, std::set<std::string>> receiving_;
+  std::map<std::string, std::string> transmitting_;
   // The last MKPDU each interface sent.
   std::map<std::string, Message> lastSent_;
   Macsec::CipherSuite suite_ = Macsec::cipherSuiteGcmAes128;
@@ -403,8 +410,8 @@ void FaultRunner::forge(const uint8_t* how) {
   }
 }
 
-// Every link mended and clean, and no more rekeys: the network rests.
-void FaultRunner::rest() {
+// Every link mended and clean, and no more rekeys.
+void FaultRunner::mend() {
   note("rest");
   for (Link* link : links_) {
     link->cutIs(false);
@@ -431,15 +438,41 @@ void FaultRunner::checkAlways() {
     // that it stops receiving on a key in use: an insider with the CAK can do that much. With
     // forgeries, what holds is the rest of the checks, and the end.
     if (!options_.forged.empty()) continue;
+    for (const End& from : ends) checkTransmitsAhead(ends, from);
     for (const End& to : ends) checkKeysTakenAway(ends, to);
+  }
+}
+
+// Nobody asks its data plane to transmit on a key that a member it is live with (each holds the
+// other live) does not receive on: not the key server on a new key, not a follower that follows
+// it, not on the first key of a session. (A member still joining, or one that becomes live while
+// the key is on its way into service or in it, gets the key from the key server.)
+void FaultRunner::checkTransmitsAhead(const std::vector<End>& ends, const End& from) {
+  const Zef::Ptr<Macsec::CpStatus> cp = from.agent->status()->cpStatus(from.intf);
+  const Macsec::SaStatus tx = cp && !cp->txSak().empty() ? Macsec::SaStatus{Macsec::AssociationNumber(cp->txSak().an),
+                                                                            cp->txSak().mi, cp->txSak().keyNum, 0}
+                                                         : Macsec::SaStatus();
+  const std::string now = tx.empty() ? std::string() : text(tx);
+  std::string& before = transmitting_[text(from)];
+  if (now == before) return;
+  before = now;
+  if (now.empty()) return;
+  const Principal sender = principalOf(from);
+  for (const End& to : ends) {
+    if ((to.agent == from.agent && to.intf == from.intf) || !holdsLive(sender.actor, sciOf(to)) || receives(to, tx)) {
+      continue;
+    }
+    const Principal receiver = principalOf(to);
+    if (receiver.ckn != sender.ckn || !holdsLive(receiver.actor, sciOf(from))) continue;
+    throw Broken{"transmits ahead: " + text(from) + " asks to transmit on " + now + ", which " + text(to) +
+                 ", a live peer, does not receive on"};
   }
 }
 
 // A key is not taken away from a port while a peer transmits on it: among members of one
 // connectivity association that hold each other live, none stops receiving on a key of its key
-// server that another transmits on. (A first key may reach a peer after its key server has begun
-// to transmit on it, and a member that comes back may transmit on a key retired while it was
-// away, until it has the current one: neither takes a key away.)
+// server that another transmits on. (A member that comes back may transmit on a key retired while
+// it was away, until it has the current one: that takes no key away.)
 void FaultRunner::checkKeysTakenAway(const std::vector<End>& ends, const End& to) {
   std::set<std::string>& before = receiving_[text(to)];
   std::set<std::string> now;
@@ -463,34 +496,76 @@ void FaultRunner::checkKeysTakenAway(const std::vector<End>& ends, const End& to
   before = std::move(now);
 }
 
-void FaultRunner::checkRested() {
+std::optional<Broken> FaultRunner::unrested() const {
   for (const std::vector<End>& ends : ends_) {
     const Macsec::SaStatus key = ends[0].agent->hw(ends[0].intf)->txSaStatus();
     for (const End& end : ends) {
       const Zef::Ptr<Macsec::CpStatus> cp = end.agent->status()->cpStatus(end.intf);
       const Zef::Ptr<Macsec::MacSecIntfStatus> hw = end.agent->hw(end.intf);
       if (!cp->controlledPortEnabled() || hw->txSaStatus().empty() || !sameKey(hw->txSaStatus(), key)) {
-        throw Broken{"not secured at the end: " + text(end) + " port " +
-                     (cp->controlledPortEnabled() ? "open" : "closed") + ", transmits on " + text(hw->txSaStatus()) +
-                     ", " + text(ends[0]) + " on " + text(key)};
+        return Broken{"not secured at the end: " + text(end) + " port " +
+                      (cp->controlledPortEnabled() ? "open" : "closed") + ", transmits on " + text(hw->txSaStatus()) +
+                      ", " + text(ends[0]) + " on " + text(key)};
       }
-      if (!receives(end, key))
-        throw Broken{"not secured at the end: " + text(end) + " does not receive on " + text(key)};
+      if (!receives(end, key)) {
+        return Broken{"not secured at the end: " + text(end) + " does not receive on " + text(key)};
+      }
       for (auto it = cp->rxSakIter(); it; ++it) {
         const Macsec::SaStatus asked{Macsec::AssociationNumber(it.value().an), it.value().mi, it.value().keyNum, 0};
         if (!sameKey(asked, key)) {
-          throw Broken{"stale receive SA at the end: " + text(end) + " receives on " + text(asked) + " beside " +
-                       text(key)};
+          return Broken{"stale receive SA at the end: " + text(end) + " receives on " + text(asked) + " beside " +
+                        text(key)};
         }
       }
       const Principal principal = principalOf(end);
       for (const End& other : ends) {
         if (&other != &end && !holdsLive(principal.actor, sciOf(other))) {
-          throw Broken{"not live at the end: " + text(end) + " does not hold " + text(other)};
+          return Broken{"not live at the end: " + text(end) + " does not hold " + text(other)};
         }
       }
     }
   }
+  return std::nullopt;
+}
+
+bool FaultRunner::settled() const {
+  if (unrested()) return false;
+  // Nothing left to happen: each member holds exactly the others live and nobody else (a forged
+  // member has aged out), the key is in service with no successor on its way, and no key server
+  // owes a key.
+  for (const std::vector<End>& ends : ends_) {
+    for (const End& end : ends) {
+      const Principal principal = principalOf(end);
+      const Zef::Ptr<Macsec::CpStatus> cp = end.agent->status()->cpStatus(end.intf);
+      if (principal.actor->livePeerSize() != ends.size() - 1 || principal.actor->potentialPeerSize() != 0 ||
+          principal.actor->newSak() || (principal.actor->electedSelf() && !principal.actor->sakTransmit()) ||
+          cp->latestSakContext() != Macsec::SakContext()) {
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+// The rest: its whole length, or until the network has stayed settled for a few seconds.
+void FaultRunner::rest() {
+  if (!options_.stopWhenSettled) {
+    sim_.runFor(options_.restSeconds);
+    return;
+  }
+  const double end = sim_.now() + options_.restSeconds;
+  for (int settledChecks = 0; sim_.now() < end;) {
+    sim_.runFor(std::min(1.0, end - sim_.now()));
+    settledChecks = settled() ? settledChecks + 1 : 0;
+    if (settledChecks == 4) {
+      note("settled");
+      return;
+    }
+  }
+}
+
+void FaultRunner::checkRested() {
+  if (const std::optional<Broken> broken = unrested()) throw *broken;
 }
 
 void FaultRunner::checkLogs() {
@@ -519,8 +594,8 @@ FaultOutcome FaultRunner::run() {
   outcome.drawn = drawn_.str();
   try {
     sim_.runUntil(options_.faultSeconds);
+    mend();
     rest();
-    sim_.runFor(options_.restSeconds);
     checkRested();
     checkLogs();
   } catch (const Broken& broken) {
@@ -540,13 +615,18 @@ FaultOutcome faultRun(uint32_t seed, const FaultOptions& options) {
   return runner.run();
 }
 
-FaultOutcome forgedRun(const std::string& input, bool verbose) {
-  if (input.size() < 2) return FaultOutcome{};
+FaultOptions forgedOptions() {
   FaultOptions options;
-  options.faultSeconds = 30;
+  options.faultSeconds = 14;
   options.restSeconds = 40;
+  options.stopWhenSettled = true;
+  return options;
+}
+
+FaultOutcome forgedRun(const std::string& input, const FaultOptions& timing) {
+  if (input.size() < 2) return FaultOutcome{};
+  FaultOptions options = timing;
   options.pairOnly = true;
-  options.verbose = verbose;
   options.forged = input.substr(2, 64 * 8);
   const uint32_t seed = static_cast<uint8_t>(input[0]) | static_cast<uint32_t>(static_cast<uint8_t>(input[1])) << 8;
   return faultRun(seed, options);

@@ -33,12 +33,20 @@ struct FaultOptions {
   // Only a pair of switches on one clean link, with no events: the forged frames are the only
   // faults.
   bool pairOnly = false;
+  // The rest ends as soon as the network has settled (every link secured on one key, nothing
+  // pending, each member holding exactly the others live) for a few seconds, and at the latest
+  // after restSeconds.
+  bool stopWhenSettled = false;
 };
 
 FaultOutcome faultRun(uint32_t seed, const FaultOptions& options = {});
 
+// The actor fuzzer's timing: forged frames within the first 8 s, then rest until the pair has
+// settled. Inputs found with other timings replay with theirs.
+FaultOptions forgedOptions();
+
 // A run of a pair of switches on one clean link that takes forged frames: the input's first two
 // octets are the seed, the rest the forgeries (at most 64). The actor fuzzer's run, and its replay.
-FaultOutcome forgedRun(const std::string& input, bool verbose = false);
+FaultOutcome forgedRun(const std::string& input, const FaultOptions& options = forgedOptions());
 
 }  // namespace Sim

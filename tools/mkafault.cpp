@@ -15,6 +15,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "sim/FaultRun.h"
 
@@ -81,19 +82,33 @@ int main(int argc, char** argv) {
   app.add_option("--rest-seconds", options.restSeconds, "virtual seconds of rest before the final check")
       ->check(CLI::Range(10.0, 3600.0));
   app.add_flag("--verbose", options.verbose, "print the events and the operators' log of each run");
-  std::string forged;
-  app.add_option("--forged", forged, "replay this input of the actor fuzzer (a pair of switches, forged frames)")
+  std::vector<std::string> forged;
+  app.add_option("--forged", forged,
+                 "replay these inputs of the actor fuzzer (a pair of switches, forged frames), with the fuzzer's "
+                 "timing unless --fault-seconds or --rest-seconds say otherwise")
       ->check(CLI::ExistingFile);
   CLI11_PARSE(app, argc, argv);
 
   if (!forged.empty()) {
-    std::ifstream file(forged, std::ios::binary);
-    const std::string input{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    const Sim::FaultOutcome outcome = Sim::forgedRun(input, options.verbose);
-    std::cout << outcome.drawn << "\n"
-              << (outcome.passed ? "passed" : "failed at " + std::to_string(outcome.time) + " s: " + outcome.failure)
-              << "\n";
-    return outcome.passed ? 0 : 1;
+    Sim::FaultOptions timing = Sim::forgedOptions();
+    if (app.count("--fault-seconds") + app.count("--rest-seconds") > 0) {
+      timing.faultSeconds = options.faultSeconds;
+      timing.restSeconds = options.restSeconds;
+      timing.stopWhenSettled = false;
+    }
+    timing.verbose = options.verbose;
+    int failed = 0;
+    for (const std::string& path : forged) {
+      std::ifstream file(path, std::ios::binary);
+      const std::string input{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+      const Sim::FaultOutcome outcome = Sim::forgedRun(input, timing);
+      failed += outcome.passed ? 0 : 1;
+      std::cout << path << ": " << outcome.drawn << "\n  "
+                << (outcome.passed ? "passed" : "failed at " + std::to_string(outcome.time) + " s: " + outcome.failure)
+                << "\n";
+    }
+    std::cout << forged.size() - failed << " passed, " << failed << " failed\n";
+    return failed == 0 ? 0 : 1;
   }
 
   uint32_t failed = 0;

@@ -65,7 +65,6 @@ TEST_F(KeyServer, TheFirstKeyComesAtTheElectionAndIsCarriedUntilItIsInUse) {
   const Sak sak = sa->distSak();
   EXPECT_EQ(sak.keyNum, 1u);
   EXPECT_EQ(sak.mi, sa->msgId());
-  EXPECT_EQ(sak.an, 0);
   // The follower took the key from an MKPDU.
   EXPECT_EQ(sb->distSak().mi, sak.mi);
   EXPECT_EQ(sb->distSak().keyNum, 1u);
