@@ -145,6 +145,9 @@ void ControlledPortSm::handleDistSak() {
   cpStatus()->unprotectedTrafficIs(false);
   cpStatus()->rxSakIs(request);
   latestSinceIs(keyServerMsgNum());
+  // A sakTransmit that came while the key was on its way here (the actor hears of the key before
+  // this slot has it) counts now: it is written only when it changes.
+  handleSakTransmit();
 }
 
 void ControlledPortSm::handleRxSaStatus(const AssociationNumber& an) {
