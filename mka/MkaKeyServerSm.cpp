@@ -212,9 +212,8 @@ AssociationNumber MkaKeyServerSm::freeAssociationNumber() const {
   // A peer that receives on another member's key (one that stood as key server meanwhile, or
   // still does on a shared segment) would have to give that key up for ours, while its member may
   // transmit on it.
-  const Zef::String& self = mkaActorStatus()->msgId();
   auto aPeerReceivesAnothersKeyOn = [&](uint8_t an) {
-    auto receivesOn = [&](const KeyInfo& key) { return key.an == an && (key.rx || key.tx) && key.mi != self; };
+    auto receivesOn = [&](const KeyInfo& key) { return key.an == an && (key.rx || key.tx) && key.mi != mi; };
     auto anyOf = [&](auto it) {
       for (; it; ++it) {
         if (receivesOn(it->sakUseInfo().latestKey) || receivesOn(it->sakUseInfo().oldKey)) return true;
