@@ -144,7 +144,10 @@ void ControlledPortSm::handleDistSak() {
   const Sak request = withSalt(dist);
   cpStatus()->unprotectedTrafficIs(false);
   cpStatus()->rxSakIs(request);
-  latestSinceIs(keyServerMsgNum());
+  // Numbered as the MKPDUs of the member that made the key, which brought it (a key server that
+  // took over since the last one heard numbers its MKPDUs its own way).
+  const Zef::Ptr<MkaPeer const> maker = actorStatus()->livePeer(dist.mi);
+  latestSinceIs(maker ? maker->baseInfo().msgNum : 0);
   // A sakTransmit that came while the key was on its way here (the actor hears of the key before
   // this slot has it) counts now: it is written only when it changes.
   handleSakTransmit();

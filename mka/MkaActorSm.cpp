@@ -628,12 +628,14 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
     info->sakDistInfoIs(SakDistInfo());
   }
 
-  // What the hardware has confirmed, not what was asked of it; read in place.
+  // What the hardware has confirmed, not what was asked of it; read in place. The port's keys are
+  // its principal actor's to tell: another actor (one of another key, or a follower live again
+  // that has yet to be given the key) says it has none, so that its key server gives it the key.
   const Zef::Ptr<CpStatus const> cp = cpStatus();
   const SakContext none;
   const SakContext& latest = cp ? cp->latestSakContext() : none;
   const SakContext& old = cp ? cp->oldSakContext() : none;
-  if ((latest == none && old == none) || actorStatus()->livePeerSize() == 0) {
+  if ((latest == none && old == none) || actorStatus()->livePeerSize() == 0 || !actorStatus()->principal()) {
     info->sakUseInfoIs(SakUseInfo());
   } else {
     info->sakUseInfoIs(SakUseInfo{keyInfoOf(latest), keyInfoOf(old), false, false, status()->delayProtection()});
