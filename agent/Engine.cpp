@@ -81,7 +81,7 @@ Engine::Engine(EngineOptions options)
       deviceIntfStatusDir_(Interface::DeviceIntfStatusDir::DeviceIntfStatusDirIs("deviceIntfStatusDir")) {
   const Speaking speaking(name());
   wheel_->randomSeedIs(options_.randomSeed);
-  status_->memberIdSeedIs(options_.memberIdSeed);
+  status_->replaySeedIs(options_.replaySeed);
   // The engine hears what the actors send before the codec encodes it.
   txReactor_ = Zef::Ptr<TxReactor>(new TxReactor(pamManager_->txMessageInfo(), this));
   if (options_.frames) codec_ = MkpduCodec::MkpduCodecIs(status_, pamManager_, pams_, counters_);

@@ -49,9 +49,9 @@ struct EngineOptions {
   uint64_t randomSeed = 1;
   // Whether the hardware emulator answers the SA requests; without it, another data plane must.
   bool emulatedHardware = true;
-  // A simulation's seed for member identifiers, so that a run replays exactly; 0 (a real member)
-  // draws them from the random number generator.
-  uint64_t memberIdSeed = 0;
+  // A simulation's seed for member identifiers and key nonces, so that a run replays exactly; 0 (a
+  // real member) draws them from the random number generator.
+  uint64_t replaySeed = 0;
 };
 
 // How one interface runs MKA: its MACsec settings, and for interfaceIs() its Ethernet address and

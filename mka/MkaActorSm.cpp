@@ -113,8 +113,8 @@ void MkaActorSm::handleCleanUp() {
 void MkaActorSm::updateMsgId() {
   ACTOR_ENTRY();
   Zef::String id;
-  if (status()->memberIdSeed() != 0) {
-    seededMemberId(status()->memberIdSeed(), status()->memberIdsDrawnInc(1), id);
+  if (status()->replaySeed() != 0) {
+    id = bytesToHex(seededBytes(status()->replaySeed(), status()->replayDrawsInc(1), 12));
   } else {
     randomNumberGenerator(96, id);
   }

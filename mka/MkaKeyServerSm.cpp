@@ -251,7 +251,10 @@ void MkaKeyServerSm::generateNewSak() {
   // The context of the derivation: a fresh nonce of the key's length, the live peers' member
   // identifiers, and the new key number in network order.
   const int bits = keyBitsOf(mkaIntfStatus()->cipherSuite());
-  KeyBytes context = randomBytes(static_cast<size_t>(bits / 8));
+  const size_t nonce = static_cast<size_t>(bits / 8);
+  KeyBytes context = status()->replaySeed() != 0
+                         ? seededBytes(status()->replaySeed(), status()->replayDrawsInc(1), nonce)
+                         : randomBytes(nonce);
   for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) {
     KeyBytes peer;
     if (hexToBytes(it.key().view(), peer)) context.append(peer);

@@ -5,6 +5,7 @@
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -145,15 +146,21 @@ KeyBytes deriveSak(const KeyBytes& cak, const KeyBytes& context, int bits) {
 
 void randomNumberGenerator(int bits, Zef::String& out) { hexOut(randomBytes(static_cast<size_t>(bits + 7) / 8), out); }
 
-void seededMemberId(uint64_t seed, uint64_t draw, Zef::String& out) {
+KeyBytes seededBytes(uint64_t seed, uint64_t draw, size_t count) {
   KeyBytes key(16);
-  uint8_t number[8];
+  uint8_t block[12] = {};
   for (int i = 0; i < 8; ++i) {
     key.data()[i] = static_cast<uint8_t>(seed >> (8 * i));
-    number[i] = static_cast<uint8_t>(draw >> (8 * i));
+    block[i] = static_cast<uint8_t>(draw >> (8 * i));
   }
-  const KeyBytes mac = aesCmac(key, number, sizeof number);
-  hexOut(KeyBytes(mac.data(), 12), out);
+  // The first block is of the draw number alone, the later ones of the number and the block's.
+  KeyBytes out;
+  for (uint32_t counter = 0; out.size() < count; ++counter) {
+    for (int i = 0; i < 4; ++i) block[8 + i] = static_cast<uint8_t>(counter >> (8 * i));
+    const KeyBytes mac = aesCmac(key, block, counter == 0 ? 8 : sizeof block);
+    out.append(mac.data(), std::min(mac.size(), count - out.size()));
+  }
+  return out;
 }
 
 KeyBytes deriveCak(const KeyBytes& msk, const KeyBytes& macs, int bits) {

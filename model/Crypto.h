@@ -39,10 +39,11 @@ KeyBytes deriveCkn(const KeyBytes& msk, int bits, const KeyBytes& context, int c
 
 // `bits` of cryptographic randomness from OpenSSL's DRBG, as hexadecimal text.
 void randomNumberGenerator(int bits, Zef::String& out);
-// 96 bits that look random but follow from a seed and a draw number (AES-CMAC of the number under
-// a key made of the seed), as hexadecimal text: member identifiers for a simulation that must
-// replay exactly. Never for a real member, whose identifier must not be foreseeable.
-void seededMemberId(uint64_t seed, uint64_t draw, Zef::String& out);
+// Octets that look random but follow from a seed and a draw number (AES-CMAC of the draw number
+// and a block counter under a key made of the seed): member identifiers and nonces for a
+// simulation that must replay exactly. Never for a real member, whose identifiers and keys must
+// not be foreseeable.
+KeyBytes seededBytes(uint64_t seed, uint64_t draw, size_t count);
 
 // The CAK of an EAP-derived key: key is the first bits/4 characters of the EAP key text, macs the
 // two MAC addresses as 24 hexadecimal characters, the lower address first.

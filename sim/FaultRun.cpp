@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "mkpdu/MkpduCoding.h"
-#include "model/Crypto.h"
+#include "model/LogMessages.h"
 #include "platform/Log.h"
 #include "sim/Simulation.h"
 
@@ -376,7 +376,7 @@ void FaultRunner::forge(const uint8_t* how) {
       m.sakDistInfo.distributedAN = how[2] & 3;
       m.sakDistInfo.keyNumber += how[3] % 3;
       if (how[4] & 1) m.sakDistInfo.cipherSuite = Macsec::cipherSuiteGcmAes256;
-      if (m.sakDistInfo.wrappedSak.empty()) m.sakDistInfo.wrappedSak = Macsec::StoredKey::of(Macsec::randomBytes(16));
+      if (m.sakDistInfo.wrappedSak.empty()) m.sakDistInfo.wrappedSak = Macsec::StoredKey::ofHex(hex(16));
       break;
     case 6: {  // a member that does not exist, on the same port
       std::ostringstream mi;
@@ -579,6 +579,8 @@ void FaultRunner::checkLogs() {
 }
 
 FaultOutcome FaultRunner::run() {
+  // Nothing of an earlier run in this process is held back: a run goes as it would alone.
+  Macsec::clearLogHistory();
   Zef::logSinkIs([this](const Zef::LogRecord& record) {
     std::string line =
         std::string(record.source) + " " + std::string(record.handle->name().view()) + ": " + record.text;

@@ -17,7 +17,7 @@ void Link::cutIs(bool cut) {
 
 void Link::endIs(Agent& agent, const Lanx::IntfId& intf) {
   ends_.push_back(End{&agent, intf});
-  sim_.endOfLinkIs(&agent, intf, this);
+  agent.linkIs(intf, this);
 }
 
 template <class Schedule>
@@ -67,7 +67,7 @@ Agent::Agent(Simulation& sim, std::string name, uint64_t seed)
       [this](const Lanx::IntfId& intf, const Macsec::MkaMessageInfo& message) { transmitted(intf, message); });
   engine_.frameTransmitterIs([this](const Lanx::IntfId& intf, std::string_view frame) {
     if (muted_) return;
-    if (Link* link = sim_.linkOf(this, intf)) link->sendFrame(this, intf, frame);
+    if (Link* link = linkOf(intf)) link->sendFrame(this, intf, frame);
   });
 }
 
@@ -173,7 +173,7 @@ void Agent::transmitted(const Lanx::IntfId& intf, const Macsec::MkaMessageInfo& 
   message.intfId = intf;
   if (sim_.tap_) sim_.tap_(*this, message);
   if (engine_.frames()) return;
-  if (Link* link = sim_.linkOf(this, intf)) link->send(this, intf, message);
+  if (Link* link = linkOf(intf)) link->send(this, intf, message);
 }
 
 namespace {
@@ -240,21 +240,18 @@ Agent& Simulation::agentIs(const std::string& name) {
 Link& Simulation::linkIs(Agent& a, const Lanx::IntfId& intfA, Agent& b, const Lanx::IntfId& intfB, double delay) {
   links_.push_back(std::make_unique<Link>(*this, Link::End{&a, intfA}, Link::End{&b, intfB}, delay));
   Link* link = links_.back().get();
-  endOfLinkIs(&a, intfA, link);
-  endOfLinkIs(&b, intfB, link);
+  a.linkIs(intfA, link);
+  b.linkIs(intfB, link);
   return *link;
 }
 
-Link* Simulation::linkOf(const Agent* agent, const Lanx::IntfId& intf) const {
-  const auto it = linksByIntf_.find(agent);
-  if (it == linksByIntf_.end() || intf.value() >= it->second.size()) return nullptr;
-  return it->second[intf.value()];
+Link* Agent::linkOf(const Lanx::IntfId& intf) const {
+  return intf.value() < links_.size() ? links_[intf.value()] : nullptr;
 }
 
-void Simulation::endOfLinkIs(const Agent* agent, const Lanx::IntfId& intf, Link* link) {
-  std::vector<Link*>& links = linksByIntf_[agent];
-  if (intf.value() >= links.size()) links.resize(intf.value() + 1, nullptr);
-  if (!links[intf.value()]) links[intf.value()] = link;
+void Agent::linkIs(const Lanx::IntfId& intf, Link* link) {
+  if (intf.value() >= links_.size()) links_.resize(intf.value() + 1, nullptr);
+  if (!links_[intf.value()]) links_[intf.value()] = link;
 }
 
 void Simulation::schedule(Link* link, Agent* to, const Message& message, double delay) {

@@ -15,7 +15,6 @@
 #include <random>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "agent/Engine.h"
@@ -152,11 +151,18 @@ class Agent {
   uint64_t sent() const noexcept { return sent_; }
 
  private:
+  friend class Link;
+  friend class Simulation;
   void transmitted(const Lanx::IntfId& intf, const Macsec::MkaMessageInfo& message);
+  // The link of each interface, the first one made where several share it, by the interface's
+  // identifier, which is a small number.
+  Link* linkOf(const Lanx::IntfId& intf) const;
+  void linkIs(const Lanx::IntfId& intf, Link* link);
 
   Simulation& sim_;
   Macsec::Engine engine_;
   std::map<std::pair<Lanx::IntfId, Zef::String>, Zef::Ptr<Macsec::MkaActorSm>> actors_;
+  std::vector<Link*> links_;
   bool muted_ = false;
   uint64_t sent_ = 0;
 };
@@ -212,7 +218,6 @@ class Simulation {
       return a.time > b.time || (a.time == b.time && a.sequence > b.sequence);
     }
   };
-  Link* linkOf(const Agent* agent, const Lanx::IntfId& intf) const;
   void schedule(Link* link, Agent* to, const Message& message, double delay);
   void scheduleFrame(Link* link, Agent* to, const Lanx::IntfId& intf, std::string frame, double delay);
   void capture(std::string_view frame);
@@ -227,10 +232,6 @@ class Simulation {
   std::mt19937 random_;
   std::map<std::string, std::unique_ptr<Agent>> agents_;
   std::vector<std::unique_ptr<Link>> links_;
-  // The link of each end, the first one made where several share it: per agent, by the
-  // interface's identifier, which is a small number.
-  void endOfLinkIs(const Agent* agent, const Lanx::IntfId& intf, Link* link);
-  std::unordered_map<const Agent*, std::vector<Link*>> linksByIntf_;
   // Events due in order of scheduling, the common case, as a link's delay is fixed: a queue,
   // which keeps thousands of frames sent at one instant in one run of memory. The others (jitter,
   // actions) wait in a heap ordered by Later, kept by hand so that the earliest event moves out
