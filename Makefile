@@ -3,6 +3,7 @@
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 FUZZ_BUILD ?= build-fuzz
+ENGINE_FUZZ_BUILD ?= build-fuzz-engines
 FUZZ_SECONDS ?= 30
 JOBS       ?= $(shell nproc)
 CMAKE      := cmake -G Ninja -DMKA_WERROR=ON
@@ -22,17 +23,22 @@ build-asan: deps
 	@$(CMAKE) -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DMKA_SANITIZE=ON > /dev/null
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 
-# The fuzzers under libFuzzer, optimised, with ASan and UBSan: of the MKPDU decoder, and of a pair
-# of engines that take forged frames. Each starts from a fresh copy of its kept corpus.
+# The fuzzers under libFuzzer, optimised: of the MKPDU decoder, with ASan and UBSan, and of a pair
+# of engines that take forged frames, without sanitizers and without tracing comparisons: it hunts
+# broken rules rather than memory errors, and runs four times faster so (its kept inputs run under
+# both sanitizers in the sanitized build's tests). Each starts from a fresh copy of its kept corpus;
+# both write their logs under $(FUZZ_BUILD).
 FUZZ_RUNS       ?= 1000000
-ACTOR_FUZZ_RUNS ?= 3000
+ACTOR_FUZZ_RUNS ?= 20000
 FUZZ_SEED       ?= 1
-ACTOR_FUZZ_FLAGS = -max_len=514 -len_control=0
+ACTOR_FUZZ_FLAGS = -max_len=514 -len_control=0 -entropic=0
+FUZZ_CMAKE = CC=clang CXX=clang++ $(CMAKE) -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMKA_FUZZ=ON -DMKA_BENCH=OFF
 
 fuzz-build: deps
-	@CC=clang CXX=clang++ $(CMAKE) -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMKA_SANITIZE=ON -DMKA_FUZZ=ON \
-	  -DMKA_BENCH=OFF > /dev/null
-	@cmake --build $(FUZZ_BUILD) --target mkpdu_fuzz actor_fuzz -j $(JOBS)
+	@$(FUZZ_CMAKE) -B $(FUZZ_BUILD) -DMKA_SANITIZE=ON -DMKA_FUZZ_COMPARISONS=ON > /dev/null
+	@cmake --build $(FUZZ_BUILD) --target mkpdu_fuzz -j $(JOBS)
+	@$(FUZZ_CMAKE) -B $(ENGINE_FUZZ_BUILD) -DMKA_SANITIZE=OFF -DMKA_FUZZ_COMPARISONS=OFF > /dev/null
+	@cmake --build $(ENGINE_FUZZ_BUILD) --target actor_fuzz -j $(JOBS)
 	@rm -rf $(FUZZ_BUILD)/corpus $(FUZZ_BUILD)/actor-corpus && cp -r tests/fuzz/corpus $(FUZZ_BUILD)/corpus \
 	  && cp -r tests/fuzz/actor-corpus $(FUZZ_BUILD)/actor-corpus
 
@@ -41,7 +47,7 @@ define run-fuzzers
 	@$(FUZZ_BUILD)/mkpdu_fuzz $(1) $(FUZZ_BUILD)/corpus > $(FUZZ_BUILD)/fuzz.log 2>&1 \
 	  || (tail -n 40 $(FUZZ_BUILD)/fuzz.log; echo "the decoder's fuzzer found a fault"; exit 1)
 	@tail -n 1 $(FUZZ_BUILD)/fuzz.log
-	@$(FUZZ_BUILD)/actor_fuzz $(2) $(ACTOR_FUZZ_FLAGS) $(FUZZ_BUILD)/actor-corpus > $(FUZZ_BUILD)/actor-fuzz.log 2>&1 \
+	@$(ENGINE_FUZZ_BUILD)/actor_fuzz $(2) $(ACTOR_FUZZ_FLAGS) $(FUZZ_BUILD)/actor-corpus > $(FUZZ_BUILD)/actor-fuzz.log 2>&1 \
 	  || (tail -n 40 $(FUZZ_BUILD)/actor-fuzz.log; echo "the engines' fuzzer found a fault"; exit 1)
 	@tail -n 1 $(FUZZ_BUILD)/actor-fuzz.log
 endef
@@ -50,9 +56,11 @@ endef
 fuzz: fuzz-build
 	$(call run-fuzzers,-max_total_time=$(FUZZ_SECONDS),-max_total_time=$(FUZZ_SECONDS))
 
-# What make test runs: a fixed number of inputs from a fixed seed, the same every time.
+# What make test runs: a fixed number of inputs from a fixed seed, the same every time. Mutations
+# towards compared values are left out: some of the values compared are addresses, which change
+# from run to run.
 fuzz-check: fuzz-build
-	$(call run-fuzzers,-runs=$(FUZZ_RUNS) -seed=$(FUZZ_SEED),-runs=$(ACTOR_FUZZ_RUNS) -seed=$(FUZZ_SEED))
+	$(call run-fuzzers,-runs=$(FUZZ_RUNS) -seed=$(FUZZ_SEED) -use_cmp=0,-runs=$(ACTOR_FUZZ_RUNS) -seed=$(FUZZ_SEED))
 
 test: format-check build build-asan fuzz-check
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
@@ -100,4 +108,4 @@ install: build
 	install -D -m 0644 dist/mkad.service $(DESTDIR)/lib/systemd/system/mkad.service
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(ENGINE_FUZZ_BUILD)

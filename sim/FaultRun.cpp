@@ -395,15 +395,10 @@ void FaultRunner::forge(const uint8_t* how) {
   // refused instead. (Numbers far ahead would silence the member for as long as it takes to catch
   // up, which the protocol means to happen and no rest would outlast.)
   if (kind != 1 && kind != 6) m.baseInfo.msgNum += 1;
-  const Zef::Ptr<Macsec::MkaActorStatus> actor =
-      from->agent->status()->portStatus(from->intf)->actorStatus(m.baseInfo.ckn);
-  const Zef::Ptr<Macsec::IntfStatus> intf = from->agent->status()->intfStatus(from->intf);
-  if (!actor || !intf) return;
+  // Signed with the keys the member's own codec holds ready.
+  const std::optional<Macsec::ActorKeys> keys = from->agent->codec()->actorKeys(from->intf, m.baseInfo.ckn);
   std::string frame;
-  if (!Macsec::encodeMkpdu(m, m.baseInfo.sci.addr, Macsec::ActorKeys{actor->ick(), actor->kek(), intf->cipherSuite()},
-                           frame)) {
-    return;
-  }
+  if (!keys || !Macsec::encodeMkpdu(m, m.baseInfo.sci.addr, *keys, frame)) return;
   note("forged frame from " + text(*from));
   for (const End& to : *ends) {
     if (&to != from) to.agent->deliverFrame(to.intf, frame);
@@ -547,7 +542,8 @@ bool FaultRunner::settled() const {
   return true;
 }
 
-// The rest: its whole length, or until the network has stayed settled for a few seconds.
+// The rest: its whole length, or until the network has stayed settled for an MKPDU period (a
+// check a second).
 void FaultRunner::rest() {
   if (!options_.stopWhenSettled) {
     sim_.runFor(options_.restSeconds);
@@ -557,7 +553,7 @@ void FaultRunner::rest() {
   for (int settledChecks = 0; sim_.now() < end;) {
     sim_.runFor(std::min(1.0, end - sim_.now()));
     settledChecks = settled() ? settledChecks + 1 : 0;
-    if (settledChecks == 4) {
+    if (settledChecks == 2) {
       note("settled");
       return;
     }
@@ -619,7 +615,7 @@ FaultOutcome faultRun(uint32_t seed, const FaultOptions& options) {
 
 FaultOptions forgedOptions() {
   FaultOptions options;
-  options.faultSeconds = 14;
+  options.faultSeconds = 10;
   options.restSeconds = 40;
   options.stopWhenSettled = true;
   return options;

@@ -34,15 +34,16 @@ struct FaultOptions {
   // faults.
   bool pairOnly = false;
   // The rest ends as soon as the network has settled (every link secured on one key, nothing
-  // pending, each member holding exactly the others live) for a few seconds, and at the latest
+  // pending, each member holding exactly the others live) for an MKPDU period, and at the latest
   // after restSeconds.
   bool stopWhenSettled = false;
 };
 
 FaultOutcome faultRun(uint32_t seed, const FaultOptions& options = {});
 
-// The actor fuzzer's timing: forged frames within the first 8 s, then rest until the pair has
-// settled. Inputs found with other timings replay with theirs.
+// The actor fuzzer's timing: forged frames within the first 5 s (as the pair meets, keys its first
+// SAK and settles), then rest until the pair has settled. Inputs found with other timings replay
+// with theirs too.
 FaultOptions forgedOptions();
 
 // A run of a pair of switches on one clean link that takes forged frames: the input's first two
