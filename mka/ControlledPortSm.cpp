@@ -65,8 +65,11 @@ void ControlledPortSm::handleInitialized() {
   // been set before this state machine was initialized, and then replayed nothing.
   handleHwIntfStatus(intfId());
   handleTxSaStatus();
-  const SakContext latest = cpStatus()->latestSakContext();
-  if (latest != SakContext() && !latest.rxInstalled) handleRxSaStatus(AssociationNumber(latest.sak.an));
+  // The transmit confirmation may have moved the key on to the old slot before its receive
+  // confirmation counted: either slot's counts now.
+  for (const SakContext& context : {cpStatus()->latestSakContext(), cpStatus()->oldSakContext()}) {
+    if (context != SakContext() && !context.rxInstalled) handleRxSaStatus(AssociationNumber(context.sak.an));
+  }
 }
 
 void ControlledPortSm::handleHwIntfStatus(const Lanx::IntfId& intf) {
@@ -165,23 +168,31 @@ void ControlledPortSm::handleRxSaStatus(const AssociationNumber& an) {
     return;
   }
   const SaStatus record = hw->rxSaStatus(an);
-  // Only a confirmation of the key on its way in counts, and only once.
-  SakContext latest = cpStatus()->latestSakContext();
-  if (latest.sak.an != an.value() || record.mi != latest.sak.mi || record.keyNum != latest.sak.keyNum) {
+  const Sak confirmed{an.value(), record.mi, record.keyNum, {}, {}};
+  // Only a confirmation of the key on its way in counts, and only once; or of the old key, when
+  // the key went there before its receive SA was confirmed (a follower's transmit confirmed
+  // first moves it on): its peers learn that it receives from the old key's entry.
+  const bool latestKey = sameKey(cpStatus()->latestSakContext().sak, confirmed);
+  if (!latestKey && !sameKey(cpStatus()->oldSakContext().sak, confirmed)) {
     TRACE(3, ": Ignoring receive SA for AN: " << an << " because it doesn't match with the latestSak for " << ckn
                                               << " on " << intfId);
     return;
   }
-  if (latest.rxInstalled) {
+  SakContext context = latestKey ? cpStatus()->latestSakContext() : cpStatus()->oldSakContext();
+  if (context.rxInstalled) {
     TRACE(3, ": Ignoring receive SA for AN: " << an << " because the SAK is already installed for RX for " << ckn
                                               << " on " << intfId);
     return;
   }
-  latest.rxInstalled = true;
-  TRACE(1, ": Starting receive on key: " << latest.sak.mi << ":" << latest.sak.keyNum << forActor());
+  context.rxInstalled = true;
+  TRACE(1, ": Starting receive on key: " << context.sak.mi << ":" << context.sak.keyNum << forActor());
   // Transmit waits for sakTransmit, on the key server as on a follower: the key server's actor
   // sets it once every live peer, and this confirmation, say they receive.
-  cpStatus()->latestSakContextIs(latest);
+  if (latestKey) {
+    cpStatus()->latestSakContextIs(context);
+  } else {
+    cpStatus()->oldSakContextIs(context);
+  }
 }
 
 void ControlledPortSm::handleLivePeer(const Zef::String& peer) {
