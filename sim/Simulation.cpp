@@ -245,6 +245,12 @@ Link& Simulation::linkIs(Agent& a, const Lanx::IntfId& intfA, Agent& b, const La
   return *link;
 }
 
+bool Agent::numberAccepted(const Message& message) {
+  const size_t intf = message.intfId.value();
+  if (intf >= replay_.size()) replay_.resize(intf + 1);
+  return replay_[intf].accept(message.baseInfo.ckn.view(), message.baseInfo.msgId.view(), message.baseInfo.msgNum);
+}
+
 Link* Agent::linkOf(const Lanx::IntfId& intf) const {
   return intf.value() < links_.size() ? links_[intf.value()] : nullptr;
 }
@@ -263,6 +269,7 @@ void Simulation::schedule(Link* link, Agent* to, const Message& message, double 
       return;
     }
     ++link->carried_;
+    if (!to->numberAccepted(message)) return;
     ++deliveries_;
     to->deliver(message);
   });

@@ -19,6 +19,7 @@
 
 #include "agent/Engine.h"
 #include "mka/MkaActorSm.h"
+#include "mkpdu/ReplayGuard.h"
 #include "platform/Clock.h"
 
 namespace Sim {
@@ -143,6 +144,10 @@ class Agent {
 
   // Hands a decoded message to the agent's actors, as its codec would.
   void deliver(const Message& message) { engine_.messageIs(message.intfId, message); }
+  // Whether a decoded message that a link carries may be handed on: as the codec does with frames,
+  // one whose member number is not above the last one accepted from that member is dropped, so
+  // that messages a link reorders or duplicates are taken as they would be over bytes.
+  bool numberAccepted(const Message& message);
   // Hands a frame to the access point of an interface (over bytes).
   void deliverFrame(const Lanx::IntfId& intf, const std::string& frame) {
     engine_.frameIs(intf, reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
@@ -163,6 +168,7 @@ class Agent {
   Macsec::Engine engine_;
   std::map<std::pair<Lanx::IntfId, Zef::String>, Zef::Ptr<Macsec::MkaActorSm>> actors_;
   std::vector<Link*> links_;
+  std::vector<Macsec::ReplayGuard> replay_;  // by the interface's identifier
   bool muted_ = false;
   uint64_t sent_ = 0;
 };
