@@ -108,22 +108,6 @@ TEST_P(ControlledPort, RekeyByPeriodKeepsTrafficFlowingAndRetiresTheOldKey) {
   EXPECT_EQ(logCount("MKA_SAK_ACTIVATED"), 4);
 }
 
-TEST_P(ControlledPort, AJoiningPeerGetsTheNextKeyWhileTheOthersKeepTrafficFlowing) {
-  Sim::Agent& c = sim.agentIs("c");
-  segmentOf({&a, &b});
-  sim.runFor(30);
-  ASSERT_TRUE(secured(a));
-  guard({&a, &b});
-  // c joins the segment: the key server makes one key for the three of them.
-  segment->endIs(c, intf(c));
-  add(c);
-  double* allSecured = firstTime([&] { return secured(a) && actors[&a]->keyNum() == 2; });
-  sim.runFor(40);
-  ASSERT_GT(*allSecured, 0);
-  EXPECT_EQ(actors[&a]->keyNum(), 2u);
-  EXPECT_TRUE(cp(c)->controlledPortEnabled());
-}
-
 TEST_P(ControlledPort, PacketNumberExhaustionAsksForANewKeyAtOnce) {
   segmentOf({&a, &b});
   Sim::Message last;
