@@ -25,8 +25,8 @@ build-asan: deps
 
 # The fuzzers under libFuzzer, optimised: of the MKPDU decoder, with ASan and UBSan, and of a pair
 # of engines that take forged frames, without sanitizers and without tracing comparisons: it hunts
-# broken rules rather than memory errors, and runs four times faster so (its kept inputs run under
-# both sanitizers in the sanitized build's tests). Each starts from a fresh copy of its kept corpus;
+# broken rules rather than memory errors, and runs several times faster so (its kept inputs run
+# under both sanitizers in the sanitized build's tests). Each starts from a fresh copy of its kept corpus;
 # both write their logs under $(FUZZ_BUILD).
 FUZZ_RUNS       ?= 1000000
 ACTOR_FUZZ_RUNS ?= 20000
