@@ -174,8 +174,8 @@ void ControlledPortSm::handleRxSaStatus(const AssociationNumber& an) {
   // first moves it on): its peers learn that it receives from the old key's entry.
   const bool latestKey = sameKey(cpStatus()->latestSakContext().sak, confirmed);
   if (!latestKey && !sameKey(cpStatus()->oldSakContext().sak, confirmed)) {
-    TRACE(3, ": Ignoring receive SA for AN: " << an << " because it doesn't match with the latestSak for " << ckn
-                                              << " on " << intfId);
+    TRACE(3, ": Ignoring receive SA for AN: " << an << " because it matches neither the latest nor the old key for "
+                                              << ckn << " on " << intfId);
     return;
   }
   SakContext context = latestKey ? cpStatus()->latestSakContext() : cpStatus()->oldSakContext();
