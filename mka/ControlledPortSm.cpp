@@ -15,9 +15,6 @@ namespace Macsec {
 
 namespace {
 
-// One key by identifier: association number, key server and key number.
-bool sameKey(const Sak& a, const Sak& b) { return a.an == b.an && a.mi == b.mi && a.keyNum == b.keyNum; }
-
 // The copy of a key that goes to the hardware, with its salt for the extended packet number
 // ciphers. Only these copies carry a salt.
 Sak withSalt(const Sak& sak) {

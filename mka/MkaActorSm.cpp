@@ -352,7 +352,7 @@ bool MkaActorSm::ownHardwareReceives(const Sak& sak) const {
   // to the old slot before any peer reports it.
   if (!cpStatus()) return false;
   for (const SakContext& context : {cpStatus()->latestSakContext(), cpStatus()->oldSakContext()}) {
-    if (context.sak.an == sak.an && context.sak.mi == sak.mi && context.sak.keyNum == sak.keyNum) {
+    if (sameKey(context.sak, sak)) {
       return context.rxInstalled;
     }
   }
@@ -368,7 +368,8 @@ void MkaActorSm::updateSakTransmit() {
   if (sak.empty()) return;
   if (actorStatus()->electedSelf()) {
     if (actorStatus()->sakTransmit()) return;
-    const bool everyoneReceives = !aLivePeerLacks(sak) && ownHardwareReceives(sak);
+    const bool ownKey = sak.mi == actorStatus()->msgId();
+    const bool everyoneReceives = ownKey && !aLivePeerLacks(sak) && ownHardwareReceives(sak);
     TRACE(1, ": Setting sakTransmit " << everyoneReceives << forActor());
     actorStatus()->sakTransmitIs(everyoneReceives);
     return;
@@ -565,6 +566,12 @@ KeyInfo keyInfoOf(const SakContext& context) {
                  context.sak.mi, context.sak.keyNum,  context.txSaValue};
 }
 
+// The key a port transmits on, told as one that the actor does not speak for as received.
+KeyInfo transmitOnly(const Sak& transmitting) {
+  if (transmitting.empty()) return KeyInfo();
+  return KeyInfo{transmitting.an, true, false, transmitting.mi, transmitting.keyNum, 0};
+}
+
 // How the distributed SAK set says what the key server's data plane does with the key:
 // confidentiality with an offset of 0, 30 or 50 octets (1, 2, 3). The value 0, "not used", would
 // tell a peer that follows the key server to protect integrity only.
@@ -629,16 +636,24 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
   }
 
   // What the hardware has confirmed, not what was asked of it; read in place. The port's keys are
-  // its principal actor's to tell: another actor (one of another key, or a follower live again
-  // that has yet to be given the key) says it has none, so that its key server gives it the key.
+  // its principal actor's to tell, and only to live peers: another actor (one of another key, or a
+  // follower live again that has yet to be given the key), or one alone, says it receives on none,
+  // so that its key server gives it the key. Each says which key the port transmits on, even one
+  // that a rebuilt controlled port keeps in neither slot, so that no key server hands out a key
+  // on that number, and no peer stops receiving on it, while the port's frames go out under it.
   const Zef::Ptr<CpStatus const> cp = cpStatus();
   const SakContext none;
   const SakContext& latest = cp ? cp->latestSakContext() : none;
   const SakContext& old = cp ? cp->oldSakContext() : none;
-  if ((latest == none && old == none) || actorStatus()->livePeerSize() == 0 || !actorStatus()->principal()) {
-    info->sakUseInfoIs(SakUseInfo());
+  const Sak transmitting = cp ? cp->txSak() : Sak();
+  if (actorStatus()->livePeerSize() == 0 || !actorStatus()->principal()) {
+    info->sakUseInfoIs(SakUseInfo{transmitOnly(transmitting), KeyInfo(), false, false, false});
   } else {
-    info->sakUseInfoIs(SakUseInfo{keyInfoOf(latest), keyInfoOf(old), false, false, status()->delayProtection()});
+    const KeyInfo outside = sameKey(latest.sak, transmitting) ? KeyInfo() : transmitOnly(transmitting);
+    const KeyInfo oldKey = old == none ? outside : keyInfoOf(old);
+    const bool nothing = latest == none && oldKey == KeyInfo();
+    info->sakUseInfoIs(nothing ? SakUseInfo()
+                               : SakUseInfo{keyInfoOf(latest), oldKey, false, false, status()->delayProtection()});
   }
 
   // The codec sends the frame inside this call.

@@ -50,14 +50,25 @@ void MkaKeyServerSm::startKeying() {
   if (mkaActorStatus()->distSak().empty()) {
     mkaActorStatus()->newSakIs(false);
     if (mkaPeriodicTimer()) mkaPeriodicTimer()->timeMinIs(Orb::never);
-    if (mkaActorStatus()->livePeerSize() > 0) {
-      generateNewSak();
-      armPeriodic();
-    }
+    if (mkaActorStatus()->livePeerSize() > 0) newKeyNow();
     return;
   }
   mkaActorStatus()->newSakIs(true);
   armPeriodic();
+}
+
+void MkaKeyServerSm::newKeyNow() {
+  if (generateNewSak()) {
+    mkaActorStatus()->newSakIs(false);
+    armPeriodic();
+    return;
+  }
+  // Every association number holds a key in service or one a member still transmits on: a key on
+  // any of them would take a key away from under a member's frames. The key waits a hello time for
+  // the members to move on.
+  TRACE(4, "No association number free: the new SAK waits" << ON_INTF);
+  mkaActorStatus()->newSakIs(true);
+  if (mkaPeriodicTimer()) mkaPeriodicTimer()->timeMinIs(Zef::System::currentTime() + status()->mkpduPeriod());
 }
 
 void MkaKeyServerSm::withdrawUnusedKey() {
@@ -107,9 +118,7 @@ void MkaKeyServerSm::handleLivePeer(const Zef::String& peer) {
   }
   // No batching under way: a key at once, and the rate limiter starts.
   if (mkaPeriodicTimer()->timeMin() == Orb::never) {
-    generateNewSak();
-    mkaActorStatus()->newSakIs(false);
-    armPeriodic();
+    newKeyNow();
     return;
   }
   // Batching: the key is owed at the expiry.
@@ -127,9 +136,7 @@ void MkaKeyServerSm::handleMkaLifetimeTimerExpiry() {
   }
   if (mkaActorStatus()->newSak()) {
     TRACE(4, "Generating new SAK upon timer expiry" << ON_INTF);
-    generateNewSak();
-    mkaActorStatus()->newSakIs(false);
-    armPeriodic();
+    newKeyNow();
     return;
   }
   TRACE(4, "Not generating new SAK upon timer expiry. Disarming timer" << ON_INTF);
@@ -148,9 +155,7 @@ void MkaKeyServerSm::handleLlpnExhaustion() {
     return;
   }
   // An exhausted packet number space does not wait for the rate limiter.
-  generateNewSak();
-  mkaActorStatus()->newSakIs(false);
-  armPeriodic();
+  newKeyNow();
 }
 
 void MkaKeyServerSm::handleReKeyPeriod() {
@@ -167,9 +172,7 @@ void MkaKeyServerSm::handleReKeyTimerExpiry() {
   if (!initialized()) return;
   KEY_SERVER_ENTRY();
   if (mkaActorStatus()->livePeerSize() > 0) {
-    generateNewSak();
-    mkaActorStatus()->newSakIs(false);
-    armPeriodic();
+    newKeyNow();
     armRekey();
     return;
   }
@@ -179,7 +182,7 @@ void MkaKeyServerSm::handleReKeyTimerExpiry() {
   mkaPeriodicTimer()->timeMinIs(Orb::never);
 }
 
-AssociationNumber MkaKeyServerSm::freeAssociationNumber() const {
+std::optional<AssociationNumber> MkaKeyServerSm::freeAssociationNumber() const {
   // The number after the last key's, unless it is in use (after a change of principal actor or of
   // CAK, keys withdrawn or replaced before they went into service, peers that lag behind): then the
   // next number that costs least to take. From cheapest: free; held by a key that still receives
@@ -241,13 +244,18 @@ AssociationNumber MkaKeyServerSm::freeAssociationNumber() const {
   uint8_t best = next.value();
   for (uint8_t step = 0; step < 4; ++step) {
     const uint8_t an = static_cast<uint8_t>((next.value() + step) & 3);
+    TRACE(4, "Association number " << int(an) << " costs " << cost(an) << ON_INTF);
     if (cost(an) < cost(best)) best = an;
   }
+  if (cost(best) >= 3) return std::nullopt;
   return AssociationNumber(best);
 }
 
-void MkaKeyServerSm::generateNewSak() {
+bool MkaKeyServerSm::generateNewSak() {
   KEY_SERVER_ENTRY();
+  const std::optional<AssociationNumber> an = freeAssociationNumber();
+  if (!an) return false;
+
   // The context of the derivation: a fresh nonce of the key's length, the live peers' member
   // identifiers, and the new key number in network order.
   const int bits = keyBitsOf(mkaIntfStatus()->cipherSuite());
@@ -268,7 +276,7 @@ void MkaKeyServerSm::generateNewSak() {
   const StoredKey key = mkaActorStatus()->cak().withClear(
       [&](const KeyBytes& cak) { return StoredKey::of(deriveSak(cak, context, bits)); });
   const Zef::String msgId = mkaActorStatus()->msgId();
-  const Sak sak{freeAssociationNumber(), msgId, keyNum, key, {}};
+  const Sak sak{*an, msgId, keyNum, key, {}};
 
   // The key identifier's tail: the last 8 characters of the member identifier.
   Zef::log(MKA_SAK_CREATED, msgId.view().substr(msgId.size() >= 16 ? 16 : msgId.size()), keyNum, intfId());
@@ -277,6 +285,7 @@ void MkaKeyServerSm::generateNewSak() {
   mkaActorStatus()->sakTransmitIs(false);
   mkaActorStatus()->distSakIs(sak);
   mkaActorStatus()->keyNumIs(keyNum);
+  return true;
 }
 
 }  // namespace Macsec

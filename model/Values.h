@@ -286,6 +286,7 @@ std::ostream& operator<<(std::ostream& out, ValidateFrames validate);
 inline bool sakMatch(const KeyInfo& info, const Sak& sak) {
   return info.an == sak.an && info.keyNum == sak.keyNum && info.mi == sak.mi;
 }
+inline bool sameKey(const Sak& a, const Sak& b) { return a.an == b.an && a.mi == b.mi && a.keyNum == b.keyNum; }
 
 // Whether a member whose last SAK use set is `use` may transmit on `sak`: the set says so, or the
 // set lists the key (received, or still being installed) and no newer key of the same key server

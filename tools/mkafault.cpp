@@ -87,6 +87,11 @@ int main(int argc, char** argv) {
                  "replay these inputs of the actor fuzzer (a pair of switches, forged frames), with the fuzzer's "
                  "timing unless --fault-seconds or --rest-seconds say otherwise")
       ->check(CLI::ExistingFile);
+  std::string seedFile;
+  app.add_option("--seed-file", seedFile,
+                 "run the seeds this file names, one a line before what it once found ('#' starts a comment)")
+      ->check(CLI::ExistingFile)
+      ->excludes("--first", "--seeds");
   CLI11_PARSE(app, argc, argv);
 
   if (!forged.empty()) {
@@ -111,17 +116,40 @@ int main(int argc, char** argv) {
     return failed == 0 ? 0 : 1;
   }
 
+  std::vector<uint32_t> drawn;
+  if (!seedFile.empty()) {
+    std::ifstream file(seedFile);
+    for (std::string line; std::getline(file, line);) {
+      std::istringstream words(line.substr(0, line.find('#')));
+      uint32_t seed = 0;
+      if (words >> seed) drawn.push_back(seed);
+    }
+    if (drawn.empty()) {
+      std::cerr << seedFile << ": names no seed\n";
+      return 2;
+    }
+  } else {
+    for (uint64_t seed = first; seed < static_cast<uint64_t>(first) + seeds && seed <= UINT32_MAX; ++seed) {
+      drawn.push_back(static_cast<uint32_t>(seed));
+    }
+  }
+
   uint32_t failed = 0;
   std::map<std::string, uint32_t> byRule;
-  for (uint64_t seed = first; seed < static_cast<uint64_t>(first) + seeds && seed <= UINT32_MAX; ++seed) {
-    const Sim::FaultOutcome outcome = isolated([&] { return Sim::faultRun(static_cast<uint32_t>(seed), options); });
+  for (const uint32_t seed : drawn) {
+    const Sim::FaultOutcome outcome = isolated([&] { return Sim::faultRun(seed, options); });
     if (outcome.passed) continue;
     ++failed;
     ++byRule[outcome.failure.substr(0, outcome.failure.find(':'))];
     std::cout << "seed " << seed << " failed at " << outcome.time << " s: " << outcome.failure
               << "\n  drawn: " << outcome.drawn << "\n  replay: mkafault --first " << seed << " --seeds 1 --verbose\n";
   }
-  std::cout << seeds << " seeds from " << first << ": " << seeds - failed << " passed, " << failed << " failed\n";
+  const uint32_t ran = static_cast<uint32_t>(drawn.size());
+  if (!seedFile.empty()) {
+    std::cout << ran << " seeds of " << seedFile << ": " << ran - failed << " passed, " << failed << " failed\n";
+  } else {
+    std::cout << ran << " seeds from " << first << ": " << ran - failed << " passed, " << failed << " failed\n";
+  }
   for (const auto& [rule, count] : byRule) std::cout << "  " << count << " " << rule << "\n";
   return failed == 0 ? 0 : 1;
 }
