@@ -124,6 +124,7 @@ void ControlledPortSm::handleDistSak() {
     if (latest != SakContext() && !latest.txEnabled) keepReceiving(latest);
     return;
   }
+  if (holdsBack(dist)) return;
   // The key on its way in gives way, but keeps receiving.
   const SakContext latest = cpStatus()->latestSakContext();
   if (latest != SakContext()) keepReceiving(latest);
@@ -151,6 +152,46 @@ void ControlledPortSm::handleDistSak() {
   // A sakTransmit that came while the key was on its way here (the actor hears of the key before
   // this slot has it) counts now: it is written only when it changes.
   handleSakTransmit();
+}
+
+bool ControlledPortSm::holdsBack(const Sak& dist) {
+  // On a shared segment two members may stand as key server for a moment, with keys on one
+  // association number. This port said it receives on the first one's key; taking the second's
+  // now would lose the first one's frames, which it sends on the strength of that report still on
+  // its way. So the new key waits while a live peer may transmit on the key its number holds (the
+  // first member hears the second, and gives its key up, within a hello time or two), and one life
+  // time at most. Meanwhile this port does not say it receives on the new key, so nobody transmits
+  // on it yet.
+  const AssociationNumber an(dist.an);
+  // The key's maker, while it stands as key server, may start to transmit on it at any moment; any
+  // live peer may whose report says so.
+  const auto aPeerMayTransmitOn = [&](const Sak& key) {
+    for (auto it = actorStatus()->livePeerIter(); it; ++it) {
+      if (it.key() == key.mi && it->baseInfo().keyServer) return true;
+      if (it->sakUseInfo() != SakUseInfo() && mayTransmitOn(it->sakUseInfo(), key)) return true;
+    }
+    return false;
+  };
+  const bool contested =
+      cpStatus()->rxSakHas(an) && cpStatus()->rxSak(an).mi != dist.mi && aPeerMayTransmitOn(cpStatus()->rxSak(an));
+  const double now = Zef::System::currentTime();
+  if (contested && heldSince() == 0) heldSinceIs(now);
+  if (!contested || now - heldSince() >= status()->mkaLifeTime()) {
+    heldSinceIs(0);
+    return false;
+  }
+  TRACE(3, ": Holding back key " << dist.mi << ":" << dist.keyNum
+                                 << ": its association number receives on a key a peer may transmit on" << forActor());
+  return true;
+}
+
+void ControlledPortSm::handleHeldKey() {
+  if (!initialized() || heldSince() == 0) return;
+  handleDistSak();
+}
+
+void ControlledPortSm::ZefActorStatus::ZefLivePeer::handlePeerKeys() {
+  if (ControlledPortSm* sm = stateMachine()) sm->handleHeldKey();
 }
 
 void ControlledPortSm::handleRxSaStatus(const AssociationNumber& an) {
@@ -195,9 +236,12 @@ void ControlledPortSm::handleRxSaStatus(const AssociationNumber& an) {
 void ControlledPortSm::handleLivePeer(const Zef::String& peer) {
   if (!initialized()) return;
   TRACE(8, "");
-  // A removed peer leaves the SSCI pair as it was.
+  // A removed peer leaves the SSCI pair as it was; a key held back for it may go in.
   Zef::Ptr<MkaPeer const> record = actorStatus()->livePeer(peer);
-  if (!record) return;
+  if (!record) {
+    handleHeldKey();
+    return;
+  }
   const Sci peerSci = record->baseInfo().sci;
   if (peerSci.isZero()) {
     TRACE(3, ": Peer Sci cannot be all zeros");
@@ -318,6 +362,7 @@ void ControlledPortSm::handleTxSaStatus() {
     TRACE(1, ": Starting transmit on key: " << context.sak.mi << ":" << context.sak.keyNum << forActor());
     cp->oldSakContextIs(context);
     cp->controlledPortEnabledIs(true);
+    if (!oldKeyRetirementTimer()->isArmed() && hasLeftoverReceiveSa()) armOldKeyRetirement();
     return;
   }
   // The same, for a key that took the old slot when it gave way.

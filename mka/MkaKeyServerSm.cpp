@@ -58,17 +58,41 @@ void MkaKeyServerSm::startKeying() {
 }
 
 void MkaKeyServerSm::newKeyNow() {
-  if (generateNewSak()) {
+  if (!movingOn() && generateNewSak()) {
     mkaActorStatus()->newSakIs(false);
     armPeriodic();
     return;
   }
-  // Every association number holds a key in service or one a member still transmits on: a key on
-  // any of them would take a key away from under a member's frames. The key waits a hello time for
-  // the members to move on.
-  TRACE(4, "No association number free: the new SAK waits" << ON_INTF);
+  // The key waits a hello time for the members to move on.
   mkaActorStatus()->newSakIs(true);
   if (mkaPeriodicTimer()) mkaPeriodicTimer()->timeMinIs(Zef::System::currentTime() + status()->mkpduPeriod());
+}
+
+bool MkaKeyServerSm::movingOn() {
+  // A member that is still moving on to the last key (its hardware slow to confirm transmit on it)
+  // has three keys in play: the one it still transmits on, the one it has asked to transmit on, and
+  // a new one. Its SAK use set tells two, so its peers would retire the one it still transmits on.
+  // So a new key waits until this port and every live peer transmit on the key in service, for one
+  // life time at most (a member that never moves on must not stop the keys).
+  const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId());
+  if (!cp) return false;
+  const SakContext& latest = cp->latestSakContext();
+  const Sak& current = latest.txEnabled ? latest.sak : cp->oldSakContext().sak;
+  const bool ownPending = latest.txEnabled && !latest.txInstalled;
+  auto lagsBehind = [&](const KeyInfo& key) { return key.tx && key.mi == current.mi && key.keyNum < current.keyNum; };
+  bool peerPending = false;
+  for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) {
+    peerPending |= lagsBehind(it->sakUseInfo().latestKey) || lagsBehind(it->sakUseInfo().oldKey);
+  }
+  const double now = Zef::System::currentTime();
+  if (!(ownPending || peerPending) || current.mi != mkaActorStatus()->msgId()) {
+    movingOnSinceIs(0);
+    return false;
+  }
+  if (movingOnSince() == 0) movingOnSinceIs(now);
+  if (now - movingOnSince() >= status()->mkaLifeTime()) return false;
+  TRACE(4, "Members still moving on to the key in service: the new SAK waits" << ON_INTF);
+  return true;
 }
 
 void MkaKeyServerSm::withdrawUnusedKey() {
@@ -253,8 +277,14 @@ std::optional<AssociationNumber> MkaKeyServerSm::freeAssociationNumber() const {
 
 bool MkaKeyServerSm::generateNewSak() {
   KEY_SERVER_ENTRY();
+  // Every association number holds a key in service or one a member still transmits on: a key on
+  // any of them would take a key away from under a member's frames.
   const std::optional<AssociationNumber> an = freeAssociationNumber();
-  if (!an) return false;
+  if (!an) {
+    TRACE(4, "No association number free: the new SAK waits" << ON_INTF);
+    return false;
+  }
+  movingOnSinceIs(0);
 
   // The context of the derivation: a fresh nonce of the key's length, the live peers' member
   // identifiers, and the new key number in network order.
