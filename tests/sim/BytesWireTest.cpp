@@ -1,5 +1,5 @@
-// The harness over real bytes: every MKPDU is encoded by the sender's codec, carried as a frame,
-// and decoded by the receiver's.
+// The harness over real bytes: every MKPDU the senders' codecs encode goes, as a frame, to the
+// pcap file.
 
 #include <gtest/gtest.h>
 
@@ -20,7 +20,7 @@ class BytesWire : public ::testing::Test {
  protected:
   BytesWire() {
     Zef::logSinkIs([](const Zef::LogRecord&) {});
-    link = &sim.linkIs(a, eth1, b, eth1);
+    sim.linkIs(a, eth1, b, eth1);
     for (auto [agent, last] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
       PortConfig config;
       config.mac = Lanx::EthAddr({2, 0, 0, 0, 0, static_cast<uint8_t>(last)});
@@ -31,34 +31,11 @@ class BytesWire : public ::testing::Test {
   }
   ~BytesWire() override { Zef::logSinkIs(nullptr); }
 
-  bool secured() {
-    for (Agent* agent : {&a, &b}) {
-      const Zef::Ptr<Macsec::CpStatus> cp = agent->status()->cpStatus(eth1);
-      if (!cp->controlledPortEnabled() || !cp->oldSakContext().txInstalled) return false;
-    }
-    // The same key by identifier; its stored text differs on each side of a real wire.
-    const Macsec::Sak& ka = a.status()->cpStatus(eth1)->oldSakContext().sak;
-    const Macsec::Sak& kb = b.status()->cpStatus(eth1)->oldSakContext().sak;
-    return ka.an == kb.an && ka.mi == kb.mi && ka.keyNum == kb.keyNum;
-  }
-  Zef::Ptr<Macsec::MkaPamCounter> rx(Agent& agent) { return agent.pamManager()->rxPamCounter(eth1); }
-
   const Lanx::IntfId eth1{"eth1"};
   Simulation sim{0.0, 1, Wire::bytes};
   Agent& a = sim.agentIs("a");
   Agent& b = sim.agentIs("b");
-  Link* link = nullptr;
 };
-
-TEST_F(BytesWire, TheCodecsCarryEveryMessageOfASession) {
-  sim.runFor(20);
-  EXPECT_TRUE(secured());
-  EXPECT_GT(rx(a)->success(), 5u);
-  EXPECT_GT(rx(b)->success(), 5u);
-  EXPECT_EQ(rx(a)->failure(), 0u);
-  EXPECT_EQ(rx(b)->failure(), 0u);
-  EXPECT_EQ(a.pamManager()->txPamCounter(eth1)->failure(), 0u);
-}
 
 TEST_F(BytesWire, EveryFrameOnTheLinksGoesToThePcapFile) {
   const std::string path = ::testing::TempDir() + "/bytes-wire.pcap";
