@@ -161,7 +161,7 @@ bool ControlledPortSm::holdsBack(const Sak& dist) {
   // its way. So the new key waits while a live peer may transmit on the key its number holds (the
   // first member hears the second, and gives its key up, within a hello time or two), and one life
   // time at most. Meanwhile this port does not say it receives on the new key, so nobody transmits
-  // on it yet.
+  // on it yet, and its key server repeats it: each MKPDU that brings it asks again.
   const AssociationNumber an(dist.an);
   // The key's maker, while it stands as key server, may start to transmit on it at any moment; any
   // live peer may whose report says so.
@@ -183,15 +183,6 @@ bool ControlledPortSm::holdsBack(const Sak& dist) {
   TRACE(3, ": Holding back key " << dist.mi << ":" << dist.keyNum
                                  << ": its association number receives on a key a peer may transmit on" << forActor());
   return true;
-}
-
-void ControlledPortSm::handleHeldKey() {
-  if (!initialized() || heldSince() == 0) return;
-  handleDistSak();
-}
-
-void ControlledPortSm::ZefActorStatus::ZefLivePeer::handlePeerKeys() {
-  if (ControlledPortSm* sm = stateMachine()) sm->handleHeldKey();
 }
 
 void ControlledPortSm::handleRxSaStatus(const AssociationNumber& an) {
@@ -236,10 +227,12 @@ void ControlledPortSm::handleRxSaStatus(const AssociationNumber& an) {
 void ControlledPortSm::handleLivePeer(const Zef::String& peer) {
   if (!initialized()) return;
   TRACE(8, "");
-  // A removed peer leaves the SSCI pair as it was; a key held back for it may go in.
+  // A removed peer leaves the SSCI pair as it was. A key held back is asked again: the member
+  // that may transmit on its number may have gone, or the key's own key server, which no longer
+  // repeats it, while the hold's time is up.
   Zef::Ptr<MkaPeer const> record = actorStatus()->livePeer(peer);
   if (!record) {
-    handleHeldKey();
+    if (heldSince() != 0) handleDistSak();
     return;
   }
   const Sci peerSci = record->baseInfo().sci;

@@ -225,7 +225,6 @@ bool MkaActorSm::parseBasicInfo() {
     TRACE(1, ": Creating new potential peer " << peerId << forActor());
     peer = actorStatus()->potentialPeerIs(peerId);
   }
-  if (peer->heardSince() == 0) peer->heardSinceIs(now);
   peer->baseInfoIs(base);
   peer->sakUseInfoIs(info->sakUseInfo());
   peer->timeStampIs(now);
@@ -246,8 +245,7 @@ void MkaActorSm::parseLivePeerInfo() {
       TRACE(3, ": Adding new potential peer " << id << " for actor " << ckn() << intfId());
       peer = actorStatus()->potentialPeerIs(id);
     }
-    // What the member said of itself, if it was heard, stays.
-    BasicInfo reduced = peer->heardSince() == 0 ? BasicInfo() : peer->baseInfo();
+    BasicInfo reduced;
     reduced.msgNum = it.value();
     peer->baseInfoIs(reduced);
     peer->timeStampIs(now);
@@ -371,8 +369,7 @@ void MkaActorSm::updateSakTransmit() {
   if (actorStatus()->electedSelf()) {
     if (actorStatus()->sakTransmit()) return;
     const bool ownKey = sak.mi == actorStatus()->msgId();
-    const bool everyoneReceives =
-        ownKey && !aLivePeerLacks(sak) && ownHardwareReceives(sak) && !aBetterKeyServerIsJoining();
+    const bool everyoneReceives = ownKey && !aLivePeerLacks(sak) && ownHardwareReceives(sak);
     TRACE(1, ": Setting sakTransmit " << everyoneReceives << forActor());
     actorStatus()->sakTransmitIs(everyoneReceives);
     return;
@@ -465,23 +462,6 @@ Better betterKeyServer(const BasicInfo& a, const BasicInfo& b) {
 }
 
 }  // namespace
-
-bool MkaActorSm::aBetterKeyServerIsJoining() const {
-  // On a shared segment, a better key server that has just been heard is about to be live, and the
-  // peers that hear it already follow it: their reports of receiving this member's key may be
-  // stale, their receive SA already taken by its key. Transmit waits for it for one life time at
-  // most: a member heard only one way never becomes live.
-  const double now = Zef::System::currentTime();
-  BasicInfo self;
-  self.keyServerPriority = getKeyServerPriority();
-  self.sci = portStatus()->mySci();
-  for (auto it = actorStatus()->potentialPeerIter(); it; ++it) {
-    const double since = it->heardSince();
-    if (since == 0 || now - since >= status()->mkaLifeTime() || !it->baseInfo().keyServer) continue;
-    if (betterKeyServer(self, it->baseInfo()) == Better::second) return true;
-  }
-  return false;
-}
 
 // The better of two peers as key server; null when the two cannot be told apart.
 Zef::Ptr<MkaPeer> electKeyServer(const Zef::Ptr<MkaPeer>& a, const Zef::Ptr<MkaPeer>& b) {
