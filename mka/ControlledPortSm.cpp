@@ -44,6 +44,7 @@ void ControlledPortSm::handleInitialized() {
   actorStatusIs(portStatus()->actorStatus(ckn()));
   cpStatusIs(status()->cpStatus(intfId()));
   oldKeyRetirementTimerIs(timerWheel());
+  heldKeyTimerIs(timerWheel());
   initializedIs(true);
   handleLivePeer();
   // A retirement that the former principal had pending is armed again: the latest key already in
@@ -160,8 +161,9 @@ bool ControlledPortSm::holdsBack(const Sak& dist) {
   // now would lose the first one's frames, which it sends on the strength of that report still on
   // its way. So the new key waits while a live peer may transmit on the key its number holds (the
   // first member hears the second, and gives its key up, within a hello time or two), and one life
-  // time at most. Meanwhile this port does not say it receives on the new key, so nobody transmits
-  // on it yet, and its key server repeats it: each MKPDU that brings it asks again.
+  // time at most, when a timer asks again. Meanwhile this port does not say it receives on the new
+  // key, so nobody transmits on it yet, and its key server repeats it: each MKPDU that brings it
+  // asks again.
   const AssociationNumber an(dist.an);
   // The key's maker, while it stands as key server, may start to transmit on it at any moment; any
   // live peer may whose report says so.
@@ -175,9 +177,13 @@ bool ControlledPortSm::holdsBack(const Sak& dist) {
   const bool contested =
       cpStatus()->rxSakHas(an) && cpStatus()->rxSak(an).mi != dist.mi && aPeerMayTransmitOn(cpStatus()->rxSak(an));
   const double now = Zef::System::currentTime();
-  if (contested && heldSince() == 0) heldSinceIs(now);
+  if (contested && heldSince() == 0) {
+    heldSinceIs(now);
+    heldKeyTimer()->timeMinIs(now + status()->mkaLifeTime());
+  }
   if (!contested || now - heldSince() >= status()->mkaLifeTime()) {
     heldSinceIs(0);
+    heldKeyTimer()->timeMinIs(Orb::never);
     return false;
   }
   TRACE(3, ": Holding back key " << dist.mi << ":" << dist.keyNum
