@@ -112,8 +112,9 @@ void ControlledPortSm::handleDistSak() {
     }
     return;
   }
-  // The key is on its way in, or already in service.
-  if (sameKey(cpStatus()->latestSakContext().sak, dist)) {
+  // The key is on its way in, or already in service (by its octets too: a forged key may have
+  // taken its identifier first).
+  if (sameKey(cpStatus()->latestSakContext().sak, dist) && cpStatus()->latestSakContext().sak.key.sameKeyAs(dist.key)) {
     TRACE(3, ": Ignoring duplicate latest SAK for actor " << ckn());
     return;
   }

@@ -309,8 +309,10 @@ void MkaActorSm::parseSakDistInfo() {
   // The key server repeats its key in every MKPDU: a known key identifier is the common case. A
   // known key that the controlled port no longer has in either slot (it gave way, or the port was
   // someone else's meanwhile) goes in again.
+  // A key known by its identifier but with other octets is a new key: a forged set may have
+  // taken the identifier first.
   const Sak& known = actorStatus()->distSak();
-  if (known.mi == peerId && known.keyNum == dist.keyNumber) {
+  if (known.mi == peerId && known.keyNum == dist.keyNumber && known.key.sameKeyAs(sak.key)) {
     const Zef::Ptr<CpStatus const> cp = cpStatus();
     auto holds = [&](const SakContext& slot) { return slot.sak.mi == known.mi && slot.sak.keyNum == known.keyNum; };
     if (!actorStatus()->principal() || !cp || holds(cp->latestSakContext()) || holds(cp->oldSakContext())) return;
