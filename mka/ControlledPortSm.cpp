@@ -118,7 +118,7 @@ void ControlledPortSm::handleDistSak() {
     TRACE(3, ": Ignoring duplicate latest SAK for actor " << ckn());
     return;
   }
-  if (sameKey(cpStatus()->oldSakContext().sak, dist)) {
+  if (sameKey(cpStatus()->oldSakContext().sak, dist) && cpStatus()->oldSakContext().sak.key.sameKeyAs(dist.key)) {
     TRACE(3, ": Ignoring duplicate old SAK for actor " << ckn());
     // The key server holds to the key in service: a latest key that nobody transmits on will not
     // follow it (one from a key server that has gone, or one it withdrew).

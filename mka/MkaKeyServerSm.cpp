@@ -266,12 +266,17 @@ std::optional<AssociationNumber> MkaKeyServerSm::freeAssociationNumber() const {
     return aLivePeerMayTransmitOn(*mkaActorStatus(), *receiving) ? 2 : 1;
   };
   uint8_t best = next.value();
+  int bestCost = 5;
   for (uint8_t step = 0; step < 4; ++step) {
     const uint8_t an = static_cast<uint8_t>((next.value() + step) & 3);
-    TRACE(4, "Association number " << int(an) << " costs " << cost(an) << ON_INTF);
-    if (cost(an) < cost(best)) best = an;
+    const int anCost = cost(an);
+    TRACE(4, "Association number " << int(an) << " costs " << anCost << ON_INTF);
+    if (anCost < bestCost) {
+      best = an;
+      bestCost = anCost;
+    }
   }
-  if (cost(best) >= 3) return std::nullopt;
+  if (bestCost >= 3) return std::nullopt;
   return AssociationNumber(best);
 }
 
