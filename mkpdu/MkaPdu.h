@@ -8,8 +8,6 @@
 #include <cstdint>
 #include <cstring>
 #include <iosfwd>
-#include <string>
-#include <string_view>
 
 #include "platform/EthAddr.h"
 #include "platform/NetInt.h"
@@ -67,22 +65,11 @@ enum ParameterSetTypes : uint8_t {
   icvIndicatorParameterSetType = 255,
 };
 std::ostream& operator<<(std::ostream& out, ParameterSetTypes type);
-// Parses an enumerator's name; throws Zef::RangeException for any other text.
-ParameterSetTypes parameterSetTypesFromText(std::string_view text);
 
-// The EAPOL packet type of a frame; 5 is MKA.
-class EapolType {
- public:
+// The EAPOL packet type of MKA frames.
+struct EapolType {
   static constexpr uint8_t eapMka = 5;
-  EapolType() = default;
-  explicit EapolType(unsigned type);  // throws Zef::RangeException above 8
-  uint8_t type() const noexcept { return type_; }
-  bool operator==(const EapolType&) const noexcept = default;
-
- private:
-  uint8_t type_ = 0;
 };
-std::ostream& operator<<(std::ostream& out, const EapolType& type);
 
 // A 16-bit field of flags and a 12-bit length, in network order. Each mutator changes only its
 // own bits. value() is the host-order number, ctorValue() the number as stored, v0() and v1()
@@ -143,11 +130,6 @@ class SakUsePlainTxAndLengthSet : public Bits16 {
   void delayProtectIs(bool b) noexcept { bitsIs(12, 12, b); }
 };
 
-// Text form of the 16-bit fields: "Value('Macsec::<Type>', ** {'v0': %s, 'v1': %s})".
-std::string bits16Text(const char* typeName, const Bits16& bits);
-// Parses that form back; throws Zef::RangeException naming the missing piece.
-void bits16FromText(const char* typeName, std::string_view text, Bits16& bits);
-
 // One byte of bit fields.
 class Bits8 {
  public:
@@ -201,9 +183,6 @@ struct SciParameterSet {
   Lanx::EthAddr address() const { return Lanx::EthAddr({addr[0], addr[1], addr[2], addr[3], addr[4], addr[5]}); }
   void addressIs(const Lanx::EthAddr& a) { std::memcpy(addr, a.data(), 6); }
 };
-// "Value('Macsec::SciParameterSet', ** {'addr': %s, 'portId': %s})", and back.
-std::string sciParameterSetText(const SciParameterSet& sci);
-SciParameterSet sciParameterSetFromText(std::string_view text);
 
 // The overlays. Each is a plain layout of bytes over packet memory (no counting: the packet owns
 // the memory).
