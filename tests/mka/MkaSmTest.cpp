@@ -236,19 +236,6 @@ TEST_F(Fips, APortRunsOnlyOnceTheHardwareHasPassedItsSelfTest) {
   EXPECT_EQ(a.status()->cpStatus(sub)->postStatus(), postNotStarted);
 }
 
-TEST_F(Fips, AFrameThatComesBackWrongFailsTheTestAtOnce) {
-  startFips(a, 1, selfTestResponderCorrupt);
-  sim.runFor(5);
-  EXPECT_EQ(cp(a)->postStatus(), postFailed);
-  EXPECT_EQ(hw(a)->hwPostStatus(), postFailed);
-  EXPECT_FALSE(a.engine().device()->postSm(intf(a)));
-  EXPECT_FALSE(a.port(intf(a)));
-  ASSERT_EQ(failures().size(), 1u);
-  EXPECT_NE(failures()[0].find("encryption with 128-bit key due to unexpected payload on interface eth1"),
-            std::string::npos)
-      << failures()[0];
-}
-
 TEST_F(Fips, ASilentHardwareIsRetriedThreeTimesAndFailsAfterFourPeriods) {
   startFips(a, 1, selfTestResponderSilent);
   const double started = sim.now();
@@ -277,6 +264,7 @@ TEST_F(Fips, ASilentHardwareIsRetriedThreeTimesAndFailsAfterFourPeriods) {
   EXPECT_FALSE(a.port(intf(a)));
 }
 
+// A proxy interface runs the engine port's self test: a frame that comes back wrong is tried here for both.
 TEST_F(Fips, AProxyInterfaceIsTestedAsAnEnginePortIs) {
   Engine& engine = a.engine();
   const Lanx::IntfId proxy("eth5");
@@ -311,7 +299,9 @@ TEST_F(Fips, AProxyInterfaceIsTestedAsAnEnginePortIs) {
   EXPECT_EQ(a.hw(proxy)->hwPostStatus(), postFailed);
   EXPECT_FALSE(testing());
   ASSERT_EQ(failures().size(), 1u);
-  EXPECT_NE(failures()[0].find("unexpected payload on interface eth5"), std::string::npos) << failures()[0];
+  EXPECT_NE(failures()[0].find("encryption with 128-bit key due to unexpected payload on interface eth5"),
+            std::string::npos)
+      << failures()[0];
 
   // Silent hardware: the test fails after four periods.
   reset(selfTestResponderSilent);
