@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <utility>
+#include <vector>
 
 #include "tests/mka/Scenario.h"
 
@@ -44,10 +46,21 @@ class ControlledPort : public Scenario, public ::testing::WithParamInterface<dou
 TEST_P(ControlledPort, FromColdStartBothSidesRunTheSameKeyAndOpenTheirPorts) {
   segmentOf({&a, &b});
   double* open = firstTime([&] { return secured(a); });
+  double* elected = firstTime([&] { return actors[&a]->electedSelf(); });
+  double* firstKey = firstTime([&] { return !actors[&a]->distSak().empty(); });
+  double* inUse = firstTime([&] { return actors[&a]->sakTransmit(); });
+  std::vector<std::pair<double, SakDistInfo>> carried;
+  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
+    if (&from == &a) carried.emplace_back(sim.now(), m.sakDistInfo);
+  });
   sim.runFor(30);
   ASSERT_GT(*open, 0);
   EXPECT_LT(*open - 100.0, 15.0);
+  // The first key comes at the election: it does not wait for the rate limiter.
+  EXPECT_DOUBLE_EQ(*firstKey, *elected);
   const Sak key = actors[&a]->distSak();
+  EXPECT_EQ(key.keyNum, 1u);
+  EXPECT_EQ(key.mi, actors[&a]->msgId());
   for (Sim::Agent* agent : {&a, &b}) {
     SCOPED_TRACE(agent->name());
     const Zef::Ptr<CpStatus> c = cp(*agent);
@@ -66,20 +79,29 @@ TEST_P(ControlledPort, FromColdStartBothSidesRunTheSameKeyAndOpenTheirPorts) {
   EXPECT_EQ(cp(b)->mySsci().ssci, "00000001");
   EXPECT_EQ(cp(b)->peerSsci().ssci, "00000002");
   EXPECT_EQ(cp(b)->peerSsci().sci, (Sci{mac(1), 1}));
+  const std::string tail = key.mi.stdString().substr(16);
   EXPECT_EQ(logCount("MKA_SAK_CREATED"), 1);
+  EXPECT_EQ(logCount("MKA_SAK_CREATED New SAK created with key id ending in " + tail + ":1 on interface " +
+                     intf(a).stringValue()),
+            1);
   EXPECT_EQ(logCount("MKA_SAK_ACTIVATED"), 2);
   // The follower transmits because its key server does; the key server, once the follower
   // receives, whichever slot its own copy is in (hardware that answers at once has moved a first
-  // key on to the old slot by then), and it stops announcing the key.
+  // key on to the old slot by then).
   EXPECT_TRUE(actors[&b]->sakTransmit());
   EXPECT_TRUE(actors[&a]->sakTransmit());
-  Sim::Message last;
-  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
-    if (&from == &a) last = m;
-  });
-  sim.runFor(3);
-  EXPECT_EQ(last.sakDistInfo, SakDistInfo());
-  EXPECT_NE(last.baseInfo.msgNum, 0u);
+  // The MKPDUs carry the key from the moment it is made until it is in use, and none after.
+  size_t withKey = 0;
+  for (const auto& [time, d] : carried) {
+    if (time < *firstKey) continue;
+    if (time <= *inUse) {
+      withKey += d.keyNumber == 1 && !d.wrappedSak.empty() ? 1 : 0;
+    } else {
+      EXPECT_EQ(d, SakDistInfo()) << time;
+    }
+  }
+  EXPECT_GE(withKey, 1u);
+  EXPECT_GT(carried.back().first, *inUse);
 }
 
 TEST_P(ControlledPort, NewKeysByPeriodAndByPacketNumbersKeepTrafficFlowingAndRetireTheOldKey) {
@@ -89,9 +111,7 @@ TEST_P(ControlledPort, NewKeysByPeriodAndByPacketNumbersKeepTrafficFlowingAndRet
   sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
     if (&from == &b) last = m;
   });
-  double* open = firstTime([&] { return secured(a); });
-  sim.runFor(30);
-  ASSERT_GT(*open, 0);
+  ASSERT_TRUE(heldWithin(30, [&] { return secured(a); }));
   guard({&a, &b});
   const Sak first = actors[&a]->distSak();
   // The old key's receive SA goes one retirement period after the new key transmits.
@@ -119,9 +139,7 @@ TEST_P(ControlledPort, NewKeysByPeriodAndByPacketNumbersKeepTrafficFlowingAndRet
   a.deliver(report);
   EXPECT_EQ(actors[&a]->llpnExhaustion(), 1u);
   EXPECT_EQ(actors[&a]->keyNum(), 3u);  // at once, not at the rate limiter's next expiry
-  double* rekeyed = firstTime([&] { return secured(a) && actors[&a]->keyNum() == 3; });
-  sim.runFor(20);
-  ASSERT_GT(*rekeyed, 0);
+  ASSERT_TRUE(heldWithin(20, [&] { return secured(a) && actors[&a]->keyNum() == 3; }));
   EXPECT_EQ(actors[&a]->keyNum(), 3u);
   // A number just below the mark does nothing.
   report.sakUseInfo.oldKey.lpn = 0xBFFFFFFFu;
@@ -129,7 +147,7 @@ TEST_P(ControlledPort, NewKeysByPeriodAndByPacketNumbersKeepTrafficFlowingAndRet
   EXPECT_EQ(actors[&a]->keyNum(), 3u);
 }
 
-TEST_P(ControlledPort, LosingThePeerLeavesTheRunningKeyInServiceAndANewPeerGetsItsSsciPair) {
+TEST_P(ControlledPort, APeerThatFallsSilentAgesOutLeavingTheRunningKeyInServiceAndANewPeerGetsItsSsciPair) {
   segmentOf({&a, &b});
   sim.runFor(30);
   ASSERT_TRUE(secured(a));
@@ -138,8 +156,19 @@ TEST_P(ControlledPort, LosingThePeerLeavesTheRunningKeyInServiceAndANewPeerGetsI
   const Sak transmitted = cp(a)->txSak();
   const bool inUse = actors[&a]->sakTransmit();
   b.mutedIs(true);
+  sim.runFor(0.01);  // what b sent before it fell silent is still on the wire
+  const double lastRefresh = actors[&a]->livePeer(actors[&a]->livePeerIter().key())->timeStamp();
+  double* gone = firstTime([&] { return actors[&a]->livePeerSize() == 0; });
   sim.runFor(20);
+  // b ages out within one period after the life time, and the session goes down on both sides
+  // (no longer listed by a, b ages a out in turn).
+  ASSERT_GT(*gone, 0);
+  EXPECT_GT(*gone - lastRefresh, 6.0);
+  EXPECT_LE(*gone - lastRefresh, 6.0 + 2.0);
   EXPECT_FALSE(actors[&a]->success());
+  EXPECT_FALSE(actors[&a]->electedSelf());
+  EXPECT_TRUE(actors[&a]->keyServer().isZero());
+  EXPECT_EQ(logCount("MKA_STATE_CHG MKA using key " + std::string(kCkn) + " DOWN on interface eth"), 2);
   // A key in use stays; a key that was only being announced is withdrawn.
   EXPECT_EQ(actors[&a]->distSak().empty(), !inUse);
   // The key in service stays where it is, and the port stays open: closing it is the port's call.

@@ -90,6 +90,13 @@ class Scenario : public ::testing::Test {
     return slot;
   }
 
+  // Runs `seconds` and tells whether `condition` held after some event on the way.
+  bool heldWithin(double seconds, std::function<bool()> condition) {
+    const double* first = firstTime(std::move(condition));
+    sim.runFor(seconds);
+    return *first > 0;
+  }
+
   // Each switch names its interface differently, so that the operators' log (one for the process)
   // tells the switches' messages apart.
   const Lanx::IntfId& intf(Sim::Agent& agent) {

@@ -374,11 +374,8 @@ TEST_F(Codec, TransmitBuildsTheFrameOfTheActorAndSendsItOnTheInterface) {
   tx->livePeerIs("a1a2a3a4a5a6a7a8a9aaabac", 5);
   tx->countInc(1);
   ASSERT_EQ(sent.size(), 1u);
-  EXPECT_EQ(hexOf(sent[0].substr(6, 6)), "020000000002");  // from the interface's own address
-  DecodedMkpdu back;
-  ASSERT_EQ(decodeMkpdu(reinterpret_cast<const uint8_t*>(sent[0].data()), sent[0].size(), lookupOf(keys128()), back),
-            DecodeResult::accepted);
-  expectSameMessage(back, m);
+  // From the interface's own address (the message itself round-trips in every scenario on bytes).
+  EXPECT_EQ(hexOf(sent[0].substr(6, 6)), "020000000002");
   EXPECT_EQ(pamManager->txPamCounter(eth1)->success(), 1u);
 
   // A message for a CKN that no actor has any more cannot be sent.
