@@ -106,11 +106,14 @@ TEST_P(ControlledPort, FromColdStartBothSidesRunTheSameKeyAndOpenTheirPorts) {
 
 TEST_P(ControlledPort, NewKeysByPeriodAndByPacketNumbersKeepTrafficFlowingAndRetireTheOldKey) {
   segmentOf({&a, &b});
-  a.status()->intfStatus(intf(a))->reKeyPeriodIs(40);
+  a.status()->intfStatus(intf(a))->reKeyPeriodIs(40);  // armed from the election on
+  b.status()->intfStatus(intf(b))->reKeyPeriodIs(5);   // a follower's period is not its business
   Sim::Message last;
   sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
     if (&from == &b) last = m;
   });
+  double* elected = firstTime([&] { return actors[&a]->electedSelf(); });
+  double* secondKey = firstTime([&] { return actors[&a]->keyNum() == 2; });
   ASSERT_TRUE(heldWithin(30, [&] { return secured(a); }));
   guard({&a, &b});
   const Sak first = actors[&a]->distSak();
@@ -123,13 +126,19 @@ TEST_P(ControlledPort, NewKeysByPeriodAndByPacketNumbersKeepTrafficFlowingAndRet
     return actors[&a]->keyNum() == 2 &&
            (cp(b)->latestSakContext().txInstalled || cp(b)->oldSakContext().sak.keyNum == 2);
   });
-  sim.runFor(40);  // one rekey, 40 s after the election
+  sim.runFor(40);
   ASSERT_GT(*newKeyTransmits, 0);
+  EXPECT_DOUBLE_EQ(*secondKey, *elected + 40);
   EXPECT_TRUE(secured(a));
   EXPECT_EQ(actors[&a]->distSak().an, (first.an + 1) % 4);
   ASSERT_GT(*oldKeyGone, 0);
   EXPECT_DOUBLE_EQ(*oldKeyGone - *txConfirmed, 3.0);
   EXPECT_EQ(logCount("MKA_SAK_ACTIVATED"), 4);
+  // The period counts again from each rekey.
+  sim.runUntil(*secondKey + 40 + 0.5);
+  EXPECT_EQ(actors[&a]->keyNum(), 3u);
+  EXPECT_EQ(actors[&b]->keyNum(), 0u);
+  ASSERT_TRUE(heldWithin(10, [&] { return secured(a) && actors[&a]->keyNum() == 3; }));
 
   // b reports that the key in use has three quarters of its packet numbers behind it.
   a.status()->intfStatus(intf(a))->reKeyPeriodIs(0);
@@ -138,13 +147,13 @@ TEST_P(ControlledPort, NewKeysByPeriodAndByPacketNumbersKeepTrafficFlowingAndRet
   report.sakUseInfo.oldKey.lpn = 0xC0000000u;
   a.deliver(report);
   EXPECT_EQ(actors[&a]->llpnExhaustion(), 1u);
-  EXPECT_EQ(actors[&a]->keyNum(), 3u);  // at once, not at the rate limiter's next expiry
-  ASSERT_TRUE(heldWithin(20, [&] { return secured(a) && actors[&a]->keyNum() == 3; }));
-  EXPECT_EQ(actors[&a]->keyNum(), 3u);
+  EXPECT_EQ(actors[&a]->keyNum(), 4u);  // at once, not at the rate limiter's next expiry
+  ASSERT_TRUE(heldWithin(20, [&] { return secured(a) && actors[&a]->keyNum() == 4; }));
+  EXPECT_EQ(actors[&a]->keyNum(), 4u);
   // A number just below the mark does nothing.
   report.sakUseInfo.oldKey.lpn = 0xBFFFFFFFu;
   a.deliver(report);
-  EXPECT_EQ(actors[&a]->keyNum(), 3u);
+  EXPECT_EQ(actors[&a]->keyNum(), 4u);
 }
 
 TEST_P(ControlledPort, APeerThatFallsSilentAgesOutLeavingTheRunningKeyInServiceAndANewPeerGetsItsSsciPair) {

@@ -14,20 +14,8 @@ const Sim::Key kFallback{"0f0f0f0f0f0f0f0f", "8f1c5cb1c8ed2e5f047906e0473aad4d"}
 
 class Port : public Scenario {
  protected:
-  // A switch whose interface runs a port state machine.
-  void start(Sim::Agent& agent, uint8_t macByte) {
-    Sim::PortConfig config;
-    config.mac = mac(macByte);
-    config.runPort = true;
-    agent.portIs(intf(agent), config);
-  }
-
-  void twoSwitches() {
-    const Lanx::IntfId& intfA = intf(a);  // a is eth1, b eth2
-    sim.linkIs(a, intfA, b, intf(b));
-    start(a, 1);
-    start(b, 2);
-  }
+  // Two switches whose interfaces run a port state machine, with no key yet (a is eth1, b eth2).
+  void twoSwitches() { configuredPairIs(a, b, Sim::Key{}); }
 
   // The same with each interface's status written directly, below the configuration: for what
   // no configuration gives, such as a port without key material.
@@ -141,9 +129,7 @@ TEST_F(Port, AFallbackKeyRunsWhenThePrimaryKeysDoNotMatchAndYieldsToOnePrincipal
 }
 
 TEST_F(Port, AfterAnElectionTheFallbackKeyWaitsItsActivationPeriod) {
-  twoSwitches();
-  a.keyIs(intf(a), kPrimary);
-  b.keyIs(intf(b), kPrimary);
+  configuredPairIs(a, b, kPrimary);
   sim.runFor(30);
   ASSERT_TRUE(running(kPrimary));
   // The primary keys stop matching and b retires its old actor: the session ends, and a's election
@@ -201,9 +187,7 @@ TEST_F(Port, UnprotectedTrafficUntilAKeyArrivesAndStaticKeysOnTheirOwnNumbers) {
 }
 
 TEST_F(Port, RemovingThePortWipesEveryKeyAndEmptiesTheControlledPort) {
-  twoSwitches();
-  a.keyIs(intf(a), kPrimary);
-  b.keyIs(intf(b), kPrimary);
+  configuredPairIs(a, b, kPrimary);
   sim.runFor(30);
   ASSERT_TRUE(running(kPrimary));
   const Sak distributed = actor(a, kPrimary)->distSak();

@@ -252,7 +252,8 @@ TEST_F(Fips, ASilentHardwareIsRetriedThreeTimesAndFailsAfterFourPeriods) {
   EXPECT_FALSE(a.port(intf(a)));
 }
 
-// A proxy interface runs the engine port's self test: a frame that comes back wrong is tried here for both.
+// A proxy interface runs the engine port's self test: silent hardware is tried on the engine port, a
+// frame that comes back wrong here, for both.
 TEST_F(Fips, AProxyInterfaceIsTestedAsAnEnginePortIs) {
   Engine& engine = a.engine();
   const Lanx::IntfId proxy("eth5");
@@ -291,22 +292,13 @@ TEST_F(Fips, AProxyInterfaceIsTestedAsAnEnginePortIs) {
             std::string::npos)
       << failures()[0];
 
-  // Silent hardware: the test fails after four periods.
-  reset(selfTestResponderSilent);
-  sim.runFor(4 * 180 - 1);
-  EXPECT_TRUE(testing());
-  sim.runFor(2);
-  EXPECT_FALSE(testing());
-  ASSERT_EQ(failures().size(), 2u);
-  EXPECT_NE(failures()[1].find("due to timeout on interface eth5"), std::string::npos) << failures()[1];
-
   // An interface that stops being a proxy during its test loses it at once, without a failure.
   reset(selfTestResponderSilent);
   ASSERT_TRUE(testing());
   engine.proxyStatus()->proxyIntfDel(proxy);
   EXPECT_FALSE(testing());
   sim.runFor(4 * 180 + 1);
-  EXPECT_EQ(failures().size(), 2u);
+  EXPECT_EQ(failures().size(), 1u);
 }
 
 }  // namespace
