@@ -114,11 +114,11 @@ void ControlledPortSm::handleDistSak() {
   }
   // The key is on its way in, or already in service (by its octets too: a forged key may have
   // taken its identifier first).
-  if (sameKey(cpStatus()->latestSakContext().sak, dist) && cpStatus()->latestSakContext().sak.key.sameKeyAs(dist.key)) {
+  if (identicalKey(cpStatus()->latestSakContext().sak, dist)) {
     TRACE(3, ": Ignoring duplicate latest SAK for actor " << ckn());
     return;
   }
-  if (sameKey(cpStatus()->oldSakContext().sak, dist) && cpStatus()->oldSakContext().sak.key.sameKeyAs(dist.key)) {
+  if (identicalKey(cpStatus()->oldSakContext().sak, dist)) {
     TRACE(3, ": Ignoring duplicate old SAK for actor " << ckn());
     // The key server holds to the key in service: a latest key that nobody transmits on will not
     // follow it (one from a key server that has gone, or one it withdrew).

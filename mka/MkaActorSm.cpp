@@ -306,15 +306,16 @@ void MkaActorSm::parseSakDistInfo() {
   // An association number above 3 is a fault of the sender; it ends this MKPDU with the range
   // error.
   const Sak sak{AssociationNumber(dist.distributedAN), peerId, dist.keyNumber, dist.wrappedSak, {}};
-  // The key server repeats its key in every MKPDU: a known key identifier is the common case. A
-  // known key that the controlled port no longer has in either slot (it gave way, or the port was
-  // someone else's meanwhile) goes in again.
-  // A key known by its identifier but with other octets is a new key: a forged set may have
-  // taken the identifier first.
+  // The key server repeats its key in every MKPDU: a known key is the common case. A known key
+  // that the controlled port no longer has in either slot (it gave way, or the port was someone
+  // else's meanwhile) goes in again.
+  // A key known by its identifier but under another association number or with other octets is
+  // another key: a forged set may have taken the identifier, before the key server's set or after
+  // it. The key server's set is the one it repeats, and so the one that stays.
   const Sak& known = actorStatus()->distSak();
-  if (known.mi == peerId && known.keyNum == dist.keyNumber && known.key.sameKeyAs(sak.key)) {
+  if (identicalKey(known, sak)) {
     const Zef::Ptr<CpStatus const> cp = cpStatus();
-    auto holds = [&](const SakContext& slot) { return slot.sak.mi == known.mi && slot.sak.keyNum == known.keyNum; };
+    auto holds = [&](const SakContext& slot) { return identicalKey(slot.sak, known); };
     if (!actorStatus()->principal() || !cp || holds(cp->latestSakContext()) || holds(cp->oldSakContext())) return;
     TRACE(1, ": Installing again the SAK from peer " << peerId << forActor());
     actorStatus()->distSakIs(Sak());

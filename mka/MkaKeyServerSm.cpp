@@ -1,6 +1,7 @@
 #include "mka/MkaKeyServerSm.h"
 
 #include <array>
+#include <limits>
 #include <optional>
 
 #include "mka/PeerKeys.h"
@@ -266,7 +267,7 @@ std::optional<AssociationNumber> MkaKeyServerSm::freeAssociationNumber() const {
     return aLivePeerMayTransmitOn(*mkaActorStatus(), *receiving) ? 2 : 1;
   };
   uint8_t best = next.value();
-  int bestCost = 5;
+  int bestCost = std::numeric_limits<int>::max();  // until the first number is costed
   for (uint8_t step = 0; step < 4; ++step) {
     const uint8_t an = static_cast<uint8_t>((next.value() + step) & 3);
     const int anCost = cost(an);

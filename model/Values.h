@@ -287,6 +287,9 @@ inline bool sakMatch(const KeyInfo& info, const Sak& sak) {
   return info.an == sak.an && info.keyNum == sak.keyNum && info.mi == sak.mi;
 }
 inline bool sameKey(const Sak& a, const Sak& b) { return a.an == b.an && a.mi == b.mi && a.keyNum == b.keyNum; }
+// The same key by identifier and by its octets too. A key server never hands out two keys under
+// one identifier, so two that differ in either are two keys, one of them forged.
+inline bool identicalKey(const Sak& a, const Sak& b) { return sameKey(a, b) && a.key.sameKeyAs(b.key); }
 
 // Whether a member whose last SAK use set is `use` may transmit on `sak`: the set says so, or the
 // set lists the key (received, or still being installed) and no newer key of the same key server
