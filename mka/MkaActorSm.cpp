@@ -311,7 +311,8 @@ void MkaActorSm::parseSakDistInfo() {
   // else's meanwhile) goes in again.
   // A key known by its identifier but under another association number or with other octets is
   // another key: a forged set may have taken the identifier, before the key server's set or after
-  // it. The key server's set is the one it repeats, and so the one that stays.
+  // it. The key server repeats its own set while a live peer does not report its key, so that set
+  // comes last, and stays.
   const Sak& known = actorStatus()->distSak();
   if (identicalKey(known, sak)) {
     const Zef::Ptr<CpStatus const> cp = cpStatus();
