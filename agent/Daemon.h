@@ -16,11 +16,11 @@
 #include "agent/ConfigFile.h"
 #include "agent/ControlServer.h"
 #include "agent/EapolSocket.h"
-#include "agent/Engine.h"
 #include "agent/EventLoop.h"
 #include "agent/KernelDataPlane.h"
 #include "agent/LinkWatcher.h"
 #include "agent/MacsecNetlink.h"
+#include "engine/Engine.h"
 
 namespace Macsec {
 

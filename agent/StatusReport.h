@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "agent/ConfigFile.h"
-#include "agent/Engine.h"
+#include "engine/Engine.h"
 
 namespace Macsec {
 

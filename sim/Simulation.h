@@ -17,7 +17,7 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/Engine.h"
+#include "engine/Engine.h"
 #include "mka/MkaActorSm.h"
 #include "mkpdu/ReplayGuard.h"
 #include "platform/Clock.h"

@@ -3,10 +3,11 @@
 
 The library is built in layers, each of which may include only itself and the layers below it:
 
-    platform < model < mkpdu < config < hw < mka < agent
+    platform < model < mkpdu < config < hw < mka < engine < agent
 
 The device and root state machines (mka) build the self test (hw) and the configuration state
-machine (config), which is why those two sit below mka. The simulation harness (sim), the tests,
+machine (config), which is why those two sit below mka. The engine's assembly (engine) is portable
+and stands on all of them; the Linux process (agent) runs one on a host. The simulation harness (sim), the tests,
 benchmarks and programs stand outside the library: they may include any layer, and no layer may
 include them.
 
@@ -20,7 +21,7 @@ import os
 import re
 import sys
 
-LAYERS = ["platform", "model", "mkpdu", "config", "hw", "mka", "agent"]
+LAYERS = ["platform", "model", "mkpdu", "config", "hw", "mka", "engine", "agent"]
 OUTSIDE = ["sim", "tests", "bench", "tools"]
 INCLUDE = re.compile(r'^\s*(?:#\s*include|include)\s+"([A-Za-z_]+)/')
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "agent/Engine.h"
+#include "engine/Engine.h"
 #include "hw/HwStatusSm.h"
 
 namespace Macsec {

@@ -24,13 +24,15 @@ def main():
     good = {
         "platform/A.h": '#include "platform/B.h"\n',
         "mka/X.cpp": '#include "hw/Y.h"\n#include "config/Z.h"\n#include "model/V.h"\n',
-        "agent/E.h": '#include "mka/X.h"\n',
+        "engine/E.h": '#include "mka/X.h"\n',
+        "agent/D.h": '#include "engine/E.h"\n',
     }
     code, text = run(good)
     assert code == 0, text
     for path, line in [("model/V.h", '#include "mkpdu/MkaPdu.h"\n'),
                        ("hw/Y.cpp", '#  include "mka/MkaSm.h"\n'),
-                       ("mka/M.zef", 'include "agent/Engine.h"\n'),
+                       ("mka/M.zef", 'include "engine/Engine.h"\n'),
+                       ("engine/F.cpp", '#include "agent/Daemon.h"\n'),
                        ("mka/S.cpp", '#include "sim/Simulation.h"\n')]:
         code, text = run({**good, path: "// a comment\n" + line})
         assert code == 1 and f"{path}:2:" in text, (path, code, text)

@@ -1,4 +1,4 @@
-#include "agent/Engine.h"
+#include "engine/Engine.h"
 
 #include <cstring>
 #include <vector>

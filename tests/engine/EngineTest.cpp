@@ -1,7 +1,7 @@
 // The engine assembly through its own surface, with no harness: two engines whose frames are
 // carried by hand, on a virtual clock, as a daemon would drive one with a socket and a timer.
 
-#include "agent/Engine.h"
+#include "engine/Engine.h"
 
 #include <gtest/gtest.h>
 
