@@ -21,7 +21,7 @@ Daemon::Daemon(EventLoop& loop, DaemonOptions options)
       EngineOptions{.name = "mkad", .frames = true, .randomSeed = randomSeed(), .emulatedHardware = !kernel});
   if (kernel) {
     engine_->as([&] {
-      kernel_ = KernelDataPlane::KernelDataPlaneIs(engine_->status(), engine_->hwStatus(), netlink_.get());
+      kernel_ = KernelDataPlane::KernelDataPlaneIs(engine_->status(), engine_->hardware(), netlink_.get());
       kernel_->lowerIfindexOfIs([this](const Lanx::IntfId& intf) {
         const auto port = ports_.find(intf.stringValue());
         const auto link = links_.find(intf.stringValue());

@@ -111,7 +111,7 @@ void KernelDataPlane::handleCpStatus(const Lanx::IntfId& intfId) {
   // MACsec left the interface: its link goes, and every key in it.
   const auto it = ports_.find(intfId);
   if (it == ports_.end()) return;
-  if (it->second.ifindex != 0) refused(intfId, it->second, netlink()->linkDel(it->second.ifindex));
+  if (it->second.ifindex != 0) refused(intfId, it->second, kernel()->linkDel(it->second.ifindex));
   ports_.erase(it);
 }
 
@@ -133,7 +133,7 @@ KernelPort* KernelDataPlane::ensureLink(const Lanx::IntfId& intfId) {
   port.linkName = linkNameOf()(intfId);
   // A link of that name from an earlier run holds keys this run does not know: it goes, and
   // this run starts from nothing, as the engine does.
-  if (const int stale = netlink()->linkIndex(port.linkName)) refused(intfId, port, netlink()->linkDel(stale));
+  if (const int stale = kernel()->linkIndex(port.linkName)) refused(intfId, port, kernel()->linkDel(stale));
   MacsecLinkSettings settings;
   settings.name = port.linkName;
   settings.lowerIfindex = lowerIfindex;
@@ -142,8 +142,8 @@ KernelPort* KernelDataPlane::ensureLink(const Lanx::IntfId& intfId) {
   settings.replayProtection = cp->macsecParams().replayProtection;
   settings.replayWindow = cp->macsecParams().replayProtectionWindow;
   settings.includeSci = true;
-  if (refused(intfId, port, netlink()->linkAdd(settings))) return nullptr;
-  port.ifindex = netlink()->linkIndex(port.linkName);
+  if (refused(intfId, port, kernel()->linkAdd(settings))) return nullptr;
+  port.ifindex = kernel()->linkIndex(port.linkName);
   if (port.ifindex == 0) return nullptr;
   TRACE(3, " MACsec link " << port.linkName << " on " << intfId);
   return &port;
@@ -155,7 +155,7 @@ void KernelDataPlane::updateLink(const Lanx::IntfId& intfId) {
   const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
   KernelPort* port = ensureLink(intfId);
   if (!cp || !port) return;
-  refused(intfId, *port, netlink()->linkUpdate(port->ifindex, linkStateOf(*cp)));
+  refused(intfId, *port, kernel()->linkUpdate(port->ifindex, linkStateOf(*cp)));
 }
 
 void KernelDataPlane::updateRxSc(const Lanx::IntfId& intfId) {
@@ -167,10 +167,10 @@ void KernelDataPlane::updateRxSc(const Lanx::IntfId& intfId) {
   const KernelSci sci = kernelSci(cp->peerSsci().sci);
   if (port->rxSc && std::equal(sci.octets, sci.octets + 8, port->rxSc->octets)) return;
   // Another peer: the old channel goes with its SAs, and the keys are installed for the new one.
-  if (port->rxSc) refused(intfId, *port, netlink()->rxScDel(port->ifindex, *port->rxSc));
+  if (port->rxSc) refused(intfId, *port, kernel()->rxScDel(port->ifindex, *port->rxSc));
   port->rxSc.reset();
   port->rxSas.clear();
-  if (refused(intfId, *port, netlink()->rxScAdd(port->ifindex, sci))) return;
+  if (refused(intfId, *port, kernel()->rxScAdd(port->ifindex, sci))) return;
   port->rxSc = sci;
   for (auto it = cp->rxSakIter(); it; ++it) updateRxSa(intfId, AssociationNumber(it.key()));
 }
@@ -189,7 +189,7 @@ void KernelDataPlane::updateRxSa(const Lanx::IntfId& intfId, const AssociationNu
   // A key removed from the requests leaves the kernel, which keeps no key the engine let go.
   if (sak.empty()) {
     if (installed != port->rxSas.end()) {
-      refused(intfId, *port, netlink()->rxSaDel(port->ifindex, *port->rxSc, number));
+      refused(intfId, *port, kernel()->rxSaDel(port->ifindex, *port->rxSc, number));
       port->rxSas.erase(installed);
     }
     return;
@@ -197,16 +197,16 @@ void KernelDataPlane::updateRxSa(const Lanx::IntfId& intfId, const AssociationNu
   const KernelSa wanted{sak.mi, sak.keyNum};
   if (installed != port->rxSas.end()) {
     if (installed->second == wanted) return;
-    refused(intfId, *port, netlink()->rxSaDel(port->ifindex, *port->rxSc, number));
+    refused(intfId, *port, kernel()->rxSaDel(port->ifindex, *port->rxSc, number));
     port->rxSas.erase(installed);
   }
   const std::optional<std::string> error =
       withSa(sak, cp->macsecParams().cipherSuite, cp->peerSsci(),
-             [&](const MacsecSaSettings& sa) { return netlink()->rxSaAdd(port->ifindex, *port->rxSc, sa); });
+             [&](const MacsecSaSettings& sa) { return kernel()->rxSaAdd(port->ifindex, *port->rxSc, sa); });
   if (refused(intfId, *port, error)) return;
   port->rxSas[number] = wanted;
   // Confirmed only now that the kernel has the key; delete before write, as hardware reports.
-  const Zef::Ptr<MacSecIntfStatus> hw = Zef::constPtrCast<MacSecIntfStatus>(allMacsec()->status(intfId));
+  const Zef::Ptr<MacSecIntfStatus> hw = hardware()->status(intfId);
   if (!hw) return;
   if (hw->rxSaStatusHas(an)) hw->rxSaStatusDel(an);
   hw->rxSaStatusIs(an, sak.mi, sak.keyNum);
@@ -222,7 +222,7 @@ void KernelDataPlane::updateTxSa(const Lanx::IntfId& intfId) {
   // No key to send with: the kernel keeps none either.
   if (sak.empty()) {
     for (const auto& [number, installed] : port->txSas)
-      refused(intfId, *port, netlink()->txSaDel(port->ifindex, number));
+      refused(intfId, *port, kernel()->txSaDel(port->ifindex, number));
     port->txSas.clear();
     return;
   }
@@ -231,37 +231,37 @@ void KernelDataPlane::updateTxSa(const Lanx::IntfId& intfId) {
   const auto installed = port->txSas.find(number);
   if (installed == port->txSas.end() || !(installed->second == wanted)) {
     if (installed != port->txSas.end()) {
-      refused(intfId, *port, netlink()->txSaDel(port->ifindex, number));
+      refused(intfId, *port, kernel()->txSaDel(port->ifindex, number));
       port->txSas.erase(installed);
     }
     const std::optional<std::string> error =
         withSa(sak, cp->macsecParams().cipherSuite, cp->mySsci(),
-               [&](const MacsecSaSettings& sa) { return netlink()->txSaAdd(port->ifindex, sa); });
+               [&](const MacsecSaSettings& sa) { return kernel()->txSaAdd(port->ifindex, sa); });
     if (refused(intfId, *port, error)) return;
     port->txSas[number] = wanted;
   }
   // Frames go out under the new key from now on; the previous transmit keys leave the kernel.
   MacsecLinkState state = linkStateOf(*cp);
   state.encodingSa = number;
-  if (refused(intfId, *port, netlink()->linkUpdate(port->ifindex, state))) return;
+  if (refused(intfId, *port, kernel()->linkUpdate(port->ifindex, state))) return;
   for (auto it = port->txSas.begin(); it != port->txSas.end();) {
     if (it->first == number) {
       ++it;
       continue;
     }
-    refused(intfId, *port, netlink()->txSaDel(port->ifindex, it->first));
+    refused(intfId, *port, kernel()->txSaDel(port->ifindex, it->first));
     it = port->txSas.erase(it);
   }
-  const Zef::Ptr<MacSecIntfStatus> hw = Zef::constPtrCast<MacSecIntfStatus>(allMacsec()->status(intfId));
+  const Zef::Ptr<MacSecIntfStatus> hw = hardware()->status(intfId);
   if (hw) hw->txSaStatusIs(SaStatus{AssociationNumber(number), sak.mi, sak.keyNum, 1});
 }
 
 void KernelDataPlane::readTxPacketNumbers() {
   for (auto& [intfId, port] : ports_) {
-    const Zef::Ptr<MacSecIntfStatus> hw = Zef::constPtrCast<MacSecIntfStatus>(allMacsec()->status(intfId));
+    const Zef::Ptr<MacSecIntfStatus> hw = hardware()->status(intfId);
     if (!hw || port.ifindex == 0 || hw->txSaStatus().empty()) continue;
     SaStatus record = hw->txSaStatus();
-    const std::optional<uint64_t> pn = netlink()->txSaNextPn(port.ifindex, record.an.value());
+    const std::optional<uint64_t> pn = kernel()->txSaNextPn(port.ifindex, record.an.value());
     if (!pn) continue;
     record.value = static_cast<uint32_t>(std::min<uint64_t>(*pn, UINT32_MAX));
     hw->txSaStatusIs(record);
@@ -276,7 +276,7 @@ size_t KernelDataPlane::keysHeld() const {
 
 void KernelDataPlane::removeAll() {
   for (auto& [intfId, port] : ports_) {
-    if (port.ifindex != 0) refused(intfId, port, netlink()->linkDel(port.ifindex));
+    if (port.ifindex != 0) refused(intfId, port, kernel()->linkDel(port.ifindex));
   }
   ports_.clear();
 }

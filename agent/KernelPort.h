@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "agent/MacsecNetlink.h"
+#include "agent/MacsecKernel.h"
 #include "model/Values.h"
 
 namespace Macsec {

@@ -192,8 +192,8 @@ std::optional<std::string> MacsecNetlink::rxSaAdd(int ifindex, const KernelSci& 
   return send(msg, "add receive SA");
 }
 
-std::optional<std::string> MacsecNetlink::saActive(uint8_t command, int ifindex, const KernelSci* sci, uint8_t an,
-                                                   bool active) {
+std::optional<std::string> MacsecNetlink::switchOffOrDeleteSa(uint8_t command, int ifindex, const KernelSci* sci,
+                                                              uint8_t an) {
   nl_msg* msg = genlMessage(command, ifindex);
   if (msg) {
     if (sci) {
@@ -204,7 +204,7 @@ std::optional<std::string> MacsecNetlink::saActive(uint8_t command, int ifindex,
     nlattr* config = nla_nest_start(msg, MACSEC_ATTR_SA_CONFIG);
     nla_put_u8(msg, MACSEC_SA_ATTR_AN, an);
     if (command == MACSEC_CMD_UPD_RXSA || command == MACSEC_CMD_UPD_TXSA) {
-      nla_put_u8(msg, MACSEC_SA_ATTR_ACTIVE, active ? 1 : 0);
+      nla_put_u8(msg, MACSEC_SA_ATTR_ACTIVE, 0);
     }
     nla_nest_end(msg, config);
   }
@@ -221,8 +221,8 @@ std::optional<std::string> MacsecNetlink::saActive(uint8_t command, int ifindex,
 }
 
 std::optional<std::string> MacsecNetlink::rxSaDel(int ifindex, const KernelSci& sci, uint8_t an) {
-  if (auto error = saActive(MACSEC_CMD_UPD_RXSA, ifindex, &sci, an, false)) return error;
-  return saActive(MACSEC_CMD_DEL_RXSA, ifindex, &sci, an, false);
+  if (auto error = switchOffOrDeleteSa(MACSEC_CMD_UPD_RXSA, ifindex, &sci, an)) return error;
+  return switchOffOrDeleteSa(MACSEC_CMD_DEL_RXSA, ifindex, &sci, an);
 }
 
 std::optional<std::string> MacsecNetlink::txSaAdd(int ifindex, const MacsecSaSettings& sa) {
@@ -232,8 +232,8 @@ std::optional<std::string> MacsecNetlink::txSaAdd(int ifindex, const MacsecSaSet
 }
 
 std::optional<std::string> MacsecNetlink::txSaDel(int ifindex, uint8_t an) {
-  if (auto error = saActive(MACSEC_CMD_UPD_TXSA, ifindex, nullptr, an, false)) return error;
-  return saActive(MACSEC_CMD_DEL_TXSA, ifindex, nullptr, an, false);
+  if (auto error = switchOffOrDeleteSa(MACSEC_CMD_UPD_TXSA, ifindex, nullptr, an)) return error;
+  return switchOffOrDeleteSa(MACSEC_CMD_DEL_TXSA, ifindex, nullptr, an);
 }
 
 namespace {

@@ -73,9 +73,8 @@ Engine::Engine(EngineOptions options)
       pams_(options_.frames ? Interface::EthDevPamCollection::EthDevPamCollectionIs("pamCollection") : nullptr),
       pamManager_(MkaPamManager::MkaPamManagerIs(pams_)),
       wheel_(Orb::TimerWheel::TimerWheelIs()),
-      hwStatus_(MacSecIntfStatusPtrDir::MacSecIntfStatusPtrDirIs()),
-      hwStatusSliceDir_(Zef::Dir::DirIs("hwStatusSliceDir")),
-      emulator_(options_.emulatedHardware ? HwEmulator::HwEmulatorIs(status_, hwStatus_) : nullptr),
+      hardware_(HwStatusSlices::HwStatusSlicesIs()),
+      emulator_(options_.emulatedHardware ? HwEmulator::HwEmulatorIs(status_, hardware_) : nullptr),
       counters_(Memtab::MessageCounters::MessageCountersIs()),
       ethIntfStatusDir_(Interface::EthIntfStatusDir::EthIntfStatusDirIs("ethIntfStatusDir")),
       deviceIntfStatusDir_(Interface::DeviceIntfStatusDir::DeviceIntfStatusDirIs("deviceIntfStatusDir")) {
@@ -86,7 +85,6 @@ Engine::Engine(EngineOptions options)
   txReactor_ = Zef::Ptr<TxReactor>(new TxReactor(pamManager_->txMessageInfo(), this));
   if (options_.frames) codec_ = MkpduCodec::MkpduCodecIs(status_, pamManager_, pams_, counters_);
   deviceIntfStatusDir_->attacherIs([this](const Zef::Ptr<Lanx::Pam>& pam) { attach(pam); });
-  hwStatusSm_ = HwStatusSm::HwStatusSmIs(hwStatus_, hwStatusSliceDir_);
   configSources_ = Zef::Dir::DirIs("configSources");
   mergedConfig_ = Config::ConfigIs("merged");
   merge_ = MacsecConfigMergeSm::MacsecConfigMergeSmIs(configSources_, mergedConfig_);
@@ -127,40 +125,14 @@ void Engine::ethernetDel(const Lanx::IntfId& intf) {
   ethIntfStatusDir_->intfStatusDel(intf);
 }
 
-namespace {
-
-Zef::Name sliceName(size_t index) { return Zef::Name("slice" + std::to_string(index)); }
-
-}  // namespace
-
 void Engine::hardwareIs(const Lanx::IntfId& intf) {
   const Speaking speaking(name());
-  if (hw(intf)) return;
-  // The first slice with room takes the interface; when all are full, a new one comes.
-  for (size_t index = 0;; ++index) {
-    Zef::Ptr<MacSecStatus> slice = Zef::ptrCast<MacSecStatus>(hwStatusSliceDir_->entityPtr(sliceName(index)));
-    if (slice && slice->statusSize() >= kInterfacesPerSlice) continue;
-    if (!slice) {
-      slice = MacSecStatus::MacSecStatusIs(sliceName(index));
-      hwStatusSliceDir_->entityPtrIs(slice);
-    }
-    slice->statusIs(intf);
-    return;
-  }
+  hardware_->interfaceIs(intf);
 }
 
 void Engine::hardwareDel(const Lanx::IntfId& intf) {
   const Speaking speaking(name());
-  const Zef::Ptr<MacSecIntfStatus> hw = this->hw(intf);
-  // The slice that holds the interface is its owner.
-  const Zef::Ptr<MacSecStatus> slice(hw ? dynamic_cast<MacSecStatus*>(hw->parent()) : nullptr);
-  if (!slice) return;
-  slice->statusDel(intf);
-  if (slice->statusSize() == 0) hwStatusSliceDir_->entityPtrDel(slice->name());
-}
-
-Zef::Ptr<MacSecIntfStatus> Engine::hw(const Lanx::IntfId& intf) const {
-  return Zef::constPtrCast<MacSecIntfStatus>(hwStatus_->status(intf));
+  hardware_->interfaceDel(intf);
 }
 
 Zef::Ptr<Config> Engine::configSourceIs(const Zef::Name& name, uint32_t priority) {
@@ -257,9 +229,9 @@ void Engine::stateMachinesStart() {
   const Speaking speaking(name());
   if (root_) return;
   root_ = MkaRootSm::MkaRootSmIs(mergedConfig_, status_, eapKeyStatus_, ethIntfStatusDir_, deviceIntfStatusDir_,
-                                 pamManager_, hwStatus_, wheel_, counters_);
+                                 pamManager_, hardware_->flat(), wheel_, counters_);
   forwardingModelSm_ = MacsecForwardingModelSm::MacsecForwardingModelSmIs(status_, forwardingModel_);
-  proxyPostSm_ = MacsecProxy::MacsecProxyPOSTSm::MacsecProxyPOSTSmIs(proxyStatus_, status_, hwStatus_,
+  proxyPostSm_ = MacsecProxy::MacsecProxyPOSTSm::MacsecProxyPOSTSmIs(proxyStatus_, status_, hardware_->flat(),
                                                                      deviceIntfStatusDir_, ethIntfStatusDir_, wheel_);
 }
 

@@ -25,7 +25,7 @@
 
 #include "config/MacsecConfigMergeSm.h"
 #include "hw/HwEmulator.h"
-#include "hw/HwStatusSm.h"
+#include "hw/HwStatusSlices.h"
 #include "hw/MacsecForwardingModelSm.h"
 #include "hw/MacsecProxyPostSm.h"
 #include "mka/MkaRootSm.h"
@@ -88,9 +88,7 @@ class Engine {
   void linkIs(const Lanx::IntfId& intf, Interface::LinkStatus link);
   void ethernetDel(const Lanx::IntfId& intf);
   // In: the interface in the (emulated) hardware's status, and its going away. The hardware
-  // publishes its status in slices of up to `kInterfacesPerSlice` interfaces, as a switch does; a
-  // slice comes with its first interface and goes with its last.
-  static constexpr size_t kInterfacesPerSlice = 16;
+  // publishes its status in slices, as a switch does (`HwStatusSlices`).
   void hardwareIs(const Lanx::IntfId& intf);
   void hardwareDel(const Lanx::IntfId& intf);
   // In: MACsec on an interface, with its settings, written as its IntfStatus directly (below the
@@ -140,14 +138,14 @@ class Engine {
   const Zef::Ptr<Status>& status() const noexcept { return status_; }
   const Zef::Ptr<MkaPamManager>& pamManager() const noexcept { return pamManager_; }
   const Zef::Ptr<Orb::TimerWheel>& wheel() const noexcept { return wheel_; }
-  const Zef::Ptr<MacSecIntfStatusPtrDir>& hwStatus() const noexcept { return hwStatus_; }
+  const Zef::Ptr<MacSecIntfStatusPtrDir>& hwStatus() const noexcept { return hardware_->flat(); }
+  // The hardware side's own handle on its status, for a data plane that stands in for the emulator.
+  const Zef::Ptr<HwStatusSlices>& hardware() const noexcept { return hardware_; }
   const Zef::Ptr<HwEmulator>& emulator() const noexcept { return emulator_; }
   const Zef::Ptr<MkpduCodec>& codec() const noexcept { return codec_; }
   const Zef::Ptr<Memtab::MessageCounters>& counters() const noexcept { return counters_; }
-  // The hardware status of an interface, as the emulated hardware writes it.
-  Zef::Ptr<MacSecIntfStatus> hw(const Lanx::IntfId& intf) const;
-  // The slices of hardware status by name, as the hardware publishes them.
-  const Zef::Ptr<Zef::Dir>& hwStatusSliceDir() const noexcept { return hwStatusSliceDir_; }
+  // The hardware status of an interface, as the hardware writes it.
+  Zef::Ptr<MacSecIntfStatus> hw(const Lanx::IntfId& intf) const { return hardware_->status(intf); }
   Zef::Ptr<MkaPortSm> port(const Lanx::IntfId& intf) const;
   // The device state machine while MACsec is enabled, else null.
   Zef::Ptr<MkaSm> device() const { return root_ ? root_->mkaSm() : nullptr; }
@@ -206,9 +204,7 @@ class Engine {
   Zef::Ptr<Interface::EthDevPamCollection> pams_;
   Zef::Ptr<MkaPamManager> pamManager_;
   Zef::Ptr<Orb::TimerWheel> wheel_;
-  Zef::Ptr<MacSecIntfStatusPtrDir> hwStatus_;
-  Zef::Ptr<Zef::Dir> hwStatusSliceDir_;
-  Zef::Ptr<HwStatusSm> hwStatusSm_;
+  Zef::Ptr<HwStatusSlices> hardware_;
   Zef::Ptr<HwEmulator> emulator_;
   Zef::Ptr<TxReactor> txReactor_;
   Zef::Ptr<Memtab::MessageCounters> counters_;

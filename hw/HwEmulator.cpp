@@ -34,9 +34,9 @@ void HwEmulator::ZefStatus::ZefCpStatus::updateRxSaStatus(const AssociationNumbe
   if (sak.empty()) return;
   HwEmulator* emulator = stateMachine();
   if (emulator == nullptr) return;
-  Zef::Ptr<MacSecIntfStatusPtrDir> allMacsec = emulator->allMacsec();
-  confirm(*emulator, [allMacsec, intfId, sak] {
-    Zef::Ptr<MacSecIntfStatus> hw = Zef::constPtrCast<MacSecIntfStatus>(allMacsec->status(intfId));
+  Zef::Ptr<HwStatusSlices> hardware = emulator->hardware();
+  confirm(*emulator, [hardware, intfId, sak] {
+    Zef::Ptr<MacSecIntfStatus> hw = hardware->status(intfId);
     if (!hw) return;  // the interface left the hardware before the confirmation
     // Delete before write: a reader sees the replaced key go, then the new one come.
     const AssociationNumber key(sak.an);
@@ -57,10 +57,10 @@ void HwEmulator::ZefStatus::ZefCpStatus::updateTxSaStatus() {
   if (sak.empty()) return;
   HwEmulator* emulator = stateMachine();
   if (emulator == nullptr) return;
-  Zef::Ptr<MacSecIntfStatusPtrDir> allMacsec = emulator->allMacsec();
+  Zef::Ptr<HwStatusSlices> hardware = emulator->hardware();
   const uint32_t value = emulator->txSaValue();
-  confirm(*emulator, [allMacsec, intfId, sak, value] {
-    Zef::Ptr<MacSecIntfStatus> hw = Zef::constPtrCast<MacSecIntfStatus>(allMacsec->status(intfId));
+  confirm(*emulator, [hardware, intfId, sak, value] {
+    Zef::Ptr<MacSecIntfStatus> hw = hardware->status(intfId);
     if (!hw) return;  // the interface left the hardware before the confirmation
     hw->txSaStatusIs(SaStatus{AssociationNumber(sak.an), sak.mi, sak.keyNum, value});
   });
@@ -73,9 +73,9 @@ void HwEmulator::ZefStatus::ZefCpStatus::updatePostStatus() {
   const POSTStage stage = notifier()->postStatus();
   TRACE(8, "intf: " << intfId << " postStatus " << stage);
   // The hardware is ready for the stage the test asks for (or has reset itself for a retry).
-  Zef::Ptr<MacSecIntfStatusPtrDir> allMacsec = emulator->allMacsec();
-  confirm(*emulator, [allMacsec, intfId, stage] {
-    const Zef::Ptr<MacSecIntfStatus> hw = Zef::constPtrCast<MacSecIntfStatus>(allMacsec->status(intfId));
+  Zef::Ptr<HwStatusSlices> hardware = emulator->hardware();
+  confirm(*emulator, [hardware, intfId, stage] {
+    const Zef::Ptr<MacSecIntfStatus> hw = hardware->status(intfId);
     if (hw) hw->hwPostStatusIs(stage);
   });
 }
@@ -83,7 +83,7 @@ void HwEmulator::ZefStatus::ZefCpStatus::updatePostStatus() {
 bool HwEmulator::selfTestFrameIs(const Lanx::IntfId& intfId, const std::string& frame,
                                  std::function<void(const std::string&)> answer) {
   if (selfTestResponder() == selfTestResponderOff) return false;
-  const Zef::Ptr<MacSecIntfStatus const> hw = allMacsec()->status(intfId);
+  const Zef::Ptr<MacSecIntfStatus const> hw = hardware()->status(intfId);
   if (!hw) return false;
   // The stage says what the cipher path is set up to do with the frame.
   const std::optional<POSTTest> test = postTestOf(hw->hwPostStatus());

@@ -48,8 +48,10 @@ void HwStatusSm::doUpdateHwStatus(const Zef::Ptr<MacSecIntfStatus const>& intfHw
   // drops the interface removes it.
   if (intfHwStatus) {
     TRACE(8, ": " << sliceName << "/" << intfId << " added ");
-    hwStatus()->statusIs(intfHwStatus);
+    // The slice is known before readers hear of the interface: a writer that answers at once
+    // finds the status through it.
     sliceMap_[intfId] = sliceName;
+    hwStatus()->statusIs(intfHwStatus);
   } else {
     TRACE(8, ": " << sliceName << "/" << intfId << " deleted ");
     hwStatus()->statusDel(intfId);

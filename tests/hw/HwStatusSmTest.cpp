@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "engine/Engine.h"
+#include "hw/HwStatusSlices.h"
 #include "hw/HwStatusSm.h"
 
 namespace Macsec {
@@ -64,26 +64,27 @@ TEST(HwStatusSlices, TheFlatDirectoryFollowsEverySlice) {
   EXPECT_EQ(flat->status(eth3), renewed->status(eth3));
 }
 
-TEST(HwStatusSlices, TheEngineHardwarePublishesSixteenInterfacesASlice) {
-  Engine engine(EngineOptions{"a", false, 1});
+TEST(HwStatusSlices, TheHardwarePublishesSixteenInterfacesASlice) {
+  const auto hardware = HwStatusSlices::HwStatusSlicesIs();
   const auto intf = [](int i) { return Lanx::IntfId("eth" + std::to_string(i)); };
-  const auto slice = [&](const char* name) {
-    return Zef::ptrCast<MacSecStatus>(engine.hwStatusSliceDir()->entry(name));
-  };
-  for (int i = 1; i <= 20; ++i) engine.hardwareIs(intf(i));
+  const auto slice = [&](const char* name) { return Zef::ptrCast<MacSecStatus>(hardware->sliceDir()->entry(name)); };
+  for (int i = 1; i <= 20; ++i) hardware->interfaceIs(intf(i));
   ASSERT_TRUE(slice("slice0"));
   ASSERT_TRUE(slice("slice1"));
-  EXPECT_EQ(slice("slice0")->statusSize(), Engine::kInterfacesPerSlice);
+  EXPECT_EQ(slice("slice0")->statusSize(), HwStatusSlices::kInterfacesPerSlice);
   EXPECT_EQ(slice("slice1")->statusSize(), 4u);
-  EXPECT_EQ(engine.hwStatus()->statusSize(), 20u);
-  EXPECT_EQ(engine.hwStatus()->status(intf(18)), slice("slice1")->status(intf(18)));
+  EXPECT_EQ(hardware->flat()->statusSize(), 20u);
+  // The reader's status and the writer's are the slice's own object.
+  EXPECT_EQ(hardware->flat()->status(intf(18)), slice("slice1")->status(intf(18)));
+  EXPECT_EQ(hardware->status(intf(18)), slice("slice1")->status(intf(18)));
 
   // The last slice empties and goes; a place freed in the first is taken by the next interface.
-  for (int i = 17; i <= 20; ++i) engine.hardwareDel(intf(i));
+  for (int i = 17; i <= 20; ++i) hardware->interfaceDel(intf(i));
   EXPECT_FALSE(slice("slice1"));
-  engine.hardwareDel(intf(3));
-  engine.hardwareIs(intf(21));
-  EXPECT_EQ(engine.hwStatus()->status(intf(21)), slice("slice0")->status(intf(21)));
+  EXPECT_FALSE(hardware->status(intf(18)));
+  hardware->interfaceDel(intf(3));
+  hardware->interfaceIs(intf(21));
+  EXPECT_EQ(hardware->status(intf(21)), slice("slice0")->status(intf(21)));
   EXPECT_FALSE(slice("slice1"));
 }
 

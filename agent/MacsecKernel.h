@@ -1,0 +1,80 @@
+#pragma once
+
+// The kernel's MACsec as the kernel data plane asks it: the driver's own verbs (add, update and
+// delete of the MACsec link, the receive SC, receive SA and transmit SA), each answered with the
+// error text or nothing. `MacsecNetlink` speaks them to the kernel; tests speak them to a fake
+// that records every call and answers as told.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "model/KeyBytes.h"
+
+namespace Macsec {
+
+// A secure channel identifier as the kernel takes it: the address's six octets and the port
+// number, in network order.
+struct KernelSci {
+  uint8_t octets[8] = {};
+  uint64_t raw() const;
+};
+
+// The settings of a MACsec link that the kernel fixes at creation, and those it can change.
+struct MacsecLinkSettings {
+  std::string name;
+  int lowerIfindex = 0;
+  KernelSci sci;
+  uint64_t cipherSuite = 0;  // an IEEE 802.1AE cipher suite reference number
+  bool replayProtection = false;
+  uint32_t replayWindow = 0;
+  bool includeSci = true;
+};
+
+struct MacsecLinkState {
+  bool up = false;       // frames pass at all
+  bool protect = true;   // frames sent are protected
+  bool validate = true;  // received frames are validated strictly; else accepted unprotected
+  int encodingSa = -1;   // the association number frames are sent with; -1 leaves it
+};
+
+// One SA's key and identity. The key identifier is the key server's member identifier followed
+// by the key number.
+struct MacsecSaSettings {
+  uint8_t an = 0;
+  uint64_t lowestPn = 1;
+  const KeyBytes* key = nullptr;
+  uint8_t keyId[16] = {};
+  // The extended packet number suites: 64-bit packet numbers, and the SA's short SCI and salt.
+  bool xpn = false;
+  uint32_t ssci = 0;
+  uint8_t salt[12] = {};
+};
+
+class MacsecKernel {
+ public:
+  // The kernel's answer to a call: the error text, or nothing on success.
+  using Answer = std::optional<std::string>;
+
+  virtual ~MacsecKernel() = default;
+
+  // The interface index of a link by name, or 0.
+  virtual int linkIndex(const std::string& name) = 0;
+  // A link or SA that exists already counts as made.
+  virtual Answer linkAdd(const MacsecLinkSettings& settings) = 0;
+  virtual Answer linkUpdate(int ifindex, const MacsecLinkState& state) = 0;
+  virtual Answer linkDel(int ifindex) = 0;
+  virtual Answer rxScAdd(int ifindex, const KernelSci& sci) = 0;
+  virtual Answer rxScDel(int ifindex, const KernelSci& sci) = 0;
+  virtual Answer rxSaAdd(int ifindex, const KernelSci& sci, const MacsecSaSettings& sa) = 0;
+  virtual Answer rxSaDel(int ifindex, const KernelSci& sci, uint8_t an) = 0;
+  virtual Answer txSaAdd(int ifindex, const MacsecSaSettings& sa) = 0;
+  virtual Answer txSaDel(int ifindex, uint8_t an) = 0;
+  // The next packet number of a transmit SA.
+  virtual std::optional<uint64_t> txSaNextPn(int ifindex, uint8_t an) = 0;
+};
+
+// How the data plane holds the kernel, which the daemon owns.
+using MacsecKernelPtr = MacsecKernel*;
+
+}  // namespace Macsec
