@@ -94,7 +94,7 @@ bench: build
 bench-scale: build
 	$(BUILD)/mka_bench --benchmark_filter=BM_SteadyStatePerActor
 
-SOURCES = $(shell git ls-files '*.h' '*.cpp' 2>/dev/null || find platform model mkpdu mka config hw engine agent sim tests bench tools -name '*.h' -o -name '*.cpp')
+SOURCES = $(shell git ls-files '*.h' '*.cpp' 2>/dev/null || find platform model mkpdu mka config hw engine agent sim tests bench programs tools -name '*.h' -o -name '*.cpp')
 
 format: deps
 	@clang-format -i $(SOURCES)

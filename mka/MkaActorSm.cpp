@@ -83,7 +83,7 @@ void MkaActorSm::handlePrincipalActor() {
   if (!initialized()) return;
   ACTOR_ENTRY();
   if (actorStatus()->principal()) {
-    keyServerSmIs(intfId(), ckn(), status(), timerWheel(), timerWheel());
+    keyServerSmIs(intfId(), ckn(), status(), timerWheel());
     cpSmIs(ckn(), intfId(), status(), hwStatus(), timerWheel());
   } else {
     keyServerSmDel();

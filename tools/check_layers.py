@@ -22,7 +22,7 @@ import re
 import sys
 
 LAYERS = ["platform", "model", "mkpdu", "config", "hw", "mka", "engine", "agent"]
-OUTSIDE = ["sim", "tests", "bench", "tools"]
+OUTSIDE = ["sim", "tests", "bench", "programs", "tools"]
 INCLUDE = re.compile(r'^\s*(?:#\s*include|include)\s+"([A-Za-z_]+)/')
 
 

@@ -950,7 +950,7 @@ class Emitter:
         if a.kind in ("child", "sm"):
             return f"Zef::Ptr<{a.type}> {a.name}_"
         if a.kind == "values":
-            return f"Zef::HashMap2018<{a.key}, {a.type}> {a.name}_"
+            return f"Zef::ValueMap<{a.key}, {a.type}> {a.name}_"
         if a.kind in ("entities", "sms"):
             return f"Zef::HashMap<{a.key}, {a.type}> {a.name}_"
         if a.kind in ("reactor", "timer"):
@@ -1091,7 +1091,7 @@ class Emitter:
 
 def emit_file(model, rel, types, includes):
     e = Emitter(model)
-    guard_includes = ["platform/Entity.h", "platform/HashMap.h", "platform/HashMap2018.h", "platform/StateMachine.h",
+    guard_includes = ["platform/Entity.h", "platform/HashMap.h", "platform/ValueMap.h", "platform/StateMachine.h",
                       "platform/TimerWheel.h", "platform/ValueText.h"]
     stem = os.path.splitext(rel)[0]
     e.hw("// Generated from " + rel + " by tools/zefgen.py. Do not edit: change the declaration.")

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "platform/HashMap.h"
-#include "platform/HashMap2018.h"
 #include "platform/PtrInterface.h"
+#include "platform/ValueMap.h"
 
 namespace {
 
@@ -18,7 +18,7 @@ class Member : public Zef::PtrInterface {
 };
 
 using Map = Zef::HashMap<int, Member>;
-using Map2018 = Zef::HashMap2018<int, int>;
+using ValueMapOfInts = Zef::ValueMap<int, int>;
 
 std::vector<int> walkOrder(const Map& map) {
   std::vector<int> order;
@@ -86,8 +86,8 @@ TEST(HashMap, WalksMatchAModelUnderRandomMutation) {
   }
 }
 
-TEST(HashMap2018, ADeleteLoopReadsTheStaleNodeAndAdvances) {
-  Map2018 map;
+TEST(ValueMap, ADeleteLoopReadsTheStaleNodeAndAdvances) {
+  ValueMapOfInts map;
   for (int i = 0; i < 300; ++i) map.assign(i, i * 2);
   int deleted = 0;
   for (auto it = map.iterator(); !it.done(); it.advance()) {

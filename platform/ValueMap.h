@@ -10,7 +10,7 @@ namespace Zef {
 //
 //   for (auto it = map.iterator(); !it.done(); it.advance()) map.erase(it.currNodeMaybeStale()->key());
 template <class K, class V>
-class HashMap2018 {
+class ValueMap {
   using Table = detail::HashTable<K, V>;
 
  public:
