@@ -23,9 +23,9 @@ Daemon::Daemon(EventLoop& loop, DaemonOptions options)
     engine_->as([&] {
       kernel_ = KernelDataPlane::KernelDataPlaneIs(engine_->status(), engine_->hardware(), netlink_.get());
       kernel_->lowerIfindexOfIs([this](const Lanx::IntfId& intf) {
-        const auto port = ports_.find(intf.stringValue());
+        const auto running = running_.find(intf.stringValue());
         const auto link = links_.find(intf.stringValue());
-        return port != ports_.end() && link != links_.end() ? link->second.ifindex : 0;
+        return running != running_.end() && link != links_.end() ? link->second.ifindex : 0;
       });
       kernel_->linkNameOfIs([this](const Lanx::IntfId& intf) { return macsecName(intf.stringValue()); });
     });
@@ -56,8 +56,8 @@ Daemon::~Daemon() {
   control_.reset();
   loop_.fdDel(linkWatcher_->fd());
   linkWatcher_.reset();
-  for (auto& [name, port] : ports_) loop_.fdDel(port.eapol->fd());
-  ports_.clear();
+  for (auto& [name, running] : running_) loop_.fdDel(running.eapol->fd());
+  running_.clear();
   engine_.reset();
 }
 
@@ -79,7 +79,7 @@ std::optional<std::string> Daemon::reload() {
   }
   config_ = std::move(file);
   engine_->as([&] { applyConfigFile(config_, *engine_->config()); });
-  portsFollowConfig();
+  interfacesFollowConfig();
   Zef::log(MKAD_CONFIG_RELOADED, config_.path);
   return std::nullopt;
 }
@@ -125,28 +125,28 @@ void Daemon::linksKnown() {
 
 void Daemon::linkChanged(const LinkState& link) {
   links_[link.name] = link;
-  if (config_.interfaces.contains(link.name)) portIs(link);
+  if (config_.interfaces.contains(link.name)) interfaceIs(link);
 }
 
 void Daemon::linkGone(const std::string& name) {
   links_.erase(name);
-  portDel(name);
+  interfaceDel(name);
   if (config_.interfaces.contains(name)) Zef::log(MKAD_INTF_WAITING, name);
 }
 
-void Daemon::portIs(const LinkState& link) {
-  Port& port = ports_[link.name];
-  if (!port.eapol || port.eapol->ifindex() != link.ifindex) {
-    if (port.eapol) loop_.fdDel(port.eapol->fd());
+void Daemon::interfaceIs(const LinkState& link) {
+  Running& running = running_[link.name];
+  if (!running.eapol || running.eapol->ifindex() != link.ifindex) {
+    if (running.eapol) loop_.fdDel(running.eapol->fd());
     std::string error;
-    port.eapol = EapolSocket::open(link.ifindex, error);
-    if (!port.eapol) {
-      ports_.erase(link.name);
+    running.eapol = EapolSocket::open(link.ifindex, error);
+    if (!running.eapol) {
+      running_.erase(link.name);
       Zef::log(MKAD_INTF_FAILED, link.name, error);
       return;
     }
     const Lanx::IntfId intf(link.name);
-    EapolSocket* eapol = port.eapol.get();
+    EapolSocket* eapol = running.eapol.get();
     loop_.fdIs(eapol->fd(), EPOLLIN, [this, intf, eapol](uint32_t) {
       eapol->readable([&](const uint8_t* frame, size_t length) { engine_->frameIs(intf, frame, length); });
     });
@@ -154,25 +154,25 @@ void Daemon::portIs(const LinkState& link) {
   engine_->linkedInterfaceIs(Lanx::IntfId(link.name), link.addr, 1, link.up ? Interface::linkUp : Interface::linkDown);
 }
 
-void Daemon::portDel(const std::string& name) {
-  const auto it = ports_.find(name);
-  if (it == ports_.end()) return;
+void Daemon::interfaceDel(const std::string& name) {
+  const auto it = running_.find(name);
+  if (it == running_.end()) return;
   loop_.fdDel(it->second.eapol->fd());
-  ports_.erase(it);
+  running_.erase(it);
   engine_->linkedInterfaceDel(Lanx::IntfId(name));
   if (kernel_) kernel_->lowerGone(Lanx::IntfId(name));
 }
 
-void Daemon::portsFollowConfig() {
+void Daemon::interfacesFollowConfig() {
   std::vector<std::string> unconfigured;
-  for (const auto& [name, port] : ports_) {
+  for (const auto& [name, running] : running_) {
     if (!config_.interfaces.contains(name)) unconfigured.push_back(name);
   }
-  for (const std::string& name : unconfigured) portDel(name);
+  for (const std::string& name : unconfigured) interfaceDel(name);
   for (const auto& [name, profile] : config_.interfaces) {
-    if (ports_.contains(name)) continue;
+    if (running_.contains(name)) continue;
     if (const auto link = links_.find(name); link != links_.end()) {
-      portIs(link->second);
+      interfaceIs(link->second);
     } else {
       Zef::log(MKAD_INTF_WAITING, name);
     }
@@ -180,8 +180,8 @@ void Daemon::portsFollowConfig() {
 }
 
 void Daemon::transmit(const Lanx::IntfId& intf, std::string_view frame) {
-  const auto it = ports_.find(intf.stringValue());
-  if (it != ports_.end()) it->second.eapol->send(frame);
+  const auto it = running_.find(intf.stringValue());
+  if (it != running_.end()) it->second.eapol->send(frame);
 }
 
 void Daemon::runDueTimers() {
@@ -222,11 +222,11 @@ nlohmann::json Daemon::show() const {
   reply["config"] = config_.path;
   nlohmann::json& interfaces = reply["interfaces"] = nlohmann::json::array();
   for (const auto& [name, profile] : config_.interfaces) {
-    nlohmann::json report = interfaceReport(*engine_, Lanx::IntfId(name), ports_.contains(name), config_.dataPlane);
+    nlohmann::json report = interfaceReport(*engine_, Lanx::IntfId(name), running_.contains(name), config_.dataPlane);
     if (kernel_) {
       report["macsec-interface"] = macsecName(name);
-      const auto port = kernel_->ports().find(Lanx::IntfId(name));
-      report["data-plane-errors"] = port == kernel_->ports().end() ? 0 : port->second.errors;
+      const auto link = kernel_->links().find(Lanx::IntfId(name));
+      report["data-plane-errors"] = link == kernel_->links().end() ? 0 : link->second.errors;
     }
     interfaces.push_back(report);
   }

@@ -50,7 +50,8 @@ class Daemon {
   nlohmann::json answer(const nlohmann::json& request);
 
  private:
-  struct Port {
+  // An interface MKA runs on, with the socket of its EAPOL frames.
+  struct Running {
     std::unique_ptr<EapolSocket> eapol;
   };
 
@@ -61,10 +62,11 @@ class Daemon {
   void linkChanged(const LinkState& link);
   void linkGone(const std::string& name);
   // Starts or follows MKA on a configured interface that the kernel has, and stops it.
-  void portIs(const LinkState& link);
-  void portDel(const std::string& name);
-  // Brings the ports in line with the configured interfaces, after the configuration changed.
-  void portsFollowConfig();
+  void interfaceIs(const LinkState& link);
+  void interfaceDel(const std::string& name);
+  // Brings the running interfaces in line with the configured ones, after the configuration
+  // changed.
+  void interfacesFollowConfig();
   void transmit(const Lanx::IntfId& intf, std::string_view frame);
   void runDueTimers();
   nlohmann::json show() const;
@@ -81,7 +83,7 @@ class Daemon {
   double nextPacketNumberRead_ = 0;
   static constexpr double kPacketNumberReadPeriod = 5;
   std::map<std::string, LinkState> links_;  // every interface of the kernel, by name
-  std::map<std::string, Port> ports_;       // configured interfaces that the kernel has
+  std::map<std::string, Running> running_;  // configured interfaces that the kernel has
   std::unique_ptr<LinkWatcher> linkWatcher_;
   std::unique_ptr<ControlServer> control_;
 };

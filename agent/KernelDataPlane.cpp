@@ -67,7 +67,7 @@ std::optional<std::string> withSa(const Sak& sak, CipherSuite suite, const Ssci&
   });
 }
 
-// The controlled port is the MACsec link: up while open; unprotected traffic only where the
+// The controlled link is the MACsec link: up while open; unprotected traffic only where the
 // configuration allows it.
 MacsecLinkState linkStateOf(const CpStatus& cp) {
   MacsecLinkState state;
@@ -109,69 +109,69 @@ void KernelDataPlane::handleCpStatus(const Lanx::IntfId& intfId) {
   if (!initialized() || status()->cpStatusHas(intfId)) return;
   TRACE(8, " intfId=" << intfId);
   // MACsec left the interface: its link goes, and every key in it.
-  const auto it = ports_.find(intfId);
-  if (it == ports_.end()) return;
+  const auto it = links_.find(intfId);
+  if (it == links_.end()) return;
   if (it->second.ifindex != 0) refused(intfId, it->second, kernel()->linkDel(it->second.ifindex));
-  ports_.erase(it);
+  links_.erase(it);
 }
 
-bool KernelDataPlane::refused(const Lanx::IntfId& intfId, KernelPort& port, const std::optional<std::string>& error) {
+bool KernelDataPlane::refused(const Lanx::IntfId& intfId, KernelLink& link, const std::optional<std::string>& error) {
   if (!error) return false;
-  ++port.errors;
+  ++link.errors;
   Zef::log(MKAD_DATA_PLANE_ERROR, intfId, *error);
   return true;
 }
 
-KernelPort* KernelDataPlane::ensureLink(const Lanx::IntfId& intfId) {
+KernelLink* KernelDataPlane::ensureLink(const Lanx::IntfId& intfId) {
   const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
   const Zef::Ptr<MkaPortStatus const> portStatus = status()->portStatus(intfId);
   if (!cp || !portStatus || portStatus->mySci().isZero() || !lowerIfindexOf() || !linkNameOf()) return nullptr;
-  KernelPort& port = ports_[intfId];
-  if (port.ifindex != 0) return &port;
+  KernelLink& link = links_[intfId];
+  if (link.ifindex != 0) return &link;
   const int lowerIfindex = lowerIfindexOf()(intfId);
   if (lowerIfindex == 0) return nullptr;
-  port.linkName = linkNameOf()(intfId);
+  link.name = linkNameOf()(intfId);
   // A link of that name from an earlier run holds keys this run does not know: it goes, and
   // this run starts from nothing, as the engine does.
-  if (const int stale = kernel()->linkIndex(port.linkName)) refused(intfId, port, kernel()->linkDel(stale));
+  if (const int stale = kernel()->linkIndex(link.name)) refused(intfId, link, kernel()->linkDel(stale));
   MacsecLinkSettings settings;
-  settings.name = port.linkName;
+  settings.name = link.name;
   settings.lowerIfindex = lowerIfindex;
   settings.sci = kernelSci(portStatus->mySci());
   settings.cipherSuite = cipherSuiteId(cp->macsecParams().cipherSuite);
   settings.replayProtection = cp->macsecParams().replayProtection;
   settings.replayWindow = cp->macsecParams().replayProtectionWindow;
   settings.includeSci = true;
-  if (refused(intfId, port, kernel()->linkAdd(settings))) return nullptr;
-  port.ifindex = kernel()->linkIndex(port.linkName);
-  if (port.ifindex == 0) return nullptr;
-  TRACE(3, " MACsec link " << port.linkName << " on " << intfId);
-  return &port;
+  if (refused(intfId, link, kernel()->linkAdd(settings))) return nullptr;
+  link.ifindex = kernel()->linkIndex(link.name);
+  if (link.ifindex == 0) return nullptr;
+  TRACE(3, " MACsec link " << link.name << " on " << intfId);
+  return &link;
 }
 
 void KernelDataPlane::updateLink(const Lanx::IntfId& intfId) {
   if (!initialized()) return;
   TRACE(8, " intfId=" << intfId);
   const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
-  KernelPort* port = ensureLink(intfId);
-  if (!cp || !port) return;
-  refused(intfId, *port, kernel()->linkUpdate(port->ifindex, linkStateOf(*cp)));
+  KernelLink* link = ensureLink(intfId);
+  if (!cp || !link) return;
+  refused(intfId, *link, kernel()->linkUpdate(link->ifindex, linkStateOf(*cp)));
 }
 
 void KernelDataPlane::updateRxSc(const Lanx::IntfId& intfId) {
   if (!initialized()) return;
   TRACE(8, " intfId=" << intfId);
   const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
-  KernelPort* port = ensureLink(intfId);
-  if (!cp || !port || cp->peerSsci().sci.isZero()) return;
+  KernelLink* link = ensureLink(intfId);
+  if (!cp || !link || cp->peerSsci().sci.isZero()) return;
   const KernelSci sci = kernelSci(cp->peerSsci().sci);
-  if (port->rxSc && std::equal(sci.octets, sci.octets + 8, port->rxSc->octets)) return;
+  if (link->rxSc && std::equal(sci.octets, sci.octets + 8, link->rxSc->octets)) return;
   // Another peer: the old channel goes with its SAs, and the keys are installed for the new one.
-  if (port->rxSc) refused(intfId, *port, kernel()->rxScDel(port->ifindex, *port->rxSc));
-  port->rxSc.reset();
-  port->rxSas.clear();
-  if (refused(intfId, *port, kernel()->rxScAdd(port->ifindex, sci))) return;
-  port->rxSc = sci;
+  if (link->rxSc) refused(intfId, *link, kernel()->rxScDel(link->ifindex, *link->rxSc));
+  link->rxSc.reset();
+  link->rxSas.clear();
+  if (refused(intfId, *link, kernel()->rxScAdd(link->ifindex, sci))) return;
+  link->rxSc = sci;
   for (auto it = cp->rxSakIter(); it; ++it) updateRxSa(intfId, AssociationNumber(it.key()));
 }
 
@@ -179,32 +179,32 @@ void KernelDataPlane::updateRxSa(const Lanx::IntfId& intfId, const AssociationNu
   if (!initialized()) return;
   TRACE(8, " intfId=" << intfId << " an=" << an);
   const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
-  KernelPort* port = ensureLink(intfId);
-  if (!cp || !port) return;
-  if (!port->rxSc) updateRxSc(intfId);
-  if (!port->rxSc) return;
+  KernelLink* link = ensureLink(intfId);
+  if (!cp || !link) return;
+  if (!link->rxSc) updateRxSc(intfId);
+  if (!link->rxSc) return;
   const uint8_t number = an.value();
   const Sak sak = cp->rxSak(an);
-  const auto installed = port->rxSas.find(number);
+  const auto installed = link->rxSas.find(number);
   // A key removed from the requests leaves the kernel, which keeps no key the engine let go.
   if (sak.empty()) {
-    if (installed != port->rxSas.end()) {
-      refused(intfId, *port, kernel()->rxSaDel(port->ifindex, *port->rxSc, number));
-      port->rxSas.erase(installed);
+    if (installed != link->rxSas.end()) {
+      refused(intfId, *link, kernel()->rxSaDel(link->ifindex, *link->rxSc, number));
+      link->rxSas.erase(installed);
     }
     return;
   }
   const KernelSa wanted{sak.mi, sak.keyNum};
-  if (installed != port->rxSas.end()) {
+  if (installed != link->rxSas.end()) {
     if (installed->second == wanted) return;
-    refused(intfId, *port, kernel()->rxSaDel(port->ifindex, *port->rxSc, number));
-    port->rxSas.erase(installed);
+    refused(intfId, *link, kernel()->rxSaDel(link->ifindex, *link->rxSc, number));
+    link->rxSas.erase(installed);
   }
   const std::optional<std::string> error =
       withSa(sak, cp->macsecParams().cipherSuite, cp->peerSsci(),
-             [&](const MacsecSaSettings& sa) { return kernel()->rxSaAdd(port->ifindex, *port->rxSc, sa); });
-  if (refused(intfId, *port, error)) return;
-  port->rxSas[number] = wanted;
+             [&](const MacsecSaSettings& sa) { return kernel()->rxSaAdd(link->ifindex, *link->rxSc, sa); });
+  if (refused(intfId, *link, error)) return;
+  link->rxSas[number] = wanted;
   // Confirmed only now that the kernel has the key; delete before write, as hardware reports.
   const Zef::Ptr<MacSecIntfStatus> hw = hardware()->status(intfId);
   if (!hw) return;
@@ -216,52 +216,52 @@ void KernelDataPlane::updateTxSa(const Lanx::IntfId& intfId) {
   if (!initialized()) return;
   TRACE(8, " intfId=" << intfId);
   const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
-  KernelPort* port = ensureLink(intfId);
-  if (!cp || !port) return;
+  KernelLink* link = ensureLink(intfId);
+  if (!cp || !link) return;
   const Sak sak = cp->txSak();
   // No key to send with: the kernel keeps none either.
   if (sak.empty()) {
-    for (const auto& [number, installed] : port->txSas)
-      refused(intfId, *port, kernel()->txSaDel(port->ifindex, number));
-    port->txSas.clear();
+    for (const auto& [number, installed] : link->txSas)
+      refused(intfId, *link, kernel()->txSaDel(link->ifindex, number));
+    link->txSas.clear();
     return;
   }
   const uint8_t number = sak.an;
   const KernelSa wanted{sak.mi, sak.keyNum};
-  const auto installed = port->txSas.find(number);
-  if (installed == port->txSas.end() || !(installed->second == wanted)) {
-    if (installed != port->txSas.end()) {
-      refused(intfId, *port, kernel()->txSaDel(port->ifindex, number));
-      port->txSas.erase(installed);
+  const auto installed = link->txSas.find(number);
+  if (installed == link->txSas.end() || !(installed->second == wanted)) {
+    if (installed != link->txSas.end()) {
+      refused(intfId, *link, kernel()->txSaDel(link->ifindex, number));
+      link->txSas.erase(installed);
     }
     const std::optional<std::string> error =
         withSa(sak, cp->macsecParams().cipherSuite, cp->mySsci(),
-               [&](const MacsecSaSettings& sa) { return kernel()->txSaAdd(port->ifindex, sa); });
-    if (refused(intfId, *port, error)) return;
-    port->txSas[number] = wanted;
+               [&](const MacsecSaSettings& sa) { return kernel()->txSaAdd(link->ifindex, sa); });
+    if (refused(intfId, *link, error)) return;
+    link->txSas[number] = wanted;
   }
   // Frames go out under the new key from now on; the previous transmit keys leave the kernel.
   MacsecLinkState state = linkStateOf(*cp);
   state.encodingSa = number;
-  if (refused(intfId, *port, kernel()->linkUpdate(port->ifindex, state))) return;
-  for (auto it = port->txSas.begin(); it != port->txSas.end();) {
+  if (refused(intfId, *link, kernel()->linkUpdate(link->ifindex, state))) return;
+  for (auto it = link->txSas.begin(); it != link->txSas.end();) {
     if (it->first == number) {
       ++it;
       continue;
     }
-    refused(intfId, *port, kernel()->txSaDel(port->ifindex, it->first));
-    it = port->txSas.erase(it);
+    refused(intfId, *link, kernel()->txSaDel(link->ifindex, it->first));
+    it = link->txSas.erase(it);
   }
   const Zef::Ptr<MacSecIntfStatus> hw = hardware()->status(intfId);
   if (hw) hw->txSaStatusIs(SaStatus{AssociationNumber(number), sak.mi, sak.keyNum, 1});
 }
 
 void KernelDataPlane::readTxPacketNumbers() {
-  for (auto& [intfId, port] : ports_) {
+  for (auto& [intfId, link] : links_) {
     const Zef::Ptr<MacSecIntfStatus> hw = hardware()->status(intfId);
-    if (!hw || port.ifindex == 0 || hw->txSaStatus().empty()) continue;
+    if (!hw || link.ifindex == 0 || hw->txSaStatus().empty()) continue;
     SaStatus record = hw->txSaStatus();
-    const std::optional<uint64_t> pn = kernel()->txSaNextPn(port.ifindex, record.an.value());
+    const std::optional<uint64_t> pn = kernel()->txSaNextPn(link.ifindex, record.an.value());
     if (!pn) continue;
     record.value = static_cast<uint32_t>(std::min<uint64_t>(*pn, UINT32_MAX));
     hw->txSaStatusIs(record);
@@ -270,21 +270,21 @@ void KernelDataPlane::readTxPacketNumbers() {
 
 size_t KernelDataPlane::keysHeld() const {
   size_t count = 0;
-  for (const auto& [intfId, port] : ports_) count += port.rxSas.size() + port.txSas.size();
+  for (const auto& [intfId, link] : links_) count += link.rxSas.size() + link.txSas.size();
   return count;
 }
 
 void KernelDataPlane::removeAll() {
-  for (auto& [intfId, port] : ports_) {
-    if (port.ifindex != 0) refused(intfId, port, kernel()->linkDel(port.ifindex));
+  for (auto& [intfId, link] : links_) {
+    if (link.ifindex != 0) refused(intfId, link, kernel()->linkDel(link.ifindex));
   }
-  ports_.clear();
+  links_.clear();
 }
 
 }  // namespace Macsec
 
 namespace Macsec {
 
-void KernelDataPlane::lowerGone(const Lanx::IntfId& intfId) { ports_.erase(intfId); }
+void KernelDataPlane::lowerGone(const Lanx::IntfId& intfId) { links_.erase(intfId); }
 
 }  // namespace Macsec

@@ -78,9 +78,9 @@ void BM_ReceiveFrameAmongActors(benchmark::State& state) {
   Sim::Agent& agent = sim.agentIs("switch");
   const int actors = static_cast<int>(state.range(0));
   for (int i = 0; i < actors; ++i) {
-    Sim::PortConfig config;
+    Sim::InterfaceConfig config;
     config.mac = Lanx::EthAddr({2, 0, 0, 0, static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
-    agent.portIs(intfNumber(i), config);
+    agent.interfaceIs(intfNumber(i), config);
     agent.actorIs(intfNumber(i), kCkn, kCak);
   }
   const bool spread = state.range(1) != 0;
@@ -119,9 +119,9 @@ void BM_PeriodicTransmit(benchmark::State& state) {
   const Lanx::IntfId eth1("eth1");
   sim.linkIs(a, eth1, b, eth1);
   for (auto [agent, last] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
-    Sim::PortConfig config;
+    Sim::InterfaceConfig config;
     config.mac = Lanx::EthAddr({2, 0, 0, 0, 0, static_cast<uint8_t>(last)});
-    agent->portIs(eth1, config);
+    agent->interfaceIs(eth1, config);
     agent->actorIs(eth1, kCkn, kCak);
   }
   sim.runFor(10);
@@ -141,10 +141,10 @@ void BM_Harness256LinksFor60Seconds(benchmark::State& state) {
     for (int i = 0; i < 256; ++i) {
       sim.linkIs(a, intfNumber(i), b, intfNumber(i));
       for (auto [agent, side] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
-        Sim::PortConfig config;
+        Sim::InterfaceConfig config;
         config.mac =
             Lanx::EthAddr({2, 0, 0, static_cast<uint8_t>(side), static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
-        agent->portIs(intfNumber(i), config);
+        agent->interfaceIs(intfNumber(i), config);
         agent->actorIs(intfNumber(i), kCkn, kCak);
       }
     }

@@ -18,11 +18,11 @@ inline void linkedSwitchesIs(Sim::Simulation& sim, int links, const Sim::Key& ke
   for (int i = 0; i < links; ++i) {
     sim.linkIs(a, intfNumber(i), b, intfNumber(i));
     for (auto [agent, side] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
-      Sim::PortConfig config;
+      Sim::InterfaceConfig config;
       config.mac =
           Lanx::EthAddr({2, 0, 0, static_cast<uint8_t>(side), static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
       config.runPort = true;
-      agent->portIs(intfNumber(i), config);
+      agent->interfaceIs(intfNumber(i), config);
       agent->keyIs(intfNumber(i), key);
       if (fallback) agent->defaultKeyIs(intfNumber(i), *fallback);
     }

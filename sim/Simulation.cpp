@@ -86,7 +86,7 @@ Agent::~Agent() {
   engine_.as([&] { actors_.clear(); });
 }
 
-void Agent::portIs(const Lanx::IntfId& intf, const PortConfig& config) {
+void Agent::interfaceIs(const Lanx::IntfId& intf, const InterfaceConfig& config) {
   if (config.runPort) {
     // Configured as the daemon configures: a profile of its own for the interface.
     engine_.linkedInterfaceIs(intf, config.mac, config.portId);

@@ -37,7 +37,7 @@ struct Message : Macsec::DecodedMkpdu {
 };
 
 // What one interface of an agent is given when it is made.
-struct PortConfig : Macsec::InterfaceSettings {
+struct InterfaceConfig : Macsec::InterfaceSettings {
   // Whether the device runs a port state machine on the interface, which makes the actors from
   // its configured keys, as on a real switch; without one, actors are made by hand with actorIs.
   bool runPort = false;
@@ -125,7 +125,7 @@ class Agent {
 
   // Gives the engine an interface: with runPort, one that is up, configured and in the hardware,
   // on which the device starts a port; without, only its status, made here, for hand-made actors.
-  void portIs(const Lanx::IntfId& intf, const PortConfig& config);
+  void interfaceIs(const Lanx::IntfId& intf, const InterfaceConfig& config);
   // The profile of an interface with a port: the interface's own, in its engine's configuration.
   Zef::Ptr<Macsec::Profile> profile(const Lanx::IntfId& intf);
   // Configures an interface's primary and fallback keys; an empty key removes it.

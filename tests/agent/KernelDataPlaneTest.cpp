@@ -63,8 +63,8 @@ struct Bench {
     return text;
   }
   uint64_t errors() const {
-    const auto port = plane->ports().find(eth1);
-    return port == plane->ports().end() ? 0 : port->second.errors;
+    const auto link = plane->links().find(eth1);
+    return link == plane->links().end() ? 0 : link->second.errors;
   }
 };
 

@@ -69,10 +69,10 @@ TEST(Secrets, NoKeyReachesTheTraceTheLogOrTheStatusAtAnyLevel) {
     const Lanx::IntfId eth1("eth1");
     sim.linkIs(a, eth1, b, eth1);
     for (auto [agent, last] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
-      Sim::PortConfig config;
+      Sim::InterfaceConfig config;
       config.mac = Lanx::EthAddr({2, 0, 0, 0, 0, static_cast<uint8_t>(last)});
       config.runPort = true;
-      agent->portIs(eth1, config);
+      agent->interfaceIs(eth1, config);
       agent->keyIs(eth1, Sim::Key{kCkn, kCak});
     }
     a.profile(eth1)->sessionReKeyPeriodIs(5);

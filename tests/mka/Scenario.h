@@ -64,12 +64,12 @@ class Scenario : public ::testing::Test {
                                 Dot1x::Dot1xType type = Dot1x::dot1xTypePreSharedKey, const char* ckn = kCkn,
                                 uint16_t portId = 1, const Lanx::IntfId* intf = nullptr) {
     const Lanx::IntfId& eth1 = intf ? *intf : this->eth1;
-    Sim::PortConfig config;
+    Sim::InterfaceConfig config;
     config.mac = mac(macByte);
     config.portId = portId;
     config.keyServerPriority = priority;
     config.dot1xType = type;
-    agent.portIs(eth1, config);
+    agent.interfaceIs(eth1, config);
     agent.actorIs(eth1, ckn, kCak);
     Zef::Ptr<MkaActorStatus> status = agent.actorStatus(eth1, ckn);
     if (portStandIn) {
@@ -111,10 +111,10 @@ class Scenario : public ::testing::Test {
     const Lanx::IntfId& firstIntf = intf(first);
     sim.linkIs(first, firstIntf, second, intf(second));
     for (auto [agent, last] : {std::pair{&first, 1}, std::pair{&second, 2}}) {
-      Sim::PortConfig config;
+      Sim::InterfaceConfig config;
       config.mac = mac(static_cast<uint8_t>(last));
       config.runPort = true;
-      agent->portIs(intf(*agent), config);
+      agent->interfaceIs(intf(*agent), config);
       agent->keyIs(intf(*agent), key);
     }
   }

@@ -31,10 +31,10 @@ std::vector<std::pair<std::string, double>> sendTimes(uint32_t seed) {
       const Lanx::IntfId intf("eth" + std::to_string(link + 1));
       sim.linkIs(a, intf, b, intf);
       for (auto [agent, side] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
-        PortConfig config;
+        InterfaceConfig config;
         config.mac = Lanx::EthAddr({2, 0, 0, static_cast<uint8_t>(side), 0, static_cast<uint8_t>(link + 1)});
         config.runPort = true;
-        agent->portIs(intf, config);
+        agent->interfaceIs(intf, config);
         agent->keyIs(intf, kKey);
       }
     }

@@ -19,8 +19,8 @@ struct KernelSa {
   bool operator==(const KernelSa&) const noexcept = default;
 };
 
-struct KernelPort {
-  std::string linkName;
+struct KernelLink {
+  std::string name;
   int ifindex = 0;  // of the MACsec link; 0 until it is made
   std::optional<KernelSci> rxSc;
   std::map<uint8_t, KernelSa> rxSas;
