@@ -10,22 +10,23 @@
 namespace Macsec {
 
 // Hands every MKPDU the actors send to the engine, which passes it on in decoded form.
-class Engine::TxReactor : public MkaMessageInfo::NotifieeConst {
+class EngineParts::TxReactor : public MkaMessageInfo::NotifieeConst {
  public:
-  TxReactor(const Zef::Ptr<MkaMessageInfo>& tx, Engine* engine) : NotifieeConst(tx), engine_(engine) {
+  TxReactor(const Zef::Ptr<MkaMessageInfo>& tx, std::function<void()> sent)
+      : NotifieeConst(tx), sent_(std::move(sent)) {
     hasNotificationActiveIs(true);
   }
   void onCount() override {
-    if (engine_) engine_->transmitted();
+    if (sent_) sent_();
   }
-  void engineIs(Engine* engine) { engine_ = engine; }
+  void sentIs(std::function<void()> sent) { sent_ = std::move(sent); }
 
  private:
-  Engine* engine_;
+  std::function<void()> sent_;
 };
 
 // Keeps MACsec running unless the configuration shuts it down.
-class Engine::ShutdownReactor : public Config::NotifieeConst {
+class EngineParts::ShutdownReactor : public Config::NotifieeConst {
  public:
   ShutdownReactor(const Zef::Ptr<Config>& config, const Zef::Ptr<Status>& status)
       : NotifieeConst(config), status_(status) {
@@ -39,7 +40,7 @@ class Engine::ShutdownReactor : public Config::NotifieeConst {
 };
 
 // One action on the engine's timer wheel, run once.
-class Engine::Deferred : public Orb::TimerWheel::Notifiee {
+class EngineParts::Deferred : public Orb::TimerWheel::Notifiee {
  public:
   Deferred(const Zef::Ptr<Orb::TimerWheel>& wheel, std::function<void()> action)
       : Notifiee(wheel), action_(std::move(action)) {}
@@ -67,7 +68,7 @@ Engine::Speaking::Speaking(const std::string& name) : previous_(Zef::logSource()
 
 Engine::Speaking::~Speaking() { Zef::logSourceIs(previous_); }
 
-Engine::Engine(EngineOptions options)
+EngineParts::EngineParts(EngineOptions options)
     : options_(std::move(options)),
       status_(Status::StatusIs()),
       pams_(options_.frames ? Interface::EthDevPamCollection::EthDevPamCollectionIs("pamCollection") : nullptr),
@@ -77,12 +78,16 @@ Engine::Engine(EngineOptions options)
       emulator_(options_.emulatedHardware ? HwEmulator::HwEmulatorIs(status_, hardware_) : nullptr),
       counters_(Memtab::MessageCounters::MessageCountersIs()),
       ethIntfStatusDir_(Interface::EthIntfStatusDir::EthIntfStatusDirIs("ethIntfStatusDir")),
-      deviceIntfStatusDir_(Interface::DeviceIntfStatusDir::DeviceIntfStatusDirIs("deviceIntfStatusDir")) {
+      deviceIntfStatusDir_(Interface::DeviceIntfStatusDir::DeviceIntfStatusDirIs("deviceIntfStatusDir")) {}
+
+EngineParts::~EngineParts() = default;
+
+Engine::Engine(EngineOptions options) : EngineParts(std::move(options)) {
   const Speaking speaking(name());
   wheel_->randomSeedIs(options_.randomSeed);
   status_->replaySeedIs(options_.replaySeed);
   // The engine hears what the actors send before the codec encodes it.
-  txReactor_ = Zef::Ptr<TxReactor>(new TxReactor(pamManager_->txMessageInfo(), this));
+  txReactor_ = Zef::Ptr<TxReactor>(new TxReactor(pamManager_->txMessageInfo(), [this] { transmitted(); }));
   if (options_.frames) codec_ = MkpduCodec::MkpduCodecIs(status_, pamManager_, pams_, counters_);
   deviceIntfStatusDir_->attacherIs([this](const Zef::Ptr<Lanx::Pam>& pam) { attach(pam); });
   configSources_ = Zef::Dir::DirIs("configSources");
@@ -103,7 +108,7 @@ Engine::~Engine() {
   const Speaking speaking(name());
   deferred_.clear();
   deviceIntfStatusDir_->attacherIs(nullptr);
-  txReactor_->engineIs(nullptr);
+  txReactor_->sentIs(nullptr);
 }
 
 void Engine::ethernetIs(const Lanx::IntfId& intf, const Lanx::EthAddr& addr, uint16_t portId,
@@ -205,7 +210,7 @@ void Engine::linkedInterfaceDel(const Lanx::IntfId& intf) {
   if (codec_) pamManager_->mkaIntfDel(intf);
 }
 
-Zef::Ptr<MkaPortSm> Engine::port(const Lanx::IntfId& intf) const {
+Zef::Ptr<MkaPortSm> EngineParts::port(const Lanx::IntfId& intf) const {
   const Zef::Ptr<MkaSm> sm = device();
   return sm ? sm->mkaPortSm(intf) : nullptr;
 }

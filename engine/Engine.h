@@ -1,13 +1,9 @@
 #pragma once
 
-// The one assembly of an MKA engine: the entities a switch's agent creates for the state machines
-// (status, message hand-off, timer wheel, interface and hardware status, configuration sources)
-// and the machinery around them (the MKPDU codec, the hardware emulator and the aggregation of its
-// status slices, the configuration merge, the root state machine, which runs the device and its
-// ports, the forwarding veto and the self test of proxy interfaces). The simulator runs several
-// side by side in one process, the daemon runs one; nothing of an engine is shared with another
-// but the clock, the debug trace and the operators' log, whose records name the engine that
-// speaks.
+// One MKA engine, as its users drive it: what goes in and what comes out. What it is made of is in
+// engine/EngineParts.h. The simulator runs several side by side in one process, the daemon runs
+// one; nothing of an engine is shared with another but the clock, the debug trace and the
+// operators' log, whose records name the engine that speaks.
 //
 // What goes in: the interfaces as the switch has them (address, link, hardware), their MACsec
 // settings and keys, received frames (or, for a simulation that skips the codec, decoded
@@ -18,41 +14,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <string>
 #include <string_view>
-#include <vector>
 
-#include "config/MacsecConfigMergeSm.h"
-#include "hw/HwEmulator.h"
-#include "hw/HwStatusSlices.h"
-#include "hw/MacsecForwardingModelSm.h"
-#include "hw/MacsecProxyPostSm.h"
-#include "mka/MkaRootSm.h"
-#include "mkpdu/MkpduCodec.h"
-#include "model/HwStatus.h"
-#include "model/MacsecInternalTypes.h"
-#include "model/Status.h"
-#include "platform/Dir.h"
-#include "platform/ForwardingModel.h"
-#include "platform/PacketAccess.h"
-#include "platform/TimerWheel.h"
+#include "engine/EngineParts.h"
 
 namespace Macsec {
-
-struct EngineOptions {
-  // Names the engine in the operators' log.
-  std::string name;
-  // Whether MKPDUs go in and out as frames through the engine's codec, or as decoded messages.
-  bool frames = true;
-  // Seeds the engine's timing (the actors' random start), so that a run repeats exactly.
-  uint64_t randomSeed = 1;
-  // Whether the hardware emulator answers the SA requests; without it, another data plane must.
-  bool emulatedHardware = true;
-  // A simulation's seed for member identifiers and key nonces, so that a run replays exactly; 0 (a
-  // real member) draws them from the random number generator.
-  uint64_t replaySeed = 0;
-};
 
 // How one interface runs MKA: its MACsec settings, and for interfaceIs() its Ethernet address and
 // the port number of its SCI.
@@ -64,7 +31,7 @@ struct InterfaceSettings {
   Dot1x::Dot1xType dot1xType = Dot1x::dot1xTypePreSharedKey;
 };
 
-class Engine {
+class Engine : public EngineParts {
  public:
   using FrameTransmitter = std::function<void(const Lanx::IntfId& intf, std::string_view frame)>;
   // The message as the actor built it; decodedMessageOf() gives it in decoded form, at a cost
@@ -75,11 +42,6 @@ class Engine {
 
   explicit Engine(EngineOptions options);
   ~Engine();
-  Engine(const Engine&) = delete;
-  Engine& operator=(const Engine&) = delete;
-
-  const std::string& name() const noexcept { return options_.name; }
-  bool frames() const noexcept { return options_.frames; }
 
   // In: an Ethernet interface of the switch, with its address, port number and link; its link
   // alone; and its going away.
@@ -96,13 +58,14 @@ class Engine {
   // every such interface. Configuration writes the IntfStatus through config() instead.
   void macsecIs(const Lanx::IntfId& intf, const InterfaceSettings& settings);
   void macsecDel(const Lanx::IntfId& intf);
-  // All of the above for an interface that is up: the device starts its port.
   // An interface that is up, in the hardware, with a codec's access point, whose MACsec settings
   // and keys come from the configuration.
   void linkedInterfaceIs(const Lanx::IntfId& intf, const Lanx::EthAddr& addr, uint16_t portId = 1,
                          Interface::LinkStatus link = Interface::linkUp);
   // Such an interface gone from the switch: its status, hardware and access point.
   void linkedInterfaceDel(const Lanx::IntfId& intf);
+  // All of the above for an interface that is up, with its settings written below the
+  // configuration: the device starts its port.
   void interfaceIs(const Lanx::IntfId& intf, const InterfaceSettings& settings);
   // Stops the interface's port state machine, as the device does when the link goes down.
   void portDel(const Lanx::IntfId& intf);
@@ -134,21 +97,9 @@ class Engine {
   // How the emulated hardware confirms SA requests; by default at once, inside the request.
   void confirmationSchedulerIs(ConfirmationScheduler scheduler);
 
-  // Out: the engine's entities, for status and for state machines built around it.
+  // Out: the status of every interface, port and actor. The rest of what the engine is made of is
+  // in EngineParts.
   const Zef::Ptr<Status>& status() const noexcept { return status_; }
-  const Zef::Ptr<MkaPamManager>& pamManager() const noexcept { return pamManager_; }
-  const Zef::Ptr<Orb::TimerWheel>& wheel() const noexcept { return wheel_; }
-  const Zef::Ptr<MacSecIntfStatusPtrDir>& hwStatus() const noexcept { return hardware_->flat(); }
-  // The hardware side's own handle on its status, for a data plane that stands in for the emulator.
-  const Zef::Ptr<HwStatusSlices>& hardware() const noexcept { return hardware_; }
-  const Zef::Ptr<HwEmulator>& emulator() const noexcept { return emulator_; }
-  const Zef::Ptr<MkpduCodec>& codec() const noexcept { return codec_; }
-  const Zef::Ptr<Memtab::MessageCounters>& counters() const noexcept { return counters_; }
-  // The hardware status of an interface, as the hardware writes it.
-  Zef::Ptr<MacSecIntfStatus> hw(const Lanx::IntfId& intf) const { return hardware_->status(intf); }
-  Zef::Ptr<MkaPortSm> port(const Lanx::IntfId& intf) const;
-  // The device state machine while MACsec is enabled, else null.
-  Zef::Ptr<MkaSm> device() const { return root_ ? root_->mkaSm() : nullptr; }
   // In: the operators' configuration (profiles, interfaces, switch-wide settings), the source
   // named "cli". It is one of the sources that the engine merges, and the only one whose
   // switch-wide settings count. MACsec runs unless it says shutdown.
@@ -166,7 +117,6 @@ class Engine {
   const Zef::Ptr<MacsecProxy::Status>& proxyStatus() const noexcept { return proxyStatus_; }
   // In: the keys of finished EAP exchanges, by interface, as the 802.1X agent gives them.
   const Zef::Ptr<Dot1x::EapKeyStatus>& eapKeyStatus() const noexcept { return eapKeyStatus_; }
-  const Zef::Ptr<Interface::EthIntfStatusDir>& ethIntfStatusDir() const noexcept { return ethIntfStatusDir_; }
 
   // Runs work as this engine: the operators' log names it as the source.
   template <class Work>
@@ -176,9 +126,6 @@ class Engine {
   }
 
  private:
-  class TxReactor;
-  class ShutdownReactor;
-  class Deferred;
   // The log source for the time of one call, and the one before it back after.
   class Speaking {
    public:
@@ -199,33 +146,6 @@ class Engine {
   // it has returned, as hardware answers.
   void later(std::function<void()> action);
 
-  EngineOptions options_;
-  Zef::Ptr<Status> status_;
-  Zef::Ptr<Interface::EthDevPamCollection> pams_;
-  Zef::Ptr<MkaPamManager> pamManager_;
-  Zef::Ptr<Orb::TimerWheel> wheel_;
-  Zef::Ptr<HwStatusSlices> hardware_;
-  Zef::Ptr<HwEmulator> emulator_;
-  Zef::Ptr<TxReactor> txReactor_;
-  Zef::Ptr<Memtab::MessageCounters> counters_;
-  Zef::Ptr<MkpduCodec> codec_;
-  Zef::Ptr<Interface::EthIntfStatusDir> ethIntfStatusDir_;
-  Zef::Ptr<Interface::DeviceIntfStatusDir> deviceIntfStatusDir_;
-  // The access points attached through the device, by interface; a frame received on an
-  // interface reaches each of them as well as the codec.
-  std::multimap<Lanx::IntfId, Zef::Ptr<Lanx::Pam>> attached_;
-  Zef::Ptr<Zef::Dir> configSources_;
-  Zef::Ptr<Config> config_;
-  Zef::Ptr<Config> mergedConfig_;
-  Zef::Ptr<MacsecConfigMergeSm> merge_;
-  Zef::Ptr<Dot1x::EapKeyStatus> eapKeyStatus_;
-  Zef::Ptr<ShutdownReactor> shutdownReactor_;
-  Zef::Ptr<Interface::IntfForwardingModelInputDir> forwardingModel_;
-  Zef::Ptr<MacsecProxy::Status> proxyStatus_;
-  Zef::Ptr<MkaRootSm> root_;
-  Zef::Ptr<MacsecForwardingModelSm> forwardingModelSm_;
-  Zef::Ptr<MacsecProxy::MacsecProxyPOSTSm> proxyPostSm_;
-  std::vector<Zef::Ptr<Deferred>> deferred_;
   FrameTransmitter frameTransmitter_;
   MessageTransmitter messageTransmitter_;
 };
