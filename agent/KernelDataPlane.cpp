@@ -67,7 +67,7 @@ std::optional<std::string> withSa(const Sak& sak, CipherSuite suite, const Ssci&
   });
 }
 
-// The controlled link is the MACsec link: up while open; unprotected traffic only where the
+// The controlled port is the MACsec link: up while open; unprotected traffic only where the
 // configuration allows it.
 MacsecLinkState linkStateOf(const CpStatus& cp) {
   MacsecLinkState state;

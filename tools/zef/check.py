@@ -7,8 +7,6 @@ import re
 from zef.declarations import ZefError
 
 
-
-
 class Model:
     def __init__(self, types):
         self.types = {}

@@ -1,8 +1,6 @@
 """How types and parameters are spelled in the generated C++."""
 
 
-
-
 def qual(t, from_namespace):
     """How type t is spelled from inside from_namespace."""
     if t.namespace == from_namespace:
