@@ -7,9 +7,9 @@ The library is built in layers, each of which may include only itself and the la
 
 The device and root state machines (mka) build the self test (hw) and the configuration state
 machine (config), which is why those two sit below mka. The engine's assembly (engine) is portable
-and stands on all of them; the Linux process (agent) runs one on a host. The simulation harness (sim), the tests,
-benchmarks and programs stand outside the library: they may include any layer, and no layer may
-include them.
+and stands on all of them; the Linux process (agent) runs one on a host. The simulation harness
+(sim), the tests, benchmarks and programs stand outside the library: they may include any layer,
+and no layer may include them.
 
 Usage: check_layers.py SOURCE_ROOT [STAMP]
 Reads every .h, .cpp and .zef file of the layers, prints each include that goes up as
