@@ -114,12 +114,6 @@ struct Row {
 
 const std::vector<Row>& rows() {
   static const std::vector<Row> table = {
-      {"secured",
-       {addressed, opened, peer(2), rx(0, 1), tx(0, 1)},
-       {"linkAdd mka-eth1 on 7", "linkUpdate 100 down", "linkUpdate 100 up", "rxScAdd 100 sci 0200000000020001",
-        "rxSaAdd 100 an 0 key 1", "txSaAdd 100 an 0 key 1", "linkUpdate 100 up encoding 0"},
-       "tx 0:1 rx 0:1",
-       "mka-eth1 100 tx 0 rx 0"},
       {"a rekey moves transmit and retires the old keys",
        {addressed, opened, peer(2), rx(0, 1), tx(0, 1), rx(1, 2), tx(1, 2), rxGone(0)},
        {"linkAdd mka-eth1 on 7", "linkUpdate 100 down", "linkUpdate 100 up", "rxScAdd 100 sci 0200000000020001",
@@ -178,7 +172,7 @@ const std::vector<Row>& rows() {
        "tx 0:1 rx",
        "mka-eth1 100 tx 0 rx",
        1},
-      {"MACsec leaving the interface takes the link and every key",
+      {"secured, then MACsec leaving the interface takes the link and every key",
        {addressed, opened, peer(2), rx(0, 1), tx(0, 1), macsecGone},
        {"linkAdd mka-eth1 on 7", "linkUpdate 100 down", "linkUpdate 100 up", "rxScAdd 100 sci 0200000000020001",
         "rxSaAdd 100 an 0 key 1", "txSaAdd 100 an 0 key 1", "linkUpdate 100 up encoding 0", "linkDel 100"},
