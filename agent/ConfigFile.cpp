@@ -9,9 +9,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <initializer_list>
 #include <string_view>
+#include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "model/KeyBytes.h"
 #include "model/StoredKey.h"
@@ -44,7 +45,8 @@ class Reader {
     if (toml::node* profiles = root_.get("profile")) {
       for (auto&& [name, node] : table(*profiles, "profile")) {
         const std::string field = "profile." + std::string(name.str());
-        file.profiles[std::string(name.str())] = readProfile(table(node, field), field, file.dataPlane);
+        file.profiles[std::string(name.str())] =
+            readProfile(table(node, field), std::string(name.str()), field, file.dataPlane);
       }
     }
     if (toml::node* interfaces = root_.get("interface")) {
@@ -71,7 +73,7 @@ class Reader {
     return *t;
   }
 
-  void onlyKnown(toml::table& t, const std::string& field, std::initializer_list<std::string_view> known) const {
+  void onlyKnown(toml::table& t, const std::string& field, const std::vector<std::string_view>& known) const {
     for (auto&& [key, node] : t) {
       bool found = false;
       for (std::string_view k : known) found = found || key.str() == k;
@@ -84,18 +86,6 @@ class Reader {
     if (node == nullptr) return otherwise;
     if (!node->is_boolean()) fail(*node, join(field, key), "must be true or false");
     return node->as_boolean()->get();
-  }
-
-  uint32_t number(toml::table& t, const std::string& field, std::string_view key, uint32_t otherwise,
-                  uint32_t highest) const {
-    toml::node* node = t.get(key);
-    if (node == nullptr) return otherwise;
-    if (!node->is_integer()) fail(*node, join(field, key), "must be a whole number");
-    const int64_t value = node->as_integer()->get();
-    if (value < 0 || value > static_cast<int64_t>(highest)) {
-      fail(*node, join(field, key), "must be from 0 to " + std::to_string(highest));
-    }
-    return static_cast<uint32_t>(value);
   }
 
   // Text, or null if the key is absent. The string lives in the parsed tables, so that key text
@@ -120,47 +110,67 @@ class Reader {
     file.fips = boolean(global, "global", "fips", false);
   }
 
-  ProfileSettings readProfile(toml::table& t, const std::string& field, DataPlane plane) const {
-    onlyKnown(t, field,
-              {"ckn", "cak", "cak-file", "fallback-ckn", "fallback-cak", "fallback-cak-file", "cipher-suite",
-               "key-server-priority", "rekey-period", "allow-unprotected", "replay-protection", "replay-window",
-               "include-sci", "key-retire", "bypass-lldp", "eap", "confidentiality-offset"});
-    ProfileSettings p;
-    if (std::string* suite = text(t, field, "cipher-suite")) {
-      static const std::pair<std::string_view, CipherSuite> kSuites[] = {
-          {"gcm-aes-128", cipherSuiteGcmAes128},
-          {"gcm-aes-256", cipherSuiteGcmAes256},
-          {"gcm-aes-xpn-128", cipherSuiteGcmAesXpn128},
-          {"gcm-aes-xpn-256", cipherSuiteGcmAesXpn256},
-      };
-      const auto known =
-          std::find_if(std::begin(kSuites), std::end(kSuites), [&](const auto& s) { return s.first == *suite; });
-      if (known == std::end(kSuites)) {
-        fail(*t.get("cipher-suite"), field + ".cipher-suite",
-             "must be \"gcm-aes-128\", \"gcm-aes-256\", \"gcm-aes-xpn-128\" or \"gcm-aes-xpn-256\"");
-      }
-      p.cipherSuite = known->second;
-    }
-    p.key = key(t, field, "ckn", "cak", "cak-file");
-    p.fallbackKey = key(t, field, "fallback-ckn", "fallback-cak", "fallback-cak-file");
-    p.keyServerPriority = static_cast<uint8_t>(number(t, field, "key-server-priority", 16, 255));
-    p.rekeyPeriod = number(t, field, "rekey-period", 0, 86400 * 365);
-    p.allowUnprotected = boolean(t, field, "allow-unprotected", false);
-    p.replayProtection = boolean(t, field, "replay-protection", false);
-    p.replayWindow = number(t, field, "replay-window", 0, UINT32_MAX);
-    p.includeSci = boolean(t, field, "include-sci", false);
-    p.keyRetire = boolean(t, field, "key-retire", false);
-    p.bypassLldp = boolean(t, field, "bypass-lldp", false);
-    p.eap = boolean(t, field, "eap", false);
-    p.confidentialityOffset = static_cast<uint8_t>(number(t, field, "confidentiality-offset", 0, 50));
-    if (p.confidentialityOffset != 0 && p.confidentialityOffset != 30 && p.confidentialityOffset != 50) {
-      fail(*t.get("confidentiality-offset"), field + ".confidentiality-offset", "must be 0, 30 or 50");
-    }
-    if (p.confidentialityOffset != 0 && plane == DataPlane::kernel) {
+  Zef::Ptr<Profile> readProfile(toml::table& t, const std::string& name, const std::string& field,
+                                DataPlane plane) const {
+    std::vector<std::string_view> known{"ckn", "cak", "cak-file", "fallback-ckn", "fallback-cak", "fallback-cak-file"};
+    ProfileSettings::forEach([&]<class S>(S) { known.push_back(S::fileKey); });
+    onlyKnown(t, field, known);
+    const Zef::Ptr<Profile> profile = Profile::ProfileIs(Zef::Name(name));
+    ProfileSettings::forEach([&]<class S>(S) { readSetting<S>(t, field, *profile); });
+    profile->keyIs(key(t, field, "ckn", "cak", "cak-file"));
+    profile->defaultKeyIs(key(t, field, "fallback-ckn", "fallback-cak", "fallback-cak-file"));
+    if (profile->confidentialityOffset() != 0 && plane == DataPlane::kernel) {
       fail(*t.get("confidentiality-offset"), field + ".confidentiality-offset",
            "the kernel data plane encrypts from the first octet: only 0");
     }
-    return p;
+    return profile;
+  }
+
+  // One setting, as its declaration allows it: true or false, one of its names, or a whole number
+  // in its range or among its only values. An absent setting keeps the profile's default.
+  template <class S>
+  void readSetting(toml::table& t, const std::string& field, Profile& profile) const {
+    using Type = typename S::Type;
+    toml::node* node = t.get(S::fileKey);
+    if (node == nullptr) return;
+    const std::string where = join(field, S::fileKey);
+    if constexpr (std::is_same_v<Type, bool>) {
+      if (!node->is_boolean()) fail(*node, where, "must be true or false");
+      S::set(profile, node->as_boolean()->get());
+    } else if constexpr (requires { S::names; }) {
+      std::vector<std::string> names;
+      for (const auto& [name, value] : S::names) {
+        if (node->is_string() && node->as_string()->get() == name) return S::set(profile, value);
+        names.push_back("\"" + std::string(name) + "\"");
+      }
+      fail(*node, where, "must be " + oneOf(names));
+    } else {
+      if (!node->is_integer()) fail(*node, where, "must be a whole number");
+      const int64_t value = node->as_integer()->get();
+      if constexpr (requires { S::only; }) {
+        std::vector<std::string> allowed;
+        for (const uint64_t only : S::only) {
+          if (value >= 0 && static_cast<uint64_t>(value) == only) return S::set(profile, static_cast<Type>(value));
+          allowed.push_back(std::to_string(only));
+        }
+        fail(*node, where, "must be " + oneOf(allowed));
+      } else {
+        if (value < 0 || static_cast<uint64_t>(value) < S::lowest || static_cast<uint64_t>(value) > S::highest) {
+          fail(*node, where, "must be from " + std::to_string(S::lowest) + " to " + std::to_string(S::highest));
+        }
+        S::set(profile, static_cast<Type>(value));
+      }
+    }
+  }
+
+  // "a", "a or b", "a, b or c".
+  static std::string oneOf(const std::vector<std::string>& choices) {
+    std::string text;
+    for (size_t i = 0; i < choices.size(); ++i) {
+      if (i > 0) text += i + 1 == choices.size() ? " or " : ", ";
+      text += choices[i];
+    }
+    return text;
   }
 
   // A CKN with its CAK, given in the file or in a key file; none if the profile gives neither.
@@ -290,21 +300,12 @@ void keyIs(Profile& profile, const Cak& key, bool fallback) {
 void applyConfigFile(const ConfigFile& file, Config& source) {
   source.delayProtectionIs(file.delayProtection);
   source.fipsRestrictionsIs(file.fips);
-  for (const auto& [name, settings] : file.profiles) {
+  for (const auto& [name, given] : file.profiles) {
     const Zef::Ptr<Profile> profile = source.profileIs(Zef::Name(name));
-    keyIs(*profile, settings.key, false);
-    keyIs(*profile, settings.fallbackKey, true);
-    profile->cipherSuiteIs(settings.cipherSuite);
-    profile->keyServerPriorityIs(settings.keyServerPriority);
-    profile->sessionReKeyPeriodIs(settings.rekeyPeriod);
-    profile->allowUnprotectedIs(settings.allowUnprotected);
-    profile->replayProtectionIs(settings.replayProtection);
-    profile->replayProtectionWindowIs(settings.replayWindow);
-    profile->includeSciIs(settings.includeSci);
-    profile->keyRetireIs(settings.keyRetire);
-    profile->confidentialityOffsetIs(settings.confidentialityOffset);
-    profile->bypassLldpIs(settings.bypassLldp);
-    profile->dot1xEnabledIs(settings.eap);
+    const Profile& from = *given;
+    keyIs(*profile, from.key(), false);
+    keyIs(*profile, from.defaultKey(), true);
+    ProfileSettings::forEach([&]<class S>(S) { S::set(*profile, S::of(from)); });
   }
   for (const auto& [intf, profile] : file.interfaces) {
     source.intfConfigIs(Lanx::IntfId(intf))->profileNameIs(Zef::String(profile));

@@ -12,17 +12,8 @@
 //   ckn = "96437a93ccf10d9dfe347846cce52c7d"
 //   cak = "135bd758b0ee5c11c55ff6ab19fdb199"   # or cak-file = "/etc/mkad/office.cak"
 //   fallback-ckn = "..."                       # with fallback-cak or fallback-cak-file
-//   cipher-suite = "gcm-aes-128"               # "gcm-aes-256", "gcm-aes-xpn-128", "gcm-aes-xpn-256"
-//   key-server-priority = 16
-//   rekey-period = 0                           # seconds; 0 rekeys only when needed
-//   allow-unprotected = false
-//   replay-protection = false
-//   replay-window = 0
-//   include-sci = false
-//   key-retire = false
-//   bypass-lldp = false
-//   confidentiality-offset = 0                 # octets in the clear: 0, 30 or 50
-//   eap = false                                # keys from 802.1X instead
+//   ...                                        # every setting of a profile, by the key that
+//                                              # model/ProfileSettings.zef gives it
 //
 //   [interface.eth0]
 //   profile = "office"
@@ -44,29 +35,14 @@ namespace Macsec {
 enum class DataPlane { emulated, kernel };
 const char* dataPlaneName(DataPlane plane);
 
-// One profile as the file gives it.
-struct ProfileSettings {
-  Cak key;
-  Cak fallbackKey;
-  CipherSuite cipherSuite = cipherSuiteGcmAes128;
-  uint8_t keyServerPriority = 16;
-  uint32_t rekeyPeriod = 0;
-  bool allowUnprotected = false;
-  bool replayProtection = false;
-  uint32_t replayWindow = 0;
-  bool includeSci = false;
-  bool keyRetire = false;
-  bool bypassLldp = false;
-  bool eap = false;
-  uint8_t confidentialityOffset = 0;  // octets: 0, 30 or 50
-};
-
 struct ConfigFile {
   std::string path;
   DataPlane dataPlane = DataPlane::emulated;
   bool delayProtection = false;
   bool fips = false;
-  std::map<std::string, ProfileSettings> profiles;
+  // Each profile as the file gives it: a Profile of no configuration source, with its keys
+  // (`key`, and the fallback key as `defaultKey`) and its settings.
+  std::map<std::string, Zef::Ptr<Profile>> profiles;
   // Each configured interface and the profile it runs.
   std::map<std::string, std::string> interfaces;
   // Each configured interface's MACsec link in the kernel data plane: "ms" and the interface's

@@ -42,6 +42,22 @@ const char* controlledPort(const Zef::Ptr<CpStatus>& cp) {
   return cp->unprotectedTraffic() ? "open, unprotected" : "secured";
 }
 
+// A profile's settings by their keys in the configuration file, named values by their names.
+nlohmann::json settingsReport(const Profile& profile) {
+  nlohmann::json report = nlohmann::json::object();
+  ProfileSettings::forEach([&]<class S>(S) {
+    nlohmann::json& field = report[std::string(S::fileKey)];
+    if constexpr (requires { S::names; }) {
+      for (const auto& [name, value] : S::names) {
+        if (value == S::of(profile)) field = std::string(name);
+      }
+    } else {
+      field = S::of(profile);
+    }
+  });
+  return report;
+}
+
 }  // namespace
 
 nlohmann::json dataPlaneReport(DataPlane plane) {
@@ -56,6 +72,9 @@ nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, b
   report.update(dataPlaneReport(plane));
   if (const Zef::Ptr<IntfConfig> config = engine.mergedConfig()->intfConfig(intf)) {
     report["profile"] = config->profileName().stdString();
+    if (const Zef::Ptr<Profile> profile = engine.mergedConfig()->profile(Zef::Name(config->profileName()))) {
+      report["settings"] = settingsReport(*profile);
+    }
   }
   const Zef::Ptr<Interface::EthIntfStatus> eth = engine.ethIntfStatusDir()->intfStatus(intf);
   const bool up = eth && eth->linkStatus() == Interface::linkUp;

@@ -20,11 +20,9 @@ namespace {
 // the IntfStatus: a change means a new one.
 MacsecParams paramsOf(const Profile& profile) {
   MacsecParams params;
-  params.cipherSuite = profile.cipherSuite();
-  params.includeSci = profile.includeSci();
-  params.bypassLldp = profile.bypassLldp();
-  params.replayProtection = profile.replayProtection();
-  params.replayProtectionWindow = profile.replayProtectionWindow();
+  ProfileSettings::forEach([&]<class S>(S) {
+    if constexpr (S::reach == Zef::SettingReach::param) params.*S::param = S::of(profile);
+  });
   return params;
 }
 
@@ -155,11 +153,9 @@ Cak withCanonicalName(Cak key) {
 void ConfigSm::updateIntf(const Profile& profile, const Zef::Ptr<IntfStatus>& intf) {
   TRACE(8, ": IntfId " << intf->intfId());
   intf->profileNameIs(profile.name());
-  intf->keyServerPriorityIs(profile.keyServerPriority());
-  intf->reKeyPeriodIs(static_cast<double>(profile.sessionReKeyPeriod()));
-  intf->allowUnprotectedIs(profile.allowUnprotected());
-  intf->keyRetireIs(profile.keyRetire());
-  intf->confidentialityOffsetIs(profile.confidentialityOffset());
+  ProfileSettings::forEach([&]<class S>(S) {
+    if constexpr (S::reach == Zef::SettingReach::live) S::set(*intf, S::of(profile));
+  });
   // Keys are written only when they are other keys: a new encoding of the same secret is none.
   const Cak defaultKey = withCanonicalName(profile.defaultKey());
   if (!intf->defaultKey().sameKeyAs(defaultKey)) intf->defaultKeyIs(defaultKey);
@@ -221,28 +217,8 @@ void ConfigSm::ZefConfig::ZefProfile::handleProfileAttrs() {
   if (ConfigSm* sm = stateMachine()) sm->handleProfileAttrs(*notifier());
 }
 
-void ConfigSm::ZefConfig::ZefProfile::handleCipherSuite() {
-  TRACE(8, " Updating Cipher");
-  if (ConfigSm* sm = stateMachine()) sm->handleMacsecParamsUpdate(*notifier());
-}
-
-void ConfigSm::ZefConfig::ZefProfile::handleIncludeSci() {
-  TRACE(8, " Updating SCI Inclusion Flag");
-  if (ConfigSm* sm = stateMachine()) sm->handleMacsecParamsUpdate(*notifier());
-}
-
-void ConfigSm::ZefConfig::ZefProfile::handleBypassLldp() {
-  TRACE(8, " Updating Bypass LLDP Flag");
-  if (ConfigSm* sm = stateMachine()) sm->handleMacsecParamsUpdate(*notifier());
-}
-
-void ConfigSm::ZefConfig::ZefProfile::handleReplayProtection() {
-  TRACE(8, " Updating Replay Protection Flag");
-  if (ConfigSm* sm = stateMachine()) sm->handleMacsecParamsUpdate(*notifier());
-}
-
-void ConfigSm::ZefConfig::ZefProfile::handleReplayProtectionWindow() {
-  TRACE(8, " Updating Replay Protection Window");
+void ConfigSm::ZefConfig::ZefProfile::handleMacsecParams() {
+  TRACE(8, " Updating MACsec parameters");
   if (ConfigSm* sm = stateMachine()) sm->handleMacsecParamsUpdate(*notifier());
 }
 

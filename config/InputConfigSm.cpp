@@ -121,18 +121,8 @@ void InputConfigSm::copyProfileAttrs(const Zef::Name& source, const Zef::Name& p
   // source never reach the merged Config.
   to->keyIs(from->key());
   to->defaultKeyIs(from->defaultKey());
-  to->keyServerPriorityIs(from->keyServerPriority());
-  to->sessionReKeyPeriodIs(from->sessionReKeyPeriod());
-  to->allowUnprotectedIs(from->allowUnprotected());
-  to->cipherSuiteIs(from->cipherSuite());
-  to->dot1xEnabledIs(from->dot1xEnabled());
-  to->includeSciIs(from->includeSci());
-  to->bypassLldpIs(from->bypassLldp());
-  to->replayProtectionIs(from->replayProtection());
-  to->replayProtectionWindowIs(from->replayProtectionWindow());
   to->groupCakIs(from->groupCak());
-  to->keyRetireIs(from->keyRetire());
-  to->confidentialityOffsetIs(from->confidentialityOffset());
+  ProfileSettings::forEach([&]<class S>(S) { S::set(*to, S::of(*from)); });
 }
 
 namespace {
@@ -157,53 +147,16 @@ void InputConfigSm::ZefInputConfig::ZefProfile::handleDefaultKey() {
   TRACE(8, " for profile " << key());
   mergeAttr(*this, COPY(defaultKey));
 }
-void InputConfigSm::ZefInputConfig::ZefProfile::handleKeyServerPriority() {
+void InputConfigSm::ZefInputConfig::ZefProfile::handleSetting() {
   TRACE(8, " for profile " << key());
-  mergeAttr(*this, COPY(keyServerPriority));
-}
-void InputConfigSm::ZefInputConfig::ZefProfile::handleSessionReKeyPeriod() {
-  TRACE(8, " for profile " << key());
-  mergeAttr(*this, COPY(sessionReKeyPeriod));
-}
-void InputConfigSm::ZefInputConfig::ZefProfile::handleAllowUnprotected() {
-  TRACE(8, " for profile " << key());
-  mergeAttr(*this, COPY(allowUnprotected));
-}
-void InputConfigSm::ZefInputConfig::ZefProfile::handleCipherSuite() {
-  TRACE(8, " for profile " << key());
-  mergeAttr(*this, COPY(cipherSuite));
-}
-void InputConfigSm::ZefInputConfig::ZefProfile::handleDot1xEnabled() {
-  TRACE(8, " for profile " << key());
-  mergeAttr(*this, COPY(dot1xEnabled));
-}
-void InputConfigSm::ZefInputConfig::ZefProfile::handleIncludeSci() {
-  TRACE(8, " for profile " << key());
-  mergeAttr(*this, COPY(includeSci));
-}
-void InputConfigSm::ZefInputConfig::ZefProfile::handleBypassLldp() {
-  TRACE(8, " for profile " << key());
-  mergeAttr(*this, COPY(bypassLldp));
-}
-void InputConfigSm::ZefInputConfig::ZefProfile::handleReplayProtection() {
-  TRACE(8, " for profile " << key());
-  mergeAttr(*this, COPY(replayProtection));
-}
-void InputConfigSm::ZefInputConfig::ZefProfile::handleReplayProtectionWindow() {
-  TRACE(8, " for profile " << key());
-  mergeAttr(*this, COPY(replayProtectionWindow));
+  // Settings that did not change are written again with their own value, which changes nothing.
+  mergeAttr(*this, [](Profile& to, const Profile& from) {
+    ProfileSettings::forEach([&]<class S>(S) { S::set(to, S::of(from)); });
+  });
 }
 void InputConfigSm::ZefInputConfig::ZefProfile::handleGroupCak() {
   TRACE(8, " for profile " << key());
   mergeAttr(*this, COPY(groupCak));
-}
-void InputConfigSm::ZefInputConfig::ZefProfile::handleKeyRetire() {
-  TRACE(8, " for profile " << key());
-  mergeAttr(*this, COPY(keyRetire));
-}
-void InputConfigSm::ZefInputConfig::ZefProfile::handleConfidentialityOffset() {
-  TRACE(8, " for profile " << key());
-  mergeAttr(*this, COPY(confidentialityOffset));
 }
 #undef COPY
 

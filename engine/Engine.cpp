@@ -165,7 +165,6 @@ void Engine::macsecIs(const Lanx::IntfId& intf, const InterfaceSettings& setting
   openAccessPoint(intf);
   // The settings are read by the actors, which come with the first key.
   const Zef::Ptr<IntfStatus> intfStatus = status_->intfStatusIs(intf, settings.params);
-  intfStatus->keyServerPriorityIs(settings.keyServerPriority);
   intfStatus->dot1xTypeIs(settings.dot1xType);
 }
 

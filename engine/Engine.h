@@ -27,7 +27,6 @@ struct InterfaceSettings {
   Lanx::EthAddr mac;
   uint16_t portId = 1;
   MacsecParams params;
-  uint8_t keyServerPriority = 16;
   Dot1x::Dot1xType dot1xType = Dot1x::dot1xTypePreSharedKey;
 };
 

@@ -39,8 +39,8 @@ void MkaKeyServerSm::armPeriodic() {
 
 void MkaKeyServerSm::armRekey() {
   if (!reKeyTimer()) return;
-  const double period = mkaIntfStatus()->reKeyPeriod();
-  reKeyTimer()->timeMinIs(period > 0.0 ? Zef::System::currentTime() + period : Orb::never);
+  const uint32_t period = mkaIntfStatus()->sessionReKeyPeriod();
+  reKeyTimer()->timeMinIs(period > 0 ? Zef::System::currentTime() + period : Orb::never);
 }
 
 void MkaKeyServerSm::startKeying() {

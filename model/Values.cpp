@@ -164,12 +164,6 @@ std::ostream& operator<<(std::ostream& out, const RxLPN& lpn) {
   return out << "RxLPN(lpn=" << lpn.lpn << ", an=" << lpn.an << ")";
 }
 
-std::ostream& operator<<(std::ostream& out, const MacsecParams& p) {
-  return out << "MacsecParams(cipherSuite=" << p.cipherSuite << ", includeSci=" << yesNo(p.includeSci)
-             << ", bypassLldp=" << yesNo(p.bypassLldp) << ", replayProtection=" << yesNo(p.replayProtection)
-             << ", replayProtectionWindow=" << p.replayProtectionWindow << ")";
-}
-
 std::ostream& operator<<(std::ostream& out, const FipsStatus& f) {
   return out << "FipsStatus(fipsMode=" << yesNo(f.fipsMode) << ", fipsApplied=" << yesNo(f.fipsApplied) << ")";
 }

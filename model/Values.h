@@ -173,16 +173,6 @@ struct RxLPN {
 std::ostream& operator<<(std::ostream& out, const RxLPN& lpn);
 
 // The parameters with which an interface's IntfStatus and CpStatus are made.
-struct MacsecParams {
-  CipherSuite cipherSuite = cipherSuiteGcmAes128;
-  bool includeSci = false;
-  bool bypassLldp = false;
-  bool replayProtection = false;
-  uint32_t replayProtectionWindow = 0;
-  bool operator==(const MacsecParams&) const noexcept = default;
-};
-std::ostream& operator<<(std::ostream& out, const MacsecParams& params);
-
 struct FipsStatus {
   bool fipsMode = false;     // the FIPS restrictions asked for
   bool fipsApplied = false;  // FIPS mode has been switched on successfully

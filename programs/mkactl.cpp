@@ -105,17 +105,19 @@ void showSessions(const Json& reply) {
              rows);
 }
 
-void showCounters(const Json& reply) {
-  std::vector<std::string> head{"counter"};
-  std::vector<std::vector<std::string>> rows;
+// One row per field, in the daemon's order, and one column per interface: the fields of each
+// interface's entry, or of its `part` if one is named.
+void showFields(const Json& reply, const std::string& what, const char* part) {
   const Json& interfaces = reply["interfaces"];
+  auto fieldsOf = [part](const Json& intf) { return part ? intf.value(part, Json::object()) : intf; };
+  std::vector<std::string> head{what};
   for (const Json& intf : interfaces) head.push_back(intf["name"].get<std::string>());
-  if (interfaces.empty()) return printTable(head, rows);
-  // One row per counter, in the daemon's order, one column per interface.
-  for (const auto& [name, value] : interfaces.front().items()) {
+  std::vector<std::vector<std::string>> rows;
+  const Json first = interfaces.empty() ? Json::object() : fieldsOf(interfaces.front());
+  for (const auto& [name, value] : first.items()) {
     if (name == "name") continue;
     std::vector<std::string> row{name};
-    for (const Json& intf : interfaces) row.push_back(cell(intf[name]));
+    for (const Json& intf : interfaces) row.push_back(cell(fieldsOf(intf).value(name, Json())));
     rows.push_back(row);
   }
   printTable(head, rows);
@@ -130,8 +132,9 @@ int main(int argc, char** argv) {
   CLI::App app{"mkactl: status and control of a running mkad"};
   app.add_option("--socket", socketPath, "mkad's control socket")->capture_default_str();
   app.require_subcommand(1);
-  CLI::App* show = app.add_subcommand("show", "the session of each interface, or with 'counters' its MKPDU counters");
-  show->add_option("what", what, "'counters' for the MKPDU counters")->check(CLI::IsMember({"counters"}));
+  CLI::App* show = app.add_subcommand("show", "the session of each interface, its MKPDU counters or its settings");
+  show->add_option("what", what, "'counters' for the MKPDU counters, 'settings' for the profiles' settings")
+      ->check(CLI::IsMember({"counters", "settings"}));
   show->add_flag("--json", json, "as JSON");
   CLI::App* clear = app.add_subcommand("clear", "clear the MKPDU counters");
   clear->add_option("what", what, "'counters'")->required()->check(CLI::IsMember({"counters"}));
@@ -143,7 +146,9 @@ int main(int argc, char** argv) {
     if (json) {
       std::cout << reply.dump(2) << "\n";
     } else if (what == "counters") {
-      showCounters(reply);
+      showFields(reply, "counter", nullptr);
+    } else if (what == "settings") {
+      showFields(reply, "setting", "settings");
     } else {
       showSessions(reply);
     }

@@ -91,12 +91,9 @@ void Agent::interfaceIs(const Lanx::IntfId& intf, const InterfaceConfig& config)
     // Configured as the daemon configures: a profile of its own for the interface.
     engine_.linkedInterfaceIs(intf, config.mac, config.portId);
     const Zef::Ptr<Macsec::Profile> profile = this->profile(intf);
-    profile->cipherSuiteIs(config.params.cipherSuite);
-    profile->includeSciIs(config.params.includeSci);
-    profile->bypassLldpIs(config.params.bypassLldp);
-    profile->replayProtectionIs(config.params.replayProtection);
-    profile->replayProtectionWindowIs(config.params.replayProtectionWindow);
-    profile->keyServerPriorityIs(config.keyServerPriority);
+    Macsec::ProfileSettings::forEach([&]<class S>(S) {
+      if constexpr (S::reach == Zef::SettingReach::param) S::set(*profile, config.params.*S::param);
+    });
     engine_.config()->intfConfigIs(intf)->profileNameIs(profile->name());
     return;
   }

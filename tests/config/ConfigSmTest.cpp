@@ -70,7 +70,7 @@ TEST_F(Configuration, AProfileWithAKeyGivesItsInterfacesTheirStatusAndFollowsEve
   const Zef::Ptr<IntfStatus> one = status->intfStatus(eth1);
   EXPECT_EQ(one->profileName(), "a");
   EXPECT_EQ(one->keyServerPriority(), 7);
-  EXPECT_EQ(one->reKeyPeriod(), 60.0);
+  EXPECT_EQ(one->sessionReKeyPeriod(), 60u);
   EXPECT_EQ(one->key().ckn, "01");
   EXPECT_EQ(one->defaultKey().ckn, "0f");
   EXPECT_EQ(one->dot1xType(), Dot1x::dot1xTypePreSharedKey);

@@ -182,6 +182,10 @@ class Sessions(DaemonTest):
                     self.assertEqual(session["live-peers"], 1)
                     self.assertEqual(session["ckn"], CKN)
                     self.assertEqual((session["tx-sa"], session["rx-sa"]), ("in use", "in use"))
+                    # The profile's settings, as the file names them and their defaults where it is silent.
+                    self.assertEqual((session["settings"]["cipher-suite"], session["settings"]["key-server-priority"]),
+                                     (cipher or "gcm-aes-128", 16))
+                    self.assertRegex(daemon.ctl("show", "settings").stdout, r"cipher-suite +%s" % session["settings"]["cipher-suite"])
                     # The emulated data plane says in every view that it encrypts nothing.
                     self.assertEqual((session["data-plane"], session["encrypted"]), ("emulated", False))
                     self.assertIn("encrypts nothing", daemon.ctl("show").stdout)

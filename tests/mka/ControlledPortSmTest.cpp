@@ -106,8 +106,8 @@ TEST_P(ControlledPort, FromColdStartBothSidesRunTheSameKeyAndOpenTheirPorts) {
 
 TEST_P(ControlledPort, NewKeysByPeriodAndByPacketNumbersKeepTrafficFlowingAndRetireTheOldKey) {
   segmentOf({&a, &b});
-  a.status()->intfStatus(intf(a))->reKeyPeriodIs(40);  // armed from the election on
-  b.status()->intfStatus(intf(b))->reKeyPeriodIs(5);   // a follower's period is not its business
+  a.status()->intfStatus(intf(a))->sessionReKeyPeriodIs(40);  // armed from the election on
+  b.status()->intfStatus(intf(b))->sessionReKeyPeriodIs(5);   // a follower's period is not its business
   Sim::Message last;
   sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
     if (&from == &b) last = m;
@@ -141,7 +141,7 @@ TEST_P(ControlledPort, NewKeysByPeriodAndByPacketNumbersKeepTrafficFlowingAndRet
   ASSERT_TRUE(heldWithin(10, [&] { return secured(a) && actors[&a]->keyNum() == 3; }));
 
   // b reports that the key in use has three quarters of its packet numbers behind it.
-  a.status()->intfStatus(intf(a))->reKeyPeriodIs(0);
+  a.status()->intfStatus(intf(a))->sessionReKeyPeriodIs(0);
   Sim::Message report = last;
   report.intfId = intf(a);
   report.sakUseInfo.oldKey.lpn = 0xC0000000u;

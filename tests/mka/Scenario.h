@@ -67,9 +67,9 @@ class Scenario : public ::testing::Test {
     Sim::InterfaceConfig config;
     config.mac = mac(macByte);
     config.portId = portId;
-    config.keyServerPriority = priority;
     config.dot1xType = type;
     agent.interfaceIs(eth1, config);
+    agent.engine().as([&] { agent.status()->intfStatus(eth1)->keyServerPriorityIs(priority); });
     agent.actorIs(eth1, ckn, kCak);
     Zef::Ptr<MkaActorStatus> status = agent.actorStatus(eth1, ckn);
     if (portStandIn) {

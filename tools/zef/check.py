@@ -4,7 +4,7 @@ owners, and every handler a declaration names is defined by hand."""
 import os
 import re
 
-from zef.declarations import ZefError
+from zef.declarations import Attr, Reaction, ZefError
 
 
 class Model:
@@ -14,6 +14,55 @@ class Model:
             if t.qname in self.types:
                 raise ZefError(f"{t.source}: {t.qname} declared twice")
             self.types[t.qname] = t
+        for t in types:
+            self.expand_settings(t)
+
+    def settings_of(self, group, namespace, where):
+        """The settings of a group, of one reach or all."""
+        name, reach = group
+        t = self.need(name, namespace, where)
+        if t.kind != "settings":
+            raise ZefError(f"{where}: {name} is no settings group")
+        return t, [s for s in t.attrs if reach is None or s.kind == reach]
+
+    def expand_settings(self, t):
+        """A `settings` line of an entity becomes a value per setting, and the settings held in a
+        constructor argument of the group's parameters become its getters; a `settings` reaction
+        becomes a reaction per setting."""
+        if t.kind == "entity":
+            attrs = []
+            for a in t.attrs:
+                if a.kind != "settings":
+                    attrs.append(a)
+                    continue
+                group, settings = self.settings_of(a.group, t.namespace, a.line)
+                for s in settings:
+                    value = Attr("value", s.name, s.type, a.line)
+                    value.default = s.default
+                    attrs.append(value)
+                held = [c for c in t.attrs if c.kind == "ctor" and c.type == group.params]
+                for s in group.attrs if held else []:
+                    if s.kind == "param":
+                        t.methods.append(f"{s.type} {s.name}() const {{ return {held[0].name}_.{s.name}; }}")
+            t.attrs = attrs
+        elif t.kind == "sm":
+            for a in t.attrs:
+                if a.kind in ("reactor", "reactors"):
+                    self.expand_reactions(a, t.namespace)
+
+    def expand_reactions(self, holder, namespace):
+        reactions = []
+        for r in holder.reactions:
+            if r.mirror is not None:
+                self.expand_reactions(r.mirror, namespace)
+            if r.group is None:
+                reactions.append(r)
+                continue
+            for s in self.settings_of(r.group, namespace, r.line)[1]:
+                one = Reaction(s.name, r.line)
+                one.handlers = list(r.handlers)
+                reactions.append(one)
+        holder.reactions = reactions
 
     def find(self, name, namespace):
         name = name.strip()

@@ -17,6 +17,12 @@ class Attr:
         self.replay = None  # explicit replay order: list of handler calls
         self.handler = None  # on-change handler of data, or the handler of a timer
         self.strict = False  # sms: building an existing child with other arguments is refused
+        # A setting (kind param, live or profile) of a `settings` group:
+        self.file_key = None  # its key in the configuration file
+        self.range = None  # (lowest, highest) of a whole number
+        self.only = None  # the only whole numbers it may be
+        self.names = None  # [(text, value)] of a value named in the configuration file
+        self.group = None  # `settings` in an entity or a reaction: (group, reach or None)
 
     @property
     def cap(self):
@@ -31,11 +37,12 @@ class Reaction:
         self.mirror = None  # Attr of kind "mirror" (nested reactors) or None
         self.collection = None  # the name of the nested collection, when not the attribute's
         self.oncreate = []  # handlers a new nested reactor runs on itself
+        self.group = None  # `settings Group [reach] -> h()`: (group, reach or None), one reaction per setting
 
 
 class Type:
     def __init__(self, kind, name, namespace, source):
-        self.kind = kind  # entity | sm
+        self.kind = kind  # entity | sm | settings
         self.name = name
         self.namespace = namespace
         self.source = source
@@ -43,6 +50,7 @@ class Type:
         self.methods = []
         self.epilogue = []
         self.nobackup = False
+        self.params = None  # of settings: the struct of its `param` settings
 
     @property
     def qname(self):

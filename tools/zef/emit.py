@@ -7,9 +7,10 @@ from zef.check import dependency_order
 from zef.declarations import ZefError
 from zef.emit_entity import EntityParts
 from zef.emit_machine import MachineParts
+from zef.emit_settings import SettingsParts
 
 
-class Emitter(EntityParts, MachineParts):
+class Emitter(EntityParts, MachineParts, SettingsParts):
     def __init__(self, model):
         self.model = model
         self.h = []
@@ -28,12 +29,14 @@ def emit_file(model, rel, types, includes):
     e = Emitter(model)
     guard_includes = ["platform/Entity.h", "platform/HashMap.h", "platform/ValueMap.h", "platform/StateMachine.h",
                       "platform/TimerWheel.h", "platform/ValueText.h"]
+    if any(t.kind == "settings" for t in types):
+        guard_includes += ["<array>", "<ostream>", "<string_view>", "<utility>", "platform/Setting.h"]
     stem = os.path.splitext(rel)[0]
     e.hw("// Generated from " + rel + " by tools/zefgen.py. Do not edit: change the declaration.")
     e.hw("#pragma once")
     e.hw("")
     for inc in guard_includes:
-        e.hw(f'#include "{inc}"')
+        e.hw(f"#include {inc}" if inc.startswith("<") else f'#include "{inc}"')
     for inc in includes:
         e.hw(f"#include {inc}")
     e.hw("")
@@ -52,13 +55,11 @@ def emit_file(model, rel, types, includes):
             e.cw(f"namespace {ns} {{")
             e.cw("")
         for t in in_ns:
-            e.hw(f"class {t.name};")
+            if t.kind != "settings":
+                e.hw(f"class {t.name};")
         e.hw("")
         for t in dependency_order(in_ns):
-            if t.kind == "entity":
-                e.entity(t)
-            else:
-                e.sm(t)
+            getattr(e, t.kind)(t)
         if ns:
             e.hw(f"}}  // namespace {ns}")
             e.cw(f"}}  // namespace {ns}")

@@ -5,7 +5,9 @@ import re
 from zef.declarations import Attr, Reaction, Type, ZefError
 
 
-ENTITY_KINDS = {"ctor", "value", "counter", "child", "values", "entities", "member"}
+ENTITY_KINDS = {"ctor", "value", "counter", "child", "values", "entities", "member", "settings"}
+REACHES = ("param", "live", "profile")
+SETTING_CLAUSES = ("=", "file", "range", "only", "names")
 SM_KINDS = {"arg", "data", "reactor", "timer", "sm", "sms", "reactors", "member"}
 CLAUSES = [" = ", " by ", " keyof ", " -> "]
 
@@ -71,6 +73,12 @@ def parse_file(path, rel):
                 current = Type(head, words[1], namespace, rel)
                 current.nobackup = "nobackup" in words[2:]
                 types.append(current)
+            elif head == "settings":
+                current = Type(head, words[1], namespace, rel)
+                if words[2:3] != ["params"] or len(words) != 4:
+                    raise ZefError(f"{where}: write 'settings Name params StructOfParams'")
+                current.params = words[3]
+                types.append(current)
             else:
                 raise ZefError(f"{where}: unknown declaration '{head}'")
             continue
@@ -92,7 +100,7 @@ def parse_file(path, rel):
         if head == "epilogue":
             current.epilogue.append(text[len("epilogue "):].strip().rstrip(";"))
             continue
-        attr = parse_attr(current, text, where)
+        attr = parse_setting(text, where) if current.kind == "settings" else parse_attr(current, text, where)
         current.attrs.append(attr)
         if attr.kind in ("reactor", "reactors"):
             holder, holder_indent = attr, indent
@@ -109,8 +117,62 @@ def add_reaction(reactor, text, where):
     return reaction
 
 
+def parse_group(words, where):
+    """'Group [reach]' of a `settings` line in an entity or a reaction."""
+    if not words or len(words) > 2 or (len(words) == 2 and words[1] not in REACHES):
+        raise ZefError(f"{where}: write 'settings Group' or 'settings Group {'|'.join(REACHES)}'")
+    return words[0], words[1] if len(words) == 2 else None
+
+
+def parse_setting(text, where):
+    """'reach name Type [= default] file key [range lo..hi] [only a b] [names text=value ...]'"""
+    words = text.split()
+    if words[0] not in REACHES or len(words) < 3:
+        raise ZefError(f"{where}: a setting is '{'|'.join(REACHES)} name Type ... file key'")
+    attr = Attr(words[0], words[1], words[2], where)
+    clauses = {}
+    clause = None
+    for word in words[3:]:
+        if word in SETTING_CLAUSES and word not in clauses:
+            clause = word
+            clauses[clause] = []
+        elif clause is None:
+            raise ZefError(f"{where}: cannot read '{word}' of setting {attr.name}")
+        else:
+            clauses[clause].append(word)
+    if len(clauses.get("file", [])) != 1:
+        raise ZefError(f"{where}: setting {attr.name} needs 'file key', its key in the configuration file")
+    attr.file_key = clauses["file"][0]
+    if "=" in clauses:
+        attr.default = " ".join(clauses["="])
+    if "range" in clauses:
+        bounds = clauses["range"][0].split("..") if len(clauses["range"]) == 1 else []
+        if len(bounds) != 2 or not all(b.isdigit() for b in bounds):
+            raise ZefError(f"{where}: write the range of {attr.name} as 'range lowest..highest'")
+        attr.range = (int(bounds[0]), int(bounds[1]))
+    if "only" in clauses:
+        if not clauses["only"] or not all(v.isdigit() for v in clauses["only"]):
+            raise ZefError(f"{where}: 'only' of {attr.name} takes whole numbers")
+        attr.only = [int(v) for v in clauses["only"]]
+    if "names" in clauses:
+        pairs = [w.split("=", 1) for w in clauses["names"]]
+        if not pairs or any(len(p) != 2 or not p[0] or not p[1] for p in pairs):
+            raise ZefError(f"{where}: write the names of {attr.name} as 'names text=value ...'")
+        attr.names = [(p[0], p[1]) for p in pairs]
+    whole = attr.type in ("uint8_t", "uint16_t", "uint32_t", "uint64_t")
+    if whole and not (attr.range or attr.only):
+        raise ZefError(f"{where}: setting {attr.name} is a whole number: give its 'range' or 'only'")
+    if not whole and attr.type != "bool" and not attr.names:
+        raise ZefError(f"{where}: setting {attr.name} of type {attr.type} needs its 'names'")
+    return attr
+
+
 def parse_attr(current, text, where):
     words = text.split()
+    if words[0] == "settings" and current.kind == "entity":
+        attr = Attr("settings", "", "", where)
+        attr.group = parse_group(words[1:], where)
+        return attr
     is_arg = words[0] == "arg"
     if is_arg and len(words) > 2 and words[1] == "reactor":
         words = words[1:]
@@ -159,6 +221,11 @@ def parse_reaction(text, where):
         raise ZefError(f"{where}: cannot read reaction '{text}'")
     reaction = Reaction(m.group(1), where)
     body = m.group(2).strip()
+    if reaction.attr == "settings" and "->" in body:
+        group, handlers = body.split("->", 1)
+        reaction.group = parse_group(group.split(), where)
+        reaction.handlers = parse_calls(handlers.strip())
+        return reaction
     if body.startswith("->"):
         reaction.handlers = parse_calls(body[2:].strip())
         return reaction

@@ -7,5 +7,6 @@ void Dimmer::handleInitialized() {}
 void Dimmer::handleBrightness() {}
 void Dimmer::handleColour(const Zef::String& key) {}
 void Dimmer::handleFade() {}
+void Dimmer::handleShade() {}
 
 }  // namespace Golden
