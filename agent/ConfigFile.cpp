@@ -24,7 +24,6 @@ const char* dataPlaneName(DataPlane plane) { return plane == DataPlane::kernel ?
 
 namespace {
 
-constexpr size_t kLongestCkn = 32;  // octets
 constexpr size_t kLongestInterfaceName = 15;
 constexpr size_t kLongestKeyFile = 4096;
 
@@ -184,10 +183,8 @@ class Reader {
     if (!ckn) fail(*t.get(cak ? cakKey : cakFileKey), join(field, cknKey), "missing: a key needs its name");
     if (!cak && !cakFile) fail(*t.get(cknKey), join(field, cakKey), "missing: a key name needs its key");
 
-    KeyBytes name;
-    if (!hexToBytes(*ckn, name) || name.empty() || name.size() > kLongestCkn) {
-      fail(*t.get(cknKey), join(field, cknKey), "must be 1 to 32 octets in hexadecimal");
-    }
+    const Ckn name = Ckn::fromHex(*ckn);
+    if (name.empty()) fail(*t.get(cknKey), join(field, cknKey), "must be 1 to 32 octets in hexadecimal");
     const std::string where = join(field, cak ? cakKey : cakFileKey);
     const toml::node& node = *t.get(cak ? cakKey : cakFileKey);
     std::string clear = cak ? *cak : readKeyFile(*cakFile, node, where);
@@ -198,7 +195,7 @@ class Reader {
     if (!hex) fail(node, where, "the key must be hexadecimal");
     if (octets.size() != 16 && octets.size() != 32)
       fail(node, where, "the key must be 16 or 32 octets (128 or 256 bits)");
-    return Cak{Zef::String(*ckn), StoredKey::of(octets)};
+    return Cak{name, StoredKey::of(octets)};
   }
 
   // The text of a key file, without surrounding white space. Refused, as an SSH server refuses its

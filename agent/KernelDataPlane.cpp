@@ -27,19 +27,9 @@ uint64_t cipherSuiteId(CipherSuite suite) {
   return reference != 0 ? reference : MACSEC_CIPHER_ID_GCM_AES_128;
 }
 
-uint32_t ssciOf(const Ssci& ssci) {
-  KeyBytes octets;
-  if (!hexToBytes(ssci.ssci.stdString(), octets) || octets.size() != 4) return 0;
-  return static_cast<uint32_t>(octets.data()[0]) << 24 | static_cast<uint32_t>(octets.data()[1]) << 16 |
-         static_cast<uint32_t>(octets.data()[2]) << 8 | octets.data()[3];
-}
-
 // The key identifier of IEEE 802.1X: the key server's member identifier and the key number.
 void keyIdOf(const Sak& sak, uint8_t (&keyId)[16]) {
-  KeyBytes mi;
-  hexToBytes(sak.mi.stdString(), mi);
-  std::fill(std::begin(keyId), std::end(keyId), 0);
-  std::copy(mi.data(), mi.data() + std::min<size_t>(mi.size(), 12), keyId);
+  std::copy(sak.mi.data(), sak.mi.data() + MemberId::kSize, keyId);
   keyId[12] = static_cast<uint8_t>(sak.keyNum >> 24);
   keyId[13] = static_cast<uint8_t>(sak.keyNum >> 16);
   keyId[14] = static_cast<uint8_t>(sak.keyNum >> 8);
@@ -55,11 +45,8 @@ std::optional<std::string> withSa(const Sak& sak, CipherSuite suite, const Ssci&
   keyIdOf(sak, sa.keyId);
   if (isXpn(suite)) {
     sa.xpn = true;
-    sa.ssci = ssciOf(ssci);
-    KeyBytes salt;
-    if (hexToBytes(sak.salt.stdString(), salt) && salt.size() == sizeof sa.salt) {
-      std::copy(salt.data(), salt.data() + salt.size(), sa.salt);
-    }
+    sa.ssci = ssci.ssci;
+    std::copy(sak.salt.data(), sak.salt.data() + Salt::kSize, sa.salt);
   }
   return sak.key.withClear([&](const KeyBytes& key) {
     sa.key = &key;

@@ -14,7 +14,7 @@
 namespace Macsec {
 
 struct KernelSa {
-  Zef::String mi;
+  MemberId mi;
   uint32_t keyNum = 0;
   bool operator==(const KernelSa&) const noexcept = default;
 };

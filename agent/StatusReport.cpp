@@ -29,7 +29,7 @@ Zef::Ptr<MkaActorStatus> principalActor(const Zef::Ptr<MkaPortStatus>& port) {
 // association number.
 nlohmann::json keyReport(const Sak& sak) {
   if (sak.empty()) return nullptr;
-  return nlohmann::json{{"key-number", sak.keyNum}, {"an", sak.an}, {"key-server-mi", sak.mi.stdString()}};
+  return nlohmann::json{{"key-number", sak.keyNum}, {"an", sak.an}, {"key-server-mi", sak.mi.hex().stdString()}};
 }
 
 const char* saState(bool enabled, bool installed) {
@@ -81,7 +81,7 @@ nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, b
   report["link"] = !present ? "absent" : up ? "up" : "down";
 
   const Zef::Ptr<MkaActorStatus> actor = principalActor(status->portStatus(intf));
-  report["ckn"] = actor ? nlohmann::json(actor->ckn().stdString()) : nlohmann::json(nullptr);
+  report["ckn"] = actor ? nlohmann::json(actor->ckn().hex().stdString()) : nlohmann::json(nullptr);
   report["key-server"] = actor && !actor->keyServer().isZero() ? nlohmann::json(text(actor->keyServer())) : nullptr;
   report["is-key-server"] = actor && actor->electedSelf();
   report["live-peers"] = actor ? actor->livePeerSize() : 0;

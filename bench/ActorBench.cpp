@@ -58,8 +58,8 @@ std::vector<std::string> framesFor(const Zef::Ptr<Macsec::MkaActorStatus>& actor
   message.baseInfo.keyServer = true;
   message.baseInfo.macsecDesired = true;
   message.baseInfo.sci = Macsec::Sci{Lanx::EthAddr({2, 0, 0, 0, 0, 1}), 1};
-  message.baseInfo.msgId = "0102030405060708090a0b0c";
-  message.baseInfo.ckn = kCkn;
+  message.baseInfo.msgId = Macsec::MemberId::fromHex("0102030405060708090a0b0c");
+  message.baseInfo.ckn = Macsec::Ckn::fromHex(kCkn);
   std::vector<std::string> frames(count);
   for (size_t i = 0; i < count; ++i) {
     message.baseInfo.msgNum = first + static_cast<uint32_t>(i);

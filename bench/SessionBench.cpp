@@ -48,7 +48,7 @@ void BM_VirtualTimeToSecureAndRekey(benchmark::State& state) {
     double rekeyedAt = -1;
     double rekeyStarts = -1;
     const Zef::Ptr<Macsec::MkaActorStatus> server =
-        sim.agent("a").status()->portStatus(intfNumber(0))->actorStatus(kKey.ckn);
+        sim.agent("a").status()->portStatus(intfNumber(0))->actorStatus(kKey.name());
     sim.observerIs([&] {
       if (securedAt < 0 && secured(sim, 0, 1)) securedAt = sim.now();
       if (rekeyStarts < 0 && server->keyNum() == 2) rekeyStarts = sim.now();

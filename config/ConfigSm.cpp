@@ -1,7 +1,6 @@
 #include "config/ConfigSm.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
@@ -137,19 +136,6 @@ void ConfigSm::handleIntf(const Profile& profile) {
   for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(profile.intfIter())) handleIntf(profile, intfId);
 }
 
-namespace {
-
-// A CKN is octets: the same name in upper-case hexadecimal is the same name, and the decoder
-// renders received names in lower case.
-Cak withCanonicalName(Cak key) {
-  std::string ckn = key.ckn.stdString();
-  std::transform(ckn.begin(), ckn.end(), ckn.begin(), [](unsigned char c) { return std::tolower(c); });
-  key.ckn = Zef::String(ckn);
-  return key;
-}
-
-}  // namespace
-
 void ConfigSm::updateIntf(const Profile& profile, const Zef::Ptr<IntfStatus>& intf) {
   TRACE(8, ": IntfId " << intf->intfId());
   intf->profileNameIs(profile.name());
@@ -157,7 +143,7 @@ void ConfigSm::updateIntf(const Profile& profile, const Zef::Ptr<IntfStatus>& in
     if constexpr (S::reach == Zef::SettingReach::live) S::set(*intf, S::of(profile));
   });
   // Keys are written only when they are other keys: a new encoding of the same secret is none.
-  const Cak defaultKey = withCanonicalName(profile.defaultKey());
+  const Cak& defaultKey = profile.defaultKey();
   if (!intf->defaultKey().sameKeyAs(defaultKey)) intf->defaultKeyIs(defaultKey);
   if (staticSakInUse(profile)) {
     intf->txStaticSakIs(profile.txStaticSak());
@@ -175,7 +161,7 @@ void ConfigSm::updateIntf(const Profile& profile, const Zef::Ptr<IntfStatus>& in
     return;
   }
   intf->dot1xTypeIs(Dot1x::dot1xTypePreSharedKey);
-  const Cak key = withCanonicalName(profile.key());
+  const Cak& key = profile.key();
   if (!intf->key().sameKeyAs(key)) intf->keyIs(key);
 }
 
@@ -259,7 +245,7 @@ Cak deriveKey(CipherSuite cipher, const Dot1x::EapKey& eapKey) {
     const KeyBytes ckn = deriveCkn(msk, bits, context, 128);
     const StoredKey cak = StoredKey::of(deriveCak(msk, macs, bits));
     if (ckn.empty() || cak.empty()) return Cak();
-    return Cak{bytesToHex(ckn), cak};
+    return Cak{Ckn(ckn.data(), ckn.size()), cak};
   });
 }
 

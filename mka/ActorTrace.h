@@ -4,13 +4,13 @@
 
 #include <ostream>
 
+#include "model/Identifiers.h"
 #include "platform/IntfId.h"
-#include "platform/String.h"
 
 namespace Macsec {
 
 struct ForActor {
-  const Zef::String& ckn;
+  const Ckn& ckn;
   const Lanx::IntfId& intfId;
 };
 

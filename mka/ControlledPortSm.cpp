@@ -19,22 +19,9 @@ namespace {
 // ciphers. Only these copies carry a salt.
 Sak withSalt(const Sak& sak) {
   Sak copy = sak;
-  generateSalt(reinterpret_cast<const uint8_t*>(sak.mi.charPtr()), sak.keyNum, copy.salt);
+  copy.salt = saltOf(sak.mi, sak.keyNum);
   return copy;
 }
-
-// An SSCI value as eight hexadecimal digits of a 32-bit number in network order.
-Zef::String ssciText(uint32_t value) {
-  const std::array<uint8_t, 4> bytes = {static_cast<uint8_t>(value >> 24), static_cast<uint8_t>(value >> 16),
-                                        static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
-  Zef::String text;
-  convertByteArrayToHexString(bytes.data(), 4, text);
-  return text;
-}
-
-// The tail of a key identifier as the operators see it: the member identifier from its 17th
-// character on.
-std::string_view miTail(const Zef::String& mi) { return mi.view().substr(mi.size() >= 16 ? 16 : mi.size()); }
 
 }  // namespace
 
@@ -196,7 +183,7 @@ void ControlledPortSm::handleRxSaStatus(const AssociationNumber& an) {
   const Zef::Ptr<MacSecIntfStatus const> hw = macsecIntfStatus();
   if (!initialized() || !hw) return;
   TRACE(8, "");
-  const Zef::String& ckn = this->ckn();
+  const Ckn& ckn = this->ckn();
   const Lanx::IntfId& intfId = this->intfId();
   // The notification of a deletion: this system asked for it.
   if (!hw->rxSaStatusHas(an)) {
@@ -231,7 +218,7 @@ void ControlledPortSm::handleRxSaStatus(const AssociationNumber& an) {
   }
 }
 
-void ControlledPortSm::handleLivePeer(const Zef::String& peer) {
+void ControlledPortSm::handleLivePeer(const MemberId& peer) {
   if (!initialized()) return;
   TRACE(8, "");
   // A removed peer leaves the SSCI pair as it was. A key held back is asked again: the member
@@ -252,18 +239,18 @@ void ControlledPortSm::handleLivePeer(const Zef::String& peer) {
   const Sci mySci = portStatus()->mySci();
   if (cpStatus()->mySsci().sci == mySci && cpStatus()->peerSsci().sci == peerSci) return;
   const bool mineLower = mySci.addr < peerSci.addr || (mySci.addr == peerSci.addr && peerSci.portId > mySci.portId);
-  cpStatus()->mySsciIs(Ssci{mySci, ssciText(mineLower ? 2 : 1)});
-  cpStatus()->peerSsciIs(Ssci{peerSci, ssciText(mineLower ? 1 : 2)});
+  cpStatus()->mySsciIs(Ssci{mySci, mineLower ? 2u : 1u});
+  cpStatus()->peerSsciIs(Ssci{peerSci, mineLower ? 1u : 2u});
 }
 
 void ControlledPortSm::ZefActorStatus::ZefLivePeer::handlePeerBaseInfo() {
   ControlledPortSm* sm = stateMachine();
   if (sm == nullptr) return;
-  sm->handleLivePeer(Zef::String(key()));
-  sm->handleKeyServerMessage(Zef::String(key()));
+  sm->handleLivePeer(key());
+  sm->handleKeyServerMessage(key());
 }
 
-void ControlledPortSm::handleKeyServerMessage(const Zef::String& peer) {
+void ControlledPortSm::handleKeyServerMessage(const MemberId& peer) {
   if (!initialized() || actorStatus()->electedSelf()) return;
   const Zef::Ptr<MkaPeer const> sender = actorStatus()->livePeer(peer);
   if (!sender || sender->baseInfo().sci != actorStatus()->keyServer()) return;
@@ -290,7 +277,7 @@ void ControlledPortSm::handleLivePeer() {
   if (!initialized()) return;
   TRACE(8, "");
   // Point to point: with several peers, the last one visited stands.
-  for (auto it = actorStatus()->livePeerIter(); it; ++it) handleLivePeer(Zef::String(it.key()));
+  for (auto it = actorStatus()->livePeerIter(); it; ++it) handleLivePeer(it.key());
 }
 
 void ControlledPortSm::handleSakTransmit() {
@@ -337,7 +324,7 @@ void ControlledPortSm::handleTxSaStatus() {
   const Zef::Ptr<MacSecIntfStatus const> hw = macsecIntfStatus();
   if (!initialized() || !hw) return;
   TRACE(8, "");
-  const Zef::String& ckn = this->ckn();
+  const Ckn& ckn = this->ckn();
   const Lanx::IntfId& intfId = this->intfId();
   const Zef::Ptr<CpStatus>& cp = cpStatus();
   // Only a confirmation of the key on its way in counts.
@@ -356,7 +343,7 @@ void ControlledPortSm::handleTxSaStatus() {
       sameKey(cp->rxSak(record.an), confirmed) && sameKey(cp->txSak(), confirmed)) {
     SakContext context;
     context.sak = cp->rxSak(record.an);
-    context.sak.salt = Zef::String();  // only the hardware's copies carry a salt
+    context.sak.salt = Salt();  // only the hardware's copies carry a salt
     context.rxEnabled = context.rxInstalled = context.txEnabled = context.txInstalled = true;
     context.txSaValue = record.value;
     TRACE(1, ": Starting transmit on key: " << context.sak.mi << ":" << context.sak.keyNum << forActor());
@@ -388,7 +375,7 @@ void ControlledPortSm::handleTxSaStatus() {
   }
   // The key is in service: the operators hear of it, and the old key stops transmitting.
   latest.txInstalled = true;
-  Zef::log(MKA_SAK_ACTIVATED, miTail(latest.sak.mi), latest.sak.keyNum, intfId);
+  Zef::log(MKA_SAK_ACTIVATED, keyServerTail(latest.sak.mi), latest.sak.keyNum, intfId);
   TRACE(1, ": Starting transmit on key: " << latest.sak.mi << ":" << latest.sak.keyNum << forActor());
   cp->latestSakContextIs(latest);
   old.txInstalled = false;

@@ -20,9 +20,8 @@ using Derivation = KeyBytes (*)(const KeyBytes&, const KeyBytes&, int);
 
 // The ICK and the KEK take the CAK's own length, whatever the cipher suite: IEEE 802.1X derives
 // them from the whole CAK.
-StoredKey deriveStored(Derivation derive, const StoredKey& cak, const Zef::String& ckn) {
-  KeyBytes name;
-  if (!hexToBytes(ckn.view(), name)) return StoredKey();
+StoredKey deriveStored(Derivation derive, const StoredKey& cak, const Ckn& ckn) {
+  const KeyBytes name(ckn.data(), ckn.size());
   return cak.withClear(
       [&](const KeyBytes& clear) { return StoredKey::of(derive(clear, name, static_cast<int>(clear.size() * 8))); });
 }
@@ -112,13 +111,10 @@ void MkaActorSm::handleCleanUp() {
 
 void MkaActorSm::updateMsgId() {
   ACTOR_ENTRY();
-  Zef::String id;
-  if (status()->replaySeed() != 0) {
-    id = bytesToHex(seededBytes(status()->replaySeed(), status()->replayDrawsInc(1), 12));
-  } else {
-    randomNumberGenerator(96, id);
-  }
-  actorStatus()->msgIdIs(id);
+  const KeyBytes id = status()->replaySeed() != 0
+                          ? seededBytes(status()->replaySeed(), status()->replayDrawsInc(1), MemberId::kSize)
+                          : randomBytes(MemberId::kSize);
+  actorStatus()->msgIdIs(MemberId(id.data()));
   TRACE(3, ": Generated msg ID is " << actorStatus()->msgId() << forActor());
   actorStatus()->msgNumIs(0);
   // A new identifier must not be one a peer already has.
@@ -143,7 +139,7 @@ bool MkaActorSm::parseBasicInfo() {
   const Zef::Ptr<MkaMessageInfo const> message = rxMessageInfo();
   const Zef::Ptr<MkaInfo const> info = message->mkaInfo();
   const BasicInfo base = info->baseInfo();
-  const Zef::String& peerId = base.msgId;
+  const MemberId& peerId = base.msgId;
 
   // Our own MKPDU, looped back or from another actor of this port.
   if (base.sci == portStatus()->mySci()) {
@@ -237,7 +233,7 @@ void MkaActorSm::parseLivePeerInfo() {
   // flag, only the message number the sender reports for them.
   const double now = Zef::System::currentTime();
   for (auto it = rxMessageInfo()->livePeerIter(); it; ++it) {
-    const Zef::String id = it.key();
+    const MemberId id = it.key();
     if (id == actorStatus()->msgId()) continue;
     Zef::Ptr<MkaPeer> peer = actorStatus()->potentialPeer(id);
     if (!peer) {
@@ -252,7 +248,7 @@ void MkaActorSm::parseLivePeerInfo() {
   }
 }
 
-bool MkaActorSm::senderIsLive(const Zef::String& peerId, const char* set, const char* caller) {
+bool MkaActorSm::senderIsLive(const MemberId& peerId, const char* set, const char* caller) {
   // A sender that has just become a potential peer cannot deliver key material.
   if (actorStatus()->livePeerHas(peerId)) return true;
   ZEF_TRACE_FN(zefTraceHandle(), 3, caller,
@@ -269,7 +265,7 @@ void MkaActorSm::parseCakDistInfo() {
   ACTOR_ENTRY();
   const Zef::Ptr<MkaInfo const> info = rxMessageInfo()->mkaInfo();
   const BasicInfo& base = info->baseInfo();
-  const Zef::String& peerId = base.msgId;
+  const MemberId& peerId = base.msgId;
   if (info->cakDistInfo() == CakDistInfo()) {
     TRACE(3, ": No Dist CAK set found in MKPDU from peer " << peerId << forActor());
     return;
@@ -288,7 +284,7 @@ void MkaActorSm::parseSakDistInfo() {
   const Zef::Ptr<MkaInfo const> info = rxMessageInfo()->mkaInfo();
   const BasicInfo& base = info->baseInfo();
   const SakDistInfo dist = info->sakDistInfo();
-  const Zef::String& peerId = base.msgId;
+  const MemberId& peerId = base.msgId;
   if (dist == SakDistInfo()) {
     TRACE(3, ": No Dist SAK set found in MKPDU from peer " << peerId << forActor());
     return;
@@ -399,7 +395,7 @@ void MkaActorSm::parseSakUseInfo() {
   const Zef::Ptr<MkaInfo const> info = rxMessageInfo()->mkaInfo();
   const BasicInfo& base = info->baseInfo();
   const SakUseInfo use = info->sakUseInfo();
-  const Zef::String& peerId = base.msgId;
+  const MemberId& peerId = base.msgId;
   // Only a live peer's SAK use set counts.
   if (use == SakUseInfo()) {
     TRACE(3, ": No SAK USE set present in MKPDU from peer " << peerId << forActor());
@@ -551,12 +547,12 @@ void MkaActorSm::handlePeerReview() {
   for (auto it = actorStatus()->livePeerIter(); it; ++it) {
     if (!aged(*it.ptr())) continue;
     TRACE(1, ": Peer " << it.key() << " aged out from live peer list" << forActor());
-    actorStatus()->livePeerDel(Zef::String(it.key()));
+    actorStatus()->livePeerDel(it.key());
   }
   for (auto it = actorStatus()->potentialPeerIter(); it; ++it) {
     if (!aged(*it.ptr())) continue;
     TRACE(1, ": Peer " << it.key() << " aged out from potential peer list" << forActor());
-    actorStatus()->potentialPeerDel(Zef::String(it.key()));
+    actorStatus()->potentialPeerDel(it.key());
   }
   doUpdateActorSuccess();
   // The peers that went may have been the last ones that lacked the key.

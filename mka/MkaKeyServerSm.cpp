@@ -123,7 +123,7 @@ void MkaKeyServerSm::handleKeyServerChange() {
   mkaActorStatus()->distSakIs(Sak());
 }
 
-void MkaKeyServerSm::handleLivePeer(const Zef::String& peer) {
+void MkaKeyServerSm::handleLivePeer(const MemberId& peer) {
   if (!initialized()) return;
   KEY_SERVER_ENTRY();
   if (mkaActorStatus()->livePeerHas(peer)) {
@@ -218,7 +218,7 @@ std::optional<AssociationNumber> MkaKeyServerSm::freeAssociationNumber() const {
   // A member's first key starts from a number of its own, drawn from its member identifier: on a
   // shared segment two members may both stand as key server for a moment, and keys of both on one
   // number would push each other out of the peers' receive SAs.
-  const Zef::String& mi = mkaActorStatus()->msgId();
+  const MemberId& mi = mkaActorStatus()->msgId();
   const AssociationNumber next = mkaActorStatus()->keyNum() == 0 && !mi.empty()
                                      ? AssociationNumber(static_cast<uint8_t>(mi.hash() >> 30))
                                      : mkaPortStatus()->anOfNextKey();
@@ -299,10 +299,7 @@ bool MkaKeyServerSm::generateNewSak() {
   KeyBytes context = status()->replaySeed() != 0
                          ? seededBytes(status()->replaySeed(), status()->replayDrawsInc(1), nonce)
                          : randomBytes(nonce);
-  for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) {
-    KeyBytes peer;
-    if (hexToBytes(it.key().view(), peer)) context.append(peer);
-  }
+  for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) context.append(it.key().data(), MemberId::kSize);
   const uint32_t keyNum = mkaActorStatus()->keyNum() + 1;
   const std::array<uint8_t, 4> keyNumBytes = {static_cast<uint8_t>(keyNum >> 24), static_cast<uint8_t>(keyNum >> 16),
                                               static_cast<uint8_t>(keyNum >> 8), static_cast<uint8_t>(keyNum)};
@@ -311,11 +308,10 @@ bool MkaKeyServerSm::generateNewSak() {
   // The new key, made from the CAK and stored at once: its clear octets go with this call.
   const StoredKey key = mkaActorStatus()->cak().withClear(
       [&](const KeyBytes& cak) { return StoredKey::of(deriveSak(cak, context, bits)); });
-  const Zef::String msgId = mkaActorStatus()->msgId();
+  const MemberId msgId = mkaActorStatus()->msgId();
   const Sak sak{*an, msgId, keyNum, key, {}};
 
-  // The key identifier's tail: the last 8 characters of the member identifier.
-  Zef::log(MKA_SAK_CREATED, msgId.view().substr(msgId.size() >= 16 ? 16 : msgId.size()), keyNum, intfId());
+  Zef::log(MKA_SAK_CREATED, keyServerTail(msgId), keyNum, intfId());
 
   // sakTransmit is cleared first, so that the notification of distSak finds it cleared.
   mkaActorStatus()->sakTransmitIs(false);

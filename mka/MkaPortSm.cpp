@@ -34,8 +34,8 @@ void MkaPortSm::handleInitialized() {
   actorDeletionTimerIs(timerWheel());
   portStatus()->numSuccessActorsIs(0);
   // Entries left by an earlier life of the agent stay if their key is still configured.
-  const Zef::String& primary = intfStatus()->key().ckn;
-  const Zef::String& fallback = intfStatus()->defaultKey().ckn;
+  const Ckn& primary = intfStatus()->key().ckn;
+  const Ckn& fallback = intfStatus()->defaultKey().ckn;
   for (const Zef::Ptr<MkaActorStatus>& actor : actorsOf(portStatus())) {
     if (actor->ckn() != primary && actor->ckn() != fallback) {
       TRACE(3, ": Deleting actor status " << actor->ckn() << " on " << intfId());
@@ -156,11 +156,11 @@ void MkaPortSm::handleDefaultKeyActivation() {
 
 void MkaPortSm::doCleanupActorSmAndStatus(const Zef::Ptr<MkaActorStatus>& actor) {
   // The CKN is copied: the entry goes below. CpStatus keeps what was programmed last.
-  const Zef::String ckn = actor->ckn();
+  const Ckn ckn = actor->ckn();
   TRACE(3, ": Deleting actor " << ckn << " on " << intfId());
   const bool succeeded = actor->success();
   mkaActorSmDel(ckn);
-  if (actor->principal()) principalActorCknIs(Zef::String());
+  if (actor->principal()) principalActorCknIs(Ckn());
   portStatus()->actorStatusDel(ckn);
   if (succeeded) portStatus()->numSuccessActorsDec(1);
 }
@@ -175,7 +175,7 @@ void MkaPortSm::handleCleanUp() {
   }
   // Every actor goes, and its distributed key is wiped.
   for (const Zef::Ptr<MkaActorStatus>& actor : actorsOf(portStatus())) {
-    const Zef::String ckn = actor->ckn();
+    const Ckn ckn = actor->ckn();
     TRACE(3, "Deleting actor " << ckn << " on " << intfId());
     mkaActorSmDel(ckn);
     actor->zeroDistSakKeyForced();
@@ -201,10 +201,10 @@ void MkaPortSm::doElectPrincipalActor() {
   if (!principalActorCkn().empty()) {
     TRACE(3, ": Existing principal actor on " << intfId() << " is " << principalActorCkn());
     existing = portStatus()->actorStatus(principalActorCkn());
-    if (!existing) principalActorCknIs(Zef::String());
+    if (!existing) principalActorCknIs(Ckn());
   }
-  const Zef::String primaryCkn = intfStatus()->key().ckn;
-  const Zef::String fallbackCkn = intfStatus()->defaultKey().ckn;
+  const Ckn primaryCkn = intfStatus()->key().ckn;
+  const Ckn fallbackCkn = intfStatus()->defaultKey().ckn;
   const Zef::Ptr<MkaActorStatus> configuredPrimary = portStatus()->actorStatus(primaryCkn);
   const Zef::Ptr<MkaActorStatus> configuredDefault = portStatus()->actorStatus(fallbackCkn);
   Zef::Ptr<MkaActorStatus> operationalPrimary;
@@ -239,7 +239,7 @@ void MkaPortSm::doElectPrincipalActor() {
     if (existing) {
       TRACE(3, ": Cleaning up old principal actor " << existing->ckn() << " on " << intfId());
       existing->principalIs(false);
-      principalActorCknIs(Zef::String());
+      principalActorCknIs(Ckn());
     }
     return;
   }
@@ -269,7 +269,7 @@ void MkaPortSm::ZefPortStatus::ZefActorStatus::handleActorElectedSelf() {
   if (port == nullptr || !port->initialized()) return;
   // An actor that was up as a follower without a key, and now stands as key server itself, makes
   // the keys: it needs the port as much as one that came up as key server.
-  const Zef::Ptr<MkaActorStatus> actor = port->portStatus()->actorStatus(Zef::String(key()));
+  const Zef::Ptr<MkaActorStatus> actor = port->portStatus()->actorStatus(key());
   if (!actor || !actor->success() || !actor->electedSelf() || actor->principal()) return;
   port->keyServerUp(actor);
 }
@@ -277,7 +277,7 @@ void MkaPortSm::ZefPortStatus::ZefActorStatus::handleActorElectedSelf() {
 void MkaPortSm::ZefPortStatus::ZefActorStatus::handleActorSuccess() {
   MkaPortSm* port = stateMachine();
   if (port == nullptr || !port->initialized()) return;
-  const Zef::String ckn = key();
+  const Ckn ckn = key();
   const Lanx::IntfId& intfId = port->intfId();
   TRACE(8, ": Actor " << ckn << " on " << intfId);
   const Zef::Ptr<MkaActorStatus> actor = port->portStatus()->actorStatus(ckn);
@@ -317,13 +317,13 @@ void MkaPortSm::ZefPortStatus::ZefActorStatus::handleActorSuccess() {
   // A follower waits for the next distributed key.
   TRACE(1, ": Unmarking " << ckn << " as the principal actor on " << intfId);
   actor->principalIs(false);
-  port->principalActorCknIs(Zef::String());
+  port->principalActorCknIs(Ckn());
 }
 
 void MkaPortSm::ZefPortStatus::ZefActorStatus::handleDistSak() {
   MkaPortSm* port = stateMachine();
   if (port == nullptr || !port->initialized()) return;
-  const Zef::String ckn = key();
+  const Ckn ckn = key();
   const Lanx::IntfId& intfId = port->intfId();
   TRACE(8, ": Actor " << ckn << " on " << intfId);
   const Zef::Ptr<MkaActorStatus> actor = port->portStatus()->actorStatus(ckn);
@@ -346,9 +346,9 @@ void MkaPortSm::ZefPortStatus::ZefActorStatus::handleDistSak() {
   port->actorDeletionTimer()->timeMinIs(Zef::System::currentTime() + port->status()->actorDelPeriod());
 }
 
-void MkaPortSm::doMarkFollowerPrincipal(const Zef::Ptr<MkaActorStatus>& actor, const Zef::String& ckn) {
+void MkaPortSm::doMarkFollowerPrincipal(const Zef::Ptr<MkaActorStatus>& actor, const Ckn& ckn) {
   TRACE(3, ": Actor " << ckn << " on " << intfId() << " is not the key server. Marking it as the principal actor");
-  const Zef::String previous = principalActorCkn();
+  const Ckn previous = principalActorCkn();
   if (!previous.empty() && previous != ckn) {
     TRACE(3, ": Removing old principal actor " << previous << " on " << intfId());
     if (Zef::Ptr<MkaActorStatus> old = portStatus()->actorStatus(previous)) old->principalIs(false);

@@ -93,7 +93,7 @@ CodecInterface& MkpduCodec::interfaceOf(const Lanx::IntfId& intfId) {
   return intf;
 }
 
-std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const Zef::String& ckn) const {
+std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const Ckn& ckn) const {
   // A running actor holds its keys ready.
   if (const MessageReceiver* receiver = pamManager()->receivers().receiver(intfId, ckn)) {
     if (receiver->cipherSuite) return ActorKeys{receiver->keys, *receiver->cipherSuite};
@@ -112,17 +112,16 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, const uint8_t* fram
   const Zef::Ptr<MkaPamCounter> counter = intf.rxCounter;
   DecodedMkpdu message;
   DecodeResult result = decodeMkpdu(
-      frame, length, [&](const Zef::String& ckn) { return actorKeys(intfId, ckn); }, message);
+      frame, length, [&](const Ckn& ckn) { return actorKeys(intfId, ckn); }, message);
   // Each member's numbers must grow: an MKPDU heard again is dropped. The guard never forgets a
   // member that an actor holds as a peer.
-  auto heldAsPeer = [&](std::string_view ckn, std::string_view member) {
+  auto heldAsPeer = [&](const Ckn& ckn, const MemberId& member) {
     const Zef::Ptr<MkaPortStatus const> port = Zef::Ptr<Status const>(status())->portStatus(intfId);
-    const Zef::Ptr<MkaActorStatus const> actor = port ? port->actorStatus(Zef::String(ckn)) : nullptr;
-    return actor && (actor->livePeerHas(Zef::String(member)) || actor->potentialPeerHas(Zef::String(member)));
+    const Zef::Ptr<MkaActorStatus const> actor = port ? port->actorStatus(ckn) : nullptr;
+    return actor && (actor->livePeerHas(member) || actor->potentialPeerHas(member));
   };
   if (result == DecodeResult::accepted &&
-      !intf.replay.accept(message.baseInfo.ckn.view(), message.baseInfo.msgId.view(), message.baseInfo.msgNum,
-                          heldAsPeer)) {
+      !intf.replay.accept(message.baseInfo.ckn, message.baseInfo.msgId, message.baseInfo.msgNum, heldAsPeer)) {
     result = DecodeResult::replayed;
   }
   if (result != DecodeResult::accepted) {

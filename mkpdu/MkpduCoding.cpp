@@ -43,60 +43,17 @@ void padTo4(std::string& out, size_t start) {
 
 size_t padded(size_t n) { return (n + 3) & ~size_t{3}; }
 
-// A member identifier's 12 octets as its text; all zeros, as an empty key slot sends it, is no
-// identifier.
-Zef::String miText(const uint8_t* p) {
-  static const uint8_t zeros[kMi] = {};
-  return std::memcmp(p, zeros, kMi) == 0 ? Zef::String() : bytesToHex(p, kMi);
-}
-
-// The value of each hexadecimal digit; -1 for any other character.
-constexpr std::array<int8_t, 256> kNibbles = [] {
-  std::array<int8_t, 256> table{};
-  table.fill(-1);
-  for (int c = '0'; c <= '9'; ++c) table[c] = static_cast<int8_t>(c - '0');
-  for (int c = 'a'; c <= 'f'; ++c) table[c] = static_cast<int8_t>(c - 'a' + 10);
-  for (int c = 'A'; c <= 'F'; ++c) table[c] = static_cast<int8_t>(c - 'A' + 10);
-  return table;
-}();
-
-int nibbleOf(char c) { return kNibbles[static_cast<uint8_t>(c)]; }
-
-// Appends the octets of hexadecimal text (names and identifiers, never keys); false if it is not.
-bool putHex(std::string& out, std::string_view hex) {
-  if (hex.size() % 2 != 0) return false;
-  const size_t start = out.size();
-  out.resize(start + hex.size() / 2);
-  char* octet = out.data() + start;
-  for (size_t i = 0; i < hex.size(); i += 2) {
-    const int high = nibbleOf(hex[i]);
-    const int low = nibbleOf(hex[i + 1]);
-    if (high < 0 || low < 0) {
-      out.resize(start);
-      return false;
-    }
-    *octet++ = static_cast<char>(high << 4 | low);
-  }
-  return true;
-}
-
-// The 12 octets of a member identifier text; an empty text is all zeros.
-bool putMi(std::string& out, const Zef::String& mi) {
-  if (mi.empty()) {
-    out.append(kMi, '\0');
-    return true;
-  }
-  return mi.size() == 2 * kMi && putHex(out, mi.view());
-}
+// The 12 octets of a member identifier; none, as an empty key slot sends it, is all zeros.
+void putMi(std::string& out, const MemberId& mi) { out.append(mi.data(), mi.data() + mi.size()); }
 
 size_t wrappedLengthOf(CipherSuite cipher) {
   return keyBitsOf(cipher) == 256 ? C::sizeOfWrapped256BitKey : C::sizeOfWrapped128BitKey;
 }
 
-DecodeResult decodePeerList(const uint8_t* body, size_t length, std::vector<std::pair<Zef::String, uint32_t>>& peers) {
+DecodeResult decodePeerList(const uint8_t* body, size_t length, std::vector<std::pair<MemberId, uint32_t>>& peers) {
   if (length % C::sizeOfPeerInfo != 0) return DecodeResult::badParameterSet;
   for (size_t at = 0; at < length; at += C::sizeOfPeerInfo)
-    peers.emplace_back(bytesToHex(body + at, kMi), be32(body + at + kMi));
+    peers.emplace_back(MemberId(body + at), be32(body + at + kMi));
   return DecodeResult::accepted;
 }
 
@@ -113,13 +70,13 @@ DecodeResult decodeSakUse(const uint8_t* set, size_t length, SakUseInfo& use) {
   use.latestKey = KeyInfo{an.latestKeyAN(),
                           an.latestKeyTx(),
                           an.latestKeyRx(),
-                          miText(overlay->latestKeyServerMemberIdentifier),
+                          MemberId(overlay->latestKeyServerMemberIdentifier),
                           overlay->latestKeyNumber.value(),
                           overlay->llpn.value()};
   use.oldKey = KeyInfo{an.oldKeyAN(),
                        an.oldKeyTx(),
                        an.oldKeyRx(),
-                       miText(overlay->oldKeyServerMemberIdentifier),
+                       MemberId(overlay->oldKeyServerMemberIdentifier),
                        overlay->oldKeyNumber.value(),
                        overlay->olpn.value()};
   return DecodeResult::accepted;
@@ -159,7 +116,7 @@ DecodeResult decodeDistCak(const uint8_t* set, size_t length, const ActorKeys& k
   StoredKey cak = keys.prepared->unwrapped(set + C::parameterSetHeaderSize, wrappedLength);
   if (cak.empty()) return DecodeResult::badKeyWrap;
   dist.cak = std::move(cak);
-  dist.ckn = bytesToHex(set + C::parameterSetHeaderSize + wrappedLength, length - wrappedLength);
+  dist.ckn = Ckn(set + C::parameterSetHeaderSize + wrappedLength, length - wrappedLength);
   return DecodeResult::accepted;
 }
 
@@ -234,7 +191,7 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
   if (cknLength == 0 || cknLength > 32) return DecodeResult::badCkn;
   if (C::parameterSetHeaderSize + padded(basicLength) > setsEnd) return DecodeResult::badParameterSet;
   if (basic->algorithmAgility.value() != C::mkaAlgorithmAgility) return DecodeResult::unsupported;
-  const Zef::String ckn = bytesToHex(body + sizeof(BasicParameterSet), cknLength);
+  const Ckn ckn(body + sizeof(BasicParameterSet), cknLength);
   const std::optional<ActorKeys> actor = keys(ckn);
   if (!actor) return DecodeResult::unknownCkn;
 
@@ -251,7 +208,7 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
   base.macsecDesired = basic->basicParameterSetPart.macsecDesired();
   base.macsecCapability = basic->basicParameterSetPart.macsecCapability();
   base.sci = Sci{basic->sci.address(), basic->sci.portId.value()};
-  base.msgId = bytesToHex(basic->memberIdentifier, kMi);
+  base.msgId = MemberId(basic->memberIdentifier);
   base.msgNum = basic->messageNumber.value();
   base.ckn = ckn;
 
@@ -305,8 +262,8 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
 
 bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const ActorKeys& keys, std::string& frame) {
   const BasicInfo& base = message.baseInfo;
-  const size_t cknLength = base.ckn.size() / 2;
-  if (cknLength == 0 || cknLength > 32) return false;
+  const size_t cknLength = base.ckn.size();
+  if (cknLength == 0) return false;
 
   // The body follows room for the EAPOL header, which is written once the body's length is known.
   std::string body(kHeader, '\0');
@@ -323,10 +280,10 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
   put16(body, part.value());
   putBytes(body, base.sci.addr.data(), 6);
   put16(body, base.sci.portId);
-  if (!putMi(body, base.msgId)) return false;
+  putMi(body, base.msgId);
   put32(body, base.msgNum);
   put32(body, C::mkaAlgorithmAgility);
-  if (!putHex(body, base.ckn.view())) return false;
+  putBytes(body, base.ckn.data(), cknLength);
   padTo4(body, kHeader);
 
   // The peer lists, each only when it has members.
@@ -337,7 +294,7 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
     put8(body, 0);
     put16(body, static_cast<uint16_t>(peers->size() * C::sizeOfPeerInfo));
     for (const auto& [id, number] : *peers) {
-      if (!putMi(body, id)) return false;
+      putMi(body, id);
       put32(body, number);
     }
   }
@@ -361,7 +318,7 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
     flags.parameterSetBodyLengthIs(C::sakUseParameterSetBodyLen);
     put16(body, flags.value());
     for (const KeyInfo* key : {&use.latestKey, &use.oldKey}) {
-      if (!putMi(body, key->mi)) return false;
+      putMi(body, key->mi);
       put32(body, key->keyNum);
       put32(body, key->lpn);
     }
@@ -391,14 +348,13 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
   // The distributed CAK set, unless it is the default.
   const CakDistInfo& cakDist = message.cakDistInfo;
   if (cakDist != CakDistInfo()) {
-    KeyBytes name;
     const KeyBytes wrappedCak = keys.prepared->wrapped(cakDist.cak);
-    if (wrappedCak.empty() || !hexToBytes(cakDist.ckn.view(), name) || name.size() > 32) return false;
+    if (wrappedCak.empty()) return false;
     put8(body, distCakParameterSetType);
     put8(body, 0);
-    put16(body, static_cast<uint16_t>(wrappedCak.size() + name.size()));
+    put16(body, static_cast<uint16_t>(wrappedCak.size() + cakDist.ckn.size()));
     putBytes(body, wrappedCak.data(), wrappedCak.size());
-    putBytes(body, name.data(), name.size());
+    putBytes(body, cakDist.ckn.data(), cakDist.ckn.size());
     padTo4(body, kHeader);
   }
 

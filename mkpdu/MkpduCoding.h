@@ -24,8 +24,8 @@ struct DecodedMkpdu {
   SakUseInfo sakUseInfo;
   SakDistInfo sakDistInfo;
   CakDistInfo cakDistInfo;
-  std::vector<std::pair<Zef::String, uint32_t>> livePeers;
-  std::vector<std::pair<Zef::String, uint32_t>> potentialPeers;
+  std::vector<std::pair<MemberId, uint32_t>> livePeers;
+  std::vector<std::pair<MemberId, uint32_t>> potentialPeers;
   bool operator==(const DecodedMkpdu&) const = default;
 };
 
@@ -42,7 +42,7 @@ struct ActorKeys {
 };
 
 // Finds the keys of the actor that has a CKN (hexadecimal text) on the frame's interface.
-using KeyLookup = std::function<std::optional<ActorKeys>(const Zef::String& ckn)>;
+using KeyLookup = std::function<std::optional<ActorKeys>(const Ckn& ckn)>;
 
 enum class DecodeResult {
   accepted,

@@ -2,12 +2,10 @@
 
 #include <cstdint>
 #include <functional>
-#include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
-#include "platform/InlineText.h"
+#include "model/Identifiers.h"
 
 namespace Macsec {
 
@@ -19,12 +17,12 @@ namespace Macsec {
 class ReplayGuard {
  public:
   // Whether an actor holds the member with this CKN and member identifier as a peer.
-  using Held = std::function<bool(std::string_view ckn, std::string_view member)>;
+  using Held = std::function<bool(const Ckn& ckn, const MemberId& member)>;
 
   explicit ReplayGuard(size_t capacity = 256) : capacity_(capacity) {}
 
   // Whether a message may be accepted; remembers its number if it is.
-  bool accept(std::string_view ckn, std::string_view member, uint32_t number, const Held& held = {}) {
+  bool accept(const Ckn& ckn, const MemberId& member, uint32_t number, const Held& held = {}) {
     ++clock_;
     if (Entry* entry = find(ckn, member)) {
       if (number <= entry->number) return false;
@@ -41,26 +39,25 @@ class ReplayGuard {
  private:
   // An interface hears a handful of members, so a short array searched by member identifier, the
   // name that differs, costs less than a hash table: one block of memory, and no hashing of names.
-  // The names are held in the entry itself when they fit, as those of MKPDUs do (a member
-  // identifier of 12 octets and a CKN of up to 32, as text). The member identifier and the
-  // numbers lead, so that passing over another member reads one cache line of its entry.
+  // The member identifier and the numbers lead, so that passing over another member reads one
+  // cache line of its entry.
   struct Entry {
-    Entry(std::string_view c, std::string_view m, uint32_t n, uint64_t h) : member(m), number(n), heard(h), ckn(c) {}
-    Zef::InlineText<24> member;
+    Entry(const Ckn& c, const MemberId& m, uint32_t n, uint64_t h) : member(m), number(n), heard(h), ckn(c) {}
+    MemberId member;
     uint32_t number;
     uint64_t heard;
-    Zef::InlineText<64> ckn;
+    Ckn ckn;
   };
-  Entry* find(std::string_view ckn, std::string_view member) {
+  Entry* find(const Ckn& ckn, const MemberId& member) {
     for (Entry& entry : entries_) {
-      if (entry.member.view() == member && entry.ckn.view() == ckn) return &entry;
+      if (entry.member == member && entry.ckn == ckn) return &entry;
     }
     return nullptr;
   }
   void forgetOldest(const Held& held) {
     auto oldest = entries_.end();
     for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-      if (held && held(it->ckn.view(), it->member.view())) continue;
+      if (held && held(it->ckn, it->member)) continue;
       if (oldest == entries_.end() || it->heard < oldest->heard) oldest = it;
     }
     if (oldest == entries_.end()) return;

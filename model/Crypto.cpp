@@ -207,19 +207,20 @@ void deriveSak(const uint8_t* cak, const uint8_t* context, int bits, Zef::String
   if (hexToBytes(textOf(context), contextBytes)) hexOut(deriveSak(keyOf(cak, bits), contextBytes, bits), out);
 }
 
-void generateSalt(const uint8_t* mi, unsigned int keyNum, Zef::String& out) {
-  out = Zef::String();
-  KeyBytes id;
-  if (!hexToBytes(textOf(mi), id) || id.size() != 12) return;
+Salt saltOf(const MemberId& mi, uint32_t keyNum) {
   // Most significant 16 bits: MI's top 16 XOR KN's low 16; next 16: MI's next 16 XOR KN's top 16;
   // the low 64 bits are MI's.
-  uint8_t salt[12];
-  std::memcpy(salt, id.data(), 12);
-  salt[0] ^= static_cast<uint8_t>(keyNum >> 8);
-  salt[1] ^= static_cast<uint8_t>(keyNum);
-  salt[2] ^= static_cast<uint8_t>(keyNum >> 24);
-  salt[3] ^= static_cast<uint8_t>(keyNum >> 16);
-  out = bytesToHex(salt, sizeof salt);
+  Salt salt(mi.data());
+  salt.data()[0] ^= static_cast<uint8_t>(keyNum >> 8);
+  salt.data()[1] ^= static_cast<uint8_t>(keyNum);
+  salt.data()[2] ^= static_cast<uint8_t>(keyNum >> 24);
+  salt.data()[3] ^= static_cast<uint8_t>(keyNum >> 16);
+  return salt;
+}
+
+void generateSalt(const uint8_t* mi, unsigned int keyNum, Zef::String& out) {
+  const MemberId id = MemberId::fromHex(textOf(mi));
+  out = id.empty() ? Zef::String() : saltOf(id, keyNum).hex();
 }
 
 void convertByteArrayToHexString(const uint8_t* bytes, int length, Zef::String& out) {

@@ -36,6 +36,9 @@ KeyBytes deriveSak(const KeyBytes& cak, const KeyBytes& context, int bits);
 // identifier followed by the same addresses.
 KeyBytes deriveCak(const KeyBytes& msk, const KeyBytes& macs, int bits);
 KeyBytes deriveCkn(const KeyBytes& msk, int bits, const KeyBytes& context, int cknBits);
+// The 96-bit salt of the extended packet number ciphers (IEEE 802.1AEbw) of the key that the
+// member `mi` numbered `keyNum`.
+Salt saltOf(const MemberId& mi, uint32_t keyNum);
 
 // `bits` of cryptographic randomness from OpenSSL's DRBG, as hexadecimal text.
 void randomNumberGenerator(int bits, Zef::String& out);

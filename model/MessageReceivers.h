@@ -14,7 +14,6 @@
 
 #include "model/PreparedKeys.h"
 #include "model/Values.h"
-#include "platform/InlineText.h"
 #include "platform/IntfId.h"
 #include "platform/String.h"
 
@@ -34,27 +33,27 @@ struct MessageReceiver {
 class MessageReceivers {
  public:
   // Makes `receiver` the one of a CKN on an interface, in place of any before it.
-  void receiverIs(const Lanx::IntfId& intfId, const Zef::String& ckn, MessageReceiver receiver) {
-    const uint64_t hash = hashOf(intfId, ckn.view());
-    if (Entry* entry = find(intfId, ckn.view(), hash)) {
+  void receiverIs(const Lanx::IntfId& intfId, const Ckn& ckn, MessageReceiver receiver) {
+    const uint64_t hash = hashOf(intfId, ckn);
+    if (Entry* entry = find(intfId, ckn, hash)) {
       entry->receiver = std::move(receiver);
       return;
     }
     if (2 * (size_ + 1) > slots_.size()) grow();
-    place(Slot{hash, std::make_unique<Entry>(intfId, ckn.view(), std::move(receiver))});
+    place(Slot{hash, std::make_unique<Entry>(intfId, ckn, std::move(receiver))});
     ++size_;
   }
   // Removes the receiver of a CKN on an interface if `owner` registered it.
-  void receiverDel(const Lanx::IntfId& intfId, const Zef::String& ckn, const void* owner) {
-    const uint64_t hash = hashOf(intfId, ckn.view());
-    const size_t index = indexOf(intfId, ckn.view(), hash);
+  void receiverDel(const Lanx::IntfId& intfId, const Ckn& ckn, const void* owner) {
+    const uint64_t hash = hashOf(intfId, ckn);
+    const size_t index = indexOf(intfId, ckn, hash);
     if (index == kNone || slots_[index].entry->receiver.owner != owner) return;
     erase(index);
     --size_;
   }
   // The receiver of a CKN on an interface; null if there is none. Valid until it is removed.
-  const MessageReceiver* receiver(const Lanx::IntfId& intfId, const Zef::String& ckn) const {
-    const Entry* entry = find(intfId, ckn.view(), hashOf(intfId, ckn.view()));
+  const MessageReceiver* receiver(const Lanx::IntfId& intfId, const Ckn& ckn) const {
+    const Entry* entry = find(intfId, ckn, hashOf(intfId, ckn));
     return entry ? &entry->receiver : nullptr;
   }
   size_t size() const noexcept { return size_; }
@@ -63,10 +62,10 @@ class MessageReceivers {
   // An entry holds the whole CKN ahead of its receiver, so that telling it apart and using it
   // read the entry's first lines and nothing else.
   struct Entry {
-    Entry(const Lanx::IntfId& intf, std::string_view name, MessageReceiver r)
+    Entry(const Lanx::IntfId& intf, const Ckn& name, MessageReceiver r)
         : intfId(intf), ckn(name), receiver(std::move(r)) {}
     Lanx::IntfId intfId;
-    Zef::InlineText<64> ckn;  // the longest CKN, 32 octets, as text, fits
+    Ckn ckn;
     MessageReceiver receiver;
   };
   // Open addressing with linear probing in a flat array that is at most half full: a slot carries
@@ -79,20 +78,20 @@ class MessageReceivers {
 
   // The low half, which picks the slot, mixes the interface and the CKN; the high half is the
   // CKN's own hash, to tell entries apart without reading them.
-  static uint64_t hashOf(const Lanx::IntfId& intfId, std::string_view ckn) noexcept {
+  static uint64_t hashOf(const Lanx::IntfId& intfId, const Ckn& ckn) noexcept {
     const uint64_t cknHash = Zef::hashBytes(ckn.data(), ckn.size());
     return (cknHash << 32) | Zef::hashMix(intfId.hash() ^ (cknHash << 32));
   }
   size_t mask() const noexcept { return slots_.size() - 1; }
-  size_t indexOf(const Lanx::IntfId& intfId, std::string_view ckn, uint64_t hash) const noexcept {
+  size_t indexOf(const Lanx::IntfId& intfId, const Ckn& ckn, uint64_t hash) const noexcept {
     if (slots_.empty()) return kNone;
     for (size_t i = hash & mask();; i = (i + 1) & mask()) {
       const Slot& slot = slots_[i];
       if (!slot.entry) return kNone;
-      if (slot.hash == hash && slot.entry->intfId == intfId && slot.entry->ckn.view() == ckn) return i;
+      if (slot.hash == hash && slot.entry->intfId == intfId && slot.entry->ckn == ckn) return i;
     }
   }
-  Entry* find(const Lanx::IntfId& intfId, std::string_view ckn, uint64_t hash) const noexcept {
+  Entry* find(const Lanx::IntfId& intfId, const Ckn& ckn, uint64_t hash) const noexcept {
     const size_t index = indexOf(intfId, ckn, hash);
     return index == kNone ? nullptr : slots_[index].entry.get();
   }

@@ -128,8 +128,7 @@ StoredKey PreparedKeys::unwrapped(const uint8_t* wrapped, size_t length) {
   return key;
 }
 
-std::shared_ptr<PreparedKeys> SharedPreparedKeys::keysFor(const Zef::String& ckn, const StoredKey& ick,
-                                                          const StoredKey& kek) {
+std::shared_ptr<PreparedKeys> SharedPreparedKeys::keysFor(const Ckn& ckn, const StoredKey& ick, const StoredKey& kek) {
   std::vector<std::weak_ptr<PreparedKeys>>& sets = byCkn_[ckn];
   std::erase_if(sets, [](const std::weak_ptr<PreparedKeys>& set) { return set.expired(); });
   for (const std::weak_ptr<PreparedKeys>& set : sets) {

@@ -13,6 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "model/Identifiers.h"
 #include "model/KeyBytes.h"
 #include "model/StoredKey.h"
 
@@ -66,13 +67,13 @@ class SharedPreparedKeys {
   // Keys ready for an actor of a CKN with this ICK and KEK: those of another actor that has the
   // same keys, or new ones. Telling whether two stored keys are the same opens both, which is done
   // here, once per actor, and never per frame.
-  std::shared_ptr<PreparedKeys> keysFor(const Zef::String& ckn, const StoredKey& ick, const StoredKey& kek);
+  std::shared_ptr<PreparedKeys> keysFor(const Ckn& ckn, const StoredKey& ick, const StoredKey& kek);
 
  private:
   struct CknHash {
-    size_t operator()(const Zef::String& ckn) const noexcept { return ckn.hash(); }
+    size_t operator()(const Ckn& ckn) const noexcept { return ckn.hash(); }
   };
-  std::unordered_map<Zef::String, std::vector<std::weak_ptr<PreparedKeys>>, CknHash> byCkn_;
+  std::unordered_map<Ckn, std::vector<std::weak_ptr<PreparedKeys>>, CknHash> byCkn_;
 };
 
 }  // namespace Macsec

@@ -1,6 +1,8 @@
 #include "model/Values.h"
 
+#include <cstdio>
 #include <ostream>
+#include <string>
 #include <utility>
 
 #include "platform/Exception.h"
@@ -117,7 +119,12 @@ Sci Sci::fromText(std::string_view text) {
 
 std::ostream& operator<<(std::ostream& out, const Sci& sci) { return out << sci.addr << "::" << sci.portId; }
 
-std::ostream& operator<<(std::ostream& out, const Ssci& ssci) { return out << ssci.sci << "/" << ssci.ssci; }
+std::ostream& operator<<(std::ostream& out, const Ssci& ssci) {
+  // The SSCI as the eight hexadecimal digits of its 32 bits.
+  char digits[9];
+  std::snprintf(digits, sizeof digits, "%08x", ssci.ssci);
+  return out << ssci.sci << "/" << (ssci.ssci == 0 ? "" : digits);
+}
 
 AssociationNumber::AssociationNumber(unsigned value) {
   if (value > max) {
@@ -144,6 +151,11 @@ std::ostream& operator<<(std::ostream& out, const GroupCak& g) {
 }
 
 bool Sak::empty() const noexcept { return *this == Sak(); }
+
+std::string keyServerTail(const MemberId& mi) {
+  const Zef::String text = mi.hex();
+  return std::string(text.view().substr(text.size() >= 16 ? 16 : text.size()));
+}
 
 std::ostream& operator<<(std::ostream& out, const Sak& sak) {
   return out << "Sak(an=" << +sak.an << ", mi=" << sak.mi << ", keyNum=" << sak.keyNum << ", " << sak.key

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string_view>
 
+#include "model/Identifiers.h"
 #include "model/StoredKey.h"
 #include "platform/EthAddr.h"
 #include "platform/IntfId.h"
@@ -87,7 +88,7 @@ std::ostream& operator<<(std::ostream& out, const Sci& sci);
 // A short secure channel identifier with the channel it belongs to.
 struct Ssci {
   Sci sci;
-  Zef::String ssci;
+  uint32_t ssci = 0;
   bool operator==(const Ssci&) const noexcept = default;
 };
 std::ostream& operator<<(std::ostream& out, const Ssci& ssci);
@@ -114,10 +115,10 @@ class AssociationNumber {
 };
 std::ostream& operator<<(std::ostream& out, const AssociationNumber& an);
 
-// A connectivity association key with its name. `ckn` is hexadecimal text and keys the actors;
-// `cak` is the key in stored form. Empty (both strings empty) means no key.
+// A connectivity association key with its name. `ckn` keys the actors; `cak` is the key in stored
+// form. Empty (both empty) means no key.
 struct Cak {
-  Zef::String ckn;
+  Ckn ckn;
   StoredKey cak;
   bool empty() const noexcept { return ckn.empty() && cak.empty(); }
   // The same key: the same name and the same secret, whatever the two stored forms.
@@ -137,14 +138,18 @@ std::ostream& operator<<(std::ostream& out, const GroupCak& groupCak);
 // `salt` is filled in only on the copies that are programmed into the hardware.
 struct Sak {
   uint8_t an = 0;
-  Zef::String mi;
+  MemberId mi;
   uint32_t keyNum = 0;
   StoredKey key;
-  Zef::String salt;
+  Salt salt;
   bool empty() const noexcept;
   bool operator==(const Sak&) const noexcept = default;
 };
 std::ostream& operator<<(std::ostream& out, const Sak& sak);
+
+// The key server's part of a key identifier as the operators' log shows it: the member
+// identifier's text from its 17th character on.
+std::string keyServerTail(const MemberId& mi);
 
 // One key slot of the controlled port.
 struct SakContext {
@@ -187,9 +192,9 @@ struct BasicInfo {
   bool macsecDesired = false;
   uint8_t macsecCapability = 0;
   Sci sci;
-  Zef::String msgId;  // member identifier: 24 lower-case hexadecimal characters
+  MemberId msgId;
   uint32_t msgNum = 0;
-  Zef::String ckn;
+  Ckn ckn;
   // The numbers before the texts: the message number differs in every MKPDU, and telling it
   // reads no memory beyond the value. Every member takes part.
   bool operator==(const BasicInfo& o) const noexcept {
@@ -205,7 +210,7 @@ struct KeyInfo {
   uint8_t an = 0;
   bool tx = false;
   bool rx = false;
-  Zef::String mi;
+  MemberId mi;
   uint32_t keyNum = 0;
   uint32_t lpn = 0;
   // The numbers before the identifier, for the same reason as BasicInfo's. Every member takes part.
@@ -236,7 +241,7 @@ struct SakDistInfo {
 std::ostream& operator<<(std::ostream& out, const SakDistInfo& info);
 
 struct CakDistInfo {
-  Zef::String ckn;
+  Ckn ckn;
   StoredKey cak;
   bool operator==(const CakDistInfo&) const noexcept = default;
 };
@@ -256,7 +261,7 @@ std::ostream& operator<<(std::ostream& out, const POSTInfo& info);
 // SA".
 struct SaStatus {
   AssociationNumber an;
-  Zef::String mi;
+  MemberId mi;
   uint32_t keyNum = 0;
   uint32_t value = 0;
   bool empty() const noexcept { return *this == SaStatus(); }

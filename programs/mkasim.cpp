@@ -160,7 +160,7 @@ Lanx::IntfId intfOf(int link, bool towardsNext, int links) {
 std::string keyText(const Macsec::Sak& sak) {
   if (sak.empty()) return "-";
   std::ostringstream out;
-  out << +sak.an << ":" << sak.mi.view().substr(sak.mi.size() >= 16 ? 16 : 0) << ":" << sak.keyNum;
+  out << +sak.an << ":" << Macsec::keyServerTail(sak.mi) << ":" << sak.keyNum;
   return out.str();
 }
 
@@ -246,7 +246,7 @@ int main(int argc, char** argv) {
     config->delayProtectionIs(o.delayProtection);
     const Zef::Ptr<Macsec::Profile> profile = config->profileIs(Zef::Name("mkasim"));
     profile->cipherSuiteIs(suiteOf(o.cipher));
-    profile->keyIs(Macsec::Cak{o.ckn, Macsec::StoredKey::ofHex(o.cak)});
+    profile->keyIs(Macsec::Cak{Macsec::Ckn::fromHex(o.ckn), Macsec::StoredKey::ofHex(o.cak)});
     // Simulated FIPS mode: the ports wait for the emulated hardware's self test; the process's
     // crypto library is not switched.
     if (o.fips) {

@@ -36,7 +36,7 @@ struct Broken {
 // Built by hand rather than with a stream: the checks after every event name keys this way, and a
 // stream per key was most of a fault run's time.
 std::string text(const Macsec::SaStatus& sa) {
-  return std::to_string(sa.an.value()) + ":" + std::string(sa.mi.view()) + ":" + std::to_string(sa.keyNum);
+  return std::to_string(sa.an.value()) + ":" + sa.mi.hex().stdString() + ":" + std::to_string(sa.keyNum);
 }
 
 const std::string& text(const End& end) { return end.name; }
@@ -47,7 +47,7 @@ bool sameKey(const Macsec::SaStatus& a, const Macsec::SaStatus& b) {
 
 // The principal actor of an interface, with its CKN, or none.
 struct Principal {
-  Zef::String ckn;
+  Macsec::Ckn ckn;
   Zef::Ptr<Macsec::MkaActorStatus> actor;
 };
 
@@ -55,7 +55,7 @@ Principal principalOf(const End& end) {
   const Zef::Ptr<Macsec::MkaPortStatus> port = end.agent->status()->portStatus(end.intf);
   if (!port) return {};
   for (auto it = port->actorStatusIter(); it; ++it) {
-    if (it->principal()) return {Zef::String(it.key()), it.ptr()};
+    if (it->principal()) return {it.key(), it.ptr()};
   }
   return {};
 }
@@ -69,12 +69,12 @@ bool holdsLive(const Zef::Ptr<Macsec::MkaActorStatus>& actor, const Macsec::Sci&
 }
 
 // The member identifier of the key server that an actor follows, or itself.
-Zef::String keyServerMi(const Zef::Ptr<Macsec::MkaActorStatus>& actor) {
+Macsec::MemberId keyServerMi(const Zef::Ptr<Macsec::MkaActorStatus>& actor) {
   if (actor->electedSelf()) return actor->msgId();
   for (auto it = actor->livePeerIter(); it; ++it) {
-    if (it->baseInfo().sci == actor->keyServer()) return Zef::String(it.key());
+    if (it->baseInfo().sci == actor->keyServer()) return it.key();
   }
-  return Zef::String();
+  return Macsec::MemberId();
 }
 
 Macsec::Sci sciOf(const End& end) { return end.agent->status()->portStatus(end.intf)->mySci(); }
@@ -165,7 +165,7 @@ void FaultRunner::keyIs(Agent& agent, const std::string& ckn, const std::string&
     agent.engine()
         .config()
         ->profileIs(Zef::Name("fault"))
-        ->keyIs(Macsec::Cak{Zef::String(ckn), Macsec::StoredKey::ofHex(cak)});
+        ->keyIs(Macsec::Cak{Macsec::Ckn::fromHex(ckn), Macsec::StoredKey::ofHex(cak)});
   });
 }
 
@@ -358,7 +358,7 @@ void FaultRunner::forge(const uint8_t* how) {
       } else {
         std::ostringstream mi;
         mi << std::hex << std::setfill('0') << std::setw(24) << (how[3] * 65536 + how[4] * 256 + how[5]);
-        list.push_back({Zef::String(mi.str()), how[4]});
+        list.push_back({Macsec::MemberId::fromHex(mi.str()), how[4]});
       }
       break;
     }
@@ -382,7 +382,7 @@ void FaultRunner::forge(const uint8_t* how) {
     case 6: {  // a member that does not exist, on the same port
       std::ostringstream mi;
       mi << std::hex << std::setfill('0') << std::setw(24) << (how[2] * 65536 + how[3] * 256 + how[4]);
-      m.baseInfo.msgId = Zef::String(mi.str());
+      m.baseInfo.msgId = Macsec::MemberId::fromHex(mi.str());
       m.baseInfo.msgNum = how[5] + 1u;
       break;
     }

@@ -107,14 +107,10 @@ void Agent::interfaceIs(const Lanx::IntfId& intf, const InterfaceConfig& config)
   });
 }
 
-namespace {
-
-Macsec::Cak storedKey(const Key& key) {
-  if (key.ckn.empty()) return Macsec::Cak();
-  return Macsec::Cak{key.ckn, Macsec::StoredKey::ofHex(key.cak.view())};
+Macsec::Cak Key::stored() const {
+  if (ckn.empty()) return Macsec::Cak();
+  return Macsec::Cak{name(), Macsec::StoredKey::ofHex(cak.view())};
 }
-
-}  // namespace
 
 Zef::Ptr<Macsec::Profile> Agent::profile(const Lanx::IntfId& intf) {
   return engine_.config()->profileIs(Zef::Name("intf " + intf.stringValue()));
@@ -122,26 +118,28 @@ Zef::Ptr<Macsec::Profile> Agent::profile(const Lanx::IntfId& intf) {
 
 void Agent::keyIs(const Lanx::IntfId& intf, const Key& key) {
   if (engine_.config()->intfConfigHas(intf)) {
-    engine_.as([&] { profile(intf)->keyIs(storedKey(key)); });
+    engine_.as([&] { profile(intf)->keyIs(key.stored()); });
   } else {
-    engine_.keyIs(intf, storedKey(key));
+    engine_.keyIs(intf, key.stored());
   }
 }
 
 void Agent::defaultKeyIs(const Lanx::IntfId& intf, const Key& key) {
   if (engine_.config()->intfConfigHas(intf)) {
-    engine_.as([&] { profile(intf)->defaultKeyIs(storedKey(key)); });
+    engine_.as([&] { profile(intf)->defaultKeyIs(key.stored()); });
   } else {
-    engine_.defaultKeyIs(intf, storedKey(key));
+    engine_.defaultKeyIs(intf, key.stored());
   }
 }
 
 Zef::Ptr<Macsec::MkaActorSm> Agent::actorIs(const Lanx::IntfId& intf, const Zef::String& ckn,
                                             const Zef::String& clearCak) {
   const Macsec::StoredKey stored = Macsec::StoredKey::ofHex(clearCak.view());
-  status()->portStatus(intf)->actorStatusIs(ckn);
-  Zef::Ptr<Macsec::MkaActorSm> actor = engine_.as(
-      [&] { return Macsec::MkaActorSm::MkaActorSmIs(ckn, stored, intf, status(), pamManager(), hwStatus(), wheel()); });
+  const Macsec::Ckn name = Macsec::Ckn::fromHex(ckn.view());
+  status()->portStatus(intf)->actorStatusIs(name);
+  Zef::Ptr<Macsec::MkaActorSm> actor = engine_.as([&] {
+    return Macsec::MkaActorSm::MkaActorSmIs(name, stored, intf, status(), pamManager(), hwStatus(), wheel());
+  });
   actor->memtabCountersIs(engine_.counters());
   actors_[{intf, ckn}] = actor;
   return actor;
@@ -158,7 +156,7 @@ Zef::Ptr<Macsec::MkaActorSm> Agent::actor(const Lanx::IntfId& intf, const Zef::S
 
 Zef::Ptr<Macsec::MkaActorStatus> Agent::actorStatus(const Lanx::IntfId& intf, const Zef::String& ckn) const {
   Zef::Ptr<Macsec::MkaPortStatus> port = status()->portStatus(intf);
-  return port ? port->actorStatus(ckn) : nullptr;
+  return port ? port->actorStatus(Macsec::Ckn::fromHex(ckn.view())) : nullptr;
 }
 
 void Agent::transmitted(const Lanx::IntfId& intf, const Macsec::MkaMessageInfo& sent) {
@@ -245,7 +243,7 @@ Link& Simulation::linkIs(Agent& a, const Lanx::IntfId& intfA, Agent& b, const La
 bool Agent::numberAccepted(const Message& message) {
   const size_t intf = message.intfId.value();
   if (intf >= replay_.size()) replay_.resize(intf + 1);
-  return replay_[intf].accept(message.baseInfo.ckn.view(), message.baseInfo.msgId.view(), message.baseInfo.msgNum);
+  return replay_[intf].accept(message.baseInfo.ckn, message.baseInfo.msgId, message.baseInfo.msgNum);
 }
 
 Link* Agent::linkOf(const Lanx::IntfId& intf) const {

@@ -47,6 +47,10 @@ struct InterfaceConfig : Macsec::InterfaceSettings {
 struct Key {
   Zef::String ckn;
   Zef::String cak;
+  // The key's name as the engine holds it.
+  Macsec::Ckn name() const { return Macsec::Ckn::fromHex(ckn.view()); }
+  // The key as the engine holds it: its name, and the key in stored form.
+  Macsec::Cak stored() const;
 };
 
 // A wire between interfaces: two ends for a point-to-point link, more for a shared segment. What

@@ -104,7 +104,7 @@ TEST(ConfigFile, AFileAppliedAgainWritesOnlyWhatChanged) {
   EXPECT_TRUE(source->delayProtection());
   ASSERT_EQ(source->profileSize(), 3u);
   const Zef::Ptr<Profile> lab = source->profile(Zef::Name("lab"));
-  EXPECT_TRUE(lab->key().sameKeyAs(Cak{"01", StoredKey::ofHex(kCak256)}));
+  EXPECT_TRUE(lab->key().sameKeyAs(Cak{"01"_ckn, StoredKey::ofHex(kCak256)}));
   EXPECT_EQ(lab->cipherSuite(), cipherSuiteGcmAes256);
   EXPECT_EQ(lab->keyServerPriority(), 3);
   EXPECT_TRUE(source->profile(Zef::Name("spare"))->dot1xEnabled());
@@ -124,7 +124,8 @@ TEST(ConfigFile, AFileAppliedAgainWritesOnlyWhatChanged) {
   EXPECT_FALSE(source->delayProtection());
   EXPECT_EQ(source->profile(Zef::Name("lab")), lab);
   EXPECT_EQ(lab->key().cak.storedText(), labStored);
-  EXPECT_TRUE(source->profile(Zef::Name("office"))->key().sameKeyAs(Cak{kCkn, StoredKey::ofHex(kCak256)}));
+  EXPECT_TRUE(
+      source->profile(Zef::Name("office"))->key().sameKeyAs(Cak{Ckn::fromHex(kCkn), StoredKey::ofHex(kCak256)}));
   EXPECT_FALSE(source->profileHas(Zef::Name("spare")));
   EXPECT_FALSE(source->intfConfigHas(Lanx::IntfId("eth1")));
   EXPECT_TRUE(source->intfConfigHas(Lanx::IntfId("eth0")));

@@ -71,7 +71,7 @@ struct Bench {
 using Step = std::function<void(Bench&)>;
 
 Sak sak(uint8_t an, uint32_t keyNum) {
-  return Sak{an, "0102030405060708090a0b0c", keyNum, StoredKey::ofHex("000102030405060708090a0b0c0d0e0f"), ""};
+  return Sak{an, "0102030405060708090a0b0c"_mi, keyNum, StoredKey::ofHex("000102030405060708090a0b0c0d0e0f"), {}};
 }
 Sci sci(uint8_t last) { return Sci{Lanx::EthAddr({2, 0, 0, 0, 0, last}), 1}; }
 
@@ -79,7 +79,7 @@ Sci sci(uint8_t last) { return Sci{Lanx::EthAddr({2, 0, 0, 0, 0, last}), 1}; }
 const Step addressed = [](Bench& b) { b.status->portStatusIs(eth1)->mySciIs(sci(1)); };
 const Step opened = [](Bench& b) { b.cp->controlledPortEnabledIs(true); };
 Step peer(uint8_t last) {
-  return [last](Bench& b) { b.cp->peerSsciIs(Ssci{sci(last), ""}); };
+  return [last](Bench& b) { b.cp->peerSsciIs(Ssci{sci(last), 0}); };
 }
 Step rx(uint8_t an, uint32_t keyNum) {
   return [an, keyNum](Bench& b) { b.cp->rxSakIs(sak(an, keyNum)); };

@@ -76,7 +76,7 @@ TEST(Secrets, NoKeyReachesTheTraceTheLogOrTheStatusAtAnyLevel) {
       agent->keyIs(eth1, Sim::Key{kCkn, kCak});
     }
     a.profile(eth1)->sessionReKeyPeriodIs(5);
-    const Zef::Ptr<SakWatch> watch(new SakWatch(a.status()->portStatus(eth1)->actorStatus(kCkn), saks));
+    const Zef::Ptr<SakWatch> watch(new SakWatch(a.status()->portStatus(eth1)->actorStatus(Ckn::fromHex(kCkn)), saks));
     sim.runFor(30);
     seen += dumpOf(a) + dumpOf(b);
     ASSERT_TRUE(b.status()->cpStatus(eth1)->controlledPortEnabled());

@@ -17,7 +17,7 @@ namespace {
 const Lanx::IntfId eth1("eth1");
 const Lanx::IntfId eth2("eth2");
 
-Cak key(const char* ckn, const char* cak) { return Cak{ckn, StoredKey::ofHex(cak)}; }
+Cak key(const char* ckn, const char* cak) { return Cak{Ckn::fromHex(ckn), StoredKey::ofHex(cak)}; }
 
 // The crypto library's FIPS switch replaced for the life of the object.
 struct FipsSwitch {
@@ -71,8 +71,8 @@ TEST_F(Configuration, AProfileWithAKeyGivesItsInterfacesTheirStatusAndFollowsEve
   EXPECT_EQ(one->profileName(), "a");
   EXPECT_EQ(one->keyServerPriority(), 7);
   EXPECT_EQ(one->sessionReKeyPeriod(), 60u);
-  EXPECT_EQ(one->key().ckn, "01");
-  EXPECT_EQ(one->defaultKey().ckn, "0f");
+  EXPECT_EQ(one->key().ckn, "01"_ckn);
+  EXPECT_EQ(one->defaultKey().ckn, "0f"_ckn);
   EXPECT_EQ(one->dot1xType(), Dot1x::dot1xTypePreSharedKey);
 
   // The same key in a new stored form is no change; another key is.
@@ -102,7 +102,7 @@ TEST_F(Configuration, AProfileWithAKeyGivesItsInterfacesTheirStatusAndFollowsEve
   b->intfIs(eth1, true);
   EXPECT_EQ(status->intfStatus(eth1), rebuilt);
   EXPECT_EQ(rebuilt->profileName(), "b");
-  EXPECT_EQ(rebuilt->key().ckn, "02");
+  EXPECT_EQ(rebuilt->key().ckn, "02"_ckn);
   a->intfDel(eth1);  // a no longer owns it: b's status stays
   EXPECT_EQ(status->intfStatus(eth1), rebuilt);
 
@@ -172,7 +172,7 @@ TEST_F(Configuration, AProfileWithDot1xTakesTheKeyDerivedFromEachInterfacesEapEx
 
   const Zef::Ptr<IntfStatus> intf = status->intfStatus(eth1);
   ASSERT_TRUE(intf);
-  EXPECT_EQ(intf->key().ckn, "96437a93ccf10d9dfe347846cce52c7d");
+  EXPECT_EQ(intf->key().ckn, "96437a93ccf10d9dfe347846cce52c7d"_ckn);
   EXPECT_TRUE(intf->key().sameKeyAs(key("96437a93ccf10d9dfe347846cce52c7d", "135bd758b0ee5c11c55ff6ab19fdb199")));
   EXPECT_EQ(intf->dot1xType(), Dot1x::dot1xTypeSupplicant);
   // eth2 has no exchange yet: its status waits without a key.
@@ -186,7 +186,7 @@ TEST_F(Configuration, AProfileWithDot1xTakesTheKeyDerivedFromEachInterfacesEapEx
   EXPECT_EQ(watch->writes, 0);
   eapKeys->keyIs(eth1, Dot1x::EapKey{Dot1x::dot1xTypeAuthenticator, StoredKey::ofHex(msk), "00", low, high});
   EXPECT_EQ(watch->writes, 1);
-  EXPECT_NE(intf->key().ckn, "96437a93ccf10d9dfe347846cce52c7d");
+  EXPECT_NE(intf->key().ckn, "96437a93ccf10d9dfe347846cce52c7d"_ckn);
   EXPECT_EQ(intf->dot1xType(), Dot1x::dot1xTypeAuthenticator);
 
   // The 802.1X agent withdrawing the key leaves it in use; the link going down ends it.

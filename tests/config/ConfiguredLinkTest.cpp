@@ -34,9 +34,9 @@ class ConfiguredLink : public Scenario {
   }
 
   // The CKN of the key that an agent's interface runs, empty if it runs none.
-  Zef::String runningCkn(Sim::Agent& agent) {
+  Ckn runningCkn(Sim::Agent& agent) {
     const Zef::Ptr<IntfStatus> configured = agent.status()->intfStatus(intf(agent));
-    return configured ? configured->key().ckn : Zef::String();
+    return configured ? configured->key().ckn : Ckn();
   }
 
   Sim::Agent& a = sim.agentIs("a");
@@ -75,8 +75,8 @@ TEST_F(ConfiguredLink, AnyCakLengthRunsWithAnyOfTheFourCipherSuitesAndANameInUpp
     b.keyIs(intf(b), key);
     ASSERT_TRUE(securedWithin(30));
     EXPECT_EQ(cp(a)->txSak().key.withClear([](const KeyBytes& sak) { return sak.size(); }), sakOctets);
-    EXPECT_EQ(runningCkn(a), key.ckn);
-    EXPECT_EQ(runningCkn(b), key.ckn);
+    EXPECT_EQ(runningCkn(a), key.name());
+    EXPECT_EQ(runningCkn(b), key.name());
   }
 }
 
@@ -110,7 +110,7 @@ TEST_F(ConfiguredLink, TwoSourcesMergePerProfileAndPerInterfaceByPriority) {
   const Zef::Ptr<MkaPortSm> port = a.port(intf(a));
   const Zef::Ptr<Config> file = a.engine().configSourceIs("file", 10);
   const Zef::Ptr<Profile> fileBase = file->profileIs(base);
-  fileBase->keyIs(Cak{k256.ckn, StoredKey::ofHex(k256.cak.view())});
+  fileBase->keyIs(k256.stored());
   fileBase->cipherSuiteIs(cipherSuiteGcmAes256);
   file->intfConfigIs(intf(a))->profileNameIs("base");
   ASSERT_TRUE(merged->profileHas(base));
@@ -118,7 +118,7 @@ TEST_F(ConfiguredLink, TwoSourcesMergePerProfileAndPerInterfaceByPriority) {
   EXPECT_EQ(merged->intfConfig(intf(a))->profileName(), own);
   EXPECT_FALSE(merged->profile(base)->intfHas(intf(a)));
   EXPECT_EQ(a.port(intf(a)), port);
-  EXPECT_EQ(runningCkn(a), kKey.ckn);
+  EXPECT_EQ(runningCkn(a), kKey.name());
 
   // A change of the low source's interface, which it does not win, is not merged; one of its
   // own profile is.
@@ -134,7 +134,7 @@ TEST_F(ConfiguredLink, TwoSourcesMergePerProfileAndPerInterfaceByPriority) {
   EXPECT_EQ(merged->intfConfig(intf(a))->profileName(), base);
   EXPECT_TRUE(merged->profile(base)->intfHas(intf(a)));
   EXPECT_FALSE(merged->profile(own)->intfHas(intf(a)));
-  EXPECT_EQ(runningCkn(a), k256.ckn);
+  EXPECT_EQ(runningCkn(a), k256.name());
   b.profile(intf(b))->cipherSuiteIs(cipherSuiteGcmAes256);
   b.keyIs(intf(b), k256);
   ASSERT_TRUE(securedWithin(30));
@@ -148,7 +148,7 @@ TEST_F(ConfiguredLink, TwoSourcesMergePerProfileAndPerInterfaceByPriority) {
   a.engine().config()->intfConfig(intf(a))->profileNameIs(own);
   EXPECT_EQ(merged->intfConfig(intf(a))->profileName(), own);
   EXPECT_TRUE(merged->profile(own)->intfHas(intf(a)));
-  EXPECT_EQ(runningCkn(a), kKey.ckn);
+  EXPECT_EQ(runningCkn(a), kKey.name());
 
   // The high source offers the low source's profile: it wins it, and the merged profile is built
   // anew from it; when it lets it go, the low source's comes back.
@@ -167,7 +167,7 @@ TEST_F(ConfiguredLink, TwoSourcesMergePerProfileAndPerInterfaceByPriority) {
   file->profileDel(base);
   EXPECT_FALSE(merged->profileHas(base));
   EXPECT_EQ(merged->intfConfig(intf(a))->profileName(), own);
-  EXPECT_EQ(runningCkn(a), kKey.ckn);
+  EXPECT_EQ(runningCkn(a), kKey.name());
 
   // Only the operators' source sets the switch-wide settings.
   file->delayProtectionIs(true);

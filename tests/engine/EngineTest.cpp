@@ -39,7 +39,7 @@ TEST(Engine, TwoEnginesCarryingEachOthersFramesSecureTheLinkAndNameThemselvesInT
     int sent = 0;
     a.messageTransmitterIs([&](const Lanx::IntfId& intf, const MkaMessageInfo& message) {
       EXPECT_EQ(intf, eth1);
-      EXPECT_EQ(decodedMessageOf(message).baseInfo.ckn, "96437a93ccf10d9dfe347846cce52c7d");
+      EXPECT_EQ(decodedMessageOf(message).baseInfo.ckn, "96437a93ccf10d9dfe347846cce52c7d"_ckn);
       ++sent;
     });
     for (auto [engine, last] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
@@ -47,7 +47,7 @@ TEST(Engine, TwoEnginesCarryingEachOthersFramesSecureTheLinkAndNameThemselvesInT
       settings.mac = Lanx::EthAddr({2, 0, 0, 0, 0, static_cast<uint8_t>(last)});
       engine->interfaceIs(eth1, settings);
       engine->keyIs(eth1,
-                    Cak{"96437a93ccf10d9dfe347846cce52c7d", StoredKey::ofHex("135bd758b0ee5c11c55ff6ab19fdb199")});
+                    Cak{"96437a93ccf10d9dfe347846cce52c7d"_ckn, StoredKey::ofHex("135bd758b0ee5c11c55ff6ab19fdb199")});
     }
 
     // Frames are delivered as soon as they are sent; otherwise time moves to the next timer.
@@ -67,7 +67,7 @@ TEST(Engine, TwoEnginesCarryingEachOthersFramesSecureTheLinkAndNameThemselvesInT
 
     // What names an interface the engine does not have changes nothing.
     const Lanx::IntfId eth9("eth9");
-    a.keyIs(eth9, Cak{"01", StoredKey::ofHex("135bd758b0ee5c11c55ff6ab19fdb199")});
+    a.keyIs(eth9, Cak{"01"_ckn, StoredKey::ofHex("135bd758b0ee5c11c55ff6ab19fdb199")});
     const std::string frame(64, '\x01');
     a.frameIs(eth9, reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
     EXPECT_FALSE(a.port(eth9));

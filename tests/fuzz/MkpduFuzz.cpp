@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr const char* kCkn = "96437a93ccf10d9dfe347846cce52c7d";
+using namespace Macsec::IdentifierLiterals;
 
 const Macsec::ActorKeys& keys() {
   static const Macsec::ActorKeys k{Macsec::StoredKey::ofHex("8f1c5cb1c8ed2e5f047906e0473aad4d"),
@@ -20,8 +20,8 @@ const Macsec::ActorKeys& keys() {
   return k;
 }
 
-std::optional<Macsec::ActorKeys> lookup(const Zef::String& ckn) {
-  if (ckn == kCkn) return keys();
+std::optional<Macsec::ActorKeys> lookup(const Macsec::Ckn& ckn) {
+  if (ckn == "96437a93ccf10d9dfe347846cce52c7d"_ckn) return keys();
   return std::nullopt;
 }
 

@@ -72,7 +72,7 @@ TEST_F(KeyServer, PeersJoiningAreBatchedIntoOneKeyWhileTheRateLimiterRunsAndKeye
   EXPECT_EQ(sd->distSak().keyNum, 3u);
 
   // Each MKPDU lists each peer once, never with a message number it did not send.
-  const Zef::String dId = sd->msgId();
+  const MemberId dId = sd->msgId();
   bool keyCarried = false;
   for (const Sim::Message& m : sent) {
     for (const auto& [id, number] : m.livePeers) {

@@ -32,7 +32,7 @@ class Port : public Scenario {
   Zef::Ptr<MkaPortSm> port(Sim::Agent& agent) { return agent.port(intf(agent)); }
   Zef::Ptr<MkaPortStatus> portStatus(Sim::Agent& agent) { return agent.status()->portStatus(intf(agent)); }
   Zef::Ptr<MkaActorStatus> actor(Sim::Agent& agent, const Sim::Key& key) {
-    return portStatus(agent)->actorStatus(key.ckn);
+    return portStatus(agent)->actorStatus(key.name());
   }
   Zef::Ptr<IntfStatus> intfStatus(Sim::Agent& agent) { return agent.status()->intfStatus(intf(agent)); }
   int principals(Sim::Agent& agent) {
@@ -82,8 +82,8 @@ TEST_P(KeyChange, ANewPrimaryKeyTakesOverWithoutDroppingTraffic) {
     EXPECT_GT(*oldGone, *newKey);
     EXPECT_LE(*oldGone - *newKey, 8.0 + 0.1);
   }
-  EXPECT_EQ(port(a)->principalActorCkn(), kOther.ckn);
-  EXPECT_EQ(port(b)->principalActorCkn(), kOther.ckn);
+  EXPECT_EQ(port(a)->principalActorCkn(), kOther.name());
+  EXPECT_EQ(port(b)->principalActorCkn(), kOther.name());
   EXPECT_EQ(principals(a), 1);
   EXPECT_EQ(principals(b), 1);
 }
@@ -98,8 +98,8 @@ TEST_F(Port, AFallbackKeyRunsWhenThePrimaryKeysDoNotMatchAndYieldsToOnePrincipal
   a.defaultKeyIs(intf(a), kFallback);
   b.defaultKeyIs(intf(b), kFallback);
   ASSERT_TRUE(heldWithin(30, [&] { return running(kFallback); }));
-  EXPECT_EQ(port(a)->principalActorCkn(), kFallback.ckn);
-  EXPECT_EQ(port(b)->principalActorCkn(), kFallback.ckn);
+  EXPECT_EQ(port(a)->principalActorCkn(), kFallback.name());
+  EXPECT_EQ(port(b)->principalActorCkn(), kFallback.name());
   EXPECT_EQ(logCount("MKA_FALLBACK_KEY_IN_USE"), 2);
   EXPECT_EQ(logCount("MKA_KEY_IN_USE"), 0);
 
@@ -107,7 +107,7 @@ TEST_F(Port, AFallbackKeyRunsWhenThePrimaryKeysDoNotMatchAndYieldsToOnePrincipal
   b.keyIs(intf(b), kPrimary);
   ASSERT_TRUE(heldWithin(30, [&] { return running(kPrimary); }));
   for (Sim::Agent* agent : {&a, &b}) {
-    EXPECT_EQ(port(*agent)->principalActorCkn(), kPrimary.ckn);
+    EXPECT_EQ(port(*agent)->principalActorCkn(), kPrimary.name());
     EXPECT_EQ(principals(*agent), 1);
   }
   EXPECT_EQ(logCount("MKA_KEY_IN_USE"), 2);
@@ -120,8 +120,8 @@ TEST_F(Port, AFallbackKeyRunsWhenThePrimaryKeysDoNotMatchAndYieldsToOnePrincipal
   EXPECT_EQ(logCount("MKA_CA_CREATED"), created);
   // Asking the port for the actor of a CKN it has gives that actor, whatever else is asked for:
   // the key's stored form differs at every encoding.
-  const Zef::Ptr<MkaActorSm> actorSm = port(a)->mkaActorSm(kPrimary.ckn);
-  EXPECT_EQ(port(a)->mkaActorSmIs(kPrimary.ckn, StoredKey::ofHex(kOther.cak.view()), intf(a), a.status(),
+  const Zef::Ptr<MkaActorSm> actorSm = port(a)->mkaActorSm(kPrimary.name());
+  EXPECT_EQ(port(a)->mkaActorSmIs(kPrimary.name(), StoredKey::ofHex(kOther.cak.view()), intf(a), a.status(),
                                   a.pamManager(), a.hwStatus(), a.wheel()),
             actorSm);
   sim.runFor(10);

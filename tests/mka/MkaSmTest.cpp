@@ -37,14 +37,14 @@ class Device : public Scenario {
     Engine& engine = agent.engine();
     engine.linkedInterfaceIs(intf(agent), mac(macByte));
     const Zef::Ptr<Profile> profile = engine.config()->profileIs(Zef::Name("link"));
-    profile->keyIs(Cak{kKey.ckn, StoredKey::ofHex(kKey.cak.view())});
+    profile->keyIs(kKey.stored());
     engine.config()->intfConfigIs(intf(agent))->profileNameIs("link");
   }
   Zef::Ptr<MkaPortStatus> portStatus(Sim::Agent& agent) { return agent.status()->portStatus(intf(agent)); }
   // The key server's key (a has the lower address) runs on both ports.
   bool secured() {
     const Zef::Ptr<MkaPortStatus> port = portStatus(a);
-    const Zef::Ptr<MkaActorStatus> server = port ? port->actorStatus(kKey.ckn) : nullptr;
+    const Zef::Ptr<MkaActorStatus> server = port ? port->actorStatus(kKey.name()) : nullptr;
     return server && securedOn({&a, &b}, server->distSak());
   }
 

@@ -102,7 +102,7 @@ class PeerRules : public Scenario {
   }
 
   // An MKPDU of a peer with its own identifier, listing the actor (or not) with a number.
-  Sim::Message from(const char* peerId, uint8_t macByte, int listsMeWith = -1) {
+  Sim::Message from(const MemberId& peerId, uint8_t macByte, int listsMeWith = -1) {
     Sim::Message m;
     m.intfId = eth1;
     // The peers win the election, so that the actor makes no key and sends only when told to.
@@ -111,7 +111,7 @@ class PeerRules : public Scenario {
     m.baseInfo.sci = Sci{mac(macByte), 1};
     m.baseInfo.msgId = peerId;
     m.baseInfo.msgNum = 1;
-    m.baseInfo.ckn = kCkn;
+    m.baseInfo.ckn = Ckn::fromHex(kCkn);
     if (listsMeWith >= 0) m.livePeers.emplace_back(status->msgId(), static_cast<uint32_t>(listsMeWith));
     return m;
   }
@@ -123,8 +123,8 @@ class PeerRules : public Scenario {
 
 TEST_F(PeerRules, OnlyOneOfTheLastThreeMessageNumbersPromotesAPeer) {
   status->msgNumIs(10);
-  const char* ids[] = {"00000000000000000000000007", "00000000000000000000000008", "00000000000000000000000009",
-                       "00000000000000000000000010", "00000000000000000000000011"};
+  const MemberId ids[] = {"000000000000000000000007"_mi, "000000000000000000000008"_mi, "000000000000000000000009"_mi,
+                          "000000000000000000000010"_mi, "000000000000000000000011"_mi};
   for (int n = 7; n <= 11; ++n) agent.deliver(from(ids[n - 7], static_cast<uint8_t>(0x10 + n), n));
   for (int n = 7; n <= 11; ++n) {
     const bool promoted = n >= 8 && n <= 10;
@@ -133,33 +133,33 @@ TEST_F(PeerRules, OnlyOneOfTheLastThreeMessageNumbersPromotesAPeer) {
   }
   // While the actor's own number is small, the window reaches down to zero.
   status->msgNumIs(0);
-  agent.deliver(from("0000000000000000000000000a", 0x30, 0));
-  agent.deliver(from("0000000000000000000000000b", 0x31, 1));
-  EXPECT_TRUE(status->livePeerHas("0000000000000000000000000a"));
-  EXPECT_FALSE(status->livePeerHas("0000000000000000000000000b"));
+  agent.deliver(from("00000000000000000000000a"_mi, 0x30, 0));
+  agent.deliver(from("00000000000000000000000b"_mi, 0x31, 1));
+  EXPECT_TRUE(status->livePeerHas("00000000000000000000000a"_mi));
+  EXPECT_FALSE(status->livePeerHas("00000000000000000000000b"_mi));
 }
 
 TEST_F(PeerRules, CollisionsHearsayAndOwnMessagesChangeWhatTheyShould) {
   // The actor's own SCI: the message is dropped whole.
-  Sim::Message own = from("0000000000000000000000000c", 0x01);
-  own.livePeers.emplace_back("0000000000000000000000000d", 4);
+  Sim::Message own = from("00000000000000000000000c"_mi, 0x01);
+  own.livePeers.emplace_back("00000000000000000000000d"_mi, 4);
   agent.deliver(own);
   EXPECT_EQ(status->potentialPeerSize(), 0u);
 
   // A sender with the actor's own identifier: the actor takes a new one, the sender is potential.
   status->msgNumIs(5);
-  const Zef::String before = status->msgId();
-  agent.deliver(from(before.charPtr(), 0x02));
+  const MemberId before = status->msgId();
+  agent.deliver(from(before, 0x02));
   EXPECT_NE(status->msgId(), before);
   EXPECT_EQ(status->msgNum(), 0u);
   EXPECT_TRUE(status->potentialPeerHas(before));
 
   // Hearsay: a peer in the sender's live list is potential, without an SCI.
-  Sim::Message hearsay = from("0000000000000000000000000e", 0x03);
-  hearsay.livePeers.emplace_back("0000000000000000000000000f", 77);
+  Sim::Message hearsay = from("00000000000000000000000e"_mi, 0x03);
+  hearsay.livePeers.emplace_back("00000000000000000000000f"_mi, 77);
   hearsay.livePeers.emplace_back(status->msgId(), 99);  // ourselves, out of the window: skipped
   agent.deliver(hearsay);
-  Zef::Ptr<MkaPeer> heard = status->potentialPeer("0000000000000000000000000f");
+  Zef::Ptr<MkaPeer> heard = status->potentialPeer("00000000000000000000000f"_mi);
   ASSERT_TRUE(heard);
   EXPECT_TRUE(heard->baseInfo().sci.isZero());
   EXPECT_EQ(heard->baseInfo().msgNum, 77u);
@@ -170,7 +170,7 @@ TEST_F(PeerRules, TheLastMessageNumberIsFollowedByANewIdentity) {
   sim.runFor(0.0);
   sent.clear();
   status->msgNumIs(0xFFFFFFFF);
-  const Zef::String before = status->msgId();
+  const MemberId before = status->msgId();
   sim.runFor(3);
   ASSERT_FALSE(sent.empty());
   EXPECT_NE(sent[0].baseInfo.msgId, before);

@@ -26,8 +26,8 @@ std::string hexOf(const std::string& bytes) {
 ActorKeys keys128() { return ActorKeys{StoredKey::ofHex(kIck), StoredKey::ofHex(kKek), cipherSuiteGcmAes128}; }
 
 KeyLookup lookupOf(const ActorKeys& keys) {
-  return [keys](const Zef::String& ckn) -> std::optional<ActorKeys> {
-    if (ckn == kCkn) return keys;
+  return [keys](const Ckn& ckn) -> std::optional<ActorKeys> {
+    if (ckn == Ckn::fromHex(kCkn)) return keys;
     return std::nullopt;
   };
 }
@@ -35,11 +35,17 @@ KeyLookup lookupOf(const ActorKeys& keys) {
 // A message of a key server with one live peer, a SAK in use and a SAK in distribution.
 DecodedMkpdu typicalMessage(CipherSuite cipher = cipherSuiteGcmAes128) {
   DecodedMkpdu m;
-  m.baseInfo = BasicInfo{
-      16, true, true, 2, Sci{Lanx::EthAddr::fromText("02:00:00:00:00:01"), 1}, "0102030405060708090a0b0c", 7, kCkn};
-  m.livePeers = {{"a1a2a3a4a5a6a7a8a9aaabac", 5}};
-  m.sakUseInfo.latestKey = KeyInfo{1, false, true, "0102030405060708090a0b0c", 2, 0};
-  m.sakUseInfo.oldKey = KeyInfo{0, true, true, "0102030405060708090a0b0c", 1, 100};
+  m.baseInfo = BasicInfo{16,
+                         true,
+                         true,
+                         2,
+                         Sci{Lanx::EthAddr::fromText("02:00:00:00:00:01"), 1},
+                         "0102030405060708090a0b0c"_mi,
+                         7,
+                         Ckn::fromHex(kCkn)};
+  m.livePeers = {{"a1a2a3a4a5a6a7a8a9aaabac"_mi, 5}};
+  m.sakUseInfo.latestKey = KeyInfo{1, false, true, "0102030405060708090a0b0c"_mi, 2, 0};
+  m.sakUseInfo.oldKey = KeyInfo{0, true, true, "0102030405060708090a0b0c"_mi, 1, 100};
   m.sakUseInfo.delayProtect = true;
   const char* sak = cipher == cipherSuiteGcmAes256 ? "00112233445566778899aabbccddeeff00112233445566778899aabbccddeeff"
                                                    : "00112233445566778899aabbccddeeff";
@@ -63,8 +69,9 @@ void expectSameMessage(const DecodedMkpdu& a, const DecodedMkpdu& b) {
 TEST(MkpduCoding, AFrameForFixedInputsHasTheBytesOfTheStandard) {
   DecodedMkpdu m;
   m.baseInfo = BasicInfo{
-      16, true, true, 2, Sci{Lanx::EthAddr::fromText("02:00:00:00:00:01"), 1}, "0102030405060708090a0b0c", 7, "112233"};
-  m.potentialPeers = {{"a1a2a3a4a5a6a7a8a9aaabac", 5}};
+      16, true,        true, 2, Sci{Lanx::EthAddr::fromText("02:00:00:00:00:01"), 1}, "0102030405060708090a0b0c"_mi,
+      7,  "112233"_ckn};
+  m.potentialPeers = {{"a1a2a3a4a5a6a7a8a9aaabac"_mi, 5}};
   std::string frame;
   ASSERT_TRUE(encodeMkpdu(m, Lanx::EthAddr::fromText("02:00:00:00:00:01"), keys128(), frame));
   const std::string expected =
@@ -105,9 +112,9 @@ TEST(MkpduCoding, DecodingAnEncodedMessageGivesItBack) {
                               : StoredKey::ofHex(kKek);
     const ActorKeys keys{StoredKey::ofHex(kIck), kek, cipher};
     DecodedMkpdu m = typicalMessage(cipher);
-    m.potentialPeers = {{"b1b2b3b4b5b6b7b8b9babbbc", 9}, {"c1c2c3c4c5c6c7c8c9cacbcc", 0}};
+    m.potentialPeers = {{"b1b2b3b4b5b6b7b8b9babbbc"_mi, 9}, {"c1c2c3c4c5c6c7c8c9cacbcc"_mi, 0}};
     m.cakDistInfo = CakDistInfo{
-        "0102", StoredKey::ofHex(cipher == cipherSuiteGcmAes256 ? std::string(64, 'a') : std::string(32, 'b'))};
+        "0102"_ckn, StoredKey::ofHex(cipher == cipherSuiteGcmAes256 ? std::string(64, 'a') : std::string(32, 'b'))};
     std::string frame;
     ASSERT_TRUE(encodeMkpdu(m, m.baseInfo.sci.addr, keys, frame));
     // The distributed SAK set: 28 octets for the default suite, 52 with the 256-bit suite named.
@@ -115,7 +122,7 @@ TEST(MkpduCoding, DecodingAnEncodedMessageGivesItBack) {
     ASSERT_EQ(decodeMkpdu(reinterpret_cast<const uint8_t*>(frame.data()), frame.size(), lookupOf(keys), back),
               DecodeResult::accepted);
     expectSameMessage(back, m);
-    EXPECT_EQ(back.cakDistInfo.ckn, "0102");
+    EXPECT_EQ(back.cakDistInfo.ckn, "0102"_ckn);
     EXPECT_EQ(CloakLib::doDecodeKey(back.cakDistInfo.cak.storedText()),
               CloakLib::doDecodeKey(m.cakDistInfo.cak.storedText()));
   }
@@ -155,7 +162,7 @@ class Codec : public ::testing::Test {
     status->intfStatusIs(eth1, MacsecParams());
     Zef::Ptr<MkaPortStatus> port = status->portStatusIs(eth1);
     port->mySciIs(Sci{Lanx::EthAddr::fromText("02:00:00:00:00:02"), 1});
-    Zef::Ptr<MkaActorStatus> actor = port->actorStatusIs(kCkn);
+    Zef::Ptr<MkaActorStatus> actor = port->actorStatusIs(Ckn::fromHex(kCkn));
     actor->ickIs(StoredKey::ofHex(kIck));
     actor->kekIs(StoredKey::ofHex(kKek));
     pamManager->mkaIntfIs(eth1);
@@ -188,7 +195,7 @@ TEST_F(Codec, MalformedFramesAreRefusedAndCountedAndChangeNothing) {
     setBodyLength(f, f.size() - 18);
   };
   DecodedMkpdu namelessCak = basicOnly();
-  namelessCak.cakDistInfo = CakDistInfo{"", StoredKey::ofHex("135bd758b0ee5c11c55ff6ab19fdb199")};
+  namelessCak.cakDistInfo = CakDistInfo{Ckn(), StoredKey::ofHex("135bd758b0ee5c11c55ff6ab19fdb199")};
   const Row rows[] = {
       {"empty", std::string(), DecodeResult::tooShort},
       {"short", good.substr(0, 49), DecodeResult::tooShort},
@@ -244,7 +251,7 @@ TEST_F(Codec, MalformedFramesAreRefusedAndCountedAndChangeNothing) {
   EXPECT_EQ(feed(good), DecodeResult::accepted);
   EXPECT_EQ(rx->count(), 1u);
   EXPECT_EQ(rx->mkaInfo()->baseInfo().msgNum, 7u);
-  EXPECT_EQ(rx->livePeer("a1a2a3a4a5a6a7a8a9aaabac"), 5u);
+  EXPECT_EQ(rx->livePeer("a1a2a3a4a5a6a7a8a9aaabac"_mi), 5u);
   EXPECT_EQ(feed(good), DecodeResult::replayed);
   EXPECT_EQ(rx->count(), 1u);
   EXPECT_EQ(counter->success(), 1u);
@@ -322,20 +329,19 @@ TEST_F(Codec, UnusualButSoundFramesAreAccepted) {
 // other begins.
 TEST(ReplayGuard, TellsMembersByBothNames) {
   ReplayGuard guard;
-  const std::string longCkn(100, 'a');
-  EXPECT_TRUE(guard.accept(longCkn, "b1b2b3b4b5b6b7b8b9babbbc", 5));
-  EXPECT_FALSE(guard.accept(longCkn, "b1b2b3b4b5b6b7b8b9babbbc", 5));
-  EXPECT_TRUE(guard.accept(longCkn + "a", "b1b2b3b4b5b6b7b8b9babbbc", 5));
-  EXPECT_TRUE(guard.accept("ab", "c", 1));
-  EXPECT_TRUE(guard.accept("a", "bc", 1));
-  EXPECT_FALSE(guard.accept("ab", "c", 1));
-  EXPECT_EQ(guard.size(), 4u);
+  const MemberId member = "b1b2b3b4b5b6b7b8b9babbbc"_mi;
+  EXPECT_TRUE(guard.accept("aaaa"_ckn, member, 5));
+  EXPECT_FALSE(guard.accept("aaaa"_ckn, member, 5));
+  // A longer name that begins with the same octets is another name.
+  EXPECT_TRUE(guard.accept("aaaaaa"_ckn, member, 5));
+  EXPECT_TRUE(guard.accept("aaaa"_ckn, "c1c2c3c4c5c6c7c8c9cacbcc"_mi, 5));
+  EXPECT_EQ(guard.size(), 3u);
 }
 
 // The replay guard's memory is bounded, but a crowd of other members never makes it forget a
 // member that the actor holds as a peer: that member's old numbers stay refused.
 TEST_F(Codec, AMemberHeldAsAPeerIsNeverForgottenByTheReplayGuard) {
-  auto frameOf = [](const std::string& member, uint32_t number) {
+  auto frameOf = [](const MemberId& member, uint32_t number) {
     DecodedMkpdu m = basicOnly();
     m.baseInfo.msgId = member;
     m.baseInfo.msgNum = number;
@@ -343,16 +349,16 @@ TEST_F(Codec, AMemberHeldAsAPeerIsNeverForgottenByTheReplayGuard) {
     EXPECT_TRUE(encodeMkpdu(m, m.baseInfo.sci.addr, keys128(), frame));
     return frame;
   };
-  const std::string peer = "a1a2a3a4a5a6a7a8a9aaabac";
-  const std::string stranger = "b1b2b3b4b5b6b7b8b9babbbc";
-  status->portStatus(eth1)->actorStatus(kCkn)->livePeerIs(peer);
+  const MemberId peer = "a1a2a3a4a5a6a7a8a9aaabac"_mi;
+  const MemberId stranger = "b1b2b3b4b5b6b7b8b9babbbc"_mi;
+  status->portStatus(eth1)->actorStatus(Ckn::fromHex(kCkn))->livePeerIs(peer);
   ASSERT_EQ(feed(frameOf(peer, 10)), DecodeResult::accepted);
   ASSERT_EQ(feed(frameOf(stranger, 10)), DecodeResult::accepted);
   // A thousand members heard once each, after both.
   for (uint32_t i = 0; i < 1000; ++i) {
     char member[25];
     std::snprintf(member, sizeof member, "c0c0c0c0c0c0c0c0%08x", i);
-    ASSERT_EQ(feed(frameOf(member, 1)), DecodeResult::accepted);
+    ASSERT_EQ(feed(frameOf(MemberId::fromHex(member), 1)), DecodeResult::accepted);
   }
   EXPECT_EQ(feed(frameOf(peer, 9)), DecodeResult::replayed);
   // The stranger was forgotten to keep the memory bounded: its old number passes the guard, and
@@ -371,7 +377,7 @@ TEST_F(Codec, TransmitBuildsTheFrameOfTheActorAndSendsItOnTheInterface) {
   info->baseInfoIs(m.baseInfo);
   info->sakUseInfoIs(m.sakUseInfo);
   info->sakDistInfoIs(m.sakDistInfo);
-  tx->livePeerIs("a1a2a3a4a5a6a7a8a9aaabac", 5);
+  tx->livePeerIs("a1a2a3a4a5a6a7a8a9aaabac"_mi, 5);
   tx->countInc(1);
   ASSERT_EQ(sent.size(), 1u);
   // From the interface's own address (the message itself round-trips in every scenario on bytes).
@@ -380,7 +386,7 @@ TEST_F(Codec, TransmitBuildsTheFrameOfTheActorAndSendsItOnTheInterface) {
 
   // A message for a CKN that no actor has any more cannot be sent.
   BasicInfo base = m.baseInfo;
-  base.ckn = "ffff";
+  base.ckn = "ffff"_ckn;
   info->baseInfoIs(base);
   tx->countInc(1);
   EXPECT_EQ(sent.size(), 1u);

@@ -204,29 +204,31 @@ TEST(Crypto, ActorsWithTheSameKeysShareTheirPreparedKeys) {
   SharedPreparedKeys shared;
   const char* ick = "2b7e151628aed2a6abf7158809cf4f3c";
   const char* kek = "000102030405060708090a0b0c0d0e0f";
-  std::shared_ptr<PreparedKeys> first = shared.keysFor("aa", StoredKey::ofHex(ick), StoredKey::ofHex(kek));
-  EXPECT_EQ(shared.keysFor("aa", StoredKey::ofHex(ick), StoredKey::ofHex(kek)), first);
-  EXPECT_NE(shared.keysFor("bb", StoredKey::ofHex(ick), StoredKey::ofHex(kek)), first);
-  EXPECT_NE(shared.keysFor("aa", StoredKey::ofHex(ick), StoredKey::ofHex("0f0e0d0c0b0a09080706050403020100")), first);
+  std::shared_ptr<PreparedKeys> first = shared.keysFor("aa"_ckn, StoredKey::ofHex(ick), StoredKey::ofHex(kek));
+  EXPECT_EQ(shared.keysFor("aa"_ckn, StoredKey::ofHex(ick), StoredKey::ofHex(kek)), first);
+  EXPECT_NE(shared.keysFor("bb"_ckn, StoredKey::ofHex(ick), StoredKey::ofHex(kek)), first);
+  EXPECT_NE(shared.keysFor("aa"_ckn, StoredKey::ofHex(ick), StoredKey::ofHex("0f0e0d0c0b0a09080706050403020100")),
+            first);
   // Once its last actor has let it go, a set is made anew.
   const std::weak_ptr<PreparedKeys> gone = first;
   first.reset();
   EXPECT_TRUE(gone.expired());
-  const std::shared_ptr<PreparedKeys> again = shared.keysFor("aa", StoredKey::ofHex(ick), StoredKey::ofHex(kek));
+  const std::shared_ptr<PreparedKeys> again = shared.keysFor("aa"_ckn, StoredKey::ofHex(ick), StoredKey::ofHex(kek));
   ASSERT_NE(again, nullptr);
   uint8_t icv[PreparedKeys::icvSize];
   EXPECT_TRUE(again->icvOf(reinterpret_cast<const uint8_t*>(""), 0, icv));
 }
 
 TEST(Crypto, SaltFollowsTheExtendedPacketNumberLayout) {
-  Zef::String salt;
   // MI 00112233 44556677 8899aabb, KN 0xccddeeff: top 16 bits 0011^eeff, next 16 2233^ccdd.
+  EXPECT_EQ(saltOf("00112233445566778899aabb"_mi, 0xccddeeff).hex(), "eeeeeeee445566778899aabb");
+  EXPECT_EQ(saltOf("00112233445566778899aabb"_mi, 0).hex(), "00112233445566778899aabb");
+  // The same through the text the interfaces that carry identifiers as text use.
+  Zef::String salt;
   generateSalt(text("001122334455667788990aabb"), 0xccddeeff, salt);
   EXPECT_TRUE(salt.empty());  // 25 characters: not a member identifier
   generateSalt(text("00112233445566778899aabb"), 0xccddeeff, salt);
   EXPECT_EQ(salt, "eeeeeeee445566778899aabb");
-  generateSalt(text("00112233445566778899aabb"), 0, salt);
-  EXPECT_EQ(salt, "00112233445566778899aabb");
 }
 
 TEST(Crypto, RandomNumbersAreHexOfTheAskedLengthAndDiffer) {

@@ -26,7 +26,7 @@ TEST(MessageReceivers, EveryRegisteredActorIsFoundThroughAnyOrderOfComingAndGoin
   auto checkAll = [&](const char* when) {
     ASSERT_EQ(receivers.size(), expected.size()) << when;
     for (const auto& [key, tag] : expected) {
-      const MessageReceiver* found = receivers.receiver(Lanx::IntfId(key.first), Zef::String(key.second));
+      const MessageReceiver* found = receivers.receiver(Lanx::IntfId(key.first), Ckn::fromHex(key.second));
       ASSERT_NE(found, nullptr) << when << ": " << key.first << " " << key.second;
       EXPECT_EQ(*found->cipherSuite, static_cast<CipherSuite>(tag)) << when;
     }
@@ -39,7 +39,7 @@ TEST(MessageReceivers, EveryRegisteredActorIsFoundThroughAnyOrderOfComingAndGoin
       const std::string intf = "Ethernet" + std::to_string(random() % 400);
       const std::string ckn = (random() % 2 ? "01" : "fe") + std::string(62, 'a');
       ++tag;
-      receivers.receiverIs(Lanx::IntfId(intf), Zef::String(ckn), receiverTagged(tag));
+      receivers.receiverIs(Lanx::IntfId(intf), Ckn::fromHex(ckn), receiverTagged(tag));
       expected[{intf, ckn}] = tag;
     }
     checkAll("after adding");
@@ -49,8 +49,8 @@ TEST(MessageReceivers, EveryRegisteredActorIsFoundThroughAnyOrderOfComingAndGoin
         ++it;
         continue;
       }
-      receivers.receiverDel(Lanx::IntfId(it->first.first), Zef::String(it->first.second), &owners[it->second % 2]);
-      EXPECT_EQ(receivers.receiver(Lanx::IntfId(it->first.first), Zef::String(it->first.second)), nullptr);
+      receivers.receiverDel(Lanx::IntfId(it->first.first), Ckn::fromHex(it->first.second), &owners[it->second % 2]);
+      EXPECT_EQ(receivers.receiver(Lanx::IntfId(it->first.first), Ckn::fromHex(it->first.second)), nullptr);
       it = expected.erase(it);
     }
     checkAll("after removing");
@@ -58,9 +58,9 @@ TEST(MessageReceivers, EveryRegisteredActorIsFoundThroughAnyOrderOfComingAndGoin
 
   // Only the owner removes a receiver: a replaced actor's late clean-up leaves its successor.
   const auto& [key, kept] = *expected.begin();
-  receivers.receiverDel(Lanx::IntfId(key.first), Zef::String(key.second), &owners[(kept + 1) % 2]);
+  receivers.receiverDel(Lanx::IntfId(key.first), Ckn::fromHex(key.second), &owners[(kept + 1) % 2]);
   checkAll("after a removal by another owner");
-  EXPECT_EQ(receivers.receiver(Lanx::IntfId("Ethernet999"), Zef::String(key.second)), nullptr);
+  EXPECT_EQ(receivers.receiver(Lanx::IntfId("Ethernet999"), Ckn::fromHex(key.second)), nullptr);
 }
 
 }  // namespace

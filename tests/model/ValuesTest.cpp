@@ -49,14 +49,41 @@ TEST(Values, SciOrdersAddressFirstAndReadsBackItsText) {
   EXPECT_THROW(Sci::fromText("02:00:00:zz:00:01::1"), Zef::RangeException);
 }
 
+// Identifiers are octets, read from either case of hexadecimal and written in lower case; they
+// order and hash as their text did, so that collections keyed by them walk as they always have.
+TEST(Values, IdentifiersAreOctetsThatOrderAndHashAsTheirText) {
+  const MemberId mi = MemberId::fromHex("A1A2A3A4A5A6A7A8A9AAABAC");
+  EXPECT_EQ(text(mi), "a1a2a3a4a5a6a7a8a9aaabac");
+  EXPECT_EQ(mi.hash(), Zef::String("a1a2a3a4a5a6a7a8a9aaabac").hash());
+  EXPECT_EQ(MemberId().hash(), Zef::String().hash());
+  for (const char* wrong : {"a1a2a3a4a5a6a7a8a9aaab", "a1a2a3a4a5a6a7a8a9aaabaczz", "a1a2a3a4a5a6a7a8a9aaabzz"}) {
+    EXPECT_TRUE(MemberId::fromHex(wrong).empty()) << wrong;
+  }
+  EXPECT_TRUE("0000000000000000000000ff"_mi < "00000000000000000000ff00"_mi);
+
+  EXPECT_EQ(Ckn::fromHex("96437A93"), "96437a93"_ckn);
+  EXPECT_EQ("96437a93"_ckn.hash(), Zef::String("96437a93").hash());
+  EXPECT_EQ("96437a93"_ckn.size(), 4u);
+  const std::string tooLong(66, 'a');
+  for (std::string_view wrong :
+       {std::string_view(), std::string_view("964"), std::string_view("96437a9z"), std::string_view(tooLong)}) {
+    EXPECT_TRUE(Ckn::fromHex(wrong).empty()) << wrong;
+  }
+  EXPECT_EQ(Ckn::fromHex(std::string(64, 'a')).size(), 32u);
+  // As the text compares: a name before the longer names it begins, octet by octet otherwise.
+  EXPECT_TRUE("9643"_ckn < "964300"_ckn);
+  EXPECT_TRUE("964300"_ckn < "9644"_ckn);
+  EXPECT_NE("9643"_ckn, "964300"_ckn);
+}
+
 TEST(Values, StreamFormsNeverShowKeys) {
   const char* clear[] = {"5a4b0011", "5a4b0022", "5a4b0033", "5a4b0044"};
   const StoredKey stored[] = {StoredKey::ofHex(clear[0]), StoredKey::ofHex(clear[1]), StoredKey::ofHex(clear[2]),
                               StoredKey::ofHex(clear[3])};
-  const Sak sak{2, "mi", 3, stored[0], "5a4b0055"};
-  const Cak cak{"abcd", stored[1]};
+  const Sak sak{2, "000000000000000000000001"_mi, 3, stored[0], Salt::fromHex("5a4b00550000000000000000")};
+  const Cak cak{"abcd"_ckn, stored[1]};
   const std::string all = text(sak) + text(cak) + text(SakDistInfo{1, 0, 3, cipherSuiteGcmAes128, stored[2]}) +
-                          text(CakDistInfo{"abcd", stored[3]}) + text(SakContext{sak, 0, true, true, false, false});
+                          text(CakDistInfo{"abcd"_ckn, stored[3]}) + text(SakContext{sak, 0, true, true, false, false});
   for (int i = 0; i < 4; ++i) {
     EXPECT_EQ(all.find(clear[i]), std::string::npos) << clear[i];
     EXPECT_EQ(all.find(stored[i].storedText().stdString()), std::string::npos) << i;
@@ -130,14 +157,14 @@ TEST(Entities, CollectionsReturnTheExistingMemberWhateverTheArguments) {
   EXPECT_EQ(first->keyServerPriority(), 16);
 
   Zef::Ptr<CpStatus> cp = status->cpStatusIs(Lanx::IntfId("eth1"), params);
-  Sak sak{2, "mi", 1, StoredKey::ofHex("01"), {}};
+  Sak sak{2, "000000000000000000000001"_mi, 1, StoredKey::ofHex("01"), {}};
   cp->rxSakIs(sak);
   EXPECT_EQ(cp->rxSak(AssociationNumber(2)), sak);
   EXPECT_EQ(cp->rxSakSize(), 1u);
 
-  Zef::Ptr<MkaActorStatus> actor = status->portStatusIs(Lanx::IntfId("eth1"))->actorStatusIs("abcd");
+  Zef::Ptr<MkaActorStatus> actor = status->portStatusIs(Lanx::IntfId("eth1"))->actorStatusIs("abcd"_ckn);
   EXPECT_TRUE(actor->macsecDesired());
-  actor->distSakIs(Sak{1, "mi", 1, StoredKey::ofHex("0102"), {}});
+  actor->distSakIs(Sak{1, "000000000000000000000001"_mi, 1, StoredKey::ofHex("0102"), {}});
   Sak copy = actor->distSak();
   actor->zeroDistSakKeyForced();
   for (char c : copy.key.storedText()) EXPECT_EQ(c, '\0');  // every copy of the key is wiped
