@@ -104,7 +104,7 @@ void BM_ReceiveFrameAmongActors(benchmark::State& state) {
     agent.deliverFrame(spread ? intfs[at % intfs.size()] : intf, frames[at]);
     ++at;
   }
-  if (agent.codec()->pamManager()->rxMessageInfo()->count() != next - kBatch + at - 1) {
+  if (agent.codec()->pamManager()->rxMessages() != next - kBatch + at - 1) {
     state.SkipWithError("a frame was refused");
   }
 }

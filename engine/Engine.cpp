@@ -301,8 +301,7 @@ void Engine::attach(const Zef::Ptr<Lanx::Pam>& pam) {
 
 void Engine::messageIs(const Lanx::IntfId& intf, const DecodedMkpdu& message) {
   const Speaking speaking(name());
-  messageInfoIs(*pamManager_->rxMessageInfo(), intf, message);
-  pamManager_->rxMessageDeliver();
+  pamManager_->rxMessageDeliver(intf, message);
 }
 
 bool Engine::serviceOneTimer() {

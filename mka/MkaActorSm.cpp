@@ -28,10 +28,6 @@ StoredKey deriveStored(Derivation derive, const StoredKey& cak, const Ckn& ckn) 
 
 }  // namespace
 
-Zef::Ptr<MkaMessageInfo const> MkaActorSm::rxMessageInfo() const {
-  return pamManager() ? Zef::Ptr<MkaMessageInfo const>(pamManager()->rxMessageInfo()) : nullptr;
-}
-
 Zef::Ptr<MkaMessageInfo> MkaActorSm::txMessageInfo() const {
   return pamManager() ? pamManager()->txMessageInfo() : nullptr;
 }
@@ -72,7 +68,7 @@ void MkaActorSm::handleInitialized() {
   if (pamManager()) {
     pamManager()->receivers().receiverIs(
         intfId(), ckn(),
-        MessageReceiver{this, [this] { handleRxMessage(); },
+        MessageReceiver{this, [this](const DecodedMkpdu& message) { handleRxMessage(message); },
                         pamManager()->preparedKeys().keysFor(ckn(), actorStatus()->ick(), actorStatus()->kek()),
                         intfStatus() ? std::optional(intfStatus()->cipherSuite()) : std::nullopt});
   }
@@ -90,13 +86,13 @@ void MkaActorSm::handlePrincipalActor() {
   }
 }
 
-void MkaActorSm::handleRxMessage() {
+void MkaActorSm::handleRxMessage(const DecodedMkpdu& message) {
   ACTOR_ENTRY();
-  if (!parseBasicInfo()) return;
-  parseLivePeerInfo();
-  parseCakDistInfo();
-  parseSakDistInfo();
-  parseSakUseInfo();
+  if (!parseBasicInfo(message)) return;
+  parseLivePeerInfo(message);
+  parseCakDistInfo(message);
+  parseSakDistInfo(message);
+  parseSakUseInfo(message);
 }
 
 void MkaActorSm::handleCleanUp() {
@@ -134,11 +130,9 @@ void MkaActorSm::updateMsgId() {
   }
 }
 
-bool MkaActorSm::parseBasicInfo() {
+bool MkaActorSm::parseBasicInfo(const DecodedMkpdu& message) {
   ACTOR_ENTRY();
-  const Zef::Ptr<MkaMessageInfo const> message = rxMessageInfo();
-  const Zef::Ptr<MkaInfo const> info = message->mkaInfo();
-  const BasicInfo base = info->baseInfo();
+  const BasicInfo& base = message.baseInfo;
   const MemberId& peerId = base.msgId;
 
   // Our own MKPDU, looped back or from another actor of this port.
@@ -157,18 +151,16 @@ bool MkaActorSm::parseBasicInfo() {
   // signed 64-bit so that it does not wrap while our number is still small.
   const uint32_t myMn = actorStatus()->msgNum();
   const int64_t lowest = static_cast<int64_t>(myMn) - status()->mkpduThreshold();
-  auto listsMe = [&](auto it) {
-    for (; it; ++it) {
-      if (it.key() == actorStatus()->msgId() && it.value() <= myMn && static_cast<int64_t>(it.value()) >= lowest) {
-        return true;
-      }
+  auto listsMe = [&](const std::vector<std::pair<MemberId, uint32_t>>& peers) {
+    for (const auto& [id, number] : peers) {
+      if (id == actorStatus()->msgId() && number <= myMn && static_cast<int64_t>(number) >= lowest) return true;
     }
     return false;
   };
-  bool mutual = listsMe(message->livePeerIter());
+  bool mutual = listsMe(message.livePeers);
   if (mutual) {
     TRACE(3, ": My MN detected in peer's live peer list" << forActor());
-  } else if ((mutual = listsMe(message->potentialPeerIter()))) {
+  } else if ((mutual = listsMe(message.potentialPeers))) {
     TRACE(3, ": My MN detected in peer's potential peer list" << forActor());
   }
 
@@ -184,14 +176,14 @@ bool MkaActorSm::parseBasicInfo() {
       // its keys is on its potential record already, where the key server reads it when it picks
       // the new key's association number.
       if (const Zef::Ptr<MkaPeer> potential = actorStatus()->potentialPeer(peerId)) {
-        potential->sakUseInfoIs(info->sakUseInfo());
+        potential->sakUseInfoIs(message.sakUseInfo);
       }
       promotingPeerIs(true);
       peer = actorStatus()->livePeerIs(peerId);
       Zef::log(MKA_SESSION_ESTABLISHED, base.sci.addr, base.sci.portId, ckn(), intfId());
     }
     peer->baseInfoIs(base);
-    peer->sakUseInfoIs(info->sakUseInfo());
+    peer->sakUseInfoIs(message.sakUseInfo);
     peer->timeStampIs(now);
     if (actorStatus()->potentialPeerHas(peerId)) {
       TRACE(3, ": Removing " << peerId << " from potential peer list of actor " << ckn() << " on " << intfId());
@@ -213,7 +205,7 @@ bool MkaActorSm::parseBasicInfo() {
   // out, but what it says of its keys is news still: a key it transmits on must stay receivable.
   // Anybody else is a potential peer.
   if (const Zef::Ptr<MkaPeer> live = actorStatus()->livePeer(peerId)) {
-    live->sakUseInfoIs(info->sakUseInfo());
+    live->sakUseInfoIs(message.sakUseInfo);
     return true;
   }
   Zef::Ptr<MkaPeer> peer = actorStatus()->potentialPeer(peerId);
@@ -222,18 +214,17 @@ bool MkaActorSm::parseBasicInfo() {
     peer = actorStatus()->potentialPeerIs(peerId);
   }
   peer->baseInfoIs(base);
-  peer->sakUseInfoIs(info->sakUseInfo());
+  peer->sakUseInfoIs(message.sakUseInfo);
   peer->timeStampIs(now);
   return true;
 }
 
-void MkaActorSm::parseLivePeerInfo() {
+void MkaActorSm::parseLivePeerInfo(const DecodedMkpdu& message) {
   ACTOR_ENTRY();
   // The sender's live peers are potential peers to us, known by hearsay: no SCI, no key server
   // flag, only the message number the sender reports for them.
   const double now = Zef::System::currentTime();
-  for (auto it = rxMessageInfo()->livePeerIter(); it; ++it) {
-    const MemberId id = it.key();
+  for (const auto& [id, number] : message.livePeers) {
     if (id == actorStatus()->msgId()) continue;
     Zef::Ptr<MkaPeer> peer = actorStatus()->potentialPeer(id);
     if (!peer) {
@@ -242,7 +233,7 @@ void MkaActorSm::parseLivePeerInfo() {
       peer = actorStatus()->potentialPeerIs(id);
     }
     BasicInfo reduced;
-    reduced.msgNum = it.value();
+    reduced.msgNum = number;
     peer->baseInfoIs(reduced);
     peer->timeStampIs(now);
   }
@@ -261,12 +252,11 @@ void MkaActorSm::countKeyNotFromKeyServer() {
   if (memtabCounters()) memtabCounters()->countIn(intfId(), &Memtab::MessageCounterData::inNotKeyServer);
 }
 
-void MkaActorSm::parseCakDistInfo() {
+void MkaActorSm::parseCakDistInfo(const DecodedMkpdu& message) {
   ACTOR_ENTRY();
-  const Zef::Ptr<MkaInfo const> info = rxMessageInfo()->mkaInfo();
-  const BasicInfo& base = info->baseInfo();
+  const BasicInfo& base = message.baseInfo;
   const MemberId& peerId = base.msgId;
-  if (info->cakDistInfo() == CakDistInfo()) {
+  if (message.cakDistInfo == CakDistInfo()) {
     TRACE(3, ": No Dist CAK set found in MKPDU from peer " << peerId << forActor());
     return;
   }
@@ -276,14 +266,13 @@ void MkaActorSm::parseCakDistInfo() {
     countKeyNotFromKeyServer();
     return;
   }
-  actorStatus()->distCakIs(Cak{info->cakDistInfo().ckn, info->cakDistInfo().cak});
+  actorStatus()->distCakIs(Cak{message.cakDistInfo.ckn, message.cakDistInfo.cak});
 }
 
-void MkaActorSm::parseSakDistInfo() {
+void MkaActorSm::parseSakDistInfo(const DecodedMkpdu& message) {
   ACTOR_ENTRY();
-  const Zef::Ptr<MkaInfo const> info = rxMessageInfo()->mkaInfo();
-  const BasicInfo& base = info->baseInfo();
-  const SakDistInfo dist = info->sakDistInfo();
+  const BasicInfo& base = message.baseInfo;
+  const SakDistInfo dist = message.sakDistInfo;
   const MemberId& peerId = base.msgId;
   if (dist == SakDistInfo()) {
     TRACE(3, ": No Dist SAK set found in MKPDU from peer " << peerId << forActor());
@@ -390,11 +379,10 @@ bool MkaActorSm::aLivePeerLacks(const Sak& sak) const {
   return false;
 }
 
-void MkaActorSm::parseSakUseInfo() {
+void MkaActorSm::parseSakUseInfo(const DecodedMkpdu& message) {
   ACTOR_ENTRY();
-  const Zef::Ptr<MkaInfo const> info = rxMessageInfo()->mkaInfo();
-  const BasicInfo& base = info->baseInfo();
-  const SakUseInfo use = info->sakUseInfo();
+  const BasicInfo& base = message.baseInfo;
+  const SakUseInfo use = message.sakUseInfo;
   const MemberId& peerId = base.msgId;
   // Only a live peer's SAK use set counts.
   if (use == SakUseInfo()) {

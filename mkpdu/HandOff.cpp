@@ -2,19 +2,6 @@
 
 namespace Macsec {
 
-void messageInfoIs(MkaMessageInfo& target, const Lanx::IntfId& intfId, const DecodedMkpdu& message) {
-  target.intfIdIs(intfId);
-  const Zef::Ptr<MkaInfo> info = target.mkaInfoIs();
-  info->baseInfoIs(message.baseInfo);
-  info->sakUseInfoIs(message.sakUseInfo);
-  info->sakDistInfoIs(message.sakDistInfo);
-  info->cakDistInfoIs(message.cakDistInfo);
-  target.livePeerDelAll();
-  target.potentialPeerDelAll();
-  for (const auto& [id, number] : message.livePeers) target.livePeerIs(id, number);
-  for (const auto& [id, number] : message.potentialPeers) target.potentialPeerIs(id, number);
-}
-
 DecodedMkpdu decodedMessageOf(const MkaMessageInfo& source) {
   DecodedMkpdu message;
   if (const Zef::Ptr<MkaInfo const> info = source.mkaInfo()) {

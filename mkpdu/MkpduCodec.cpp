@@ -93,11 +93,10 @@ CodecInterface& MkpduCodec::interfaceOf(const Lanx::IntfId& intfId) {
   return intf;
 }
 
-std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const Ckn& ckn) const {
+std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const Ckn& ckn,
+                                               const MessageReceiver* receiver) const {
   // A running actor holds its keys ready.
-  if (const MessageReceiver* receiver = pamManager()->receivers().receiver(intfId, ckn)) {
-    if (receiver->cipherSuite) return ActorKeys{receiver->keys, *receiver->cipherSuite};
-  }
+  if (receiver != nullptr && receiver->cipherSuite) return ActorKeys{receiver->keys, *receiver->cipherSuite};
   // A status without its actor (a device on its way down or up) has its stored keys opened for
   // this frame.
   const Zef::Ptr<IntfStatus const> intf = Zef::Ptr<Status const>(status())->intfStatus(intfId);
@@ -111,8 +110,13 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, const uint8_t* fram
   CodecInterface& intf = interfaceOf(intfId);
   const Zef::Ptr<MkaPamCounter> counter = intf.rxCounter;
   DecodedMkpdu message;
-  DecodeResult result = decodeMkpdu(
-      frame, length, [&](const Ckn& ckn) { return actorKeys(intfId, ckn); }, message);
+  // The actor of the frame's CKN is found once: its keys check the frame, and it takes the message.
+  const MessageReceiver* receiver = nullptr;
+  auto keysOf = [&](const Ckn& ckn) {
+    receiver = pamManager()->receivers().receiver(intfId, ckn);
+    return actorKeys(intfId, ckn, receiver);
+  };
+  DecodeResult result = decodeMkpdu(frame, length, keysOf, message);
   // Each member's numbers must grow: an MKPDU heard again is dropped. The guard never forgets a
   // member that an actor holds as a peer.
   auto heldAsPeer = [&](const Ckn& ckn, const MemberId& member) {
@@ -133,10 +137,8 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, const uint8_t* fram
   if (counter) counter->successInc(1);
   count(intfId, &Memtab::MessageCounterData::inMkpdus);
 
-  // Into the one received-message object, and to the actor of its CKN, which has handled it when
-  // this call returns.
-  messageInfoIs(*pamManager()->rxMessageInfo(), intfId, message);
-  pamManager()->rxMessageDeliver();
+  // To the actor of its CKN, which has handled it when this call returns.
+  pamManager()->rxMessageDeliver(message, receiver);
   return DecodeResult::accepted;
 }
 
@@ -149,7 +151,9 @@ void MkpduCodec::handleTransmit() {
   const Zef::Ptr<Lanx::Pam> pam = intf.pam;
   const Zef::Ptr<MkaInfo const> info = tx->mkaInfo();
   const Zef::Ptr<MkaPortStatus const> port = Zef::Ptr<Status const>(status())->portStatus(intfId);
-  const std::optional<ActorKeys> keys = info ? actorKeys(intfId, info->baseInfo().ckn) : std::nullopt;
+  const Ckn& ckn = info ? info->baseInfo().ckn : Ckn();
+  const std::optional<ActorKeys> keys =
+      info ? actorKeys(intfId, ckn, pamManager()->receivers().receiver(intfId, ckn)) : std::nullopt;
   const DecodedMkpdu message = decodedMessageOf(*tx);
   std::string frame;
   if (!pam || !port || !keys || !encodeMkpdu(message, port->mySci().addr, *keys, frame)) {

@@ -12,22 +12,12 @@
 #include <utility>
 #include <vector>
 
+#include "model/DecodedMkpdu.h"
 #include "model/PreparedKeys.h"
 #include "model/Values.h"
 #include "platform/EthAddr.h"
 
 namespace Macsec {
-
-// One MKPDU in the engine's decoded form.
-struct DecodedMkpdu {
-  BasicInfo baseInfo;
-  SakUseInfo sakUseInfo;
-  SakDistInfo sakDistInfo;
-  CakDistInfo cakDistInfo;
-  std::vector<std::pair<MemberId, uint32_t>> livePeers;
-  std::vector<std::pair<MemberId, uint32_t>> potentialPeers;
-  bool operator==(const DecodedMkpdu&) const = default;
-};
 
 // The keys of the actor that sends or receives an MKPDU, made ready for its frames, and the cipher
 // suite of its interface.

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "model/DecodedMkpdu.h"
 #include "model/PreparedKeys.h"
 #include "model/Values.h"
 #include "platform/IntfId.h"
@@ -22,8 +23,8 @@ namespace Macsec {
 struct MessageReceiver {
   // Who registered it: only its owner removes it.
   const void* owner = nullptr;
-  // Handles the message in the received-message object, fully, before it returns.
-  std::function<void()> receive;
+  // Handles a message received on the interface for the CKN, fully, before it returns.
+  std::function<void(const DecodedMkpdu& message)> receive;
   std::shared_ptr<PreparedKeys> keys;
   // The cipher suite of the actor's interface, which sizes the keys the actor is sent; none when
   // the interface has no status.

@@ -397,7 +397,9 @@ void FaultRunner::forge(const uint8_t* how) {
   // up, which the protocol means to happen and no rest would outlast.)
   if (kind != 1 && kind != 6) m.baseInfo.msgNum += 1;
   // Signed with the keys the member's own codec holds ready.
-  const std::optional<Macsec::ActorKeys> keys = from->agent->codec()->actorKeys(from->intf, m.baseInfo.ckn);
+  const Macsec::MkpduCodec& codec = *from->agent->codec();
+  const std::optional<Macsec::ActorKeys> keys =
+      codec.actorKeys(from->intf, m.baseInfo.ckn, codec.pamManager()->receivers().receiver(from->intf, m.baseInfo.ckn));
   std::string frame;
   if (!keys || !Macsec::encodeMkpdu(m, m.baseInfo.sci.addr, *keys, frame)) return;
   note("forged frame from " + text(*from));

@@ -155,7 +155,8 @@ void setBodyLength(std::string& f, size_t length) {
   f[17] = static_cast<char>(length);
 }
 
-// The codec of an agent with one interface and an actor of the test CKN.
+// The codec of an agent with one interface and an actor of the test CKN, whose status holds the
+// keys and which records the messages it is handed.
 class Codec : public ::testing::Test {
  protected:
   Codec() {
@@ -166,6 +167,9 @@ class Codec : public ::testing::Test {
     actor->ickIs(StoredKey::ofHex(kIck));
     actor->kekIs(StoredKey::ofHex(kKek));
     pamManager->mkaIntfIs(eth1);
+    pamManager->receivers().receiverIs(
+        eth1, Ckn::fromHex(kCkn),
+        MessageReceiver{this, [this](const DecodedMkpdu& m) { received.push_back(m); }, nullptr, std::nullopt});
   }
   DecodeResult feed(const std::string& frame) {
     return codec->receive(eth1, reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
@@ -177,6 +181,7 @@ class Codec : public ::testing::Test {
   Zef::Ptr<MkaPamManager> pamManager = MkaPamManager::MkaPamManagerIs(pams);
   Zef::Ptr<Memtab::MessageCounters> table = Memtab::MessageCounters::MessageCountersIs();
   Zef::Ptr<MkpduCodec> codec = MkpduCodec::MkpduCodecIs(status, pamManager, pams, table);
+  std::vector<DecodedMkpdu> received;
 };
 
 TEST_F(Codec, MalformedFramesAreRefusedAndCountedAndChangeNothing) {
@@ -234,26 +239,26 @@ TEST_F(Codec, MalformedFramesAreRefusedAndCountedAndChangeNothing) {
       {"a distributed CAK without its name", edited([](std::string&) {}, true, namelessCak),
        DecodeResult::badParameterSet},
   };
-  Zef::Ptr<MkaMessageInfo> rx = pamManager->rxMessageInfo();
   Zef::Ptr<MkaPamCounter> counter = pamManager->rxPamCounter(eth1);
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     const uint32_t failures = counter->failure();
-    const uint32_t count = rx->count();
+    const size_t count = received.size();
     const DecodeResult result = feed(row.frame);
     EXPECT_EQ(result, row.result) << decodeResultText(result);
     EXPECT_EQ(counter->failure(), failures + 1);
-    EXPECT_EQ(rx->count(), count);
+    EXPECT_EQ(received.size(), count);
   }
   EXPECT_EQ(counter->success(), 0u);
 
   // The good frame passes once; heard again, it is a replay.
   EXPECT_EQ(feed(good), DecodeResult::accepted);
-  EXPECT_EQ(rx->count(), 1u);
-  EXPECT_EQ(rx->mkaInfo()->baseInfo().msgNum, 7u);
-  EXPECT_EQ(rx->livePeer("a1a2a3a4a5a6a7a8a9aaabac"_mi), 5u);
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received.back().baseInfo.msgNum, 7u);
+  EXPECT_EQ(received.back().livePeers,
+            (std::vector<std::pair<MemberId, uint32_t>>{{"a1a2a3a4a5a6a7a8a9aaabac"_mi, 5}}));
   EXPECT_EQ(feed(good), DecodeResult::replayed);
-  EXPECT_EQ(rx->count(), 1u);
+  EXPECT_EQ(received.size(), 1u);
   EXPECT_EQ(counter->success(), 1u);
 
   // The table counts each kind of refusal on its own.
@@ -301,7 +306,6 @@ TEST_F(Codec, UnusualButSoundFramesAreAccepted) {
       {"a trailer after the body", [](std::string& f) { f += "trailer"; }, Edit::afterTheIcv},
       {"an empty SAK use set", emptySakUse, Edit::sealed, basicOnly()},
   };
-  Zef::Ptr<MkaMessageInfo> rx = pamManager->rxMessageInfo();
   uint8_t number = 20;
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
@@ -315,9 +319,10 @@ TEST_F(Codec, UnusualButSoundFramesAreAccepted) {
     if (row.when == Edit::afterTheIcv) row.edit(frame);
     const DecodeResult result = feed(frame);
     EXPECT_EQ(result, DecodeResult::accepted) << decodeResultText(result);
-    EXPECT_EQ(rx->mkaInfo()->baseInfo().msgNum, number);
+    ASSERT_FALSE(received.empty());
+    EXPECT_EQ(received.back().baseInfo.msgNum, number);
   }
-  const SakUseInfo use = rx->mkaInfo()->sakUseInfo();
+  const SakUseInfo use = received.back().sakUseInfo;
   EXPECT_TRUE(use.plainTx);
   EXPECT_TRUE(use.plainRx);
   EXPECT_TRUE(use.delayProtect);
