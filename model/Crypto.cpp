@@ -25,24 +25,6 @@ const char* cbcCipherName(size_t keyLength) {
   return keyLength == 16 ? "AES-128-CBC" : keyLength == 32 ? "AES-256-CBC" : nullptr;
 }
 
-// The text of a NUL-terminated argument, or the first `chars` characters of it.
-std::string_view textOf(const uint8_t* p, size_t chars = std::string_view::npos) {
-  if (p == nullptr) return {};
-  std::string_view text(reinterpret_cast<const char*>(p));
-  return chars == std::string_view::npos ? text : text.substr(0, chars);
-}
-
-void hexOut(const KeyBytes& bytes, Zef::String& out) { out = bytesToHex(bytes.data(), bytes.size()); }
-
-// A key given as bits/4 characters of hexadecimal text; empty unless exactly that many are there.
-KeyBytes keyOf(const uint8_t* text, int bits) {
-  KeyBytes key;
-  if (bits != 128 && bits != 256) return key;
-  const std::string_view hex = textOf(text, static_cast<size_t>(bits / 4));
-  if (hex.size() != static_cast<size_t>(bits / 4) || !hexToBytes(hex, key)) return KeyBytes();
-  return key;
-}
-
 KeyBytes deriveFromCak(const KeyBytes& cak, const KeyBytes& ckn, int bits, std::string_view label) {
   if ((bits != 128 && bits != 256) || cak.size() < static_cast<size_t>(bits / 8)) return KeyBytes();
   // The context is the first 16 octets of the CKN; a shorter CKN is padded with zeros.
@@ -144,8 +126,6 @@ KeyBytes deriveSak(const KeyBytes& cak, const KeyBytes& context, int bits) {
   return kdf(cak, "IEEE8021 SAK", context, bits);
 }
 
-void randomNumberGenerator(int bits, Zef::String& out) { hexOut(randomBytes(static_cast<size_t>(bits + 7) / 8), out); }
-
 KeyBytes seededBytes(uint64_t seed, uint64_t draw, size_t count) {
   KeyBytes key(16);
   uint8_t block[12] = {};
@@ -177,36 +157,6 @@ KeyBytes deriveCkn(const KeyBytes& msk, int bits, const KeyBytes& context, int c
   return kdf(msk.prefix(static_cast<size_t>(bits / 8)), "IEEE8021 EAP CKN", context, cknBits);
 }
 
-void deriveCak(const uint8_t* key, const uint8_t* macs, int bits, Zef::String& out) {
-  KeyBytes context;
-  out = Zef::String();
-  if (hexToBytes(textOf(macs), context)) hexOut(deriveCak(keyOf(key, bits), context, bits), out);
-}
-
-void deriveCkn(const uint8_t* key, int bits, const uint8_t* data, int cknBits, Zef::String& out) {
-  KeyBytes context;
-  out = Zef::String();
-  if (hexToBytes(textOf(data), context)) hexOut(deriveCkn(keyOf(key, bits), bits, context, cknBits), out);
-}
-
-void deriveIck(const uint8_t* cak, const uint8_t* ckn, int bits, Zef::String& out) {
-  KeyBytes name;
-  out = Zef::String();
-  if (hexToBytes(textOf(ckn), name)) hexOut(deriveIck(keyOf(cak, bits), name, bits), out);
-}
-
-void deriveKek(const uint8_t* cak, const uint8_t* ckn, int bits, Zef::String& out) {
-  KeyBytes name;
-  out = Zef::String();
-  if (hexToBytes(textOf(ckn), name)) hexOut(deriveKek(keyOf(cak, bits), name, bits), out);
-}
-
-void deriveSak(const uint8_t* cak, const uint8_t* context, int bits, Zef::String& out) {
-  KeyBytes contextBytes;
-  out = Zef::String();
-  if (hexToBytes(textOf(context), contextBytes)) hexOut(deriveSak(keyOf(cak, bits), contextBytes, bits), out);
-}
-
 Salt saltOf(const MemberId& mi, uint32_t keyNum) {
   // Most significant 16 bits: MI's top 16 XOR KN's low 16; next 16: MI's next 16 XOR KN's top 16;
   // the low 64 bits are MI's.
@@ -216,15 +166,6 @@ Salt saltOf(const MemberId& mi, uint32_t keyNum) {
   salt.data()[2] ^= static_cast<uint8_t>(keyNum >> 24);
   salt.data()[3] ^= static_cast<uint8_t>(keyNum >> 16);
   return salt;
-}
-
-void generateSalt(const uint8_t* mi, unsigned int keyNum, Zef::String& out) {
-  const MemberId id = MemberId::fromHex(textOf(mi));
-  out = id.empty() ? Zef::String() : saltOf(id, keyNum).hex();
-}
-
-void convertByteArrayToHexString(const uint8_t* bytes, int length, Zef::String& out) {
-  out = bytesToHex(bytes, length > 0 ? static_cast<size_t>(length) : 0);
 }
 
 }  // namespace Macsec

@@ -4,11 +4,8 @@
 // hierarchy of IEEE 802.1X-2010 (clause 6.2), so a CAK/CKN pair gives the same ICK and KEK here as
 // on any other MKA peer.
 //
-// The engine works on octets (KeyBytes, reached through StoredKey::withClear). The functions on
-// text below them serve interfaces that carry keys as hexadecimal text: arguments given as
-// `const uint8_t*` are NUL-terminated hexadecimal text, except where a length in bits says how
-// many characters are read; results are lower-case hexadecimal text in clear, which the caller
-// stores and wipes. A derivation whose input is not valid gives an empty result.
+// They work on octets: keys are KeyBytes, reached through StoredKey::withClear, and identifiers
+// the values of model/Identifiers.h. A derivation whose input is not valid gives an empty result.
 
 #include <cstdint>
 #include <string>
@@ -40,32 +37,11 @@ KeyBytes deriveCkn(const KeyBytes& msk, int bits, const KeyBytes& context, int c
 // member `mi` numbered `keyNum`.
 Salt saltOf(const MemberId& mi, uint32_t keyNum);
 
-// `bits` of cryptographic randomness from OpenSSL's DRBG, as hexadecimal text.
-void randomNumberGenerator(int bits, Zef::String& out);
 // Octets that look random but follow from a seed and a draw number (AES-CMAC of the draw number
 // and a block counter under a key made of the seed): member identifiers and nonces for a
 // simulation that must replay exactly. Never for a real member, whose identifiers and keys must
 // not be foreseeable.
 KeyBytes seededBytes(uint64_t seed, uint64_t draw, size_t count);
-
-// The CAK of an EAP-derived key: key is the first bits/4 characters of the EAP key text, macs the
-// two MAC addresses as 24 hexadecimal characters, the lower address first.
-void deriveCak(const uint8_t* key, const uint8_t* macs, int bits, Zef::String& out);
-// The CKN of an EAP-derived key: data is the EAP session identifier text followed by the MAC text;
-// cknBits is the length of the CKN.
-void deriveCkn(const uint8_t* key, int bits, const uint8_t* data, int cknBits, Zef::String& out);
-// The integrity check key and the key encrypting key of an actor, from its clear CAK text (bits/4
-// characters) and its CKN text.
-void deriveIck(const uint8_t* cak, const uint8_t* ckn, int bits, Zef::String& out);
-void deriveKek(const uint8_t* cak, const uint8_t* ckn, int bits, Zef::String& out);
-// A new SAK from the clear CAK text and the context text: the key server's nonce, the member
-// identifiers, and the key number as 8 hexadecimal characters, all joined.
-void deriveSak(const uint8_t* cak, const uint8_t* context, int bits, Zef::String& out);
-// The 96-bit salt of the extended packet number ciphers (IEEE 802.1AEbw) from the member
-// identifier text and key number of a key.
-void generateSalt(const uint8_t* mi, unsigned int keyNum, Zef::String& out);
-// Lower-case hexadecimal text of `length` bytes.
-void convertByteArrayToHexString(const uint8_t* bytes, int length, Zef::String& out);
 
 // The known frames of the power-on self test: EtherType 0x888E, the marker bytes 0xAB 0xCD, then a
 // plain text for suite 0, or its AES-GCM cipher text and tag under the test key of the suite.

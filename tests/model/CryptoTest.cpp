@@ -13,8 +13,6 @@
 namespace Macsec {
 namespace {
 
-const uint8_t* text(const char* s) { return reinterpret_cast<const uint8_t*>(s); }
-
 KeyBytes bytes(const char* hex) {
   KeyBytes out;
   EXPECT_TRUE(hexToBytes(hex, out)) << hex;
@@ -33,75 +31,47 @@ TEST(Crypto, TheKeyDerivationFunctionMatchesThePublishedVectors) {
 }
 
 TEST(Crypto, IckAndKekMatchThePublishedVectorsForBothKeyLengths) {
-  Zef::String out;
-  deriveIck(text("135bd758b0ee5c11c55ff6ab19fdb199"), text("96437a93ccf10d9dfe347846cce52c7d"), 128, out);
-  EXPECT_EQ(out, "8f1c5cb1c8ed2e5f047906e0473aad4d");
-  deriveKek(text("135bd758b0ee5c11c55ff6ab19fdb199"), text("96437a93ccf10d9dfe347846cce52c7d"), 128, out);
-  EXPECT_EQ(out, "8f5a384c15d6ae9302b462e363d03ca6");
-  const char* cak256 = "a29efdb63d6fba73c65daab2295340a837a8886e94a905b5c9c7ef1d9dbb297e";
-  deriveIck(text(cak256), text("7888f5d48ba8b24e96bb95bd8c7304ec"), 256, out);
-  EXPECT_EQ(out, "98b8544d7390a41e50ef72e25b4a036523c919e812918871949b48123eab526e");
-  deriveKek(text(cak256), text("7888f5d48ba8b24e96bb95bd8c7304ec"), 256, out);
-  EXPECT_EQ(out, "71340e454c84a1232aa7977d5ed86f78f250f3f9d53584b9337ff0c6dfdc9f96");
-  // Upper-case text denotes the same octets.
-  deriveIck(text("135BD758B0EE5C11C55FF6AB19FDB199"), text("96437A93CCF10D9DFE347846CCE52C7D"), 128, out);
-  EXPECT_EQ(out, "8f1c5cb1c8ed2e5f047906e0473aad4d");
-}
-
-TEST(Crypto, AShortCknIsPaddedAndALongOneCutToSixteenOctets) {
-  const char* cak = "135bd758b0ee5c11c55ff6ab19fdb199";
-  Zef::String shortCkn;
-  Zef::String padded;
-  deriveIck(text(cak), text("abcd"), 128, shortCkn);
-  deriveIck(text(cak), text("abcd0000000000000000000000000000"), 128, padded);
-  EXPECT_EQ(shortCkn, padded);
-  Zef::String longCkn;
-  Zef::String cut;
-  deriveIck(text(cak), text("96437a93ccf10d9dfe347846cce52c7d0102030405060708"), 128, longCkn);
-  deriveIck(text(cak), text("96437a93ccf10d9dfe347846cce52c7d"), 128, cut);
-  EXPECT_EQ(longCkn, cut);
-}
-
-TEST(Crypto, BadInputGivesNoKey) {
-  Zef::String out("previous");
-  deriveIck(text("135bd758"), text("96437a93"), 128, out);  // CAK too short for 128 bits
-  EXPECT_TRUE(out.empty());
-  deriveIck(text("135bd758b0ee5c11c55ff6ab19fdb19z"), text("96437a93"), 128, out);  // not hexadecimal
-  EXPECT_TRUE(out.empty());
-  deriveKek(text("135bd758b0ee5c11c55ff6ab19fdb199"), text("abc"), 128, out);  // odd CKN
-  EXPECT_TRUE(out.empty());
-  deriveSak(text("135bd758b0ee5c11c55ff6ab19fdb199"), text("01"), 192, out);  // no such cipher
-  EXPECT_TRUE(out.empty());
+  const KeyBytes cak128 = bytes("135bd758b0ee5c11c55ff6ab19fdb199");
+  const KeyBytes ckn128 = bytes("96437a93ccf10d9dfe347846cce52c7d");
+  EXPECT_EQ(hexOf(deriveIck(cak128, ckn128, 128)), "8f1c5cb1c8ed2e5f047906e0473aad4d");
+  EXPECT_EQ(hexOf(deriveKek(cak128, ckn128, 128)), "8f5a384c15d6ae9302b462e363d03ca6");
+  const KeyBytes cak256 = bytes("a29efdb63d6fba73c65daab2295340a837a8886e94a905b5c9c7ef1d9dbb297e");
+  const KeyBytes ckn256 = bytes("7888f5d48ba8b24e96bb95bd8c7304ec");
+  EXPECT_EQ(hexOf(deriveIck(cak256, ckn256, 256)), "98b8544d7390a41e50ef72e25b4a036523c919e812918871949b48123eab526e");
+  EXPECT_EQ(hexOf(deriveKek(cak256, ckn256, 256)), "71340e454c84a1232aa7977d5ed86f78f250f3f9d53584b9337ff0c6dfdc9f96");
+  // A short CKN is padded with zeros to sixteen octets, and a long one cut to them.
+  EXPECT_EQ(deriveIck(cak128, bytes("abcd"), 128), deriveIck(cak128, bytes("abcd0000000000000000000000000000"), 128));
+  EXPECT_EQ(deriveIck(cak128, bytes("96437a93ccf10d9dfe347846cce52c7d0102030405060708"), 128),
+            deriveIck(cak128, ckn128, 128));
+  // A CAK too short for the key length, or a key length no cipher has, gives no key.
+  EXPECT_TRUE(deriveIck(bytes("135bd758"), ckn128, 128).empty());
+  EXPECT_TRUE(deriveSak(cak128, bytes("01"), 192).empty());
 }
 
 TEST(Crypto, SakMatchesThePublishedVectorsForBothKeyLengths) {
-  Zef::String out;
-  deriveSak(text("135bd758b0ee5c11c55ff6ab19fdb199"),
-            text("0102030405060708090a0b0c0d0e0f10cd421cf86ba457938657675b01020304050607080d1f36cf00000001"), 128, out);
-  EXPECT_EQ(out, "045205925831ae59c14550ed59cc003d");
-  deriveSak(text("a29efdb63d6fba73c65daab2295340a837a8886e94a905b5c9c7ef1d9dbb297e"),
-            text("0102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f00"
-                 "cd421cf86ba457938657675b01020304050607080d1f36cf00000001"),
-            256, out);
-  EXPECT_EQ(out, "bb692568b287484a5f3f4793b09732270d13dd818373c15b3f2793fdc1948a37");
+  EXPECT_EQ(hexOf(deriveSak(bytes("135bd758b0ee5c11c55ff6ab19fdb199"),
+                            bytes("0102030405060708090a0b0c0d0e0f10cd421cf86ba457938657675b01020304050607080d1f36cf"
+                                  "00000001"),
+                            128)),
+            "045205925831ae59c14550ed59cc003d");
+  EXPECT_EQ(hexOf(deriveSak(bytes("a29efdb63d6fba73c65daab2295340a837a8886e94a905b5c9c7ef1d9dbb297e"),
+                            bytes("0102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f00"
+                                  "cd421cf86ba457938657675b01020304050607080d1f36cf00000001"),
+                            256)),
+            "bb692568b287484a5f3f4793b09732270d13dd818373c15b3f2793fdc1948a37");
 }
 
 TEST(Crypto, EapDerivedCakAndCknMatchTheVectorsAndAgreeOnBothEnds) {
-  const char* msk = "e68a1ab90313024fda7a04a03fea010f";
-  // deriveKey puts the lower address first, so both ends of the link use the same text.
-  Zef::String cak;
-  deriveCak(text(msk), text("001b6393fcbc00d0b71a7717"), 128, cak);
-  EXPECT_EQ(cak, "135bd758b0ee5c11c55ff6ab19fdb199");
-  Zef::String ckn;
-  const std::string session =
+  const KeyBytes msk = bytes("e68a1ab90313024fda7a04a03fea010f");
+  // The lower address first, so that both ends of the link use the same context.
+  const KeyBytes macs = bytes("001b6393fcbc00d0b71a7717");
+  EXPECT_EQ(hexOf(deriveCak(msk, macs, 128)), "135bd758b0ee5c11c55ff6ab19fdb199");
+  const KeyBytes context = bytes(
       "0dd075693f54b2b2eb01da61f0af5d429b65b1ebcaf536fba350777598571728f630c5c8da5475489ad47b6e3489a97372e5a8fd55061797"
-      "2c020d42a3b13a4eae";
-  deriveCkn(text(msk), 128, text((session + "001b6393fcbc00d0b71a7717").c_str()), 128, ckn);
-  EXPECT_EQ(ckn, "96437a93ccf10d9dfe347846cce52c7d");
-  // A key longer than the cipher needs is cut to its first 32 characters.
-  Zef::String fromLong;
-  deriveCak(text("e68a1ab90313024fda7a04a03fea010fffffffff"), text("001b6393fcbc00d0b71a7717"), 128, fromLong);
-  EXPECT_EQ(fromLong, cak);
+      "2c020d42a3b13a4eae001b6393fcbc00d0b71a7717");
+  EXPECT_EQ(hexOf(deriveCkn(msk, 128, context, 128)), "96437a93ccf10d9dfe347846cce52c7d");
+  // A key longer than the cipher needs is cut to its first octets.
+  EXPECT_EQ(deriveCak(bytes("e68a1ab90313024fda7a04a03fea010fffffffff"), macs, 128), deriveCak(msk, macs, 128));
 }
 
 TEST(Crypto, AesCmacAndKeyWrapMatchTheirRfcVectors) {
@@ -223,31 +193,16 @@ TEST(Crypto, SaltFollowsTheExtendedPacketNumberLayout) {
   // MI 00112233 44556677 8899aabb, KN 0xccddeeff: top 16 bits 0011^eeff, next 16 2233^ccdd.
   EXPECT_EQ(saltOf("00112233445566778899aabb"_mi, 0xccddeeff).hex(), "eeeeeeee445566778899aabb");
   EXPECT_EQ(saltOf("00112233445566778899aabb"_mi, 0).hex(), "00112233445566778899aabb");
-  // The same through the text the interfaces that carry identifiers as text use.
-  Zef::String salt;
-  generateSalt(text("001122334455667788990aabb"), 0xccddeeff, salt);
-  EXPECT_TRUE(salt.empty());  // 25 characters: not a member identifier
-  generateSalt(text("00112233445566778899aabb"), 0xccddeeff, salt);
-  EXPECT_EQ(salt, "eeeeeeee445566778899aabb");
 }
 
-TEST(Crypto, RandomNumbersAreHexOfTheAskedLengthAndDiffer) {
+TEST(Crypto, RandomOctetsAreOfTheAskedLengthAndDiffer) {
   std::set<std::string> seen;
   for (int i = 0; i < 50; ++i) {
-    Zef::String id;
-    randomNumberGenerator(96, id);
-    ASSERT_EQ(id.size(), 24u);
-    EXPECT_EQ(id.view().find_first_not_of("0123456789abcdef"), std::string_view::npos);
-    seen.insert(id.stdString());
+    const KeyBytes id = randomBytes(12);
+    ASSERT_EQ(id.size(), 12u);
+    seen.insert(hexOf(id));
   }
   EXPECT_EQ(seen.size(), 50u);
-  Zef::String nonce;
-  randomNumberGenerator(256, nonce);
-  EXPECT_EQ(nonce.size(), 64u);
-  uint8_t raw[] = {0x00, 0xab, 0xff, 0x10};
-  Zef::String hex;
-  convertByteArrayToHexString(raw, 4, hex);
-  EXPECT_EQ(hex, "00abff10");
 }
 
 TEST(Crypto, SelfTestAnswersAreTheAesGcmOfThePlainFrame) {
