@@ -150,6 +150,10 @@ void POSTSm::handleTimer() {
   if (attemptNumber() < 3) {
     TRACE(2, "handleTimer" << intfId() << " starting retry attempt " << attemptNumber() + 1);
     attemptNumberIs(attemptNumber() + 1);
+    // The attempt has its own deadline: hardware that never takes the retry up fails it too,
+    // rather than holding the test for good. Taken up, the retry starts the tests and their
+    // deadline anew.
+    postTimer()->timeMinIs(Zef::System::currentTime() + timeoutDelay());
     cpStatus()->postStatusIs(postRetry);
     return;
   }
