@@ -118,6 +118,10 @@ class Reader {
     ProfileSettings::forEach([&]<class S>(S) { readSetting<S>(t, field, *profile); });
     profile->keyIs(key(t, field, "ckn", "cak", "cak-file"));
     profile->defaultKeyIs(key(t, field, "fallback-ckn", "fallback-cak", "fallback-cak-file"));
+    // A window without replay protection would be accepted and do nothing.
+    if (profile->replayProtectionWindow() != 0 && !profile->replayProtection()) {
+      fail(*t.get("replay-window"), field + ".replay-window", "takes effect only with replay-protection = true");
+    }
     if (profile->confidentialityOffset() != 0 && plane == DataPlane::kernel) {
       fail(*t.get("confidentiality-offset"), field + ".confidentiality-offset",
            "the kernel data plane encrypts from the first octet: only 0");
@@ -195,6 +199,9 @@ class Reader {
     if (!hex) fail(node, where, "the key must be hexadecimal");
     if (octets.size() != 16 && octets.size() != 32)
       fail(node, where, "the key must be 16 or 32 octets (128 or 256 bits)");
+    if (std::all_of(octets.data(), octets.data() + octets.size(), [](uint8_t octet) { return octet == 0; })) {
+      fail(node, where, "the key is all zeros: give a secret one");
+    }
     return Cak{name, StoredKey::of(octets)};
   }
 
