@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "agent/Capabilities.h"
 #include "agent/DaemonLog.h"
 #include "agent/StatusReport.h"
 #include "platform/Clock.h"
@@ -11,6 +12,11 @@ namespace Macsec {
 Daemon::Daemon(EventLoop& loop, DaemonOptions options)
     : loop_(loop), options_(std::move(options)), config_(readConfigFile(options_.configPath)) {
   const bool kernel = config_.dataPlane == DataPlane::kernel;
+  if (const std::vector<std::string> missing = missingCapabilities(kernel); !missing.empty()) {
+    std::string names;
+    for (const std::string& capability : missing) names += (names.empty() ? "" : "; ") + capability;
+    throw std::runtime_error("cannot run without " + names + ": run it as root, or grant it what it lacks");
+  }
   if (kernel) {
     std::string error;
     netlink_ = MacsecNetlink::open(error);

@@ -298,6 +298,14 @@ class BadInput(DaemonTest):
                 self.assertRegex(result.stderr, r"d\.toml:\d+: " + field)
                 self.assertEqual(daemon.show()["interfaces"], before["interfaces"])
 
+    def test_without_the_capabilities_it_needs_the_daemon_refuses_to_start_and_names_them(self):
+        daemon = Daemon(self.workdir, "d", "lo")
+        result = subprocess.run(["setpriv", "--bounding-set", "-net_raw,-net_admin", MKAD, "--foreground", "--config",
+                                 daemon.config, "--socket", daemon.socket], capture_output=True, text=True, timeout=10)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("cannot run without CAP_NET_RAW", result.stderr)
+        self.assertFalse(os.path.exists(daemon.socket))
+
     def test_the_kernel_data_plane_without_macsec_in_the_kernel_is_a_clear_error(self):
         # Without modprobe (no kmod on the machine), the kernel cannot load the module either.
         modprobe = shutil.which("modprobe")
