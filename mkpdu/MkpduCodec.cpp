@@ -1,7 +1,9 @@
 #include "mkpdu/MkpduCodec.h"
 
+#include <array>
 #include <cstring>
 
+#include "model/LogMessages.h"
 #include "platform/Trace.h"
 
 ZEF_TRACE_MODULE("Macsec")
@@ -112,11 +114,20 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, const uint8_t* fram
   DecodedMkpdu message;
   // The actor of the frame's CKN is found once: its keys check the frame, and it takes the message.
   const MessageReceiver* receiver = nullptr;
+  Ckn named;
   auto keysOf = [&](const Ckn& ckn) {
+    named = ckn;
     receiver = pamManager()->receivers().receiver(intfId, ckn);
     return actorKeys(intfId, ckn, receiver);
   };
   DecodeResult result = decodeMkpdu(frame, length, keysOf, message);
+  // A known CKN whose MKPDUs do not check is most often another CAK at the other end: operators
+  // hear of it, and not only from a counter. The frame's source address names the peer.
+  if (result == DecodeResult::badIcv) {
+    std::array<uint8_t, 6> source;
+    std::memcpy(source.data(), frame + 6, source.size());
+    Zef::log(MKA_CAK_MISMATCH, Lanx::EthAddr(source), named, intfId);
+  }
   // Each member's numbers must grow: an MKPDU heard again is dropped. The guard never forgets a
   // member that an actor holds as a peer.
   auto heldAsPeer = [&](const Ckn& ckn, const MemberId& member) {

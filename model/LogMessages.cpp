@@ -46,10 +46,16 @@ Zef::LogHandle MACSEC_POST_FAILURE("MACSEC_POST_FAILURE", 3,
                                    "Remove and add mac security profile on the interface to retry the test.",
                                    Zef::CallSupportIfPersists, 0, 1.0, 0);
 
+Zef::LogHandle MKA_CAK_MISMATCH("MKA_CAK_MISMATCH", 4,
+                                "MKPDU from %s with CKN %s failed its integrity check on interface %s",
+                                "The peer names a key that this interface has, but its MKPDUs do not check with this "
+                                "CAK: the two ends hold different CAKs under one CKN.",
+                                "Check that both ends configure the same CAK for this CKN.", 120, 1.0, 0);
+
 void clearLogHistory() {
   for (Zef::LogHandle* handle :
        {&MKA_KEY_IN_USE, &MKA_FALLBACK_KEY_IN_USE, &MKA_UNPROTECTED_TRAFFIC, &MKA_CA_CREATED, &MKA_STATE_CHG,
-        &MKA_SESSION_ESTABLISHED, &MKA_SAK_CREATED, &MKA_SAK_ACTIVATED, &MACSEC_POST_FAILURE}) {
+        &MKA_SESSION_ESTABLISHED, &MKA_SAK_CREATED, &MKA_SAK_ACTIVATED, &MACSEC_POST_FAILURE, &MKA_CAK_MISMATCH}) {
     handle->clearHistory();
   }
 }

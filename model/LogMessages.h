@@ -15,6 +15,8 @@ extern Zef::LogHandle MKA_SESSION_ESTABLISHED;
 extern Zef::LogHandle MKA_SAK_CREATED;
 extern Zef::LogHandle MKA_SAK_ACTIVATED;
 extern Zef::LogHandle MACSEC_POST_FAILURE;
+// Once per peer, CKN and interface in its interval: MKPDUs of a known CKN that do not check.
+extern Zef::LogHandle MKA_CAK_MISMATCH;
 
 // Forgets the rate-limit history of every message, as a restarted agent would.
 void clearLogHistory();

@@ -237,6 +237,10 @@ class Sessions(DaemonTest):
             self.assertEqual(session["live-peers"], 0)
             self.assertEqual(session["controlled-port"], "closed")
         self.assertEqual(pair.a.counters()["in-mkpdu"], 0)
+        # Said once in the log, not only counted: the peer, the CKN and what to check.
+        mismatches = [line for line in pair.a.log_text().splitlines() if "MKA_CAK_MISMATCH" in line]
+        self.assertEqual(len(mismatches), 1, pair.a.log_text())
+        self.assertIn("with CKN " + CKN + " failed its integrity check", mismatches[0])
         self.assertEqual(pair.a.ctl("clear", "counters").returncode, 0)
         self.assertLess(pair.a.counters()["in-mkpdu-icv-verification-errors"], 2)
 
