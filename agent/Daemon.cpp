@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "agent/Capabilities.h"
+#include "agent/ConfigChanges.h"
 #include "agent/DaemonLog.h"
 #include "agent/StatusReport.h"
 #include "platform/Clock.h"
@@ -83,6 +84,7 @@ std::optional<std::string> Daemon::reload() {
     Zef::log(MKAD_CONFIG_REFUSED, error.what());
     return error.what();
   }
+  for (const std::string& change : configChanges(config_, file)) Zef::log(MKAD_CONFIG_CHANGE, file.path, change);
   config_ = std::move(file);
   engine_->as([&] { applyConfigFile(config_, *engine_->config()); });
   interfacesFollowConfig();

@@ -20,6 +20,10 @@ Zef::LogHandle MKAD_CONFIG_RELOADED("MKAD_CONFIG_RELOADED", 5, "Configuration %s
                                     "The new configuration is in force; unchanged interfaces kept their sessions.",
                                     Zef::NoActionRequired, 0, 1.0, 0);
 
+Zef::LogHandle MKAD_CONFIG_CHANGE("MKAD_CONFIG_CHANGE", 5, "Configuration %s: %s",
+                                  "A reload changed this; interfaces and keys it does not name kept their sessions.",
+                                  Zef::NoActionRequired, 0, 1.0, 0);
+
 Zef::LogHandle MKAD_CONFIG_REFUSED("MKAD_CONFIG_REFUSED", 3, "Configuration refused, nothing changed: %s",
                                    "The configuration file has an error; the running configuration stays in force.",
                                    "Correct the file at the line and field named, then reload.", 0, 1.0, 0);

@@ -10,6 +10,7 @@ namespace Macsec {
 extern Zef::LogHandle MKAD_STARTED;
 extern Zef::LogHandle MKAD_EMULATED_DATA_PLANE;
 extern Zef::LogHandle MKAD_CONFIG_RELOADED;
+extern Zef::LogHandle MKAD_CONFIG_CHANGE;
 extern Zef::LogHandle MKAD_CONFIG_REFUSED;
 extern Zef::LogHandle MKAD_INTF_WAITING;
 extern Zef::LogHandle MKAD_INTF_FAILED;

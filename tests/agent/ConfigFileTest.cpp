@@ -1,5 +1,5 @@
 // The daemon's configuration file: every mistake is refused with the file, the line and the field,
-// keys never show in a message, and a file applied again writes only what changed.
+// keys never show in a message, and a file applied again writes only what changed and says what.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "agent/ConfigChanges.h"
 #include "agent/ConfigFile.h"
 
 namespace Macsec {
@@ -120,9 +121,15 @@ TEST(ConfigFile, AFileAppliedAgainWritesOnlyWhatChanged) {
   EXPECT_EQ(lab->key().cak.storedText(), labStored);
   EXPECT_EQ(source->profile(Zef::Name("office"))->key().cak.storedText(), officeStored);
 
-  // One key changed, a profile and an interface gone: the rest stays as it was.
+  // One key and one setting changed, a profile and an interface gone: the rest stays as it was,
+  // and the log is told what changed, each key by its name.
   const std::string second = office("cak = \"" + kCak256 + "\"") + "\n[profile.lab]\nckn = \"01\"\ncak-file = \"" +
-                             ownKey + "\"\ncipher-suite = \"gcm-aes-256\"\nkey-server-priority = 3\n";
+                             ownKey + "\"\ncipher-suite = \"gcm-aes-256\"\nkey-server-priority = 5\n";
+  EXPECT_TRUE(configChanges(file, parseConfigText(first, "mkad.conf")).empty());
+  EXPECT_EQ(configChanges(file, parseConfigText(second, "mkad.conf")),
+            (std::vector<std::string>{"profile spare removed", "profile lab: key-server-priority 3 to 5",
+                                      "profile office: key replaced, another CAK under CKN " + kCkn,
+                                      "interface eth1 removed"}));
   applyConfigFile(parseConfigText(second, "mkad.conf"), *source);
   EXPECT_FALSE(source->delayProtection());
   EXPECT_EQ(source->profile(Zef::Name("lab")), lab);

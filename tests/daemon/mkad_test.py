@@ -220,6 +220,8 @@ class Sessions(DaemonTest):
             return key if key["key-server-mi"] != first["key-server-mi"] else None
         second = wait_for(moved, 30, "both ends on a key of the new CAK")
         self.assertIn("MKAD_CONFIG_RELOADED", pair.b.log_text())
+        self.assertIn("MKAD_CONFIG_CHANGE: Configuration %s: profile lab: key replaced, another CAK under CKN %s"
+                      % (pair.b.config, CKN), pair.b.log_text())
 
         with open(pair.a.config, "a") as f:
             f.write("\n[profile.extra]\nckn = \"01\"\ncak = \"not hex\"\n")
