@@ -22,16 +22,17 @@ void HwStatusSm::handleSliceDir(const Zef::Name& sliceName) {
   const Zef::Ptr<MacSecStatus const> slice = Zef::ptrCast<MacSecStatus const>(hwStatusSliceDir()->entry(sliceName));
   const Zef::Ptr<ZefHwSlice> current = hwSlice(sliceName);
   if (current && current->notifier() == slice) return;
-  // A slice that goes, or is replaced by another object, takes its interfaces with it; an entity
-  // of another type counts as no slice.
-  if (current) {
-    hwSliceDel(sliceName);
-    handleSliceStatusDelete(sliceName);
+  if (current) hwSliceDel(sliceName);
+  // A slice that arrives with interfaces already in it adds them all. One that replaces another
+  // object under its name hands its readers over: an interface of both stays in the directory,
+  // with the new status, so that its port carries on.
+  if (slice) {
+    const Zef::Ptr<ZefHwSlice> reactor = hwSliceIs(sliceName, slice);
+    for (auto it = reactor->intfHwStatusIter(); it; ++it) reactor->handleIntfStatus(Lanx::IntfId(it.key()));
   }
-  if (!slice) return;
-  // A slice that arrives with interfaces already in it adds them all.
-  const Zef::Ptr<ZefHwSlice> reactor = hwSliceIs(sliceName, slice);
-  for (auto it = reactor->intfHwStatusIter(); it; ++it) reactor->handleIntfStatus(Lanx::IntfId(it.key()));
+  // What the slice supplied and has no longer goes: all of it when the slice goes, or when an
+  // entity of another type takes its name.
+  if (current) handleSliceStatusDelete(sliceName);
 }
 
 void HwStatusSm::ZefHwSlice::handleIntfStatus(const Lanx::IntfId& intfId) {
@@ -62,10 +63,14 @@ void HwStatusSm::doUpdateHwStatus(const Zef::Ptr<MacSecIntfStatus const>& intfHw
 
 void HwStatusSm::handleSliceStatusDelete(const Zef::Name& sliceName) {
   TRACE(8, ": " << sliceName);
-  // Only the interfaces credited to the slice go; one that another slice supplied since stays.
+  // Only the interfaces credited to the slice go, and not those the slice of that name has now;
+  // one that another slice supplied since stays.
+  const Zef::Ptr<ZefHwSlice> now = hwSlice(sliceName);
   for (auto it = sliceMap_.begin(); it != sliceMap_.end();) {
     const auto [intfId, owner] = *it++;
-    if (owner == sliceName && hwStatus()->statusHas(intfId)) doUpdateHwStatus(nullptr, sliceName, intfId);
+    if (owner != sliceName || !hwStatus()->statusHas(intfId)) continue;
+    if (now && now->intfHwStatus(intfId)) continue;
+    doUpdateHwStatus(nullptr, sliceName, intfId);
   }
 }
 

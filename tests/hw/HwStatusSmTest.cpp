@@ -5,12 +5,25 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "hw/HwStatusSlices.h"
 #include "hw/HwStatusSm.h"
 
 namespace Macsec {
 namespace {
+
+// Records each interface whose entry leaves the flat directory, as a reader sees it.
+class Departures : public MacSecIntfStatusPtrDir::NotifieeConst {
+ public:
+  explicit Departures(const Zef::Ptr<MacSecIntfStatusPtrDir>& dir) : NotifieeConst(dir) {
+    hasNotificationActiveIs(true);
+  }
+  void onStatus(const Lanx::IntfId& intf) override {
+    if (!notifier()->statusHas(intf)) gone.push_back(intf.stringValue());
+  }
+  std::vector<std::string> gone;
+};
 
 TEST(HwStatusSlices, TheFlatDirectoryFollowsEverySlice) {
   const auto flat = MacSecIntfStatusPtrDir::MacSecIntfStatusPtrDirIs();
@@ -54,14 +67,19 @@ TEST(HwStatusSlices, TheFlatDirectoryFollowsEverySlice) {
   slices->entityPtrDel("second");
   EXPECT_EQ(flat->statusSize(), 0u);
 
-  // A slice replaced by another object under its name: the directory holds the new objects.
+  // A slice replaced by another object under its name: the directory holds the new objects. An
+  // interface of both never leaves it, so that its port carries on; one the new slice lacks goes.
   slices->entityPtrIs(first);
   first->statusIs(eth1);
   const auto renewed = MacSecStatus::MacSecStatusIs("first");
+  renewed->statusIs(eth2);
   renewed->statusIs(eth3);
+  const Zef::Ptr<Departures> departures(new Departures(flat));
   slices->entityPtrIs(renewed);
-  EXPECT_FALSE(flat->statusHas(eth1));
+  EXPECT_EQ(departures->gone, (std::vector<std::string>{"eth1"}));
+  EXPECT_EQ(flat->status(eth2), renewed->status(eth2));
   EXPECT_EQ(flat->status(eth3), renewed->status(eth3));
+  EXPECT_EQ(sm->sliceMap(eth2), Zef::Name("first"));
 }
 
 TEST(HwStatusSlices, TheHardwarePublishesSixteenInterfacesASlice) {
