@@ -261,6 +261,21 @@ class Reader {
 
 }  // namespace
 
+namespace {
+
+// Every text of parsed tables: key text may be among them.
+void wipeTexts(toml::node& node) {
+  if (toml::table* table = node.as_table()) {
+    for (auto&& [key, value] : *table) wipeTexts(value);
+  } else if (toml::array* array = node.as_array()) {
+    for (toml::node& value : *array) wipeTexts(value);
+  } else if (toml::value<std::string>* text = node.as_string()) {
+    wipe(text->get());
+  }
+}
+
+}  // namespace
+
 ConfigFile parseConfigText(std::string text, const std::string& path) {
   toml::table root;
   try {
@@ -270,6 +285,11 @@ ConfigFile parseConfigText(std::string text, const std::string& path) {
     throw ConfigFileError(path + ":" + std::to_string(e.source().begin.line) + ": " + std::string(e.description()));
   }
   wipe(text);
+  // The tables' texts are wiped whether the reading ends in a file or in an error.
+  struct Wiper {
+    toml::table& root;
+    ~Wiper() { wipeTexts(root); }
+  } wiper{root};
   return Reader(path, root).read();
 }
 
