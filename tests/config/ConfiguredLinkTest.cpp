@@ -173,6 +173,35 @@ TEST_F(ConfiguredLink, TwoSourcesMergePerProfileAndPerInterfaceByPriority) {
   file->delayProtectionIs(true);
   EXPECT_FALSE(merged->delayProtection());
   EXPECT_FALSE(a.status()->delayProtection());
+
+  // A source of priority 0 never wins: the profile it alone offers is made at its first offer,
+  // but none of its changes reach it, and it stays when that source lets it go.
+  const Zef::Ptr<Config> never = a.engine().configSourceIs("never", 0);
+  never->profileIs(Zef::Name("zero"))->keyServerPriorityIs(1);
+  ASSERT_TRUE(merged->profileHas(Zef::Name("zero")));
+  never->profile(Zef::Name("zero"))->keyServerPriorityIs(2);
+  EXPECT_NE(merged->profile(Zef::Name("zero"))->keyServerPriority(), 2);
+  never->profileDel(Zef::Name("zero"));
+  EXPECT_TRUE(merged->profileHas(Zef::Name("zero")));
+
+  // Of two sources of one priority, the one met first in the sources' own order wins, whichever
+  // offered first. A whole source that goes leaves what it supplied as it stands: withdrawing a
+  // source is not emptying it.
+  const Zef::Name shared("shared");
+  auto winnerOfferingFirst = [&](const char* first, const char* second) {
+    a.engine().configSourceIs(first, 10)->profileIs(shared)->keyServerPriorityIs(first[0] == 'f' ? 10 : 20);
+    a.engine().configSourceIs(second, 10)->profileIs(shared)->keyServerPriorityIs(second[0] == 'f' ? 10 : 20);
+    const uint8_t winner = merged->profile(shared)->keyServerPriority();
+    for (const char* source : {first, second}) a.engine().configSourceIs(source, 10)->profileDel(shared);
+    return winner;
+  };
+  const uint8_t winner = winnerOfferingFirst("file", "tie");
+  EXPECT_EQ(winnerOfferingFirst("tie", "file"), winner);
+  EXPECT_FALSE(merged->profileHas(shared));
+  file->profileIs(shared)->keyServerPriorityIs(10);
+  a.engine().configSourceIs("tie", 10)->profileIs(shared)->keyServerPriorityIs(20);
+  a.engine().configSourceDel(winner == 10 ? "file" : "tie");
+  EXPECT_EQ(merged->profile(shared)->keyServerPriority(), winner);
 }
 
 }  // namespace
