@@ -230,6 +230,14 @@ TEST_F(Codec, MalformedFramesAreRefusedAndCountedAndChangeNothing) {
       {"changed without a new ICV", edited([](std::string& f) { f[18 + 27] ^= 0x01; }, false), DecodeResult::badIcv},
       {"peer list of 15 octets", edited([](std::string& f) { f[18 + 48 + 3] = 15; }, true),
        DecodeResult::badParameterSet},
+      {"a 256-bit key said to be of GCM-AES-128",
+       edited(
+           [](std::string& f) {
+             const size_t at = f.find(std::string("\x00\x80\xc2\x00\x01\x00\x00\x02", 8));  // GCM-AES-256
+             if (at != std::string::npos) f[at + 7] = 0x01;
+           },
+           true, typicalMessage(cipherSuiteGcmAes256)),
+       DecodeResult::badParameterSet},
       {"peer list past the body", edited([](std::string& f) { f[18 + 48 + 2] = 0x0f; }, true),
        DecodeResult::badParameterSet},
       {"SAK use set of 36 octets", edited([](std::string& f) { f[18 + 68 + 3] = 36; }, true),
@@ -264,7 +272,7 @@ TEST_F(Codec, MalformedFramesAreRefusedAndCountedAndChangeNothing) {
   // The table counts each kind of refusal on its own.
   const Memtab::MessageCounterData counts = table->row(eth1);
   EXPECT_EQ(counts.inMkpdus, 1u);
-  EXPECT_EQ(counts.inMalformed, 12u);
+  EXPECT_EQ(counts.inMalformed, 13u);
   EXPECT_EQ(counts.inNotMka, 3u);
   EXPECT_EQ(counts.inBadVersion, 2u);
   EXPECT_EQ(counts.inUnsupportedAgility, 1u);
