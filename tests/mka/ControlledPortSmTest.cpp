@@ -157,6 +157,45 @@ TEST_P(ControlledPort, NewKeysByPeriodAndByPacketNumbersKeepTrafficFlowingAndRet
   EXPECT_EQ(actors[&a]->keyNum(), 4u);
 }
 
+// A follower whose hardware is slow asks to transmit on a key, and the next key pushes that key
+// into the old slot before the hardware confirms: the late confirmation still counts there.
+TEST_P(ControlledPort, ALateTransmitConfirmationCountsForAKeyAlreadyInTheOldSlot) {
+  segmentOf({&a, &b});
+  ASSERT_TRUE(heldWithin(30, [&] { return secured(a); }));
+  b.hardwareLatencyIs(8.0);
+  const uint32_t k1 = actors[&a]->keyNum() + 1;
+  double* pending = firstTime([&] {
+    const SakContext old = cp(b)->oldSakContext();
+    return old.sak.keyNum == k1 && old.txEnabled && !old.txInstalled && cp(b)->latestSakContext().sak.keyNum > k1;
+  });
+  double* confirmed = firstTime([&] {
+    const SakContext old = cp(b)->oldSakContext();
+    return old.sak.keyNum == k1 && old.txInstalled && cp(b)->latestSakContext().sak.keyNum > k1;
+  });
+  // One new key; once b asks its hardware to transmit on it, the next one.
+  const Zef::Ptr<IntfStatus> server = a.status()->intfStatus(intf(a));
+  int step = 0;
+  watches.push_back([&] {
+    const SakContext latest = cp(b)->latestSakContext();
+    if (step == 0 && actors[&a]->keyNum() == k1) {
+      server->sessionReKeyPeriodIs(0);
+      step = 1;
+    } else if (step == 1 && latest.sak.keyNum == k1 && latest.txEnabled) {
+      server->sessionReKeyPeriodIs(1);
+      step = 2;
+    } else if (step == 2 && actors[&a]->keyNum() > k1) {
+      server->sessionReKeyPeriodIs(0);
+      step = 3;
+    }
+  });
+  server->sessionReKeyPeriodIs(1);
+  sim.runFor(40);
+  ASSERT_GT(*pending, 0);
+  ASSERT_GT(*confirmed, *pending);
+  EXPECT_TRUE(cp(b)->controlledPortEnabled());
+  ASSERT_TRUE(heldWithin(60, [&] { return secured(a); }));
+}
+
 TEST_P(ControlledPort, APeerThatFallsSilentAgesOutLeavingTheRunningKeyInServiceAndANewPeerGetsItsSsciPair) {
   segmentOf({&a, &b});
   sim.runFor(30);
