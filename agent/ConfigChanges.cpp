@@ -1,6 +1,8 @@
 #include "agent/ConfigChanges.h"
 
 #include <sstream>
+#include <string>
+#include <type_traits>
 
 namespace Macsec {
 
