@@ -16,9 +16,7 @@ namespace Macsec {
 namespace {
 
 struct MacDeleter {
-  void operator()(EVP_MAC* mac) const { EVP_MAC_free(mac); }
   void operator()(EVP_MAC_CTX* ctx) const { EVP_MAC_CTX_free(ctx); }
-  void operator()(EVP_CIPHER_CTX* ctx) const { EVP_CIPHER_CTX_free(ctx); }
 };
 
 const char* cbcCipherName(size_t keyLength) {
@@ -72,37 +70,6 @@ KeyBytes kdf(const KeyBytes& key, std::string_view label, const KeyBytes& contex
     result.append(block.data(), std::min(block.size(), wanted - result.size()));
   }
   return result;
-}
-
-KeyBytes aesKeyWrap(const KeyBytes& kek, const KeyBytes& key) {
-  const EVP_CIPHER* cipher = kek.size() == 16 ? EVP_aes_128_wrap() : kek.size() == 32 ? EVP_aes_256_wrap() : nullptr;
-  if (cipher == nullptr || key.size() < 16 || key.size() % 8 != 0) return KeyBytes();
-  std::unique_ptr<EVP_CIPHER_CTX, MacDeleter> ctx(EVP_CIPHER_CTX_new());
-  KeyBytes wrapped(key.size() + 8);
-  int length = 0;
-  int tail = 0;
-  if (!ctx || EVP_EncryptInit_ex(ctx.get(), cipher, nullptr, kek.data(), nullptr) != 1 ||
-      EVP_EncryptUpdate(ctx.get(), wrapped.data(), &length, key.data(), static_cast<int>(key.size())) != 1 ||
-      EVP_EncryptFinal_ex(ctx.get(), wrapped.data() + length, &tail) != 1 ||
-      static_cast<size_t>(length + tail) != wrapped.size()) {
-    return KeyBytes();
-  }
-  return wrapped;
-}
-
-KeyBytes aesKeyUnwrap(const KeyBytes& kek, const uint8_t* wrapped, size_t length) {
-  const EVP_CIPHER* cipher = kek.size() == 16 ? EVP_aes_128_wrap() : kek.size() == 32 ? EVP_aes_256_wrap() : nullptr;
-  if (cipher == nullptr || length < 24 || length % 8 != 0) return KeyBytes();
-  std::unique_ptr<EVP_CIPHER_CTX, MacDeleter> ctx(EVP_CIPHER_CTX_new());
-  KeyBytes key(length);  // room for OpenSSL's block-sized output; cut below
-  int out = 0;
-  int tail = 0;
-  if (!ctx || EVP_DecryptInit_ex(ctx.get(), cipher, nullptr, kek.data(), nullptr) != 1 ||
-      EVP_DecryptUpdate(ctx.get(), key.data(), &out, wrapped, static_cast<int>(length)) != 1 ||
-      EVP_DecryptFinal_ex(ctx.get(), key.data() + out, &tail) != 1 || static_cast<size_t>(out + tail) != length - 8) {
-    return KeyBytes();
-  }
-  return KeyBytes(key.data(), length - 8);
 }
 
 KeyBytes randomBytes(size_t count) {

@@ -58,9 +58,5 @@ KeyBytes aesCmac(const KeyBytes& key, const uint8_t* message, size_t length);
 // The key derivation function of IEEE 802.1X-2010 clause 6.2.1: counter mode with AES-CMAC,
 // `bits` long.
 KeyBytes kdf(const KeyBytes& key, std::string_view label, const KeyBytes& context, int bits);
-// AES key wrap (RFC 3394) with a 16- or 32-byte KEK. Empty on failure, including a failed
-// integrity check on unwrap.
-KeyBytes aesKeyWrap(const KeyBytes& kek, const KeyBytes& key);
-KeyBytes aesKeyUnwrap(const KeyBytes& kek, const uint8_t* wrapped, size_t length);
 
 }  // namespace Macsec

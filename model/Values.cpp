@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "platform/Exception.h"
-#include "platform/ValueText.h"
 
 namespace Macsec {
 
@@ -103,20 +102,6 @@ std::optional<POSTTest> postTestOf(POSTStage stage) {
 
 uint32_t Sci::hash() const noexcept { return Zef::hashMix(addr.asUint64() << 16 | portId); }
 
-Sci Sci::fromText(std::string_view text) {
-  const size_t split = text.rfind("::");
-  if (split == std::string_view::npos)
-    Zef::throwRangeException(Zef::String("missing '::' before portId in '") + text + "'");
-  Sci sci;
-  if (!Lanx::EthAddr::parse(text.substr(0, split), sci.addr)) {
-    Zef::throwRangeException(Zef::String("bad addr in '") + text + "'");
-  }
-  const unsigned port = Zef::numberFromText(text.substr(split + 2), "portId");
-  if (port > 0xffff) Zef::throwRangeException(Zef::String("bad portId in '") + text + "'");
-  sci.portId = static_cast<uint16_t>(port);
-  return sci;
-}
-
 std::ostream& operator<<(std::ostream& out, const Sci& sci) { return out << sci.addr << "::" << sci.portId; }
 
 std::ostream& operator<<(std::ostream& out, const Ssci& ssci) {
@@ -135,10 +120,6 @@ AssociationNumber::AssociationNumber(unsigned value) {
 }
 
 uint32_t AssociationNumber::hash() const noexcept { return Zef::hashMix(value_); }
-
-AssociationNumber AssociationNumber::fromText(std::string_view text) {
-  return AssociationNumber(Zef::numberFromText(text, "AssociationNumber"));
-}
 
 std::ostream& operator<<(std::ostream& out, const AssociationNumber& an) { return out << +an.value(); }
 

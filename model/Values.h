@@ -78,8 +78,6 @@ struct Sci {
 
   bool isZero() const noexcept { return addr.isZero() && portId == 0; }
   uint32_t hash() const noexcept;
-  // Parses "02:00:00:00:00:01::1". Throws Zef::RangeException naming the missing piece.
-  static Sci fromText(std::string_view text);
   bool operator==(const Sci&) const noexcept = default;
   std::strong_ordering operator<=>(const Sci&) const noexcept = default;
 };
@@ -106,7 +104,6 @@ class AssociationNumber {
   uint8_t value() const noexcept { return value_; }
   operator uint8_t() const noexcept { return value_; }
   uint32_t hash() const noexcept;
-  static AssociationNumber fromText(std::string_view text);
   bool operator==(const AssociationNumber&) const noexcept = default;
   std::strong_ordering operator<=>(const AssociationNumber&) const noexcept = default;
 

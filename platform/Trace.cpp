@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "platform/Clock.h"
-#include "platform/RingLog.h"
 
 namespace Zef {
 
@@ -130,8 +129,6 @@ void TraceHelper::trace(TraceBuffer& buffer, const char* file, int line, const c
   } else {
     writeToStderr(record);
   }
-  RingLog::RingBuf& ring = RingLog::RingBuf::defaultBuf();
-  if (ring.isEnabled()) ring.append(std::string(record.facility) + ' ' + text);
 }
 
 }  // namespace Zef

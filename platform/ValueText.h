@@ -1,17 +1,12 @@
 #pragma once
 
 #include <sstream>
-#include <string_view>
 #include <type_traits>
 
 #include "platform/Ptr.h"
 #include "platform/String.h"
 
 namespace Zef {
-
-// A whole unsigned decimal number from text. Anything else throws Zef::RangeException with the
-// field's name and the text.
-unsigned numberFromText(std::string_view text, const char* field);
 
 // The text form of any value: its stream form where it has one. Counted pointers print the
 // address of their object, and null as "null".

@@ -19,34 +19,13 @@ std::string text(const T& value) {
   return out.str();
 }
 
-TEST(Values, AssociationNumbersRunFromZeroToThree) {
-  EXPECT_EQ(AssociationNumber(0).value(), 0);
+TEST(Values, AssociationNumbersRunFromZeroToThreeAndSciOrdersAddressFirst) {
   EXPECT_EQ(AssociationNumber(3).value(), 3);
-  try {
-    AssociationNumber(4);
-    ADD_FAILURE() << "4 is no association number";
-  } catch (const Zef::RangeException& e) {
-    EXPECT_STREQ(e.what(), "AssociationNumber::value < AssociationNumber::min or > AssociationNumber::max not allowed");
-  }
-  EXPECT_EQ(text(AssociationNumber(2)), "2");
-  EXPECT_EQ(AssociationNumber::fromText("3"), AssociationNumber(3));
-  EXPECT_THROW(AssociationNumber::fromText("x"), Zef::RangeException);
-}
-
-TEST(Values, SciOrdersAddressFirstAndReadsBackItsText) {
+  EXPECT_THROW(AssociationNumber(4), Zef::RangeException);
   const Sci low{Lanx::EthAddr::fromText("02:00:00:00:00:01"), 9};
   const Sci high{Lanx::EthAddr::fromText("02:00:00:00:00:02"), 1};
   EXPECT_LT(low, high);
-  EXPECT_TRUE(Sci().isZero());
   EXPECT_EQ(text(low), "02:00:00:00:00:01::9");
-  EXPECT_EQ(Sci::fromText("02:00:00:00:00:01::9"), low);
-  try {
-    Sci::fromText("02:00:00:00:00:01");
-    ADD_FAILURE();
-  } catch (const Zef::RangeException& e) {
-    EXPECT_NE(std::string(e.what()).find("portId"), std::string::npos);
-  }
-  EXPECT_THROW(Sci::fromText("02:00:00:zz:00:01::1"), Zef::RangeException);
 }
 
 // Identifiers are octets, read from either case of hexadecimal and written in lower case; they
@@ -118,32 +97,21 @@ TEST(Values, AStoredKeyOpensOnlyForOneCallAndComparesByItsClearOctets) {
   }));
 }
 
-TEST(NetworkValues, InterfaceNamesAddressesAndNetworkIntegers) {
-  const Lanx::IntfId eth0("eth0");
-  EXPECT_EQ(eth0, Lanx::IntfId("eth0"));
-  EXPECT_NE(eth0, Lanx::IntfId("enp3s0f1"));
-  EXPECT_EQ(eth0.stringValue(), "eth0");
-  EXPECT_EQ(text(Lanx::IntfId("Ethernet1/1")), "Ethernet1/1");
-  EXPECT_TRUE(Lanx::IntfId("").empty());
-  EXPECT_TRUE(Lanx::IntfId().empty());
-  EXPECT_TRUE(Lanx::SubIntfId::isSubIntfId(Lanx::IntfId("eth0.100")));
-  EXPECT_FALSE(Lanx::SubIntfId::isSubIntfId(eth0));
-
+TEST(NetworkValues, AddressesReadInEveryFormAndIntegersAreInNetworkOrder) {
   const Lanx::EthAddr addr = Lanx::EthAddr::fromText("02:00:00:0a:0b:0c");
   EXPECT_EQ(addr.stringValue(), "02:00:00:0a:0b:0c");
   EXPECT_EQ(Lanx::EthAddr::fromText("0200.000a.0b0c"), addr);
   EXPECT_EQ(Lanx::EthAddr::fromText("02-00-00-0a-0b-0c"), addr);
   EXPECT_LT(Lanx::EthAddr::fromText("02:00:00:0a:0b:0b"), addr);
   EXPECT_THROW(Lanx::EthAddr::fromText("02:00:00:0a:0b"), Zef::RangeException);
+  EXPECT_TRUE(Lanx::SubIntfId::isSubIntfId(Lanx::IntfId("eth0.100")));
+  EXPECT_FALSE(Lanx::SubIntfId::isSubIntfId(Lanx::IntfId("eth0")));
 
-  Lanx::NetU16 n(0x1234);
-  const auto* raw = reinterpret_cast<const uint8_t*>(&n);
-  EXPECT_EQ(raw[0], 0x12);
-  EXPECT_EQ(raw[1], 0x34);
-  EXPECT_EQ(n.value(), 0x1234);
   Lanx::NetU32 m;
-  m.valueIs(0xc0000000u);
+  m.valueIs(0xc0001234u);
   EXPECT_EQ(reinterpret_cast<const uint8_t*>(&m)[0], 0xc0);
+  EXPECT_EQ(reinterpret_cast<const uint8_t*>(&m)[3], 0x34);
+  EXPECT_EQ(m.value(), 0xc0001234u);
 }
 
 TEST(Entities, CollectionsReturnTheExistingMemberWhateverTheArguments) {

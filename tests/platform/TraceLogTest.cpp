@@ -5,7 +5,6 @@
 
 #include "platform/Clock.h"
 #include "platform/Log.h"
-#include "platform/RingLog.h"
 #include "platform/Trace.h"
 
 ZEF_TRACE_MODULE("Test::Trace")
@@ -80,22 +79,6 @@ TEST_F(TraceTest, RulesSwitchFacilitiesByNameOrPrefixAndTheLastWins) {
   EXPECT_FALSE(Zef::traceSettingsIs("Test*=-1"));
   EXPECT_TRUE(Zef::traceSettingsIs("Test*=off"));
   EXPECT_EQ(zefTraceHandle().level(), Zef::TraceHandle::kOff);
-}
-
-TEST_F(TraceTest, TheRingKeepsTheTailOfTheTrace) {
-  RingLog::RingBuf& ring = RingLog::RingBuf::defaultBuf();
-  ring.capacityIs(2);
-  zefTraceHandle().levelIs(8);
-  writeSome();
-  static RingLog::MsgDesc site(__FILE__, __LINE__);
-  ring.startMsg("TraceLogTest", site.number());
-  ring << "ring entry " << 7;
-  ring.endMsg();
-  ASSERT_EQ(ring.entries().size(), 2u);
-  EXPECT_EQ(ring.entries()[0], "Test::Trace void {anonymous}::writeSome(): decision 42");
-  EXPECT_NE(ring.entries()[1].find("ring entry 7"), std::string::npos);
-  ring.capacityIs(0);
-  EXPECT_TRUE(ring.entries().empty());
 }
 
 class LogTest : public ::testing::Test {
