@@ -406,28 +406,5 @@ TEST_F(Codec, TransmitBuildsTheFrameOfTheActorAndSendsItOnTheInterface) {
   EXPECT_EQ(pamManager->txPamCounter(eth1)->failure(), 1u);
 }
 
-TEST(MkaPdu, BitFieldsChangeOnlyTheirOwnBits) {
-  BasicParameterSetPart part;
-  part.parameterSetBodyLengthIs(28);
-  part.keyServerIs(true);
-  EXPECT_EQ(part.value(), 0x801C);
-  part.parameterSetBodyLengthIs(0x1234);
-  EXPECT_EQ(part.value(), 0x8234);
-  part.macsecCapabilityIs(2);
-  EXPECT_EQ(part.value(), 0xA234);
-  EXPECT_EQ(part.v0(), 0xA2);
-  EXPECT_EQ(part.v1(), 0x34);
-  SakUseAnAndOffset an;
-  an.latestKeyANIs(3);
-  an.latestKeyTxIs(true);
-  an.oldKeyANIs(1);
-  an.oldKeyRxIs(true);
-  EXPECT_EQ(an.value(), 0xE5);
-  DistSakAnAndOffset dist;
-  dist.distributedANIs(2);
-  dist.confidentialityOffsetIs(1);
-  EXPECT_EQ(dist.value(), 0x90);
-}
-
 }  // namespace
 }  // namespace Macsec
