@@ -126,6 +126,13 @@ class Reader {
       fail(*t.get("confidentiality-offset"), field + ".confidentiality-offset",
            "the kernel data plane encrypts from the first octet: only 0");
     }
+    if (!profile->includeSci() && plane == DataPlane::kernel) {
+      fail(*t.get("include-sci"), field + ".include-sci", "the kernel data plane always sends the SCI: only true");
+    }
+    if (profile->bypassLldp() && plane == DataPlane::kernel) {
+      fail(*t.get("bypass-lldp"), field + ".bypass-lldp",
+           "the kernel data plane leaves LLDP to the device the LLDP agent sends on: run it on the port itself");
+    }
     return profile;
   }
 

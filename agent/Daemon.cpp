@@ -77,8 +77,12 @@ std::optional<std::string> Daemon::reload() {
   ConfigFile file;
   try {
     file = readConfigFile(options_.configPath);
+    // What the engine was built on at the start cannot change under running sessions.
     if (file.dataPlane != config_.dataPlane) {
       throw ConfigFileError(options_.configPath + ": global.dataplane: changes only with a restart of mkad");
+    }
+    if (file.fips != config_.fips) {
+      throw ConfigFileError(options_.configPath + ": global.fips: fips cannot change while running; restart mkad");
     }
   } catch (const ConfigFileError& error) {
     Zef::log(MKAD_CONFIG_REFUSED, error.what());

@@ -72,6 +72,10 @@ TEST(ConfigFile, EveryMistakeIsRefusedWithFileLineAndField) {
        "mkad.conf:2: profile.office.confidentiality-offset: must be 0, 30 or 50"},
       {"[global]\ndataplane = \"kernel\"\n[profile.office]\nconfidentiality-offset = 30\n",
        "mkad.conf:4: profile.office.confidentiality-offset: the kernel data plane encrypts from the first octet"},
+      {"[global]\ndataplane = \"kernel\"\n[profile.office]\ninclude-sci = false\n",
+       "mkad.conf:4: profile.office.include-sci: the kernel data plane always sends the SCI"},
+      {"[global]\ndataplane = \"kernel\"\n[profile.office]\nbypass-lldp = true\n",
+       "mkad.conf:4: profile.office.bypass-lldp: the kernel data plane leaves LLDP to the device"},
       {office("cak = \"" + kCak + "\"") + "macsec-name = \"a/b\"\n",
        "mkad.conf:7: interface.eth0.macsec-name: not an interface name"},
   };

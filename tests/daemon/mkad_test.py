@@ -303,6 +303,14 @@ class BadInput(DaemonTest):
                 self.assertEqual(result.returncode, 1)
                 self.assertRegex(result.stderr, r"d\.toml:\d+: " + field)
                 self.assertEqual(daemon.show()["interfaces"], before["interfaces"])
+        # FIPS mode is read once; a reload that would switch it is refused with the reason.
+        with open(daemon.config, "w") as f:
+            f.write('[global]\ndataplane = "emulated"\nfips = true\n' + profile_text() +
+                    '\n[interface.lo]\nprofile = "lab"\n')
+        result = daemon.ctl("reload")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("d.toml: global.fips: fips cannot change while running; restart mkad", result.stderr)
+        self.assertEqual(daemon.show()["interfaces"], before["interfaces"])
 
     def test_without_the_capabilities_it_needs_the_daemon_refuses_to_start_and_names_them(self):
         daemon = Daemon(self.workdir, "d", "lo")

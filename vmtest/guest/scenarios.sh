@@ -114,6 +114,12 @@ scenario_flap_restart_and_reload() {
   # the new key and the old one both receive; a stale SA is one that stays.
   wait_for 15 eval '[ "$(sa_lines A)" -le 3 ]' || fail "stale SAs at A: $(ip -n A macsec show)"
 
+  # FIPS mode is read once: a reload that would switch it is refused, and the link stays secured.
+  sed -i '/^dataplane/a fips = true' /tmp/A.toml
+  refused=$(mkactl --socket /tmp/A/mkad.sock reload 2>&1) && fail "a reload switched FIPS mode"
+  echo "$refused" | grep -q "fips cannot change while running; restart mkad" || fail "refused without the reason: $refused"
+  secured A || fail "the refused reload took the link down"
+
   before=$(key_of A)
   config A 00112233445566778899aabbccddeeff
   config B 00112233445566778899aabbccddeeff
