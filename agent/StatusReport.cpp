@@ -122,6 +122,7 @@ nlohmann::json countersReport(const Engine& engine, const Lanx::IntfId& intf) {
       {"sak-decryption-errors", since(live.inBadKeyWrap, cleared.inBadKeyWrap)},
       {"in-mkpdu-bad-peer-errors", since(live.inReplayed, cleared.inReplayed)},
       {"in-mkpdu-not-key-server-errors", since(live.inNotKeyServer, cleared.inNotKeyServer)},
+      {"eap-key-errors", since(live.eapKeysRefused, cleared.eapKeysRefused)},
   };
 }
 

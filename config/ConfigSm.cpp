@@ -7,6 +7,7 @@
 
 #include "model/Crypto.h"
 #include "model/CryptoMode.h"
+#include "model/LogMessages.h"
 #include "platform/Trace.h"
 
 ZEF_TRACE_MODULE("Macsec::ConfigSm")
@@ -225,28 +226,34 @@ void ConfigSm::handleDel(const Zef::Name& name) {
 namespace {
 
 // The CAK and CKN of a finished EAP exchange, as both ends derive them: from the master session
-// key, both MAC addresses (the lower first) and the session identifier. None if the addresses are
-// equal or the key does not open.
-Cak deriveKey(CipherSuite cipher, const Dot1x::EapKey& eapKey) {
+// key, both MAC addresses (the lower first) and the session identifier. A refusal says why there
+// is none.
+struct DerivedKey {
+  Cak key;
+  const char* refusal = nullptr;
+};
+
+DerivedKey deriveKey(CipherSuite cipher, const Dot1x::EapKey& eapKey) {
   TRACE(8, "");
   const Lanx::EthAddr& low = eapKey.myMac < eapKey.peerMac ? eapKey.myMac : eapKey.peerMac;
   const Lanx::EthAddr& high = eapKey.myMac < eapKey.peerMac ? eapKey.peerMac : eapKey.myMac;
-  if (!(low < high)) {
-    TRACE(1, " Self and peer MAC address are the same. Key derivation failed.");
-    return Cak();
-  }
+  // Each end puts the lower address first: with equal ones the two ends could not tell themselves
+  // apart, nor agree on an order.
+  if (!(low < high)) return {Cak(), "this interface and its peer have the same MAC address"};
+  if (eapKey.sessionId.empty()) return {Cak(), "the exchange gave no session identifier"};
   KeyBytes macs(low.data(), 6);
   macs.append(high.data(), 6);
-  KeyBytes context;
-  if (!hexToBytes(eapKey.sessionId.view(), context)) return Cak();
+  KeyBytes context(eapKey.sessionId.data(), eapKey.sessionId.size());
   context.append(macs);
   const int bits = keyBitsOf(cipher);
-  return eapKey.key.withClear([&](const KeyBytes& msk) {
+  const Cak key = eapKey.key.withClear([&](const KeyBytes& msk) {
     const KeyBytes ckn = deriveCkn(msk, bits, context, 128);
     const StoredKey cak = StoredKey::of(deriveCak(msk, macs, bits));
     if (ckn.empty() || cak.empty()) return Cak();
     return Cak{Ckn(ckn.data(), ckn.size()), cak};
   });
+  if (key.empty()) return {Cak(), "the master session key is too short for the cipher suite"};
+  return {key};
 }
 
 }  // namespace
@@ -279,11 +286,15 @@ void ConfigSm::handleEapKeyStatus(const Lanx::IntfId& intfId) {
     TRACE(6, ": Ignoring EAP key deletion on " << intfId);
     return;
   }
-  const Cak derived = deriveKey(intf->cipherSuite(), eapKey);
-  if (derived.empty()) return;
+  const DerivedKey derived = deriveKey(intf->cipherSuite(), eapKey);
+  if (derived.refusal != nullptr) {
+    Zef::log(MKA_EAP_KEY_REFUSED, intfId.stringValue(), derived.refusal);
+    if (memtabCounters()) memtabCounters()->countIn(intfId, &Memtab::MessageCounterData::eapKeysRefused);
+    return;
+  }
   // The side of the exchange first, so that whoever reacts to the key sees it.
   intf->dot1xTypeIs(eapKey.dot1xType);
-  if (!intf->key().sameKeyAs(derived)) intf->keyIs(derived);
+  if (!intf->key().sameKeyAs(derived.key)) intf->keyIs(derived.key);
 }
 
 void ConfigSm::ZefEthIntfStatusDir::ZefEthIntfStatus::handleLinkStatus() {

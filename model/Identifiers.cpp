@@ -61,4 +61,19 @@ std::ostream& operator<<(std::ostream& out, const Ckn& ckn) {
   return out.write(text, static_cast<std::streamsize>(2 * ckn.size()));
 }
 
+EapSessionId EapSessionId::fromHex(std::string_view text) {
+  EapSessionId id;
+  id.octets_.resize(text.size() / 2);
+  if (text.size() > 2 * kLongest || !detail::octetsFromHex(text, id.octets_.data(), id.octets_.size())) {
+    return EapSessionId();
+  }
+  return id;
+}
+
+std::ostream& operator<<(std::ostream& out, const EapSessionId& id) {
+  char text[2 * EapSessionId::kLongest];
+  detail::hexInto(id.data(), id.size(), text);
+  return out.write(text, static_cast<std::streamsize>(2 * id.size()));
+}
+
 }  // namespace Macsec

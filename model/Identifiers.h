@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ostream>
 #include <string_view>
+#include <vector>
 
 #include "platform/String.h"
 
@@ -106,6 +107,29 @@ class Ckn {
   std::array<uint8_t, kLongest> octets_{};
 };
 std::ostream& operator<<(std::ostream& out, const Ckn& ckn);
+
+// An EAP session identifier: the octets by which both ends name one finished EAP exchange, up to
+// 128 (EAP-TLS gives 65: its type and both randoms); none is empty. It names the key derived from
+// the exchange, and arrives as octets from the exchange itself, so no text is ever parsed for it.
+class EapSessionId {
+ public:
+  static constexpr size_t kLongest = 128;
+
+  EapSessionId() noexcept = default;
+  // The first `size` octets, up to the longest an identifier may be.
+  EapSessionId(const uint8_t* octets, size_t size) : octets_(octets, octets + (size < kLongest ? size : kLongest)) {}
+  // None unless the text is hexadecimal, two characters an octet.
+  static EapSessionId fromHex(std::string_view text);
+
+  const uint8_t* data() const noexcept { return octets_.data(); }
+  size_t size() const noexcept { return octets_.size(); }
+  bool empty() const noexcept { return octets_.empty(); }
+  bool operator==(const EapSessionId&) const noexcept = default;
+
+ private:
+  std::vector<uint8_t> octets_;
+};
+std::ostream& operator<<(std::ostream& out, const EapSessionId& id);
 
 // Identifiers written in code as their text: "0102030405060708090a0b0c"_mi, "96437a93"_ckn.
 inline namespace IdentifierLiterals {

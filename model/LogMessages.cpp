@@ -52,10 +52,15 @@ Zef::LogHandle MKA_CAK_MISMATCH("MKA_CAK_MISMATCH", 4,
                                 "CAK: the two ends hold different CAKs under one CKN.",
                                 "Check that both ends configure the same CAK for this CKN.", 120, 1.0, 0);
 
+Zef::LogHandle MKA_EAP_KEY_REFUSED("MKA_EAP_KEY_REFUSED", 4, "No key from the EAP exchange on interface %s: %s",
+                                   "An 802.1X exchange finished on the interface, but what it gave derives no "
+                                   "CAK: the interface keeps the key it has, if any.",
+                                   "Check the 802.1X configuration of both ends of the link.", 120, 1.0, 0);
+
 void clearLogHistory() {
-  for (Zef::LogHandle* handle :
-       {&MKA_KEY_IN_USE, &MKA_FALLBACK_KEY_IN_USE, &MKA_UNPROTECTED_TRAFFIC, &MKA_CA_CREATED, &MKA_STATE_CHG,
-        &MKA_SESSION_ESTABLISHED, &MKA_SAK_CREATED, &MKA_SAK_ACTIVATED, &MACSEC_POST_FAILURE, &MKA_CAK_MISMATCH}) {
+  for (Zef::LogHandle* handle : {&MKA_KEY_IN_USE, &MKA_FALLBACK_KEY_IN_USE, &MKA_UNPROTECTED_TRAFFIC, &MKA_CA_CREATED,
+                                 &MKA_STATE_CHG, &MKA_SESSION_ESTABLISHED, &MKA_SAK_CREATED, &MKA_SAK_ACTIVATED,
+                                 &MACSEC_POST_FAILURE, &MKA_CAK_MISMATCH, &MKA_EAP_KEY_REFUSED}) {
     handle->clearHistory();
   }
 }

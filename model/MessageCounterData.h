@@ -7,8 +7,8 @@
 
 namespace Macsec::Memtab {
 
-// One interface's MKPDU counters, as the codec keeps them: what went in and out, and each kind of
-// refused frame on its own.
+// One interface's MKA counters: the MKPDUs that went in and out, each kind of refused frame on its
+// own, as the codec keeps them, and the keys of EAP exchanges that derived nothing.
 struct MessageCounterData {
   Lanx::IntfId intfId;
   uint64_t inMkpdus = 0;              // accepted and handed to the actors
@@ -23,6 +23,7 @@ struct MessageCounterData {
   uint64_t inBadKeyWrap = 0;          // a distributed key that does not unwrap
   uint64_t inReplayed = 0;            // a member number already seen
   uint64_t inNotKeyServer = 0;        // a distributed key from a live peer that is not the key server
+  uint64_t eapKeysRefused = 0;        // an EAP exchange's key that gives no CAK
 
   const Lanx::IntfId& key() const noexcept { return intfId; }
   bool operator==(const MessageCounterData&) const noexcept = default;
@@ -33,7 +34,7 @@ inline std::ostream& operator<<(std::ostream& out, const MessageCounterData& d) 
              << d.outErrors << ", refused: malformed " << d.inMalformed << ", not MKA " << d.inNotMka << ", version "
              << d.inBadVersion << ", agility " << d.inUnsupportedAgility << ", unknown CKN " << d.inUnknownCkn
              << ", ICV " << d.inBadIcv << ", key wrap " << d.inBadKeyWrap << ", replayed " << d.inReplayed
-             << ", not key server " << d.inNotKeyServer << ")";
+             << ", not key server " << d.inNotKeyServer << ", EAP keys " << d.eapKeysRefused << ")";
 }
 
 }  // namespace Macsec::Memtab

@@ -306,7 +306,7 @@ std::ostream& operator<<(std::ostream& out, Dot1xType type);
 struct EapKey {
   Dot1xType dot1xType = dot1xTypeAuthenticator;
   Macsec::StoredKey key;
-  Zef::String sessionId;
+  Macsec::EapSessionId sessionId;
   Lanx::EthAddr myMac;
   Lanx::EthAddr peerMac;
   bool operator==(const EapKey&) const noexcept = default;

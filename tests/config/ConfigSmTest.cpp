@@ -10,6 +10,7 @@
 #include "mka/MkaRootSm.h"
 #include "model/CryptoMode.h"
 #include "platform/Clock.h"
+#include "platform/Log.h"
 
 namespace Macsec {
 namespace {
@@ -160,9 +161,9 @@ TEST_F(Configuration, AProfileWithDot1xTakesTheKeyDerivedFromEachInterfacesEapEx
   // The published vector: this master session key, these two addresses and this session
   // identifier give the CAK 135b... and the CKN 9643... at both ends.
   const char* msk = "e68a1ab90313024fda7a04a03fea010f";
-  const char* session =
+  const EapSessionId session = EapSessionId::fromHex(
       "0dd075693f54b2b2eb01da61f0af5d429b65b1ebcaf536fba350777598571728f630c5c8da5475489ad47b6e3489a97372e5a8fd5506179"
-      "72c020d42a3b13a4eae";
+      "72c020d42a3b13a4eae");
   const Lanx::EthAddr low({0x00, 0x1b, 0x63, 0x93, 0xfc, 0xbc});
   const Lanx::EthAddr high({0x00, 0xd0, 0xb7, 0x1a, 0x77, 0x17});
   eapKeys->keyIs(eth1, Dot1x::EapKey{Dot1x::dot1xTypeSupplicant, StoredKey::ofHex(msk), session, high, low});
@@ -184,7 +185,8 @@ TEST_F(Configuration, AProfileWithDot1xTakesTheKeyDerivedFromEachInterfacesEapEx
   const Zef::Ptr<KeyWatch> watch(new KeyWatch(intf));
   eapKeys->keyIs(eth1, Dot1x::EapKey{Dot1x::dot1xTypeSupplicant, StoredKey::ofHex(msk), session, low, high});
   EXPECT_EQ(watch->writes, 0);
-  eapKeys->keyIs(eth1, Dot1x::EapKey{Dot1x::dot1xTypeAuthenticator, StoredKey::ofHex(msk), "00", low, high});
+  eapKeys->keyIs(eth1, Dot1x::EapKey{Dot1x::dot1xTypeAuthenticator, StoredKey::ofHex(msk), EapSessionId::fromHex("00"),
+                                     low, high});
   EXPECT_EQ(watch->writes, 1);
   EXPECT_NE(intf->key().ckn, "96437a93ccf10d9dfe347846cce52c7d"_ckn);
   EXPECT_EQ(intf->dot1xType(), Dot1x::dot1xTypeAuthenticator);
@@ -199,9 +201,21 @@ TEST_F(Configuration, AProfileWithDot1xTakesTheKeyDerivedFromEachInterfacesEapEx
   EXPECT_TRUE(intf->key().empty());
   EXPECT_EQ(status->intfStatus(eth1), intf);
 
-  // Equal addresses derive nothing.
+  // What derives nothing is refused, logged with the interface and the reason, and counted.
+  std::vector<std::string> logged;
+  Zef::logSinkIs([&](const Zef::LogRecord& r) { logged.push_back(r.text); });
   eapKeys->keyIs(eth2, Dot1x::EapKey{Dot1x::dot1xTypeAuthenticator, StoredKey::ofHex(msk), session, low, low});
+  eapKeys->keyIs(eth2, Dot1x::EapKey{Dot1x::dot1xTypeAuthenticator, StoredKey::ofHex(msk), {}, low, high});
+  eapKeys->keyIs(eth2, Dot1x::EapKey{Dot1x::dot1xTypeAuthenticator, StoredKey::ofHex("e68a"), session, low, high});
+  Zef::logSinkIs(nullptr);
   EXPECT_TRUE(status->intfStatus(eth2)->key().empty());
+  EXPECT_EQ(logged, (std::vector<std::string>{
+                        "No key from the EAP exchange on interface eth2: this interface and its peer have the same "
+                        "MAC address",
+                        "No key from the EAP exchange on interface eth2: the exchange gave no session identifier",
+                        "No key from the EAP exchange on interface eth2: the master session key is too short for the "
+                        "cipher suite"}));
+  EXPECT_EQ(counters->row(eth2).eapKeysRefused, 3u);
 }
 
 TEST_F(Configuration, FipsRestrictionsSwitchTheCryptoLibraryOnceAndAChangeTearsEverythingDown) {
