@@ -158,7 +158,7 @@ bool ControlledPortSm::holdsBack(const Sak& dist) {
   const auto aPeerMayTransmitOn = [&](const Sak& key) {
     for (auto it = actorStatus()->livePeerIter(); it; ++it) {
       if (it.key() == key.mi && it->baseInfo().keyServer) return true;
-      if (it->sakUseInfo() != SakUseInfo() && mayTransmitOn(it->sakUseInfo(), key)) return true;
+      if (mayTransmitOn(it->sakUseInfo(), key)) return true;
     }
     return false;
   };

@@ -179,7 +179,8 @@ bool mayTransmitOn(const KeyInfo& key, const KeyInfo& other, const Sak& sak) {
 }  // namespace
 
 bool mayTransmitOn(const SakUseInfo& use, const Sak& sak) {
-  if (use == SakUseInfo()) return true;
+  // A member sends a SAK use set whenever it transmits on a key, even one it keeps in neither
+  // slot (after a restart, say): without one it transmits on none.
   return mayTransmitOn(use.latestKey, use.oldKey, sak) || mayTransmitOn(use.oldKey, use.latestKey, sak);
 }
 

@@ -287,7 +287,8 @@ inline bool identicalKey(const Sak& a, const Sak& b) { return sameKey(a, b) && a
 // set lists the key (received, or still being installed) and no newer key of the same key server
 // that the member transmits on. A member installs a key and moves on to it as soon as it hears
 // that its key server transmits on it, before its next MKPDU can say so, and that MKPDU may be
-// lost. A member whose last MKPDU had no SAK use set may transmit on any key.
+// lost. A member whose last MKPDU had no SAK use set transmits on none: a member sends the set
+// whenever it transmits on a key, even one a restart left in neither slot.
 bool mayTransmitOn(const SakUseInfo& use, const Sak& sak);
 
 }  // namespace Macsec
