@@ -35,9 +35,10 @@ std::string errorOf(const std::string& text) {
   return "";
 }
 
-// A key file in the test's temporary directory, with the given permissions.
+// A key file in the test's temporary directory, with the given permissions, named for this process:
+// the suite runs twice side by side, and one run must not truncate the other's file.
 std::string keyFile(const std::string& name, const std::string& content, mode_t mode) {
-  const std::string path = ::testing::TempDir() + name;
+  const std::string path = ::testing::TempDir() + std::to_string(::getpid()) + "-" + name;
   std::ofstream(path) << content << "\n";
   ::chmod(path.c_str(), mode);
   return path;
