@@ -255,24 +255,6 @@ TEST_F(Configuration, FipsRestrictionsSwitchTheCryptoLibraryOnceAndAChangeTearsE
   EXPECT_EXIT(configSm(), ::testing::ExitedWithCode(0), "FIPS provider is not available");
 }
 
-TEST_F(Configuration, ClearingCountersKeepsThemRunningAndSnapshotsEachConfiguredInterface) {
-  const Zef::Ptr<Profile> a = profileOf("a", {eth1});
-  a->keyIs(key("01", "135bd758b0ee5c11c55ff6ab19fdb199"));
-  Memtab::MessageCounterData row;
-  row.intfId = eth1;
-  row.inMkpdus = 12;
-  row.inBadIcv = 3;
-  counters->rowIs(row);
-  Memtab::MessageCounterData other = row;
-  other.intfId = eth2;  // counted, but not configured
-  counters->rowIs(other);
-  const Zef::Ptr<ConfigSm> sm = configSm();
-  config->clearMkaCountersInc(1);
-  EXPECT_EQ(counters->msgCounterSnapshot(eth1), row);
-  EXPECT_EQ(counters->row(eth1), row);
-  EXPECT_FALSE(counters->msgCounterSnapshotHas(eth2));
-}
-
 TEST_F(Configuration, TheRootRunsConfigurationThenTheDeviceWhileMacsecIsEnabled) {
   const Zef::Ptr<Profile> a = profileOf("a", {eth1});
   a->keyIs(key("01", "135bd758b0ee5c11c55ff6ab19fdb199"));
