@@ -5,6 +5,7 @@
 #include "agent/Capabilities.h"
 #include "agent/ConfigChanges.h"
 #include "agent/DaemonLog.h"
+#include "agent/FipsReport.h"
 #include "agent/StatusReport.h"
 #include "platform/Clock.h"
 
@@ -232,6 +233,7 @@ nlohmann::json Daemon::answer(const nlohmann::json& request) {
 nlohmann::json Daemon::show() const {
   nlohmann::json reply = dataPlaneReport(config_.dataPlane);
   reply["config"] = config_.path;
+  reply["fips"] = fipsReport(config_.fips);
   nlohmann::json& interfaces = reply["interfaces"] = nlohmann::json::array();
   for (const auto& [name, profile] : config_.interfaces) {
     nlohmann::json report = interfaceReport(*engine_, Lanx::IntfId(name), running_.contains(name), config_.dataPlane);

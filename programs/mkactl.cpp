@@ -88,7 +88,14 @@ std::string keyCell(const Json& key) {
 void showSessions(const Json& reply) {
   std::cout << "data plane: " << reply["data-plane"].get<std::string>();
   if (reply.contains("warning")) std::cout << " -- " << reply["warning"].get<std::string>();
-  std::cout << "\n\n";
+  std::cout << "\n";
+  if (reply.contains("fips") && reply["fips"].value("requested", false)) {
+    const Json& fips = reply["fips"];
+    std::cout << "fips: crypto library " << fips["crypto-library"].get<std::string>() << "; kernel FIPS mode "
+              << fips["kernel-fips-mode"].get<std::string>() << ", its gcm(aes) self test "
+              << fips["kernel-gcm-aes-self-test"].get<std::string>() << "\n";
+  }
+  std::cout << "\n";
   std::vector<std::vector<std::string>> rows;
   for (const Json& intf : reply["interfaces"]) {
     std::string server = cell(intf["key-server"]);

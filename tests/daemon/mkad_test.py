@@ -188,6 +188,8 @@ class Sessions(DaemonTest):
                     self.assertRegex(daemon.ctl("show", "settings").stdout, r"cipher-suite +%s" % session["settings"]["cipher-suite"])
                     # The emulated data plane says in every view that it encrypts nothing.
                     self.assertEqual((session["data-plane"], session["encrypted"]), ("emulated", False))
+                    # The view says what backs FIPS mode, and that nobody asked for it here.
+                    self.assertEqual(daemon.show()["fips"]["requested"], False)
                     self.assertIn("encrypts nothing", daemon.ctl("show").stdout)
                     # No view and no log line holds the key.
                     for output in (daemon.ctl("show", "--json").stdout, daemon.ctl("show").stdout,

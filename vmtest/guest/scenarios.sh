@@ -53,6 +53,9 @@ secured_link() {  # secured_link CAK [PROFILE LINES...]
 
 scenario_secure_128() {
   secured_link "$CAK128"
+  # The kernel's gcm(aes) is registered once a link uses it, and the FIPS view reads its self test.
+  self_test=$(grep -o '"kernel-gcm-aes-self-test": "[^"]*"' /tmp/secure_128-show.json | cut -d'"' -f4)
+  case "$self_test" in passed|"not run") note "kernel_gcm_aes_self_test=$self_test" ;; *) fail "gcm(aes) self test read as '$self_test'" ;; esac
 }
 
 scenario_secure_256() {
