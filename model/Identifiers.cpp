@@ -62,11 +62,10 @@ std::ostream& operator<<(std::ostream& out, const Ckn& ckn) {
 }
 
 EapSessionId EapSessionId::fromHex(std::string_view text) {
+  if (text.size() > 2 * kLongest) return EapSessionId();
   EapSessionId id;
   id.octets_.resize(text.size() / 2);
-  if (text.size() > 2 * kLongest || !detail::octetsFromHex(text, id.octets_.data(), id.octets_.size())) {
-    return EapSessionId();
-  }
+  if (!detail::octetsFromHex(text, id.octets_.data(), id.octets_.size())) return EapSessionId();
   return id;
 }
 

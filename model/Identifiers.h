@@ -110,7 +110,7 @@ std::ostream& operator<<(std::ostream& out, const Ckn& ckn);
 
 // An EAP session identifier: the octets by which both ends name one finished EAP exchange, up to
 // 128 (EAP-TLS gives 65: its type and both randoms); none is empty. It names the key derived from
-// the exchange, and arrives as octets from the exchange itself, so no text is ever parsed for it.
+// the exchange, and arrives as octets from the exchange itself: the engine parses no text for it.
 class EapSessionId {
  public:
   static constexpr size_t kLongest = 128;
@@ -118,7 +118,7 @@ class EapSessionId {
   EapSessionId() noexcept = default;
   // The first `size` octets, up to the longest an identifier may be.
   EapSessionId(const uint8_t* octets, size_t size) : octets_(octets, octets + (size < kLongest ? size : kLongest)) {}
-  // None unless the text is hexadecimal, two characters an octet.
+  // For an identifier written by hand: none unless the text is hexadecimal, two characters an octet.
   static EapSessionId fromHex(std::string_view text);
 
   const uint8_t* data() const noexcept { return octets_.data(); }
