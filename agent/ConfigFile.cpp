@@ -118,6 +118,15 @@ class Reader {
     ProfileSettings::forEach([&]<class S>(S) { readSetting<S>(t, field, *profile); });
     profile->keyIs(key(t, field, "ckn", "cak", "cak-file"));
     profile->defaultKeyIs(key(t, field, "fallback-ckn", "fallback-cak", "fallback-cak-file"));
+    // A key needs a few seconds to go into service: out to every member, installed, reported back
+    // as received in their next MKPDUs, then transmitted on. A shorter period would make keys that
+    // are replaced before anybody uses them.
+    constexpr uint32_t kShortestRekeyPeriod = 5;
+    if (profile->sessionReKeyPeriod() != 0 && profile->sessionReKeyPeriod() < kShortestRekeyPeriod) {
+      fail(*t.get("rekey-period"), field + ".rekey-period",
+           "a key needs a few seconds to go into service: 0 (no periodic rekey) or at least " +
+               std::to_string(kShortestRekeyPeriod));
+    }
     // A window without replay protection would be accepted and do nothing.
     if (profile->replayProtectionWindow() != 0 && !profile->replayProtection()) {
       fail(*t.get("replay-window"), field + ".replay-window", "takes effect only with replay-protection = true");

@@ -69,6 +69,9 @@ TEST(ConfigFile, EveryMistakeIsRefusedWithFileLineAndField) {
        "mkad.conf:3: profile.office.cak-file: key file " + readable + " is open to group or others"},
       {office("cak-file = \"/nonexistent.cak\""), "mkad.conf:3: profile.office.cak-file: cannot read key file"},
       {"[profile.office\n", "mkad.conf:1: "},
+      {"[profile.office]\nrekey-period = 1\n",
+       "mkad.conf:2: profile.office.rekey-period: a key needs a few seconds to go into service: 0 (no periodic "
+       "rekey) or at least 5"},
       {"[profile.office]\nconfidentiality-offset = 20\n",
        "mkad.conf:2: profile.office.confidentiality-offset: must be 0, 30 or 50"},
       {"[global]\ndataplane = \"kernel\"\n[profile.office]\nconfidentiality-offset = 30\n",
