@@ -77,6 +77,11 @@ bool ControlledPortSm::inASlot(const Sak& sak) const {
   return sameKey(sak, cpStatus()->latestSakContext().sak) || sameKey(sak, cpStatus()->oldSakContext().sak);
 }
 
+void ControlledPortSm::endHold() {
+  heldSinceIs(0);
+  heldKeyTimer()->timeMinIs(Orb::never);
+}
+
 bool ControlledPortSm::hasLeftoverReceiveSa() const {
   for (auto it = cpStatus()->rxSakIter(); it; ++it) {
     if (!inASlot(it.value())) return true;
@@ -88,6 +93,8 @@ void ControlledPortSm::handleDistSak() {
   if (!initialized()) return;
   TRACE(8, "");
   const Sak dist = actorStatus()->distSak();
+  // A hold ends when the distributed key is one the port already has (taken back from a slot).
+  if (heldSince() != 0 && !dist.empty() && inASlot(dist)) endHold();
   // Withdrawing a distributed key never touches the hardware requests. But a key this actor made
   // as key server and withdrew before anybody transmitted on it (its peers changed, or it stopped
   // being key server) will not come into service: it gives way, as it would to the next key.
@@ -147,11 +154,11 @@ bool ControlledPortSm::holdsBack(const Sak& dist) {
   // On a shared segment two members may stand as key server for a moment, with keys on one
   // association number. This port said it receives on the first one's key; taking the second's
   // now would lose the first one's frames, which it sends on the strength of that report still on
-  // its way. So the new key waits while a live peer may transmit on the key its number holds (the
-  // first member hears the second, and gives its key up, within a hello time or two), and one life
-  // time at most, when a timer asks again. Meanwhile this port does not say it receives on the new
-  // key, so nobody transmits on it yet, and its key server repeats it: each MKPDU that brings it
-  // asks again.
+  // its way. So the new key waits while a live peer may
+  // transmit on the key its number holds (the first member hears the second, and gives its key
+  // up, within a hello time or two), and one life time at most, when a timer asks again.
+  // Meanwhile this port does not say it receives on the new key, so nobody transmits on it yet,
+  // and its key server repeats it: each MKPDU that brings it asks again.
   const AssociationNumber an(dist.an);
   // The key's maker, while it stands as key server, may start to transmit on it at any moment; any
   // live peer may whose report says so.
@@ -164,18 +171,30 @@ bool ControlledPortSm::holdsBack(const Sak& dist) {
   };
   const bool contested =
       cpStatus()->rxSakHas(an) && cpStatus()->rxSak(an).mi != dist.mi && aPeerMayTransmitOn(cpStatus()->rxSak(an));
+  // A key whose maker no longer stands as key server waits too, whatever its number holds: it
+  // came from a key server that gave way (to one it hears again after a partition) or went, the
+  // key server there is did not make it, may lack it, and hands out a key of its own soon. Nobody
+  // would ever use this one. It asks again each life time, and goes in if its maker stands as key
+  // server again.
+  const Zef::Ptr<MkaPeer const> maker = actorStatus()->livePeer(dist.mi);
+  const bool makerGaveWay = dist.mi == actorStatus()->msgId()
+                                ? !actorStatus()->electedSelf()
+                                : !maker || maker->baseInfo().sci != actorStatus()->keyServer();
   const double now = Zef::System::currentTime();
-  if (contested && heldSince() == 0) {
+  if ((contested || makerGaveWay) && heldSince() == 0) {
     heldSinceIs(now);
     heldKeyTimer()->timeMinIs(now + status()->mkaLifeTime());
   }
-  if (!contested || now - heldSince() >= status()->mkaLifeTime()) {
-    heldSinceIs(0);
-    heldKeyTimer()->timeMinIs(Orb::never);
+  const bool waitedEnough = now - heldSince() >= status()->mkaLifeTime();
+  if (!makerGaveWay && (!contested || waitedEnough)) {
+    endHold();
     return false;
   }
-  TRACE(3, ": Holding back key " << dist.mi << ":" << dist.keyNum
-                                 << ": its association number receives on a key a peer may transmit on" << forActor());
+  if (waitedEnough) heldKeyTimer()->timeMinIs(now + status()->mkaLifeTime());
+  TRACE(3, ": Holding back key " << dist.mi << ":" << dist.keyNum << ": "
+                                 << (makerGaveWay ? "its maker is no longer key server"
+                                                  : "its association number receives on a key a peer may transmit on")
+                                 << forActor());
   return true;
 }
 
@@ -222,8 +241,7 @@ void ControlledPortSm::handleLivePeer(const MemberId& peer) {
   if (!initialized()) return;
   TRACE(8, "");
   // A removed peer leaves the SSCI pair as it was. A key held back is asked again: the member
-  // that may transmit on its number may have gone, or the key's own key server, which no longer
-  // repeats it, while the hold's time is up.
+  // that may transmit on its number may have gone.
   Zef::Ptr<MkaPeer const> record = actorStatus()->livePeer(peer);
   if (!record) {
     if (heldSince() != 0) handleDistSak();

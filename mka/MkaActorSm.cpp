@@ -392,10 +392,13 @@ void MkaActorSm::parseSakUseInfo(const DecodedMkpdu& message) {
   if (!senderIsLive(peerId, "SAK use", __PRETTY_FUNCTION__)) return;
 
   // A follower that stood as key server for a moment (on forged or stale news) withdrew the key it
-  // had been given, but its port still receives on it. The key server sees it received and will
-  // not send it again, so the key is taken back from the port once the key server says it uses it.
+  // had been given, or holds back one that a key server which has since given way or gone handed
+  // out, while its port still receives on the key server's key. The key server sees it received
+  // and will not send it again, so the key is taken back from the port once the key server says it
+  // uses it.
   const bool fromKeyServer = base.keyServer && base.sci == actorStatus()->keyServer() && !actorStatus()->electedSelf();
-  if (fromKeyServer && actorStatus()->distSak().empty() && actorStatus()->principal() && cpStatus()) {
+  const bool lacksKeyServersKey = actorStatus()->distSak().empty() || actorStatus()->distSak().mi != peerId;
+  if (fromKeyServer && lacksKeyServersKey && actorStatus()->principal() && cpStatus()) {
     const SakContext& held = cpStatus()->latestSakContext();
     if (held.rxInstalled && held.sak.mi == peerId && keyInUse(use, held.sak) != KeyInfo()) {
       TRACE(1,
@@ -532,15 +535,22 @@ void MkaActorSm::handlePeerReview() {
   const double lifeTime = status()->mkaLifeTime();
   // A time stamp at or ahead of now is never aged.
   auto aged = [&](const MkaPeer& peer) { return now > peer.timeStamp() && now - peer.timeStamp() > lifeTime; };
-  for (auto it = actorStatus()->livePeerIter(); it; ++it) {
-    if (!aged(*it.ptr())) continue;
-    TRACE(1, ": Peer " << it.key() << " aged out from live peer list" << forActor());
-    actorStatus()->livePeerDel(it.key());
-  }
   for (auto it = actorStatus()->potentialPeerIter(); it; ++it) {
     if (!aged(*it.ptr())) continue;
     TRACE(1, ": Peer " << it.key() << " aged out from potential peer list" << forActor());
     actorStatus()->potentialPeerDel(it.key());
+  }
+  for (auto it = actorStatus()->livePeerIter(); it; ++it) {
+    if (!aged(*it.ptr())) continue;
+    TRACE(1, ": Peer " << it.key() << " aged out from live peer list" << forActor());
+    // Another member may hold it live a little longer, and it may still transmit on a key until
+    // then: what it last said of its keys stays one more life time, as a potential peer, where a
+    // key server picking a new key's association number reads it.
+    const Zef::Ptr<MkaPeer> last = actorStatus()->potentialPeerIs(it.key());
+    last->baseInfoIs(it->baseInfo());
+    last->sakUseInfoIs(it->sakUseInfo());
+    last->timeStampIs(now);
+    actorStatus()->livePeerDel(it.key());
   }
   doUpdateActorSuccess();
   // The peers that went may have been the last ones that lacked the key.
