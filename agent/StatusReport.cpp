@@ -1,6 +1,9 @@
 #include "agent/StatusReport.h"
 
+#include <ctime>
 #include <sstream>
+
+#include "platform/Clock.h"
 
 namespace Macsec {
 
@@ -35,6 +38,17 @@ nlohmann::json keyReport(const Sak& sak) {
 const char* saState(bool enabled, bool installed) {
   if (enabled) return "in use";
   return installed ? "installed" : "none";
+}
+
+// A moment of the engine's clock as the wall clock's UTC, to the second: "2026-11-26T03:10:05Z".
+std::string utcText(double engineTime) {
+  const double utc = Zef::System::currentTimeUtc() - (Zef::System::currentTime() - engineTime);
+  const std::time_t seconds = static_cast<std::time_t>(utc);
+  std::tm parts{};
+  gmtime_r(&seconds, &parts);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return text;
 }
 
 const char* controlledPort(const Zef::Ptr<CpStatus>& cp) {
@@ -95,9 +109,15 @@ nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, b
   report["tx-sa"] = saState(latest.txEnabled || old.txEnabled, latest.txInstalled || old.txInstalled);
   report["rx-sa"] = saState(latest.rxEnabled || old.rxEnabled, latest.rxInstalled || old.rxInstalled);
   report["controlled-port"] = controlledPort(cp);
+  // A port that lost its last live peer keeps its keys for its profile's keys-without-peer, and
+  // says so: it is not "secured" with anybody meanwhile.
+  const Zef::Ptr<MkaPortStatus> port = status->portStatus(intf);
+  const double peerlessSince = port ? port->noLivePeerSince() : 0;
+  report["no-live-peer-since"] = peerlessSince > 0 ? nlohmann::json(utcText(peerlessSince)) : nullptr;
   report["status"] = !present                     ? "waiting for the interface"
                      : !up                        ? "link down"
                      : !actor                     ? "no key"
+                     : peerlessSince > 0          ? "no live peer since " + utcText(peerlessSince) + ", keys kept"
                      : actor->livePeerSize() == 0 ? "no peer"
                                                   : controlledPort(cp);
   return report;

@@ -32,6 +32,7 @@ void MkaPortSm::handleInitialized() {
   // The success count is rebuilt from the actors as they succeed again.
   defaultActorTimerIs(timerWheel());
   actorDeletionTimerIs(timerWheel());
+  peerlessTimerIs(timerWheel());
   portStatus()->numSuccessActorsIs(0);
   // Entries left by an earlier life of the agent stay if their key is still configured.
   const Ckn& primary = intfStatus()->key().ckn;
@@ -183,10 +184,7 @@ void MkaPortSm::handleCleanUp() {
   }
   // The hardware is asked to forget every key, and the port closes.
   portStatus()->numSuccessActorsIs(0);
-  cpStatus()->oldSakContextIs(SakContext());
-  cpStatus()->latestSakContextIs(SakContext());
-  cpStatus()->txSakIs(Sak());
-  for (auto it = cpStatus()->rxSakIter(); it; ++it) cpStatus()->rxSakDel(AssociationNumber(it.key()));
+  removeKeys();
   cpStatus()->controlledPortEnabledIs(false);
 }
 
@@ -365,6 +363,40 @@ void MkaPortSm::handleNumSuccessActors() {
   // The count goes out as a raw byte.
   TRACE(8, ": " << static_cast<char>(portStatus()->numSuccessActors()) << " successful actors on " << intfId());
   if (intfStatus()->allowUnprotected() && portStatus()->numSuccessActors() == 0) allowUnprotectedTraffic();
+  doCountTimeWithoutPeer();
+}
+
+void MkaPortSm::doCountTimeWithoutPeer() {
+  // The keys of a session outlive its last live peer, so that traffic goes on through a short
+  // loss, but only for the profile's bound. Static keys and unprotected traffic have no peer to
+  // lose.
+  const bool peerless = portStatus()->numSuccessActors() == 0 && !intfStatus()->staticSakInUse() &&
+                        !intfStatus()->allowUnprotected() && !sakCleared();
+  if (!peerless) {
+    portStatus()->noLivePeerSinceIs(0);
+    peerlessTimer()->timeMinIs(Orb::never);
+    return;
+  }
+  if (portStatus()->noLivePeerSince() == 0) {
+    portStatus()->noLivePeerSinceIs(Zef::System::currentTime());
+    TRACE(3, ": No live peer left on " << intfId() << "; keys kept for " << intfStatus()->keysWithoutPeer() << " s");
+  }
+  peerlessTimer()->timeMinIs(portStatus()->noLivePeerSince() + intfStatus()->keysWithoutPeer());
+}
+
+void MkaPortSm::handleKeysWithoutPeer() {
+  if (!initialized()) return;
+  if (portStatus()->noLivePeerSince() != 0) doCountTimeWithoutPeer();
+}
+
+void MkaPortSm::handlePeerlessTimeout() {
+  if (!initialized()) return;
+  peerlessTimer()->timeMinIs(Orb::never);
+  if (portStatus()->numSuccessActors() != 0 || portStatus()->noLivePeerSince() == 0) return;
+  Zef::log(MKA_KEYS_WITHOUT_PEER_REMOVED, intfId(), static_cast<int>(intfStatus()->keysWithoutPeer()));
+  removeKeys();
+  cpStatus()->controlledPortEnabledIs(false);
+  portStatus()->noLivePeerSinceIs(0);
 }
 
 void MkaPortSm::handleTxStaticSak() { doProgramStaticSak(true); }
@@ -410,14 +442,20 @@ bool MkaPortSm::sakCleared() {
   return true;
 }
 
-void MkaPortSm::allowUnprotectedTraffic() {
-  // All key material leaves the hardware; the port's state stays as it is.
-  TRACE(3, ": Allowing unprotected traffic on" << intfId());
+void MkaPortSm::removeKeys() {
+  // Every key leaves the hardware and the actors; a key server makes a new one for the next
+  // session.
   cpStatus()->oldSakContextIs(SakContext());
   cpStatus()->latestSakContextIs(SakContext());
   cpStatus()->rxSakDelAll();
   cpStatus()->txSakIs(Sak());
   for (auto it = portStatus()->actorStatusIter(); it; ++it) it->distSakIs(Sak());
+}
+
+void MkaPortSm::allowUnprotectedTraffic() {
+  // All key material leaves the hardware; the port's state stays as it is.
+  TRACE(3, ": Allowing unprotected traffic on" << intfId());
+  removeKeys();
   cpStatus()->unprotectedTrafficIs(true);
   Zef::log(MKA_UNPROTECTED_TRAFFIC, intfId());
 }

@@ -57,10 +57,19 @@ Zef::LogHandle MKA_EAP_KEY_REFUSED("MKA_EAP_KEY_REFUSED", 4, "No key from the EA
                                    "CAK: the interface keeps the key it has, if any.",
                                    "Check the 802.1X configuration of both ends of the link.", 120, 1.0, 0);
 
+Zef::LogHandle MKA_KEYS_WITHOUT_PEER_REMOVED("MKA_KEYS_WITHOUT_PEER_REMOVED", 4,
+                                             "Keys removed and port closed on interface %s: no live peer for %d s",
+                                             "The port kept its keys while its peers were gone, for as long as its "
+                                             "profile's keys-without-peer allows, and nobody came back.",
+                                             "Check the link and the peer; a longer keys-without-peer keeps traffic "
+                                             "through longer losses.",
+                                             0, 1.0, 0);
+
 void clearLogHistory() {
-  for (Zef::LogHandle* handle : {&MKA_KEY_IN_USE, &MKA_FALLBACK_KEY_IN_USE, &MKA_UNPROTECTED_TRAFFIC, &MKA_CA_CREATED,
-                                 &MKA_STATE_CHG, &MKA_SESSION_ESTABLISHED, &MKA_SAK_CREATED, &MKA_SAK_ACTIVATED,
-                                 &MACSEC_POST_FAILURE, &MKA_CAK_MISMATCH, &MKA_EAP_KEY_REFUSED}) {
+  for (Zef::LogHandle* handle :
+       {&MKA_KEY_IN_USE, &MKA_FALLBACK_KEY_IN_USE, &MKA_UNPROTECTED_TRAFFIC, &MKA_CA_CREATED, &MKA_STATE_CHG,
+        &MKA_SESSION_ESTABLISHED, &MKA_SAK_CREATED, &MKA_SAK_ACTIVATED, &MACSEC_POST_FAILURE, &MKA_CAK_MISMATCH,
+        &MKA_EAP_KEY_REFUSED, &MKA_KEYS_WITHOUT_PEER_REMOVED}) {
     handle->clearHistory();
   }
 }

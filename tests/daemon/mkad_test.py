@@ -248,6 +248,23 @@ class Sessions(DaemonTest):
         self.assertEqual(pair.a.ctl("clear", "counters").returncode, 0)
         self.assertLess(pair.a.counters()["in-mkpdu-icv-verification-errors"], 2)
 
+    def test_a_port_whose_peer_falls_silent_says_so_and_keeps_its_keys_only_for_its_bound(self):
+        pair = Pair(self)
+        pair.wait_secured()
+        pair.b.process.send_signal(signal.SIGSTOP)
+        self.addCleanup(pair.b.process.send_signal, signal.SIGCONT)
+        alone = wait_for(lambda: (lambda s: s if s["status"].startswith("no live peer since ") else None)(
+            pair.a.session()), 20, "a to say that its peer is gone")
+        self.assertRegex(alone["status"], r"^no live peer since \d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ, keys kept$")
+        self.assertEqual((alone["controlled-port"], alone["tx-sa"]), ("secured", "in use"))
+        closed = wait_for(lambda: (lambda s: s if s["controlled-port"] == "closed" else None)(pair.a.session()), 20,
+                          "a's port to close once keys-without-peer has passed")
+        self.assertEqual((closed["status"], closed["tx-sa"], closed["no-live-peer-since"]), ("no peer", "none", None))
+        self.assertIn("MKA_KEYS_WITHOUT_PEER_REMOVED: Keys removed and port closed on interface eth-a: no live peer "
+                      "for 6 s", pair.a.log_text())
+        pair.b.process.send_signal(signal.SIGCONT)
+        pair.wait_secured()
+
     def test_sigterm_ends_the_daemon_within_a_second_with_no_key_left(self):
         pair = Pair(self)
         pair.wait_secured()

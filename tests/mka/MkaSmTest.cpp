@@ -188,6 +188,33 @@ TEST_F(Device, ARestartGoesOnOverTheStatusItFinds) {
   EXPECT_EQ(cp(b)->macsecParams().cipherSuite, cipherSuiteGcmAes256);
 }
 
+// A port whose peers fall silent keeps its keys, and stays open, for its profile's bound, then
+// closes and lets every key go; a longer bound keeps traffic through a longer loss.
+TEST_F(Device, APortWithoutALivePeerKeepsItsKeysForItsBoundThenCloses) {
+  start(a, 1);
+  start(b, 2);
+  ASSERT_TRUE(heldWithin(30, [&] { return secured(); }));
+  for (const uint32_t bound : {6u, 60u}) {
+    SCOPED_TRACE(bound);
+    a.status()->intfStatus(intf(a))->keysWithoutPeerIs(bound);
+    b.mutedIs(true);
+    double* alone = firstTime([&] { return portStatus(a)->noLivePeerSince() > 0; });
+    double* closed = firstTime([&] { return !cp(a)->controlledPortEnabled(); });
+    sim.runFor(bound + 20);
+    ASSERT_GT(*alone, 0);
+    EXPECT_DOUBLE_EQ(*closed - *alone, bound);
+    EXPECT_TRUE(cp(a)->txSak().empty());
+    EXPECT_EQ(cp(a)->rxSakSize(), 0u);
+    EXPECT_EQ(portStatus(a)->noLivePeerSince(), 0);
+    EXPECT_EQ(logCount("MKA_KEYS_WITHOUT_PEER_REMOVED Keys removed and port closed on interface eth1: no live peer "
+                       "for " +
+                       std::to_string(bound) + " s"),
+              1);
+    b.mutedIs(false);
+    ASSERT_TRUE(heldWithin(30, [&] { return secured(); }));
+  }
+}
+
 class Fips : public Device {
  protected:
   void startFips(Sim::Agent& agent, uint8_t macByte, SelfTestResponder responder) {
