@@ -69,6 +69,8 @@ MacsecLinkState linkStateOf(const CpStatus& cp) {
 void KernelDataPlane::handleInitialized() {
   TRACE(8, "");
   initializedIs(true);
+  // The kernel's MACsec encrypts from the first octet, or not at all.
+  hardware()->macsecCapabilityIs(macsecConfidentialityAtZero);
   for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(status()->cpStatusIter())) updateLink(intfId);
 }
 

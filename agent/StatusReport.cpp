@@ -109,6 +109,8 @@ nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, b
   report["tx-sa"] = saState(latest.txEnabled || old.txEnabled, latest.txInstalled || old.txInstalled);
   report["rx-sa"] = saState(latest.rxEnabled || old.rxEnabled, latest.rxInstalled || old.rxInstalled);
   report["controlled-port"] = controlledPort(cp);
+  // Octets in the clear before confidentiality starts, as the key server keys.
+  report["confidentiality-offset"] = cp ? cp->confidentialityOffset() : 0;
   // A port that lost its last live peer keeps its keys for its profile's keys-without-peer, and
   // says so: it is not "secured" with anybody meanwhile.
   const Zef::Ptr<MkaPortStatus> port = status->portStatus(intf);
@@ -142,6 +144,7 @@ nlohmann::json countersReport(const Engine& engine, const Lanx::IntfId& intf) {
       {"sak-decryption-errors", since(live.inBadKeyWrap, cleared.inBadKeyWrap)},
       {"in-mkpdu-bad-peer-errors", since(live.inReplayed, cleared.inReplayed)},
       {"in-mkpdu-not-key-server-errors", since(live.inNotKeyServer, cleared.inNotKeyServer)},
+      {"sak-offset-errors", since(live.inOffsetRefused, cleared.inOffsetRefused)},
       {"eap-key-errors", since(live.eapKeysRefused, cleared.eapKeysRefused)},
   };
 }

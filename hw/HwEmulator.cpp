@@ -24,6 +24,8 @@ void confirm(HwEmulator& emulator, std::function<void()> write) {
 void HwEmulator::handleInitialized() {
   TRACE(8, "");
   initializedIs(true);
+  // It encrypts nothing, so it takes any confidentiality offset.
+  hardware()->macsecCapabilityIs(macsecConfidentialityAnyOffset);
 }
 
 void HwEmulator::ZefStatus::ZefCpStatus::updateRxSaStatus(const AssociationNumber& an) {

@@ -28,7 +28,7 @@ void HwStatusSlices::interfaceIs(const Lanx::IntfId& intf) {
       room = MacSecStatus::MacSecStatusIs(sliceName(index));
       sliceDir_->entityPtrIs(room);
     }
-    room->statusIs(intf);
+    room->statusIs(intf)->macsecCapabilityIs(capability_);
     return;
   }
 }
@@ -38,6 +38,13 @@ void HwStatusSlices::interfaceDel(const Lanx::IntfId& intf) {
   if (!owner) return;
   owner->statusDel(intf);
   if (owner->statusSize() == 0) sliceDir_->entityPtrDel(owner->name());
+}
+
+void HwStatusSlices::macsecCapabilityIs(MacsecCapability capability) {
+  capability_ = capability;
+  for (auto it = flat_->statusIter(); it; ++it) {
+    if (const Zef::Ptr<MacSecIntfStatus> own = status(it.key())) own->macsecCapabilityIs(capability);
+  }
 }
 
 Zef::Ptr<MacSecIntfStatus> HwStatusSlices::status(const Lanx::IntfId& intf) const {

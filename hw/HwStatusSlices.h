@@ -24,6 +24,8 @@ class HwStatusSlices : public Zef::PtrInterface {
   // from its slice, and the slice with its last interface.
   void interfaceIs(const Lanx::IntfId& intf);
   void interfaceDel(const Lanx::IntfId& intf);
+  // What the data plane offers on every interface, those it has and those to come.
+  void macsecCapabilityIs(MacsecCapability capability);
   // The status of an interface, for its writer; null if the hardware does not have it.
   Zef::Ptr<MacSecIntfStatus> status(const Lanx::IntfId& intf) const;
 
@@ -39,6 +41,7 @@ class HwStatusSlices : public Zef::PtrInterface {
   Zef::Ptr<MacSecIntfStatusPtrDir> flat_;
   Zef::Ptr<Zef::Dir> sliceDir_;
   Zef::Ptr<HwStatusSm> folding_;
+  MacsecCapability capability_ = macsecNotImplemented;
 };
 
 }  // namespace Macsec

@@ -137,9 +137,11 @@ void ControlledPortSm::handleDistSak() {
   context.rxEnabled = true;
   TRACE(1, ": Enabling receive on key: " << dist.mi << ":" << dist.keyNum << forActor());
   cpStatus()->latestSakContextIs(context);
-  // Any new key ends unprotected operation, before its receive SA is even requested.
+  // Any new key ends unprotected operation, before its receive SA is even requested; the port
+  // takes the offset its key server uses the key at.
   const Sak request = withSalt(dist);
   cpStatus()->unprotectedTrafficIs(false);
+  cpStatus()->confidentialityOffsetIs(actorStatus()->distOffset());
   cpStatus()->rxSakIs(request);
   // Numbered as the MKPDUs of the member that made the key, which brought it (a key server that
   // took over since the last one heard numbers its MKPDUs its own way).

@@ -78,7 +78,7 @@ void MkaActorSm::handlePrincipalActor() {
   if (!initialized()) return;
   ACTOR_ENTRY();
   if (actorStatus()->principal()) {
-    keyServerSmIs(intfId(), ckn(), status(), timerWheel());
+    keyServerSmIs(intfId(), ckn(), status(), timerWheel(), hwStatus());
     cpSmIs(ckn(), intfId(), status(), hwStatus(), timerWheel());
   } else {
     keyServerSmDel();
@@ -252,6 +252,15 @@ void MkaActorSm::countKeyNotFromKeyServer() {
   if (memtabCounters()) memtabCounters()->countIn(intfId(), &Memtab::MessageCounterData::inNotKeyServer);
 }
 
+void MkaActorSm::refuseOffset(const MemberId& keyServer, uint8_t offsetCode) {
+  const std::optional<uint8_t> offset = offsetOfCode(offsetCode);
+  const std::string asked = offset ? std::to_string(*offset) + " octets" : "none (integrity only)";
+  TRACE(1, ": Refusing the SAK from peer " << keyServer << ": confidentiality offset " << asked
+                                           << " not offered by the data plane" << forActor());
+  if (memtabCounters()) memtabCounters()->countIn(intfId(), &Memtab::MessageCounterData::inOffsetRefused);
+  Zef::log(MKA_SAK_OFFSET_REFUSED, keyServerTail(keyServer), intfId(), asked);
+}
+
 void MkaActorSm::parseCakDistInfo(const DecodedMkpdu& message) {
   ACTOR_ENTRY();
   const BasicInfo& base = message.baseInfo;
@@ -288,6 +297,13 @@ void MkaActorSm::parseSakDistInfo(const DecodedMkpdu& message) {
     TRACE(3, ": Cipher Suite mismatch from peer " << peerId << ". Ignoring dist SAK set" << forActor());
     return;
   }
+  // The key is used at the key server's confidentiality offset, by every member alike, or not at
+  // all: a port that encrypted at another offset than its peers would garble every frame.
+  const std::optional<uint8_t> offset = offsetOfCode(dist.confidentialityOffset);
+  if (!offset || !offersOffset(hwStatus()->capabilityOf(intfId()), *offset)) {
+    refuseOffset(peerId, dist.confidentialityOffset);
+    return;
+  }
   // An association number above 3 is a fault of the sender; it ends this MKPDU with the range
   // error.
   const Sak sak{AssociationNumber(dist.distributedAN), peerId, dist.keyNumber, dist.wrappedSak, {}};
@@ -311,6 +327,7 @@ void MkaActorSm::parseSakDistInfo(const DecodedMkpdu& message) {
                << "for actor " << ckn() << " on " << intfId());
   actorStatus()->sakTransmitIs(false);
   TRACE(1, ": Installing SAK from peer " << peerId << forActor());
+  actorStatus()->distOffsetIs(*offset);
   actorStatus()->distSakIs(sak);
 }
 
@@ -570,11 +587,6 @@ KeyInfo transmitOnly(const Sak& transmitting) {
   return KeyInfo{transmitting.an, true, false, transmitting.mi, transmitting.keyNum, 0};
 }
 
-// How the distributed SAK set says what the key server's data plane does with the key:
-// confidentiality with an offset of 0, 30 or 50 octets (1, 2, 3). The value 0, "not used", would
-// tell a peer that follows the key server to protect integrity only.
-uint8_t confidentialityOffsetCode(uint8_t offset) { return offset == 50 ? 3 : offset == 30 ? 2 : 1; }
-
 // The last message number of a member identifier: past it, the actor takes a new identity.
 constexpr uint32_t kLastMsgNum = 0xFFFFFFFFu;
 
@@ -604,7 +616,7 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
                        : actorStatus()->electedSelf();
   base.macsecDesired = actorStatus()->macsecDesired();
   const CipherSuite cipher = intfStatus()->cipherSuite();
-  base.macsecCapability = keyBitsOf(cipher) > 0 ? 2 : 1;
+  base.macsecCapability = keyBitsOf(cipher) > 0 ? hwStatus()->capabilityOf(intfId()) : macsecIntegrityOnly;
   base.sci = portStatus()->mySci();
   if (actorStatus()->msgNum() == kLastMsgNum) updateMsgId();
   base.msgId = actorStatus()->msgId();
@@ -629,8 +641,7 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
   const Sak& sak = actorStatus()->distSak();
   if (actorStatus()->electedSelf() && actorStatus()->principal() && !sak.empty() && sak.mi == actorStatus()->msgId() &&
       (!actorStatus()->sakTransmit() || aLivePeerLacks(sak))) {
-    info->sakDistInfoIs(SakDistInfo{sak.an, confidentialityOffsetCode(intfStatus()->confidentialityOffset()),
-                                    sak.keyNum, cipher, sak.key});
+    info->sakDistInfoIs(SakDistInfo{sak.an, offsetCodeOf(actorStatus()->distOffset()), sak.keyNum, cipher, sak.key});
   } else {
     info->sakDistInfoIs(SakDistInfo());
   }

@@ -313,8 +313,18 @@ bool MkaKeyServerSm::generateNewSak() {
 
   Zef::log(MKA_SAK_CREATED, keyServerTail(msgId), keyNum, intfId());
 
+  // The profile's confidentiality offset, where this port's data plane and every live peer offer
+  // it; else none, which all do.
+  uint8_t offset = mkaIntfStatus()->confidentialityOffset();
+  bool everyoneOffers = offersOffset(hwStatus()->capabilityOf(intfId()), offset);
+  for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) {
+    everyoneOffers = everyoneOffers && offersOffset(MacsecCapability(it->baseInfo().macsecCapability), offset);
+  }
+  if (!everyoneOffers) offset = 0;
+
   // sakTransmit is cleared first, so that the notification of distSak finds it cleared.
   mkaActorStatus()->sakTransmitIs(false);
+  mkaActorStatus()->distOffsetIs(offset);
   mkaActorStatus()->distSakIs(sak);
   mkaActorStatus()->keyNumIs(keyNum);
   return true;

@@ -57,6 +57,17 @@ Zef::LogHandle MKA_EAP_KEY_REFUSED("MKA_EAP_KEY_REFUSED", 4, "No key from the EA
                                    "CAK: the interface keeps the key it has, if any.",
                                    "Check the 802.1X configuration of both ends of the link.", 120, 1.0, 0);
 
+Zef::LogHandle MKA_SAK_OFFSET_REFUSED("MKA_SAK_OFFSET_REFUSED", 3,
+                                      "SAK from key server %s refused on interface %s: confidentiality offset %s "
+                                      "is not offered by the data plane",
+                                      "The key server asks its peers to use its key at a confidentiality offset "
+                                      "that this interface's data plane cannot use (the kernel's MACsec encrypts "
+                                      "from the first octet only). A key used at another offset than the key "
+                                      "server's would garble every frame, so the interface does not take it.",
+                                      "Set confidentiality-offset = 0 on the key server, or check the MACsec "
+                                      "capability that this interface announces.",
+                                      120, 1.0, 0);
+
 Zef::LogHandle MKA_KEYS_WITHOUT_PEER_REMOVED("MKA_KEYS_WITHOUT_PEER_REMOVED", 4,
                                              "Keys removed and port closed on interface %s: no live peer for %d s",
                                              "The port kept its keys while its peers were gone, for as long as its "
@@ -69,7 +80,7 @@ void clearLogHistory() {
   for (Zef::LogHandle* handle :
        {&MKA_KEY_IN_USE, &MKA_FALLBACK_KEY_IN_USE, &MKA_UNPROTECTED_TRAFFIC, &MKA_CA_CREATED, &MKA_STATE_CHG,
         &MKA_SESSION_ESTABLISHED, &MKA_SAK_CREATED, &MKA_SAK_ACTIVATED, &MACSEC_POST_FAILURE, &MKA_CAK_MISMATCH,
-        &MKA_EAP_KEY_REFUSED, &MKA_KEYS_WITHOUT_PEER_REMOVED}) {
+        &MKA_EAP_KEY_REFUSED, &MKA_SAK_OFFSET_REFUSED, &MKA_KEYS_WITHOUT_PEER_REMOVED}) {
     handle->clearHistory();
   }
 }

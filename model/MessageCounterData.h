@@ -23,6 +23,7 @@ struct MessageCounterData {
   uint64_t inBadKeyWrap = 0;          // a distributed key that does not unwrap
   uint64_t inReplayed = 0;            // a member number already seen
   uint64_t inNotKeyServer = 0;        // a distributed key from a live peer that is not the key server
+  uint64_t inOffsetRefused = 0;       // a distributed key at a confidentiality offset the data plane lacks
   uint64_t eapKeysRefused = 0;        // an EAP exchange's key that gives no CAK
 
   const Lanx::IntfId& key() const noexcept { return intfId; }
@@ -34,7 +35,8 @@ inline std::ostream& operator<<(std::ostream& out, const MessageCounterData& d) 
              << d.outErrors << ", refused: malformed " << d.inMalformed << ", not MKA " << d.inNotMka << ", version "
              << d.inBadVersion << ", agility " << d.inUnsupportedAgility << ", unknown CKN " << d.inUnknownCkn
              << ", ICV " << d.inBadIcv << ", key wrap " << d.inBadKeyWrap << ", replayed " << d.inReplayed
-             << ", not key server " << d.inNotKeyServer << ", EAP keys " << d.eapKeysRefused << ")";
+             << ", not key server " << d.inNotKeyServer << ", offset " << d.inOffsetRefused << ", EAP keys "
+             << d.eapKeysRefused << ")";
 }
 
 }  // namespace Macsec::Memtab

@@ -29,6 +29,26 @@ int keyBitsOf(CipherSuite suite) {
   return 0;
 }
 
+bool offersOffset(MacsecCapability capability, uint8_t offset) {
+  if (capability == macsecConfidentialityAnyOffset) return offset == 0 || offset == 30 || offset == 50;
+  return capability == macsecConfidentialityAtZero && offset == 0;
+}
+
+uint8_t offsetCodeOf(uint8_t offset) { return offset == 50 ? 3 : offset == 30 ? 2 : 1; }
+
+std::optional<uint8_t> offsetOfCode(uint8_t code) {
+  switch (code) {
+    case 1:
+      return 0;
+    case 2:
+      return 30;
+    case 3:
+      return 50;
+    default:
+      return std::nullopt;
+  }
+}
+
 bool isXpn(CipherSuite suite) { return suite == cipherSuiteGcmAesXpn128 || suite == cipherSuiteGcmAesXpn256; }
 
 namespace {

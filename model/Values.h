@@ -39,6 +39,20 @@ bool isXpn(CipherSuite suite);
 uint64_t cipherSuiteReference(CipherSuite suite);
 CipherSuite cipherSuiteOfReference(uint64_t reference);
 
+// What a member's MACsec can do, as its MKPDUs announce it and as a data plane offers it.
+enum MacsecCapability : uint8_t {
+  macsecNotImplemented = 0,
+  macsecIntegrityOnly = 1,
+  macsecConfidentialityAtZero = 2,     // and integrity: confidentiality from the first octet on
+  macsecConfidentialityAnyOffset = 3,  // and integrity: confidentiality after 0, 30 or 50 octets
+};
+// Whether a capability keeps frames confidential after `offset` octets in the clear.
+bool offersOffset(MacsecCapability capability, uint8_t offset);
+// How a distributed SAK says the offset its key server uses: 1, 2, 3 for 0, 30, 50 octets; 0
+// ("not used") asks for integrity only, which no data plane of this engine does, and has no offset.
+uint8_t offsetCodeOf(uint8_t offset);
+std::optional<uint8_t> offsetOfCode(uint8_t code);
+
 // What the self-test functions take: a key length in bits, or 0 for the plain frame.
 enum CryptoLibCipherSuite : uint32_t {
   cryptoLibPlainText = 0,

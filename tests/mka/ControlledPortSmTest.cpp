@@ -254,8 +254,28 @@ TEST_P(ControlledPort, APeerThatFallsSilentAgesOutLeavingTheRunningKeyInServiceA
   EXPECT_EQ(cp(a)->mySsci().ssci, 2u);
 }
 
+// The key server keys at its profile's confidentiality offset while every member's data plane
+// offers it, and each port takes the offset with the key; once a member whose plane encrypts from
+// the first octet only has joined, the next key goes with none.
+TEST_P(ControlledPort, EachKeyGoesAtAnOffsetThatEveryMembersDataPlaneOffers) {
+  segmentOf({&a, &b});
+  a.status()->intfStatus(intf(a))->confidentialityOffsetIs(30);
+  sim.runFor(30);
+  ASSERT_TRUE(secured(a));
+  EXPECT_EQ(cp(a)->confidentialityOffset(), 30);
+  EXPECT_EQ(cp(b)->confidentialityOffset(), 30);
+
+  Sim::Agent& c = sim.agentIs("c");
+  c.engine().hardware()->macsecCapabilityIs(macsecConfidentialityAtZero);
+  segment->endIs(c, intf(c));
+  add(c);
+  sim.runFor(30);
+  ASSERT_TRUE(secured(a));
+  for (Sim::Agent* member : members) EXPECT_EQ(cp(*member)->confidentialityOffset(), 0);
+}
+
 // (Keys from members that do not exist or with another cipher suite are the actor fuzzer's.)
-TEST_P(ControlledPort, AKeyFromALivePeerThatIsNotTheKeyServerIsRefusedAndCounted) {
+TEST_P(ControlledPort, AKeyFromALivePeerThatIsNotTheKeyServerOrAtAnOffsetThisPlaneLacksIsRefusedAndCounted) {
   Sim::Agent& c = sim.agentIs("c");
   segmentOf({&a, &b, &c});
   std::map<const Sim::Agent*, Sim::Message> last;
@@ -271,7 +291,8 @@ TEST_P(ControlledPort, AKeyFromALivePeerThatIsNotTheKeyServerIsRefusedAndCounted
     EXPECT_EQ(cp(b)->latestSakContext(), latest);
     EXPECT_EQ(cp(b)->oldSakContext(), old);
   };
-  const SakDistInfo newKey{static_cast<uint8_t>((known.an + 1) % 4), 0, 9, cipherSuiteGcmAes128, known.key};
+  const SakDistInfo newKey{static_cast<uint8_t>((known.an + 1) % 4), offsetCodeOf(0), 9, cipherSuiteGcmAes128,
+                           known.key};
   // While the members were electing their key server, some may have refused keys already.
   auto notFromKeyServer = [&] { return b.engine().counters()->row(intf(b)).inNotKeyServer; };
   const uint64_t refusedBefore = notFromKeyServer();
@@ -285,11 +306,27 @@ TEST_P(ControlledPort, AKeyFromALivePeerThatIsNotTheKeyServerIsRefusedAndCounted
 
   Sim::Message repeated = last[&a];  // the key in use, announced again
   repeated.intfId = intf(b);
-  repeated.sakDistInfo = SakDistInfo{known.an, 0, known.keyNum, cipherSuiteGcmAes128, known.key};
+  repeated.sakDistInfo = SakDistInfo{known.an, offsetCodeOf(0), known.keyNum, cipherSuiteGcmAes128, known.key};
   b.deliver(repeated);
   unchanged();
   // Only the follower's key counts as one from a member that is not the key server.
   EXPECT_EQ(notFromKeyServer(), refusedBefore + 1);
+
+  // The key server's next key at 30 octets, where this port's data plane encrypts from the first
+  // octet only: used at another offset than its peers use, it would garble every frame.
+  b.engine().hardware()->macsecCapabilityIs(macsecConfidentialityAtZero);
+  Sim::Message atOffset = last[&a];
+  atOffset.intfId = intf(b);
+  atOffset.baseInfo.msgNum += 1;
+  atOffset.sakDistInfo = newKey;
+  atOffset.sakDistInfo.confidentialityOffset = offsetCodeOf(30);
+  b.deliver(atOffset);
+  unchanged();
+  EXPECT_EQ(b.engine().counters()->row(intf(b)).inOffsetRefused, 1u);
+  EXPECT_EQ(
+      logCount("MKA_SAK_OFFSET_REFUSED SAK from key server " + keyServerTail(known.mi) + " refused on interface " +
+               intf(b).stringValue() + ": confidentiality offset 30 octets is not offered by the data plane"),
+      1);
 }
 
 INSTANTIATE_TEST_SUITE_P(HardwareLatency, ControlledPort, ::testing::Values(0.0, 0.3));

@@ -34,8 +34,8 @@ TEST_F(LossRecovery, AKeyThatItsKeyServerNeverHadLeavesTheFollower) {
   Sim::Message forged = last;
   forged.intfId = intf(b);
   forged.baseInfo.msgNum += 1;
-  forged.sakDistInfo =
-      SakDistInfo{static_cast<uint8_t>((key.an + 1) % 4), 0, key.keyNum + 1, cipherSuiteGcmAes128, key.key};
+  forged.sakDistInfo = SakDistInfo{static_cast<uint8_t>((key.an + 1) % 4), offsetCodeOf(0), key.keyNum + 1,
+                                   cipherSuiteGcmAes128, key.key};
   b.deliver(forged);
   ASSERT_EQ(cp(b)->latestSakContext().sak.keyNum, key.keyNum + 1);
   ASSERT_TRUE(cp(b)->rxSakHas(AssociationNumber(forged.sakDistInfo.distributedAN)));
