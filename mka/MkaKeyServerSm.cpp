@@ -98,7 +98,15 @@ bool MkaKeyServerSm::movingOn() {
 
 void MkaKeyServerSm::withdrawUnusedKey() {
   // A key that nobody transmits on yet must not reach a changed peer set.
-  if (!mkaActorStatus()->sakTransmit()) mkaActorStatus()->distSakIs(Sak());
+  if (mkaActorStatus()->sakTransmit()) return;
+  logKeyDroppedUnused("the live peers changed");
+  mkaActorStatus()->distSakIs(Sak());
+}
+
+void MkaKeyServerSm::logKeyDroppedUnused(const char* why) const {
+  const Sak& sak = mkaActorStatus()->distSak();
+  if (sak.empty() || sak.mi != mkaActorStatus()->msgId() || mkaActorStatus()->sakTransmit()) return;
+  Zef::log(MKA_SAK_DROPPED_UNUSED, keyServerTail(sak.mi), sak.keyNum, intfId(), why);
 }
 
 void MkaKeyServerSm::disarmForNoPeers() {
@@ -120,6 +128,7 @@ void MkaKeyServerSm::handleKeyServerChange() {
   mkaActorStatus()->newSakIs(false);
   mkaPeriodicTimer()->timeMinIs(Orb::never);
   reKeyTimer()->timeMinIs(Orb::never);
+  logKeyDroppedUnused("another member is key server");
   mkaActorStatus()->distSakIs(Sak());
 }
 
@@ -322,6 +331,7 @@ bool MkaKeyServerSm::generateNewSak() {
   }
   if (!everyoneOffers) offset = 0;
 
+  logKeyDroppedUnused("a newer key replaced it");
   // sakTransmit is cleared first, so that the notification of distSak finds it cleared.
   mkaActorStatus()->sakTransmitIs(false);
   mkaActorStatus()->distOffsetIs(offset);

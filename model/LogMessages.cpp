@@ -68,6 +68,14 @@ Zef::LogHandle MKA_SAK_OFFSET_REFUSED("MKA_SAK_OFFSET_REFUSED", 3,
                                       "capability that this interface announces.",
                                       120, 1.0, 0);
 
+Zef::LogHandle MKA_SAK_DROPPED_UNUSED("MKA_SAK_DROPPED_UNUSED", 5,
+                                      "SAK with key id ending in %s:%s dropped unused on interface %s: %s",
+                                      "The key server made a key and let it go before every member received on "
+                                      "it, so nobody transmitted on it: the live peers changed (a new key for the "
+                                      "new set follows), another member became key server, or a newer key came.",
+                                      "Nothing, unless it recurs: then check the link for members that come and go.", 0,
+                                      1.0, 0);
+
 Zef::LogHandle MKA_KEYS_WITHOUT_PEER_REMOVED("MKA_KEYS_WITHOUT_PEER_REMOVED", 4,
                                              "Keys removed and port closed on interface %s: no live peer for %d s",
                                              "The port kept its keys while its peers were gone, for as long as its "
@@ -80,7 +88,7 @@ void clearLogHistory() {
   for (Zef::LogHandle* handle :
        {&MKA_KEY_IN_USE, &MKA_FALLBACK_KEY_IN_USE, &MKA_UNPROTECTED_TRAFFIC, &MKA_CA_CREATED, &MKA_STATE_CHG,
         &MKA_SESSION_ESTABLISHED, &MKA_SAK_CREATED, &MKA_SAK_ACTIVATED, &MACSEC_POST_FAILURE, &MKA_CAK_MISMATCH,
-        &MKA_EAP_KEY_REFUSED, &MKA_SAK_OFFSET_REFUSED, &MKA_KEYS_WITHOUT_PEER_REMOVED}) {
+        &MKA_EAP_KEY_REFUSED, &MKA_SAK_OFFSET_REFUSED, &MKA_SAK_DROPPED_UNUSED, &MKA_KEYS_WITHOUT_PEER_REMOVED}) {
     handle->clearHistory();
   }
 }

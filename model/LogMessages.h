@@ -19,6 +19,7 @@ extern Zef::LogHandle MACSEC_POST_FAILURE;
 extern Zef::LogHandle MKA_CAK_MISMATCH;
 extern Zef::LogHandle MKA_EAP_KEY_REFUSED;
 extern Zef::LogHandle MKA_SAK_OFFSET_REFUSED;
+extern Zef::LogHandle MKA_SAK_DROPPED_UNUSED;
 extern Zef::LogHandle MKA_KEYS_WITHOUT_PEER_REMOVED;
 
 // Forgets the rate-limit history of every message, as a restarted agent would.
