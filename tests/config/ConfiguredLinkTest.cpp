@@ -80,22 +80,33 @@ TEST_F(ConfiguredLink, AnyCakLengthRunsWithAnyOfTheFourCipherSuitesAndANameInUpp
   }
 }
 
-TEST_F(ConfiguredLink, TheDistributedKeySaysWhatTheKeyServerEncrypts) {
-  // The key server (a) announces confidentiality with its configured offset: 1 for offset 0, 2
-  // for 30; never 0, which would tell its peers to protect integrity only.
+TEST_F(ConfiguredLink, EachKeyGoesAtTheKeyServersOffsetWhereEveryDataPlaneOffersIt) {
+  // The key server (a) announces confidentiality with the offset of each key: 1 for offset 0, 2
+  // for 30; never 0, which would tell its peers to protect integrity only. Each port takes the
+  // offset with the key.
   std::vector<uint8_t> announced;
   sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
     if (&from == &a && m.sakDistInfo.keyNumber != 0) announced.push_back(m.sakDistInfo.confidentialityOffset);
   });
+  auto keyedAt = [&](uint8_t code, uint8_t offset) {
+    ASSERT_FALSE(announced.empty());
+    EXPECT_EQ(announced.back(), code);
+    EXPECT_EQ(cp(a)->confidentialityOffset(), offset);
+    EXPECT_EQ(cp(b)->confidentialityOffset(), offset);
+    announced.clear();
+  };
   ASSERT_TRUE(securedWithin(30));
-  ASSERT_FALSE(announced.empty());
-  EXPECT_EQ(announced.back(), 1);
-  announced.clear();
+  keyedAt(1, 0);
   a.profile(intf(a))->confidentialityOffsetIs(30);
   a.profile(intf(a))->sessionReKeyPeriodIs(5);
   sim.runFor(10);
-  ASSERT_FALSE(announced.empty());
-  EXPECT_EQ(announced.back(), 2);
+  keyedAt(2, 30);
+  // b's data plane now encrypts from the first octet only, as the kernel's does, and says so: the
+  // next key goes with no offset.
+  b.engine().hardware()->macsecCapabilityIs(macsecConfidentialityAtZero);
+  sim.runFor(5);
+  ASSERT_TRUE(securedWithin(10));
+  keyedAt(1, 0);
 }
 
 TEST_F(ConfiguredLink, TwoSourcesMergePerProfileAndPerInterfaceByPriority) {

@@ -254,26 +254,6 @@ TEST_P(ControlledPort, APeerThatFallsSilentAgesOutLeavingTheRunningKeyInServiceA
   EXPECT_EQ(cp(a)->mySsci().ssci, 2u);
 }
 
-// The key server keys at its profile's confidentiality offset while every member's data plane
-// offers it, and each port takes the offset with the key; once a member whose plane encrypts from
-// the first octet only has joined, the next key goes with none.
-TEST_P(ControlledPort, EachKeyGoesAtAnOffsetThatEveryMembersDataPlaneOffers) {
-  segmentOf({&a, &b});
-  a.status()->intfStatus(intf(a))->confidentialityOffsetIs(30);
-  sim.runFor(30);
-  ASSERT_TRUE(secured(a));
-  EXPECT_EQ(cp(a)->confidentialityOffset(), 30);
-  EXPECT_EQ(cp(b)->confidentialityOffset(), 30);
-
-  Sim::Agent& c = sim.agentIs("c");
-  c.engine().hardware()->macsecCapabilityIs(macsecConfidentialityAtZero);
-  segment->endIs(c, intf(c));
-  add(c);
-  sim.runFor(30);
-  ASSERT_TRUE(secured(a));
-  for (Sim::Agent* member : members) EXPECT_EQ(cp(*member)->confidentialityOffset(), 0);
-}
-
 // (Keys from members that do not exist or with another cipher suite are the actor fuzzer's.)
 TEST_P(ControlledPort, AKeyFromALivePeerThatIsNotTheKeyServerOrAtAnOffsetThisPlaneLacksIsRefusedAndCounted) {
   Sim::Agent& c = sim.agentIs("c");
