@@ -22,12 +22,15 @@ uint64_t effectiveCapabilities() {
 
 }  // namespace
 
-std::vector<std::string> missingCapabilities(bool kernelDataPlane) {
+std::vector<std::string> missingCapabilities(bool kernelDataPlane, bool fips) {
   const uint64_t effective = effectiveCapabilities();
   auto has = [effective](int capability) { return (effective >> capability & 1) != 0; };
   std::vector<std::string> missing;
   if (!has(CAP_NET_RAW)) missing.push_back("CAP_NET_RAW, to send and receive EAPOL frames");
   if (kernelDataPlane && !has(CAP_NET_ADMIN)) missing.push_back("CAP_NET_ADMIN, to make and key MACsec links");
+  if (kernelDataPlane && fips && !has(CAP_SYS_ADMIN)) {
+    missing.push_back("CAP_SYS_ADMIN, to test the kernel's MACsec in a network namespace of its own");
+  }
   return missing;
 }
 

@@ -9,7 +9,8 @@
 namespace Macsec {
 
 // Each capability the process lacks, with what it is needed for: CAP_NET_RAW for the EAPOL
-// sockets, and with the kernel data plane CAP_NET_ADMIN for its MACsec links.
-std::vector<std::string> missingCapabilities(bool kernelDataPlane);
+// sockets; with the kernel data plane CAP_NET_ADMIN for its MACsec links, and in FIPS mode
+// CAP_SYS_ADMIN too, for the network namespace of its known-answer test.
+std::vector<std::string> missingCapabilities(bool kernelDataPlane, bool fips);
 
 }  // namespace Macsec

@@ -14,7 +14,7 @@ namespace Macsec {
 Daemon::Daemon(EventLoop& loop, DaemonOptions options)
     : loop_(loop), options_(std::move(options)), config_(readConfigFile(options_.configPath)) {
   const bool kernel = config_.dataPlane == DataPlane::kernel;
-  if (const std::vector<std::string> missing = missingCapabilities(kernel); !missing.empty()) {
+  if (const std::vector<std::string> missing = missingCapabilities(kernel, config_.fips); !missing.empty()) {
     std::string names;
     for (const std::string& capability : missing) names += (names.empty() ? "" : "; ") + capability;
     throw std::runtime_error("cannot run without " + names + ": run it as root, or grant it what it lacks");
@@ -37,6 +37,11 @@ Daemon::Daemon(EventLoop& loop, DaemonOptions options)
       });
       kernel_->linkNameOfIs([this](const Lanx::IntfId& intf) { return macsecName(intf.stringValue()); });
     });
+    kernelSelfTest_ = std::make_unique<KernelSelfTest>(engine_->hwStatus());
+    engine_->selfTestLoopIs(
+        [this](const Lanx::IntfId& intf, const std::string& frame, std::function<void(const std::string&)> answer) {
+          return kernelSelfTest_ && kernelSelfTest_->frameIs(intf, frame, answer);
+        });
   }
   engine_->frameTransmitterIs([this](const Lanx::IntfId& intf, std::string_view frame) { transmit(intf, frame); });
   engine_->as([&] { applyConfigFile(config_, *engine_->config()); });
@@ -234,6 +239,7 @@ nlohmann::json Daemon::show() const {
   nlohmann::json reply = dataPlaneReport(config_.dataPlane);
   reply["config"] = config_.path;
   reply["fips"] = fipsReport(config_.fips);
+  if (kernelSelfTest_) reply["fips"]["kernel-macsec-known-answer"] = kernelSelfTest_->report();
   nlohmann::json& interfaces = reply["interfaces"] = nlohmann::json::array();
   for (const auto& [name, profile] : config_.interfaces) {
     nlohmann::json report = interfaceReport(*engine_, Lanx::IntfId(name), running_.contains(name), config_.dataPlane);

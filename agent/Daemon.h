@@ -18,6 +18,7 @@
 #include "agent/EapolSocket.h"
 #include "agent/EventLoop.h"
 #include "agent/KernelDataPlane.h"
+#include "agent/KernelSelfTest.h"
 #include "agent/LinkWatcher.h"
 #include "agent/MacsecNetlink.h"
 #include "engine/Engine.h"
@@ -80,6 +81,8 @@ class Daemon {
   // The kernel data plane, when the configuration chose it.
   std::unique_ptr<MacsecNetlink> netlink_;
   Zef::Ptr<KernelDataPlane> kernel_;
+  // The kernel plane's side of the power-on self test, which runs in FIPS mode.
+  std::unique_ptr<KernelSelfTest> kernelSelfTest_;
   double nextPacketNumberRead_ = 0;
   static constexpr double kPacketNumberReadPeriod = 5;
   std::map<std::string, LinkState> links_;  // every interface of the kernel, by name

@@ -46,6 +46,13 @@ Zef::LogHandle MKAD_DATA_PLANE_ERROR(
     "The kernel did not take a MACsec link or SA; the engine does not use a key the kernel refused.",
     "Check the kernel log and that the daemon has CAP_NET_ADMIN.", 10, 1.0, 0);
 
+Zef::LogHandle MKAD_KERNEL_SELF_TEST_FAILED(
+    "MKAD_KERNEL_SELF_TEST_FAILED", 3, "The kernel's MACsec failed its known-answer test: %s",
+    "A throw-away MACsec link in a network namespace of mkad's own did not give the frame that OpenSSL computes "
+    "for the test key, or could not be made. The power-on self test fails, and the ports stay closed.",
+    "Run mkad --self-test; check that the kernel has MACsec and that mkad has CAP_SYS_ADMIN and CAP_NET_ADMIN.", 0, 1.0,
+    0);
+
 void operatorLogIs(LogTarget target) {
   if (target == LogTarget::syslog) {
     openlog("mkad", LOG_PID, LOG_DAEMON);

@@ -16,6 +16,7 @@ extern Zef::LogHandle MKAD_INTF_WAITING;
 extern Zef::LogHandle MKAD_INTF_FAILED;
 extern Zef::LogHandle MKAD_STOPPED;
 extern Zef::LogHandle MKAD_DATA_PLANE_ERROR;
+extern Zef::LogHandle MKAD_KERNEL_SELF_TEST_FAILED;
 
 enum class LogTarget { standardError, syslog };
 void operatorLogIs(LogTarget target);

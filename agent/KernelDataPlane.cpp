@@ -78,6 +78,16 @@ void KernelDataPlane::ZefStatus::ZefCpStatus::updateLink() {
   if (KernelDataPlane* sm = stateMachine()) sm->updateLink(key());
 }
 
+void KernelDataPlane::ZefStatus::ZefCpStatus::updatePostStatus() {
+  if (KernelDataPlane* sm = stateMachine()) sm->updatePostStatus(key());
+}
+
+void KernelDataPlane::updatePostStatus(const Lanx::IntfId& intfId) {
+  const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
+  const Zef::Ptr<MacSecIntfStatus> hw = hardware()->status(intfId);
+  if (cp && hw) hw->hwPostStatusIs(cp->postStatus());
+}
+
 void KernelDataPlane::ZefStatus::ZefPortStatus::updateLink() {
   if (KernelDataPlane* sm = stateMachine()) sm->updateLink(key());
 }

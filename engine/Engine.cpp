@@ -99,6 +99,12 @@ Engine::Engine(EngineOptions options) : EngineParts(std::move(options)) {
   shutdownReactor_ = Zef::Ptr<ShutdownReactor>(new ShutdownReactor(mergedConfig_, status_));
   forwardingModel_ = Interface::IntfForwardingModelInputDir::IntfForwardingModelInputDirIs("forwardingModelInputDir");
   proxyStatus_ = MacsecProxy::Status::StatusIs();
+  if (emulator_) {
+    selfTestLoop_ = [emulator = emulator_.ptr()](const Lanx::IntfId& intf, const std::string& frame,
+                                                 std::function<void(const std::string&)> answer) {
+      return emulator->selfTestFrameIs(intf, frame, std::move(answer));
+    };
+  }
   stateMachinesStart();
 }
 
@@ -285,16 +291,18 @@ void Engine::attach(const Zef::Ptr<Lanx::Pam>& pam) {
   forgetDetached();
   const Lanx::IntfId intf = pam->intfId();
   attached_.emplace(intf, pam);
-  // What the point sends goes to the emulated hardware if it takes it (a self-test frame it loops
-  // back), else to the wire. The point is not captured by its own transmitter, which it holds.
+  // What the point sends goes to the data plane's self-test loop if it takes it (a self-test frame
+  // it loops back), else to the wire. The point is not captured by its own transmitter, which it
+  // holds.
   Lanx::Pam* sender = pam.ptr();
   pam->transmitterIs([this, intf, sender](const Zef::Ptr<Lanx::Pkt>& pkt) {
     const std::string frame = pkt->bytes();
     const Zef::Ptr<Lanx::Pam> back(sender);
-    const bool looped = emulator_ && emulator_->selfTestFrameIs(intf, frame, [this, back](const std::string& answer) {
-      later(
-          [back, answer] { back->rxPktIs(packetOf(reinterpret_cast<const uint8_t*>(answer.data()), answer.size())); });
-    });
+    const bool looped = selfTestLoop_ && selfTestLoop_(intf, frame, [this, back](const std::string& answer) {
+                          later([back, answer] {
+                            back->rxPktIs(packetOf(reinterpret_cast<const uint8_t*>(answer.data()), answer.size()));
+                          });
+                        });
     if (!looped && frameTransmitter_) frameTransmitter_(intf, frame);
   });
 }

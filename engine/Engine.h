@@ -93,6 +93,12 @@ class Engine : public EngineParts {
   // the codec encodes it.
   void frameTransmitterIs(FrameTransmitter transmitter) { frameTransmitter_ = std::move(transmitter); }
   void messageTransmitterIs(MessageTransmitter transmitter) { messageTransmitter_ = std::move(transmitter); }
+  // A frame an interface sends that the data plane takes as a self-test frame: it gives `answer`
+  // what comes back through its cipher path (or stays silent) and says true; false sends the frame
+  // to the wire. The hardware emulator's, when there is one.
+  using SelfTestLoop = std::function<bool(const Lanx::IntfId& intf, const std::string& frame,
+                                          std::function<void(const std::string&)> answer)>;
+  void selfTestLoopIs(SelfTestLoop loop) { selfTestLoop_ = std::move(loop); }
   // How the emulated hardware confirms SA requests; by default at once, inside the request.
   void confirmationSchedulerIs(ConfirmationScheduler scheduler);
 
@@ -147,6 +153,7 @@ class Engine : public EngineParts {
 
   FrameTransmitter frameTransmitter_;
   MessageTransmitter messageTransmitter_;
+  SelfTestLoop selfTestLoop_;
 };
 
 }  // namespace Macsec

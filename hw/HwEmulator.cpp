@@ -89,14 +89,10 @@ bool HwEmulator::selfTestFrameIs(const Lanx::IntfId& intfId, const std::string& 
   if (!hw) return false;
   // The stage says what the cipher path is set up to do with the frame.
   const std::optional<POSTTest> test = postTestOf(hw->hwPostStatus());
-  constexpr size_t kAddresses = 12;
-  if (!test || frame.size() <= kAddresses) return false;
+  std::string back = test ? selfTestLoopedBack(*test, frame) : std::string();
+  if (back.empty()) return false;
   TRACE(8, "intf: " << intfId << " self-test frame of " << frame.size() << " bytes");
   if (selfTestResponder() == selfTestResponderSilent) return true;
-  const std::string payload =
-      selfTestCipherPath(test->suite, test->encrypt, reinterpret_cast<const uint8_t*>(frame.data()) + kAddresses,
-                         frame.size() - kAddresses);
-  std::string back = frame.substr(0, kAddresses) + payload;
   if (selfTestResponder() == selfTestResponderCorrupt) back.back() = static_cast<char>(back.back() ^ 0x01);
   confirm(*this, [answer = std::move(answer), back] { answer(back); });
   return true;

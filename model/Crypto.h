@@ -52,6 +52,9 @@ bool selfTestPktCheck(CryptoLibCipherSuite suite, const uint8_t* data, unsigned 
 // decrypting opens it again. Empty for another suite, a frame too short, or one that does not
 // open.
 std::string selfTestCipherPath(CryptoLibCipherSuite suite, bool encrypt, const uint8_t* data, size_t length);
+// The frame that a cipher path under `test` sends back for a test frame: its addresses as they
+// came, its payload through the path. Empty for a frame with no payload.
+std::string selfTestLoopedBack(const POSTTest& test, const std::string& frame);
 
 // AES-CMAC (RFC 4493) with a 16- or 32-byte key. Empty for any other key length.
 KeyBytes aesCmac(const KeyBytes& key, const uint8_t* message, size_t length);

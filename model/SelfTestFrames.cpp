@@ -105,4 +105,12 @@ std::string selfTestCipherPath(CryptoLibCipherSuite suite, bool encrypt, const u
   return out;
 }
 
+std::string selfTestLoopedBack(const POSTTest& test, const std::string& frame) {
+  constexpr size_t kAddresses = 12;
+  if (frame.size() <= kAddresses) return {};
+  return frame.substr(0, kAddresses) + selfTestCipherPath(test.suite, test.encrypt,
+                                                          reinterpret_cast<const uint8_t*>(frame.data()) + kAddresses,
+                                                          frame.size() - kAddresses);
+}
+
 }  // namespace Macsec

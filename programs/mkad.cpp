@@ -19,6 +19,7 @@
 #include "agent/Daemon.h"
 #include "agent/DaemonLog.h"
 #include "agent/EventLoop.h"
+#include "agent/KernelKnownAnswer.h"
 #include "platform/Trace.h"
 
 namespace {
@@ -28,6 +29,7 @@ struct Options {
   bool foreground = false;
   bool syslog = false;
   bool check = false;
+  bool selfTest = false;
   std::string trace;
 };
 
@@ -85,6 +87,19 @@ int checkOnly(const std::string& path) {
   }
 }
 
+// The kernel's MACsec against the known answers, both key lengths, both directions.
+int selfTestOnly() {
+  bool passed = true;
+  for (const int bits : {128, 256}) {
+    for (const bool encrypt : {true, false}) {
+      const Macsec::KnownAnswer answer = Macsec::kernelKnownAnswer(bits, encrypt);
+      std::cout << "mkad: kernel MACsec " << answer.detail << "\n";
+      passed = passed && answer.passed;
+    }
+  }
+  return passed ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -95,6 +110,8 @@ int main(int argc, char** argv) {
   app.add_flag("-f,--foreground", options.foreground, "stay in the foreground, as systemd runs it");
   app.add_flag("--syslog", options.syslog, "log to syslog instead of standard error");
   app.add_flag("--check", options.check, "check the configuration file and exit");
+  app.add_flag("--self-test", options.selfTest,
+               "test the kernel's MACsec against known answers in a network namespace of its own, and exit");
   app.add_option("--trace", options.trace, "debug trace rules, as MKA_TRACE takes them: 'Macsec*=3'");
   CLI11_PARSE(app, argc, argv);
 
@@ -108,6 +125,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (options.check) return checkOnly(options.daemon.configPath);
+  if (options.selfTest) return selfTestOnly();
   // Reloads read the same file wherever the daemon's working directory is.
   options.daemon.configPath = std::filesystem::absolute(options.daemon.configPath).string();
   options.daemon.socketPath = std::filesystem::absolute(options.daemon.socketPath).string();
