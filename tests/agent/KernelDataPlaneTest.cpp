@@ -192,6 +192,12 @@ TEST(KernelDataPlane, ProgramsTheKernelAsTheTableSays) {
     EXPECT_EQ(bench.held(), row.held);
     EXPECT_EQ(bench.errors(), row.errors);
   }
+  // What the kernel's MACsec offers peers, and the self test's stage, which its cipher path takes
+  // at once (the known-answer test runs when the test frame comes).
+  Bench bench;
+  EXPECT_EQ(bench.hardware->flat()->capabilityOf(eth1), macsecConfidentialityAtZero);
+  bench.cp->postStatusIs(postTesting256Decryption);
+  EXPECT_EQ(bench.hardware->flat()->status(eth1)->hwPostStatus(), postTesting256Decryption);
 }
 
 }  // namespace
