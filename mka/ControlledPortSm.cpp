@@ -254,13 +254,24 @@ void ControlledPortSm::handleLivePeer(const MemberId& peer) {
     TRACE(3, ": Peer Sci cannot be all zeros");
     return;
   }
-  // The greater SCI takes 1. The pair follows from the two SCIs alone, and every MKPDU of the peer
-  // comes here: while they are the ones on record, the pair is too.
+  // Each member's short identifier is its place among the members' SCIs, the greatest first: with
+  // the extended packet numbers it goes into every IV, so two members on one key must never share
+  // one. It follows from the SCIs alone, and every MKPDU of a peer comes here: while the members
+  // are the ones on record, the identifiers are too. (Two members with one SCI both take 1.)
   const Sci mySci = portStatus()->mySci();
-  if (cpStatus()->mySsci().sci == mySci && cpStatus()->peerSsci().sci == peerSci) return;
-  const bool mineLower = mySci.addr < peerSci.addr || (mySci.addr == peerSci.addr && peerSci.portId > mySci.portId);
-  cpStatus()->mySsciIs(Ssci{mySci, mineLower ? 2u : 1u});
-  cpStatus()->peerSsciIs(Ssci{peerSci, mineLower ? 1u : 2u});
+  const auto above = [](const Sci& y, const Sci& x) {
+    return x.addr < y.addr || (x.addr == y.addr && y.portId > x.portId);
+  };
+  uint32_t myPlace = 1;
+  uint32_t peerPlace = above(peerSci, mySci) ? 1 : 2;
+  for (auto it = actorStatus()->livePeerIter(); it; ++it) {
+    const Sci& other = it->baseInfo().sci;
+    if (other.isZero()) continue;
+    if (above(other, mySci)) ++myPlace;
+    if (other != peerSci && above(other, peerSci)) ++peerPlace;
+  }
+  cpStatus()->mySsciIs(Ssci{mySci, myPlace});
+  cpStatus()->peerSsciIs(Ssci{peerSci, peerPlace});
 }
 
 void ControlledPortSm::ZefActorStatus::ZefLivePeer::handlePeerBaseInfo() {

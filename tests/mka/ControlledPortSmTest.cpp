@@ -211,7 +211,7 @@ TEST_P(ControlledPort, ALateTransmitConfirmationCountsForAKeyAlreadyInTheOldSlot
   ASSERT_TRUE(heldWithin(60, [&] { return secured(a); }));
 }
 
-TEST_P(ControlledPort, APeerThatFallsSilentAgesOutLeavingTheRunningKeyInServiceAndANewPeerGetsItsSsciPair) {
+TEST_P(ControlledPort, APeerThatFallsSilentAgesOutLeavingTheRunningKeyInServiceAndNewMembersTakeTheirShortIdentifiers) {
   segmentOf({&a, &b});
   sim.runFor(30);
   ASSERT_TRUE(secured(a));
@@ -252,6 +252,23 @@ TEST_P(ControlledPort, APeerThatFallsSilentAgesOutLeavingTheRunningKeyInServiceA
   EXPECT_DOUBLE_EQ(*cPaired, *cLive);
   EXPECT_EQ(cp(a)->peerSsci().ssci, 1u);  // the greater SCI takes 1
   EXPECT_EQ(cp(a)->mySsci().ssci, 2u);
+
+  // d joins as well: of three members each takes its own place, the greatest SCI first, and every
+  // member counts the others' places as they count their own.
+  Sim::Agent& d = sim.agentIs("d");
+  segment->endIs(d, intf(d));
+  add(d);
+  sim.runFor(30);
+  EXPECT_EQ(cp(d)->mySsci().ssci, 1u);
+  EXPECT_EQ(cp(c)->mySsci().ssci, 2u);
+  EXPECT_EQ(cp(a)->mySsci().ssci, 3u);
+  for (Sim::Agent* member : {&a, &c, &d}) {
+    const Ssci peer = cp(*member)->peerSsci();
+    for (Sim::Agent* other : {&a, &c, &d}) {
+      if (cp(*other)->mySsci().sci != peer.sci) continue;
+      EXPECT_EQ(peer.ssci, cp(*other)->mySsci().ssci) << member->name();
+    }
+  }
 }
 
 // (Keys from members that do not exist or with another cipher suite are the actor fuzzer's.)
