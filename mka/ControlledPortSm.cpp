@@ -156,11 +156,11 @@ bool ControlledPortSm::holdsBack(const Sak& dist) {
   // On a shared segment two members may stand as key server for a moment, with keys on one
   // association number. This port said it receives on the first one's key; taking the second's
   // now would lose the first one's frames, which it sends on the strength of that report still on
-  // its way. So the new key waits while a live peer may
-  // transmit on the key its number holds (the first member hears the second, and gives its key
-  // up, within a hello time or two), and one life time at most, when a timer asks again.
-  // Meanwhile this port does not say it receives on the new key, so nobody transmits on it yet,
-  // and its key server repeats it: each MKPDU that brings it asks again.
+  // its way. So the new key waits while a live peer may transmit on the key its number holds (the
+  // first member hears the second, and gives its key up, within a hello time or two), and one life
+  // time at most, when a timer asks again. Meanwhile this port does not say it receives on the new
+  // key, so nobody transmits on it yet, and its key server repeats it: each MKPDU that brings it
+  // asks again.
   const AssociationNumber an(dist.an);
   // The key's maker, while it stands as key server, may start to transmit on it at any moment; any
   // live peer may whose report says so.
