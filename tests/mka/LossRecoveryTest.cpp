@@ -1,5 +1,6 @@
-// Two configured switches and a forged key: a key its key server never had leaves the follower
-// again. (Silences and restarts in the middle of key changes are the fault program's.)
+// Two configured switches and forged MKPDUs: a key its key server never had leaves the follower
+// again, and a key held back goes in as soon as its number is free. (Silences and restarts in the
+// middle of key changes are the fault program's.)
 
 #include <gtest/gtest.h>
 
@@ -49,6 +50,53 @@ TEST_F(LossRecovery, AKeyThatItsKeyServerNeverHadLeavesTheFollower) {
   EXPECT_TRUE(cp(b)->rxSakHas(AssociationNumber(key.an)));
   EXPECT_EQ(actor(a)->distSak().keyNum, key.keyNum);
   EXPECT_TRUE(secured());
+}
+
+// A key held back while a live peer may still transmit on the key its number holds goes in with
+// the first repeat of its key server's MKPDU once that peer has moved on, not a life time later.
+TEST_F(LossRecovery, AHeldKeyGoesInWithTheNextRepeatOnceItsNumberIsFree) {
+  Sim::Message last;
+  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
+    if (&from == &a) last = m;
+  });
+  sim.runFor(10);
+  ASSERT_TRUE(secured());
+  const Sak running = actor(a)->distSak();
+  a.mutedIs(true);
+
+  // A member of better priority that lists b is elected b's key server at once, with a key on the
+  // number a transmits on: b holds it back.
+  Sim::Message better = last;
+  better.intfId = intf(b);
+  better.baseInfo.msgId = "0000000000000000000000f1"_mi;
+  better.baseInfo.msgNum = 1;
+  better.baseInfo.sci = Sci{mac(9), 1};
+  better.baseInfo.keyServerPriority = 0;
+  better.livePeers = {{actor(b)->msgId(), actor(b)->msgNum()}};
+  better.potentialPeers.clear();
+  better.sakUseInfo = SakUseInfo();
+  better.sakDistInfo = SakDistInfo{running.an, offsetCodeOf(0), 1, cipherSuiteGcmAes128, running.key};
+  b.deliver(better);
+  ASSERT_EQ(actor(b)->distSak().mi, better.baseInfo.msgId);
+  ASSERT_NE(cp(b)->latestSakContext().sak.mi, better.baseInfo.msgId);
+
+  // a, no longer key server, says it has moved on to its next key; the new key server repeats
+  // its own.
+  Sim::Message movedOn = last;
+  movedOn.intfId = intf(b);
+  movedOn.baseInfo.msgNum += 1;
+  movedOn.baseInfo.keyServer = false;
+  movedOn.livePeers = {{actor(b)->msgId(), actor(b)->msgNum()}};
+  movedOn.sakDistInfo = SakDistInfo();
+  movedOn.sakUseInfo.oldKey = movedOn.sakUseInfo.latestKey;
+  movedOn.sakUseInfo.oldKey.tx = false;
+  movedOn.sakUseInfo.latestKey.an = static_cast<uint8_t>((running.an + 1) % 4);
+  movedOn.sakUseInfo.latestKey.keyNum = running.keyNum + 1;
+  b.deliver(movedOn);
+  better.baseInfo.msgNum += 1;
+  better.livePeers = {{actor(b)->msgId(), actor(b)->msgNum()}};
+  b.deliver(better);
+  EXPECT_EQ(cp(b)->latestSakContext().sak.mi, better.baseInfo.msgId);
 }
 
 }  // namespace
