@@ -8,6 +8,7 @@
 #include <cmath>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "platform/Fatal.h"
@@ -18,6 +19,12 @@ namespace {
 
 [[noreturn]] void environmentFailed(const char* what) {
   Zef::fatal(std::string("mkad: ") + what + ": " + std::strerror(errno));
+}
+
+double monotonicNow() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
 void watch(int epollFd, int op, int fd, uint32_t events) {
@@ -93,6 +100,12 @@ void EventLoop::signalReadable() {
   }
 }
 
+void EventLoop::heartbeatIs(double periodSeconds, std::function<void()> beat) {
+  heartbeatPeriod_ = periodSeconds;
+  heartbeat_ = std::move(beat);
+  nextHeartbeat_ = monotonicNow();
+}
+
 void EventLoop::run() {
   running_ = true;
   constexpr int kBatch = 32;
@@ -100,7 +113,17 @@ void EventLoop::run() {
   while (running_) {
     if (afterEvents_) afterEvents_();
     if (!running_) break;
-    const int ready = epoll_wait(epollFd_, events, kBatch, -1);
+    // The wait ends at the next heartbeat at the latest.
+    int timeoutMs = -1;
+    if (heartbeat_) {
+      const double now = monotonicNow();
+      if (now >= nextHeartbeat_) {
+        heartbeat_();
+        nextHeartbeat_ = now + heartbeatPeriod_;
+      }
+      timeoutMs = static_cast<int>((nextHeartbeat_ - now) * 1000) + 1;
+    }
+    const int ready = epoll_wait(epollFd_, events, kBatch, timeoutMs);
     if (ready < 0) {
       if (errno == EINTR) continue;
       environmentFailed("epoll_wait");

@@ -36,6 +36,9 @@ class EventLoop {
   // Runs after every round of events, for work that follows whatever happened (arming the timer
   // for the engine's next deadline).
   void afterEventsIs(std::function<void()> work) { afterEvents_ = std::move(work); }
+  // Runs `beat` every `periodSeconds` while the loop runs, whatever else it does: a supervisor's
+  // watchdog hears that the loop still turns.
+  void heartbeatIs(double periodSeconds, std::function<void()> beat);
 
   // Waits and dispatches until stop().
   void run();
@@ -56,6 +59,9 @@ class EventLoop {
   std::function<void()> timerHandler_;
   std::function<void(int)> signalHandler_;
   std::function<void()> afterEvents_;
+  double heartbeatPeriod_ = 0;
+  double nextHeartbeat_ = 0;
+  std::function<void()> heartbeat_;
 };
 
 }  // namespace Macsec

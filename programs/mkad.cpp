@@ -148,6 +148,10 @@ int main(int argc, char** argv) {
       sd_notify(0, "STOPPING=1");
       loop.stop();
     });
+    // Under a watchdog (WatchdogSec= in the unit) the loop says it still turns twice a period.
+    if (uint64_t watchdogUsec = 0; sd_watchdog_enabled(0, &watchdogUsec) > 0) {
+      loop.heartbeatIs(static_cast<double>(watchdogUsec) / 2e6, [] { sd_notify(0, "WATCHDOG=1"); });
+    }
     sd_notify(0, "READY=1");
     detacher.ready();
     loop.run();

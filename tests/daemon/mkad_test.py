@@ -76,11 +76,12 @@ class Daemon:
         prefix = ["ip", "netns", "exec", self.netns] if self.netns else []
         return prefix + list(args)
 
-    def start(self):
+    def start(self, env=None):
         self.logfile = open(self.log, "w")
         self.process = subprocess.Popen(self.command(MKAD, "--foreground", "--config", self.config,
                                                      "--socket", self.socket),
-                                        stdout=self.logfile, stderr=subprocess.STDOUT)
+                                        stdout=self.logfile, stderr=subprocess.STDOUT,
+                                        env=dict(os.environ, **(env or {})))
         wait_for(lambda: os.path.exists(self.socket) or self.process.poll() is not None, 10,
                  self.name + "'s control socket")
         if self.process.poll() is not None:
@@ -353,6 +354,19 @@ class BadInput(DaemonTest):
         self.assertEqual(result.returncode, 1)
         self.assertIn("this kernel has no MACsec: the macsec module could not be loaded", result.stderr)
         self.assertNotIn("emulated", result.stderr)
+
+    def test_under_a_watchdog_the_daemon_says_twice_a_period_that_its_loop_still_turns(self):
+        notify = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(notify.close)
+        notify.bind(os.path.join(self.workdir, "notify"))
+        notify.settimeout(5)
+        daemon = Daemon(self.workdir, "d", "lo")
+        daemon.start({"NOTIFY_SOCKET": os.path.join(self.workdir, "notify"), "WATCHDOG_USEC": "400000"})
+        self.addCleanup(daemon.stop)
+        heard = []
+        while heard.count(b"WATCHDOG=1") < 4:
+            heard.append(notify.recv(256))
+        self.assertIn(b"READY=1", heard)
 
     def test_the_control_socket_answers_garbage_with_an_error_and_goes_on(self):
         daemon = Daemon(self.workdir, "d", "lo")
