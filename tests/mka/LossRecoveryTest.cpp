@@ -13,27 +13,35 @@ const Sim::Key kKey{"0101010101010101", "135bd758b0ee5c11c55ff6ab19fdb199"};
 
 class LossRecovery : public Scenario {
  protected:
-  LossRecovery() { configuredPairIs(a, b, kKey); }  // a is the key server
+  // a is the key server; its last MKPDU is kept, for forgeries in its name.
+  LossRecovery() {
+    configuredPairIs(a, b, kKey);
+    sim.tapIs([this](const Sim::Agent& from, const Sim::Message& m) {
+      if (&from == &a) last = m;
+    });
+  }
   Zef::Ptr<MkaActorStatus> actor(Sim::Agent& agent) { return agent.actorStatus(intf(agent), kKey.ckn); }
   bool secured() { return securedOn({&a, &b}, actor(a)->distSak()); }
+  // a's last MKPDU, delivered to b as it stands unless changed.
+  Sim::Message lastOfA() {
+    Sim::Message message = last;
+    message.intfId = intf(b);
+    return message;
+  }
 
   Sim::Agent& a = sim.agentIs("a");
   Sim::Agent& b = sim.agentIs("b");
+  Sim::Message last;
 };
 
 TEST_F(LossRecovery, AKeyThatItsKeyServerNeverHadLeavesTheFollower) {
-  Sim::Message last;
-  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
-    if (&from == &a) last = m;
-  });
   sim.runFor(10);
   ASSERT_TRUE(secured());
   const Sak key = actor(a)->distSak();
 
   // An insider with the CAK sends the follower a key in the key server's name, with the next key
   // number and association number: the follower takes it on its way in.
-  Sim::Message forged = last;
-  forged.intfId = intf(b);
+  Sim::Message forged = lastOfA();
   forged.baseInfo.msgNum += 1;
   forged.sakDistInfo = SakDistInfo{static_cast<uint8_t>((key.an + 1) % 4), offsetCodeOf(0), key.keyNum + 1,
                                    cipherSuiteGcmAes128, key.key};
@@ -55,10 +63,6 @@ TEST_F(LossRecovery, AKeyThatItsKeyServerNeverHadLeavesTheFollower) {
 // A key held back while a live peer may still transmit on the key its number holds goes in with
 // the first repeat of its key server's MKPDU once that peer has moved on, not a life time later.
 TEST_F(LossRecovery, AHeldKeyGoesInWithTheNextRepeatOnceItsNumberIsFree) {
-  Sim::Message last;
-  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
-    if (&from == &a) last = m;
-  });
   sim.runFor(10);
   ASSERT_TRUE(secured());
   const Sak running = actor(a)->distSak();
@@ -66,8 +70,7 @@ TEST_F(LossRecovery, AHeldKeyGoesInWithTheNextRepeatOnceItsNumberIsFree) {
 
   // A member of better priority that lists b is elected b's key server at once, with a key on the
   // number a transmits on: b holds it back.
-  Sim::Message better = last;
-  better.intfId = intf(b);
+  Sim::Message better = lastOfA();
   better.baseInfo.msgId = "0000000000000000000000f1"_mi;
   better.baseInfo.msgNum = 1;
   better.baseInfo.sci = Sci{mac(9), 1};
@@ -82,8 +85,7 @@ TEST_F(LossRecovery, AHeldKeyGoesInWithTheNextRepeatOnceItsNumberIsFree) {
 
   // a, no longer key server, says it has moved on to its next key; the new key server repeats
   // its own.
-  Sim::Message movedOn = last;
-  movedOn.intfId = intf(b);
+  Sim::Message movedOn = lastOfA();
   movedOn.baseInfo.msgNum += 1;
   movedOn.baseInfo.keyServer = false;
   movedOn.livePeers = {{actor(b)->msgId(), actor(b)->msgNum()}};
