@@ -1,5 +1,7 @@
 #include "config/ConfigSm.h"
 
+#include "model/ProfileParams.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -15,16 +17,6 @@ ZEF_TRACE_MODULE("Macsec::ConfigSm")
 namespace Macsec {
 
 namespace {
-
-// The parameters an IntfStatus is made with, from its profile. They are fixed for the life of
-// the IntfStatus: a change means a new one.
-MacsecParams paramsOf(const Profile& profile) {
-  MacsecParams params;
-  ProfileSettings::forEach([&]<class S>(S) {
-    if constexpr (S::reach == Zef::SettingReach::param) params.*S::param = S::of(profile);
-  });
-  return params;
-}
 
 // A static SAK runs only where there is no key.
 bool staticSakInUse(const Profile& profile) {

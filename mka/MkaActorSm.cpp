@@ -40,9 +40,11 @@ void MkaActorSm::handleInitialized() {
   actorStatusIs(portStatus() ? portStatus()->actorStatus(ckn()) : nullptr);
   cpStatusIs(status()->cpStatus(intfId()));
 
-  // Only a new actor gets an identity and keys; one rebuilt over its status keeps both.
-  if (actorStatus()->msgId().empty()) {
-    updateMsgId();
+  // Only a new actor gets an identity; one rebuilt over its status keeps it. The keys go with the
+  // identity, but a status brought back from a saved state holds none, and derives them again.
+  const bool resumed = !actorStatus()->msgId().empty() && actorStatus()->cak().empty();
+  if (actorStatus()->msgId().empty()) updateMsgId();
+  if (actorStatus()->cak().empty()) {
     actorStatus()->cakIs(cak());
     actorStatus()->kekIs(deriveStored(deriveKek, cak(), ckn()));
     actorStatus()->ickIs(deriveStored(deriveIck, cak(), ckn()));
@@ -53,10 +55,11 @@ void MkaActorSm::handleInitialized() {
   handlePrincipalActor();
 
   // With delay protection the first MKPDU leaves at once; otherwise after a random number
-  // of whole seconds below the period, so that actors started together do not send together.
+  // of whole seconds below the period, so that actors started together do not send together. A
+  // member that went on after a restart speaks at once: its peers have been waiting for it.
   mkpduTimerIs(timerWheel());
   double deadline = Zef::System::currentTime();
-  if (!status()->delayProtection()) {
+  if (!status()->delayProtection() && !resumed) {
     const int period = static_cast<int>(status()->mkpduPeriod());
     if (period > 0) deadline += timerWheel()->randomBelow(static_cast<uint32_t>(period));
   }
@@ -185,6 +188,7 @@ bool MkaActorSm::parseBasicInfo(const DecodedMkpdu& message) {
     peer->baseInfoIs(base);
     peer->sakUseInfoIs(message.sakUseInfo);
     peer->timeStampIs(now);
+    peer->resumedIs(false);
     if (actorStatus()->potentialPeerHas(peerId)) {
       TRACE(3, ": Removing " << peerId << " from potential peer list of actor " << ckn() << " on " << intfId());
       actorStatus()->potentialPeerDel(peerId);
@@ -203,9 +207,16 @@ bool MkaActorSm::parseBasicInfo(const DecodedMkpdu& message) {
 
   // The sender has not heard us (lately). A live peer that stopped listing us is left to age
   // out, but what it says of its keys is news still: a key it transmits on must stay receivable.
-  // Anybody else is a potential peer.
+  // One brought back from a saved state has not heard us since the restart: its message number is
+  // taken, and answered at once, so that it hears itself listed with a recent number before it
+  // ages us out. Anybody else is a potential peer.
   if (const Zef::Ptr<MkaPeer> live = actorStatus()->livePeer(peerId)) {
     live->sakUseInfoIs(message.sakUseInfo);
+    if (live->resumed() && base.msgNum > live->baseInfo().msgNum) {
+      TRACE(3, ": Resumed live peer " << peerId << " at message number " << base.msgNum << forActor());
+      live->baseInfoIs(base);
+      mkpduImmediateCntInc(1);
+    }
     return true;
   }
   Zef::Ptr<MkaPeer> peer = actorStatus()->potentialPeer(peerId);
@@ -314,8 +325,10 @@ void MkaActorSm::parseSakDistInfo(const DecodedMkpdu& message) {
   // another key: a forged set may have taken the identifier, before the key server's set or after
   // it. The key server repeats its own set while a live peer does not report its key, so that set
   // comes last, and stays.
+  // A key brought back from a saved state is known by its identifier alone: its octets are in the
+  // data plane only.
   const Sak& known = actorStatus()->distSak();
-  if (identicalKey(known, sak)) {
+  if (identicalKey(known, sak) || (known.key.empty() && sameKey(known, sak))) {
     const Zef::Ptr<CpStatus const> cp = cpStatus();
     auto holds = [&](const SakContext& slot) { return identicalKey(slot.sak, known); };
     if (!actorStatus()->principal() || !cp || holds(cp->latestSakContext()) || holds(cp->oldSakContext())) return;
@@ -637,10 +650,11 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
   // peer does not say it receives on it (one that went away for a moment, or that was a key
   // server itself meanwhile, may have missed it). Only a key it made: one it inherited from the
   // former key server would reach the peers under this member's identifier, as another key on
-  // the same number.
+  // the same number. A key brought back from a saved state has no octets to give; the key server
+  // replaces it.
   const Sak& sak = actorStatus()->distSak();
-  if (actorStatus()->electedSelf() && actorStatus()->principal() && !sak.empty() && sak.mi == actorStatus()->msgId() &&
-      (!actorStatus()->sakTransmit() || aLivePeerLacks(sak))) {
+  if (actorStatus()->electedSelf() && actorStatus()->principal() && !sak.empty() && !sak.key.empty() &&
+      sak.mi == actorStatus()->msgId() && (!actorStatus()->sakTransmit() || aLivePeerLacks(sak))) {
     info->sakDistInfoIs(SakDistInfo{sak.an, offsetCodeOf(actorStatus()->distOffset()), sak.keyNum, cipher, sak.key});
   } else {
     info->sakDistInfoIs(SakDistInfo());

@@ -86,11 +86,15 @@ void MkaPortSm::doUpdateActors(bool defaultKey) {
     return;
   }
 
-  // An actor under the key's CKN is kept if it is of this kind and has the same key bytes.
+  // An actor under the key's CKN is kept if it is of this kind and has the same key bytes. One
+  // brought back from a saved state has none yet: its key was checked as it came back.
   TRACE(8, (defaultKey ? ": Processing new default key " : ": Processing new primary key ")
                << key.ckn << " on " << intfId());
   Zef::Ptr<MkaActorStatus> existing = portStatus()->actorStatus(key.ckn);
-  if (existing && (existing->defaultActor() != defaultKey || !existing->cak().sameKeyAs(key.cak))) {
+  const auto otherKey = [&](const MkaActorStatus& actor) {
+    return !actor.cak().empty() && !actor.cak().sameKeyAs(key.cak);
+  };
+  if (existing && (existing->defaultActor() != defaultKey || otherKey(*existing))) {
     electionDue |= existing->principal() && existing->electedSelf();
     doCleanupActorSmAndStatus(existing);
     existing = nullptr;

@@ -77,7 +77,11 @@ Macsec::MemberId keyServerMi(const Zef::Ptr<Macsec::MkaActorStatus>& actor) {
   return Macsec::MemberId();
 }
 
-Macsec::Sci sciOf(const End& end) { return end.agent->status()->portStatus(end.intf)->mySci(); }
+// The interface's SCI; none while its switch's process is away.
+Macsec::Sci sciOf(const End& end) {
+  const Zef::Ptr<Macsec::MkaPortStatus> port = end.agent->status()->portStatus(end.intf);
+  return port ? port->mySci() : Macsec::Sci();
+}
 
 // Whether an interface's data plane receives on a key: asked for in its requests and confirmed by
 // the hardware. (The emulated hardware keeps the record of a withdrawn key until another takes its
@@ -98,7 +102,7 @@ class FaultRunner {
   }
 
   FaultRunner(uint32_t seed, const FaultOptions& options)
-      : options_(options), draw_(seed), sim_(0.0, seed, wireOf(chance(0.5), options)) {}
+      : options_(options), seed_(seed), draw_(seed), sim_(0.0, seed, wireOf(chance(0.5), options)) {}
 
   FaultOutcome run();
 
@@ -115,6 +119,7 @@ class FaultRunner {
   void drawNetwork();
   void drawFaults();
   void drawEvents();
+  void drawProcessRestarts();
   void drawForgeries();
   void forge(const uint8_t* how);
   void mend();
@@ -125,6 +130,7 @@ class FaultRunner {
   void note(const std::string& event);
 
   // What must hold after every event, and after the rest.
+  void checkSent(const Agent& from, const Message& message);
   void checkAlways();
   void checkTransmitsAhead(const std::vector<End>& ends, const End& from);
   void checkKeysTakenAway(const std::vector<End>& ends, const End& to);
@@ -133,6 +139,7 @@ class FaultRunner {
   void checkLogs();
 
   FaultOptions options_;
+  uint32_t seed_;
   std::mt19937 draw_;
   Simulation sim_;
   std::ostringstream drawn_;
@@ -145,8 +152,9 @@ class FaultRunner {
   // (or none), at the last check.
   std::map<std::string, std::set<std::string>> receiving_;
   std::map<std::string, std::string> transmitting_;
-  // The last MKPDU each interface sent.
+  // The last MKPDU each interface sent, and the highest message number of each member identifier.
   std::map<std::string, Message> lastSent_;
+  std::map<Macsec::MemberId, uint32_t> highestSent_;
   Macsec::CipherSuite suite_ = Macsec::cipherSuiteGcmAes128;
 };
 
@@ -292,10 +300,12 @@ void FaultRunner::drawEvents() {
         Agent* agent = agents_[static_cast<size_t>(integer(0, static_cast<int>(agents_.size()) - 1))];
         const double away = uniform(0, 8);
         sim_.after(at, [this, agent] {
+          if (!agent->processRunning()) return;
           note("restart " + agent->name());
           agent->engine().as([&] { agent->engine().stateMachinesStop(); });
         });
         sim_.after(at + away, [this, agent] {
+          if (!agent->processRunning()) return;
           note("restarted " + agent->name());
           agent->engine().as([&] { agent->engine().stateMachinesStart(); });
         });
@@ -312,13 +322,37 @@ void FaultRunner::drawEvents() {
   }
 }
 
+// Restarts of a switch's process, through its saved state: a graceful stop, or a crash at whatever
+// point of its work the time falls on; mostly back within a second, as a supervisor restarts it,
+// sometimes later. Drawn from a stream of their own, so that the other draws of a seed stay what
+// they were before there were process restarts.
+void FaultRunner::drawProcessRestarts() {
+  std::mt19937 draw(seed_ ^ 0x9e3779b9u);
+  auto uniform = [&](double low, double high) { return std::uniform_real_distribution<double>(low, high)(draw); };
+  const int restarts = options_.pairOnly ? 0 : std::uniform_int_distribution<int>(0, 3)(draw);
+  drawn_ << ", " << restarts << " process restarts";
+  if (restarts == 0) return;
+  for (Agent* agent : agents_) agent->savedStateKept();
+  for (int r = 0; r < restarts; ++r) {
+    Agent* agent = agents_[std::uniform_int_distribution<size_t>(0, agents_.size() - 1)(draw)];
+    const double at = uniform(1, std::max(1.0, options_.faultSeconds - 10));
+    const bool graceful = uniform(0, 1) < 0.5;
+    const double away = uniform(0, 1) < 0.8 ? uniform(0.01, 1) : uniform(1, 8);
+    sim_.after(at, [this, agent, graceful, away] {
+      if (!agent->processRunning()) return;
+      note((graceful ? "process stop " : "process crash ") + agent->name());
+      agent->processStop(graceful);
+      sim_.after(away, [this, agent] {
+        note("process start " + agent->name());
+        for (const std::string& afresh : agent->processStart()) note("afresh: " + afresh);
+      });
+    });
+  }
+}
+
 // Forged frames at times of the fault period, after the members' last MKPDUs.
 void FaultRunner::drawForgeries() {
   if (options_.forged.empty()) return;
-  sim_.tapIs([this](const Agent& from, const Message& message) {
-    const std::string key = from.name() + " " + message.intfId.stringValue();
-    lastSent_[key] = message;
-  });
   const std::string& bytes = options_.forged;
   for (size_t at = 0; at + 8 <= bytes.size(); at += 8) {
     std::array<uint8_t, 8> how;
@@ -421,6 +455,18 @@ void FaultRunner::mend() {
   rekeyPeriodIs(0);
 }
 
+// No member identifier sends a message number twice, across restarts of its process too; and the
+// last MKPDU of each interface is kept for forgeries.
+void FaultRunner::checkSent(const Agent& from, const Message& message) {
+  uint32_t& highest = highestSent_[message.baseInfo.msgId];
+  if (message.baseInfo.msgNum <= highest) {
+    throw Broken{"message number sent twice: " + from.name() + " " + message.intfId.stringValue() + " sent " +
+                 std::to_string(message.baseInfo.msgNum) + " after " + std::to_string(highest)};
+  }
+  highest = message.baseInfo.msgNum;
+  if (!options_.forged.empty()) lastSent_[from.name() + " " + message.intfId.stringValue()] = message;
+}
+
 void FaultRunner::checkAlways() {
   for (const std::vector<End>& ends : ends_) {
     for (const End& end : ends) {
@@ -446,6 +492,8 @@ void FaultRunner::checkAlways() {
 // it, not on the first key of a session. (A member still joining, or one that becomes live while
 // the key is on its way into service or in it, gets the key from the key server.)
 void FaultRunner::checkTransmitsAhead(const std::vector<End>& ends, const End& from) {
+  // While its process is away, the data plane goes on transmitting on the key it had.
+  if (!from.agent->processRunning()) return;
   const Zef::Ptr<Macsec::CpStatus> cp = from.agent->status()->cpStatus(from.intf);
   const Macsec::SaStatus tx = cp && !cp->txSak().empty() ? Macsec::SaStatus{Macsec::AssociationNumber(cp->txSak().an),
                                                                             cp->txSak().mi, cp->txSak().keyNum, 0}
@@ -472,6 +520,9 @@ void FaultRunner::checkTransmitsAhead(const std::vector<End>& ends, const End& f
 // server that another transmits on. (A member that comes back may transmit on a key retired while
 // it was away, until it has the current one: that takes no key away.)
 void FaultRunner::checkKeysTakenAway(const std::vector<End>& ends, const End& to) {
+  // While its process is away, the data plane goes on receiving on the keys it had; once back, the
+  // process must ask for them again.
+  if (!to.agent->processRunning()) return;
   std::set<std::string>& before = receiving_[text(to)];
   std::set<std::string> now;
   for (auto it = to.agent->hw(to.intf)->rxSaStatusIter(); it; ++it) {
@@ -589,7 +640,9 @@ FaultOutcome FaultRunner::run() {
   drawNetwork();
   drawFaults();
   drawEvents();
+  drawProcessRestarts();
   drawForgeries();
+  sim_.tapIs([this](const Agent& from, const Message& message) { checkSent(from, message); });
   sim_.observerIs([this] { checkAlways(); });
   FaultOutcome outcome;
   outcome.drawn = drawn_.str();

@@ -5,7 +5,9 @@
 #include <cstring>
 #include <limits>
 
+#include "engine/SavedState.h"
 #include "mkpdu/HandOff.h"
+#include "platform/HashTable.h"
 #include "platform/Log.h"
 
 namespace Sim {
@@ -107,6 +109,49 @@ void Agent::interfaceIs(const Lanx::IntfId& intf, const InterfaceConfig& config)
   });
 }
 
+void Agent::savedStateKept() {
+  if (keeper_) return;
+  engine_.as([&] {
+    keeper_ = Macsec::StateKeeper::StateKeeperIs(status());
+    keeper_->writeIs([this](const std::string& document) { savedState_ = document; });
+    keeper_->writeNow();
+  });
+}
+
+void Agent::processStop(bool graceful) {
+  processRunning_ = false;
+  engine_.as([&] {
+    if (keeper_ && graceful) keeper_->writeNow();
+    if (keeper_) keeper_->hasNotificationActiveIs(false);
+    keeper_ = nullptr;
+    engine_.stateMachinesStop();
+    // What the process held goes, bottom up; the data plane's SAs stay.
+    for (const Lanx::IntfId& intf : Zef::keysOf<Lanx::IntfId>(status()->portStatusIter())) {
+      status()->portStatus(intf)->actorStatusDelAll();
+      status()->portStatusDel(intf);
+    }
+    status()->cpStatusDelAll();
+  });
+}
+
+std::vector<std::string> Agent::processStart() {
+  processRunning_ = true;
+  std::vector<std::string> afresh;
+  std::string why;
+  const auto saved = Macsec::interfacesOf(savedState_, why);
+  if (!saved) afresh.push_back("the saved state is not used: " + why);
+  if (saved) {
+    for (const auto& [intf, state] : *saved) {
+      if (const std::optional<std::string> reason = Macsec::resumeInterface(engine_, intf, state)) {
+        afresh.push_back(intf.stringValue() + ": " + *reason);
+      }
+    }
+  }
+  engine_.as([&] { engine_.stateMachinesStart(); });
+  savedStateKept();
+  return afresh;
+}
+
 Macsec::Cak Key::stored() const {
   if (ckn.empty()) return Macsec::Cak();
   return Macsec::Cak{name(), Macsec::StoredKey::ofHex(cak.view())};
@@ -161,6 +206,7 @@ Zef::Ptr<Macsec::MkaActorStatus> Agent::actorStatus(const Lanx::IntfId& intf, co
 
 void Agent::transmitted(const Lanx::IntfId& intf, const Macsec::MkaMessageInfo& sent) {
   ++sent_;
+  if (keeper_) keeper_->beforeTransmit(intf);
   // Over bytes, the codec sends the frame: the message is wanted only by a tap.
   if (muted_ || (engine_.frames() && !sim_.tap_)) return;
   Message message;
@@ -323,6 +369,13 @@ double Simulation::nextEvent() const {
   return next;
 }
 
+void Simulation::afterEvent() {
+  for (const auto& entry : agents_) {
+    if (entry.second->keeper_) entry.second->keeper_->refresh();
+  }
+  if (observer_) observer_();
+}
+
 void Simulation::runUntil(double t) {
   for (;;) {
     const double next = nextEvent();
@@ -336,12 +389,12 @@ void Simulation::runUntil(double t) {
       } else {
         deliver(event.frame);
       }
-      if (observer_) observer_();
+      afterEvent();
       continue;
     }
     for (const auto& entry : agents_) {
       if (entry.second->engine().serviceOneTimer()) {
-        if (observer_) observer_();
+        afterEvent();
         break;
       }
     }

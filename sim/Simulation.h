@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "engine/Engine.h"
+#include "engine/StateKeeper.h"
 #include "mka/MkaActorSm.h"
 #include "mkpdu/ReplayGuard.h"
 #include "platform/Clock.h"
@@ -146,6 +147,23 @@ class Agent {
   // Silences the agent: nothing it sends leaves it (its actors keep running).
   void mutedIs(bool muted) { muted_ = muted; }
 
+  // Keeps a saved state from now on, as the daemon does for restarts of its process: written
+  // again after each event that changed it, and before a frame carries numbers beyond it.
+  void savedStateKept();
+  // The saved state as last written; empty if none is kept.
+  const std::string& savedState() const noexcept { return savedState_; }
+  // Replaces it, as a damaged or foreign file would while the process is away.
+  void savedStateIs(std::string document) { savedState_ = std::move(document); }
+  // False between a stop of the agent's process and its start.
+  bool processRunning() const noexcept { return processRunning_; }
+  // The agent's process stops (a graceful stop writes the saved state first; a crash does not):
+  // its state machines stop, and all it held is lost but its configuration and the SAs of its data
+  // plane. Frames that reach it meanwhile find nobody.
+  void processStop(bool graceful);
+  // A new process starts over the saved state: each interface goes on from it, or afresh. Returns
+  // why each interface that starts afresh could not go on.
+  std::vector<std::string> processStart();
+
   // Hands a decoded message to the agent's actors, as its codec would.
   void deliver(const Message& message) { engine_.messageIs(message.intfId, message); }
   // Whether a decoded message that a link carries may be handed on: as the codec does with frames,
@@ -175,6 +193,9 @@ class Agent {
   std::vector<Macsec::ReplayGuard> replay_;  // by the interface's identifier
   bool muted_ = false;
   uint64_t sent_ = 0;
+  Zef::Ptr<Macsec::StateKeeper> keeper_;
+  std::string savedState_;
+  bool processRunning_ = true;
 };
 
 class Simulation {
@@ -232,6 +253,8 @@ class Simulation {
   void scheduleFrame(Link* link, Agent* to, const Lanx::IntfId& intf, std::string frame, double delay);
   void capture(std::string_view frame);
   double nextEvent() const;
+  // After each event: the agents' saved states follow, then the observer checks.
+  void afterEvent();
   void eventIs(Event event);
   void deliver(Frame& frame);
 

@@ -1,5 +1,6 @@
-// No key in clear, nor its stored form, reaches the debug trace at any level, the operators' log
-// or a dump of the status, over a session with rekeys on real frames.
+// No key in clear, nor its stored form, reaches the debug trace at any level, the operators' log,
+// a dump of the status or the saved state kept for restarts, over a session with rekeys on real
+// frames.
 
 #include <gtest/gtest.h>
 
@@ -56,7 +57,7 @@ std::string dumpOf(Sim::Agent& agent) {
   return out.str();
 }
 
-TEST(Secrets, NoKeyReachesTheTraceTheLogOrTheStatusAtAnyLevel) {
+TEST(Secrets, NoKeyReachesTheTraceTheLogTheStatusOrTheSavedState) {
   std::string seen;
   Zef::traceSettingsIs("*=9");
   Zef::traceSinkIs([&](const Zef::TraceRecord& r) { seen += std::string(r.text) + "\n"; });
@@ -74,11 +75,12 @@ TEST(Secrets, NoKeyReachesTheTraceTheLogOrTheStatusAtAnyLevel) {
       config.runPort = true;
       agent->interfaceIs(eth1, config);
       agent->keyIs(eth1, Sim::Key{kCkn, kCak});
+      agent->savedStateKept();
     }
     a.profile(eth1)->sessionReKeyPeriodIs(5);
     const Zef::Ptr<SakWatch> watch(new SakWatch(a.status()->portStatus(eth1)->actorStatus(Ckn::fromHex(kCkn)), saks));
     sim.runFor(30);
-    seen += dumpOf(a) + dumpOf(b);
+    seen += dumpOf(a) + dumpOf(b) + a.savedState() + b.savedState();
     ASSERT_TRUE(b.status()->cpStatus(eth1)->controlledPortEnabled());
   }
   Zef::traceSinkIs(nullptr);
@@ -89,6 +91,7 @@ TEST(Secrets, NoKeyReachesTheTraceTheLogOrTheStatusAtAnyLevel) {
   EXPECT_NE(seen.find("Installing SAK from peer"), std::string::npos);
   EXPECT_NE(seen.find("Activated SAK"), std::string::npos);
   EXPECT_NE(seen.find("key set"), std::string::npos);
+  EXPECT_NE(seen.find("\"dist-sak\""), std::string::npos);
   EXPECT_GE(saks.size(), 3u);
   for (const std::string& secret : std::set<std::string>{kCak, kIck, kKek}) {
     EXPECT_EQ(seen.find(secret), std::string::npos) << secret;
