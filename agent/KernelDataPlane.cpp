@@ -130,11 +130,20 @@ KernelLink* KernelDataPlane::ensureLink(const Lanx::IntfId& intfId) {
   const int lowerIfindex = lowerIfindexOf()(intfId);
   if (lowerIfindex == 0) return nullptr;
   link.name = linkNameOf()(intfId);
-  // A link of that name from an earlier run holds keys this run does not know: it goes, and
-  // this run starts from nothing, as the engine does.
-  if (const int stale = kernel()->linkIndex(link.name)) refused(intfId, link, kernel()->linkDel(stale));
+  // A link of that name that an earlier run made, and this one did not take over, holds keys this
+  // run does not know: it goes, and the interface starts from nothing, as the engine does. A link
+  // of that name that mkad did not make is not ours to remove.
+  if (const int stale = kernel()->linkIndex(link.name)) {
+    const std::optional<MacsecLinkView> view = kernel()->linkView(link.name);
+    if (!view || view->mark != kLinkMark) {
+      refused(intfId, link, "a link named " + link.name + " exists, which mkad did not make");
+      return nullptr;
+    }
+    refused(intfId, link, kernel()->linkDel(stale));
+  }
   MacsecLinkSettings settings;
   settings.name = link.name;
+  settings.mark = kLinkMark;
   settings.lowerIfindex = lowerIfindex;
   settings.sci = kernelSci(portStatus->mySci());
   settings.cipherSuite = cipherSuiteId(cp->macsecParams().cipherSuite);
@@ -149,7 +158,7 @@ KernelLink* KernelDataPlane::ensureLink(const Lanx::IntfId& intfId) {
 }
 
 void KernelDataPlane::updateLink(const Lanx::IntfId& intfId) {
-  if (!initialized()) return;
+  if (!initialized() || adopting_.contains(intfId)) return;
   TRACE(8, " intfId=" << intfId);
   const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
   KernelLink* link = ensureLink(intfId);
@@ -158,7 +167,7 @@ void KernelDataPlane::updateLink(const Lanx::IntfId& intfId) {
 }
 
 void KernelDataPlane::updateRxSc(const Lanx::IntfId& intfId) {
-  if (!initialized()) return;
+  if (!initialized() || adopting_.contains(intfId)) return;
   TRACE(8, " intfId=" << intfId);
   const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
   KernelLink* link = ensureLink(intfId);
@@ -175,7 +184,7 @@ void KernelDataPlane::updateRxSc(const Lanx::IntfId& intfId) {
 }
 
 void KernelDataPlane::updateRxSa(const Lanx::IntfId& intfId, const AssociationNumber& an) {
-  if (!initialized()) return;
+  if (!initialized() || adopting_.contains(intfId)) return;
   TRACE(8, " intfId=" << intfId << " an=" << an);
   const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
   KernelLink* link = ensureLink(intfId);
@@ -212,7 +221,7 @@ void KernelDataPlane::updateRxSa(const Lanx::IntfId& intfId, const AssociationNu
 }
 
 void KernelDataPlane::updateTxSa(const Lanx::IntfId& intfId) {
-  if (!initialized()) return;
+  if (!initialized() || adopting_.contains(intfId)) return;
   TRACE(8, " intfId=" << intfId);
   const Zef::Ptr<CpStatus const> cp = status()->cpStatus(intfId);
   KernelLink* link = ensureLink(intfId);
@@ -284,6 +293,68 @@ void KernelDataPlane::removeAll() {
 
 namespace Macsec {
 
-void KernelDataPlane::lowerGone(const Lanx::IntfId& intfId) { links_.erase(intfId); }
+void KernelDataPlane::lowerGone(const Lanx::IntfId& intfId) {
+  links_.erase(intfId);
+  adopting_.erase(intfId);
+}
+
+namespace {
+
+// The key a kernel SA carries, by its key identifier: the key server's member identifier and the
+// key number.
+KernelSa keyOf(const MacsecSaView& sa) {
+  const uint32_t keyNum = static_cast<uint32_t>(sa.keyId[12]) << 24 | static_cast<uint32_t>(sa.keyId[13]) << 16 |
+                          static_cast<uint32_t>(sa.keyId[14]) << 8 | sa.keyId[15];
+  return KernelSa{MemberId(sa.keyId), keyNum};
+}
+
+}  // namespace
+
+void KernelDataPlane::adopt(const Lanx::IntfId& intfId, const MacsecLinkView& view) {
+  TRACE(3, " adopting the MACsec link of " << intfId << " left by an earlier run");
+  KernelLink link;
+  link.name = linkNameOf() ? linkNameOf()(intfId) : std::string();
+  link.ifindex = view.ifindex;
+  const Zef::Ptr<MacSecIntfStatus> hw = hardware()->status(intfId);
+  // The link receives from one peer, on one channel.
+  if (!view.rxScs.empty()) {
+    link.rxSc = view.rxScs.front().sci;
+    for (const MacsecSaView& sa : view.rxScs.front().sas) {
+      link.rxSas[sa.an] = keyOf(sa);
+      if (hw) hw->rxSaStatusIs(AssociationNumber(sa.an), link.rxSas[sa.an].mi, link.rxSas[sa.an].keyNum);
+    }
+  }
+  for (const MacsecSaView& sa : view.txSas) {
+    link.txSas[sa.an] = keyOf(sa);
+    if (hw && sa.an == view.encodingSa) {
+      hw->txSaStatusIs(SaStatus{AssociationNumber(sa.an), link.txSas[sa.an].mi, link.txSas[sa.an].keyNum, 1});
+    }
+  }
+  links_[intfId] = link;
+  adopting_.insert(intfId);
+}
+
+void KernelDataPlane::adopted(const Lanx::IntfId& intfId) {
+  if (adopting_.erase(intfId) == 0) return;
+  TRACE(3, " the MACsec link of " << intfId << " is taken over");
+  updateLink(intfId);
+  updateRxSc(intfId);
+  for (uint8_t an = AssociationNumber::min; an <= AssociationNumber::max; ++an)
+    updateRxSa(intfId, AssociationNumber(an));
+  updateTxSa(intfId);
+}
+
+void KernelDataPlane::abandon(const Lanx::IntfId& intfId) {
+  adopting_.erase(intfId);
+  const auto it = links_.find(intfId);
+  if (it == links_.end()) return;
+  if (it->second.ifindex != 0) refused(intfId, it->second, kernel()->linkDel(it->second.ifindex));
+  links_.erase(it);
+  // What the hardware status showed of the link goes with it.
+  if (const Zef::Ptr<MacSecIntfStatus> hw = hardware()->status(intfId)) {
+    hw->rxSaStatusDelAll();
+    hw->txSaStatusIs(SaStatus());
+  }
+}
 
 }  // namespace Macsec

@@ -19,6 +19,9 @@ struct KernelSa {
   bool operator==(const KernelSa&) const noexcept = default;
 };
 
+// The mark of the links that mkad makes, in their alias: the links it may remove as its own.
+inline constexpr const char* kLinkMark = "mkad";
+
 struct KernelLink {
   std::string name;
   int ifindex = 0;  // of the MACsec link; 0 until it is made

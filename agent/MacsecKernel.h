@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "model/KeyBytes.h"
 
@@ -23,6 +24,8 @@ struct KernelSci {
 // The settings of a MACsec link that the kernel fixes at creation, and those it can change.
 struct MacsecLinkSettings {
   std::string name;
+  // The mark of who made the link, in its alias: links with mkad's mark are mkad's to remove.
+  std::string mark;
   int lowerIfindex = 0;
   KernelSci sci;
   uint64_t cipherSuite = 0;  // an IEEE 802.1AE cipher suite reference number
@@ -51,6 +54,29 @@ struct MacsecSaSettings {
   uint8_t salt[12] = {};
 };
 
+// One SA as the kernel reports it: its association number and key identifier, never its key.
+struct MacsecSaView {
+  uint8_t an = 0;
+  uint8_t keyId[16] = {};
+  bool active = false;
+};
+
+// A MACsec link as the kernel holds it: where it sits, who marked it, its channel, the association
+// number it sends with, and its SAs.
+struct MacsecLinkView {
+  int ifindex = 0;
+  int lowerIfindex = 0;
+  std::string mark;
+  KernelSci sci;
+  int encodingSa = -1;
+  std::vector<MacsecSaView> txSas;
+  struct RxSc {
+    KernelSci sci;
+    std::vector<MacsecSaView> sas;
+  };
+  std::vector<RxSc> rxScs;
+};
+
 class MacsecKernel {
  public:
   // The kernel's answer to a call: the error text, or nothing on success.
@@ -72,6 +98,10 @@ class MacsecKernel {
   virtual Answer txSaDel(int ifindex, uint8_t an) = 0;
   // The next packet number of a transmit SA.
   virtual std::optional<uint64_t> txSaNextPn(int ifindex, uint8_t an) = 0;
+  // A MACsec link by name as the kernel holds it; none if there is no MACsec link of that name.
+  virtual std::optional<MacsecLinkView> linkView(const std::string& name) = 0;
+  // The names of the MACsec links that carry a mark.
+  virtual std::vector<std::string> markedLinks(const std::string& mark) = 0;
 };
 
 // How the data plane holds the kernel, which the daemon owns.

@@ -3,6 +3,7 @@
 #include <linux/if.h>
 #include <linux/if_macsec.h>
 #include <netlink/attr.h>
+#include <netlink/cache.h>
 #include <netlink/genl/ctrl.h>
 #include <netlink/genl/genl.h>
 #include <netlink/msg.h>
@@ -16,6 +17,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 
 namespace Macsec {
 
@@ -88,6 +90,7 @@ std::optional<std::string> MacsecNetlink::linkAdd(const MacsecLinkSettings& sett
   rtnl_link_macsec_set_replay_protect(link, settings.replayProtection ? 1 : 0);
   if (settings.replayProtection) rtnl_link_macsec_set_window(link, settings.replayWindow);
   rtnl_link_macsec_set_send_sci(link, settings.includeSci ? 1 : 0);
+  if (!settings.mark.empty()) rtnl_link_set_ifalias(link, settings.mark.c_str());
   const int error = rtnl_link_add(route_, link, NLM_F_CREATE | NLM_F_EXCL);
   rtnl_link_put(link);
   if (error < 0 && error != -NLE_EXIST) return failure("add link", error);
@@ -238,51 +241,134 @@ std::optional<std::string> MacsecNetlink::txSaDel(int ifindex, uint8_t an) {
 
 namespace {
 
-struct PnQuery {
+// The dump's part for one link: its attributes, once the message names the link asked for.
+struct LinkDump {
   int ifindex;
-  uint8_t an;
-  std::optional<uint64_t> pn;
+  std::function<void(nlattr** attrs)> use;
 };
 
 int onTxsc(nl_msg* msg, void* arg) {
-  auto* query = static_cast<PnQuery*>(arg);
+  auto* dump = static_cast<LinkDump*>(arg);
   nlattr* attrs[MACSEC_ATTR_MAX + 1];
   if (genlmsg_parse(nlmsg_hdr(msg), 0, attrs, MACSEC_ATTR_MAX, nullptr) < 0) return NL_SKIP;
-  if (!attrs[MACSEC_ATTR_IFINDEX] || static_cast<int>(nla_get_u32(attrs[MACSEC_ATTR_IFINDEX])) != query->ifindex) {
+  if (!attrs[MACSEC_ATTR_IFINDEX] || static_cast<int>(nla_get_u32(attrs[MACSEC_ATTR_IFINDEX])) != dump->ifindex) {
     return NL_SKIP;
   }
-  if (!attrs[MACSEC_ATTR_TXSA_LIST]) return NL_SKIP;
+  dump->use(attrs);
+  return NL_OK;
+}
+
+// Calls `use` with each SA of a list: its attributes, parsed.
+template <class Use>
+void forEachSa(nlattr* list, Use&& use) {
+  if (!list) return;
   nlattr* entry;
   int remaining;
-  nla_for_each_nested(entry, attrs[MACSEC_ATTR_TXSA_LIST], remaining) {
+  nla_for_each_nested(entry, list, remaining) {
     nlattr* sa[MACSEC_SA_ATTR_MAX + 1];
-    if (nla_parse_nested(sa, MACSEC_SA_ATTR_MAX, entry, nullptr) < 0) continue;
-    if (!sa[MACSEC_SA_ATTR_AN] || !sa[MACSEC_SA_ATTR_PN] || nla_get_u8(sa[MACSEC_SA_ATTR_AN]) != query->an) continue;
-    const int length = nla_len(sa[MACSEC_SA_ATTR_PN]);
-    if (length == 4) query->pn = nla_get_u32(sa[MACSEC_SA_ATTR_PN]);
-    if (length == 8) query->pn = nla_get_u64(sa[MACSEC_SA_ATTR_PN]);
+    if (nla_parse_nested(sa, MACSEC_SA_ATTR_MAX, entry, nullptr) < 0 || !sa[MACSEC_SA_ATTR_AN]) continue;
+    use(sa);
   }
-  return NL_OK;
+}
+
+MacsecSaView saView(nlattr** sa) {
+  MacsecSaView view;
+  view.an = nla_get_u8(sa[MACSEC_SA_ATTR_AN]);
+  view.active = sa[MACSEC_SA_ATTR_ACTIVE] && nla_get_u8(sa[MACSEC_SA_ATTR_ACTIVE]) != 0;
+  if (sa[MACSEC_SA_ATTR_KEYID] && nla_len(sa[MACSEC_SA_ATTR_KEYID]) == sizeof view.keyId) {
+    std::memcpy(view.keyId, nla_data(sa[MACSEC_SA_ATTR_KEYID]), sizeof view.keyId);
+  }
+  return view;
+}
+
+KernelSci sciOf(uint64_t raw) {
+  KernelSci sci;
+  std::memcpy(sci.octets, &raw, sizeof sci.octets);
+  return sci;
 }
 
 }  // namespace
 
-std::optional<uint64_t> MacsecNetlink::txSaNextPn(int ifindex, uint8_t an) {
+void MacsecNetlink::dumpLink(int ifindex, const std::function<void(nlattr** attrs)>& use) {
+  // The kernel answers a dump with every MACsec link; the one asked for is picked out.
   nl_msg* msg = nlmsg_alloc();
-  if (msg == nullptr) return std::nullopt;
+  if (msg == nullptr) return;
   genlmsg_put(msg, NL_AUTO_PORT, NL_AUTO_SEQ, family_, 0, NLM_F_DUMP, MACSEC_CMD_GET_TXSC, 0);
   nla_put_u32(msg, MACSEC_ATTR_IFINDEX, static_cast<uint32_t>(ifindex));
   const int sent = nl_send_auto(genl_, msg);
   nlmsg_free(msg);
-  if (sent < 0) return std::nullopt;
-  PnQuery query{ifindex, an, std::nullopt};
+  if (sent < 0) return;
+  LinkDump dump{ifindex, use};
   nl_cb* socketCb = nl_socket_get_cb(genl_);
   nl_cb* cb = nl_cb_clone(socketCb);
   nl_cb_put(socketCb);
-  nl_cb_set(cb, NL_CB_VALID, NL_CB_CUSTOM, onTxsc, &query);
+  nl_cb_set(cb, NL_CB_VALID, NL_CB_CUSTOM, onTxsc, &dump);
   nl_recvmsgs(genl_, cb);
   nl_cb_put(cb);
-  return query.pn;
+}
+
+std::optional<uint64_t> MacsecNetlink::txSaNextPn(int ifindex, uint8_t an) {
+  std::optional<uint64_t> pn;
+  dumpLink(ifindex, [&](nlattr** attrs) {
+    forEachSa(attrs[MACSEC_ATTR_TXSA_LIST], [&](nlattr** sa) {
+      if (!sa[MACSEC_SA_ATTR_PN] || nla_get_u8(sa[MACSEC_SA_ATTR_AN]) != an) return;
+      const int length = nla_len(sa[MACSEC_SA_ATTR_PN]);
+      if (length == 4) pn = nla_get_u32(sa[MACSEC_SA_ATTR_PN]);
+      if (length == 8) pn = nla_get_u64(sa[MACSEC_SA_ATTR_PN]);
+    });
+  });
+  return pn;
+}
+
+std::optional<MacsecLinkView> MacsecNetlink::linkView(const std::string& name) {
+  rtnl_link* link = nullptr;
+  if (rtnl_link_get_kernel(route_, 0, name.c_str(), &link) < 0) return std::nullopt;
+  const char* type = rtnl_link_get_type(link);
+  if (type == nullptr || std::strcmp(type, "macsec") != 0) {
+    rtnl_link_put(link);
+    return std::nullopt;
+  }
+  MacsecLinkView view;
+  view.ifindex = rtnl_link_get_ifindex(link);
+  view.lowerIfindex = rtnl_link_get_link(link);
+  const char* alias = rtnl_link_get_ifalias(link);
+  view.mark = alias ? alias : "";
+  rtnl_link_put(link);
+  dumpLink(view.ifindex, [&](nlattr** attrs) {
+    if (attrs[MACSEC_ATTR_SECY]) {
+      nlattr* secy[MACSEC_SECY_ATTR_MAX + 1];
+      if (nla_parse_nested(secy, MACSEC_SECY_ATTR_MAX, attrs[MACSEC_ATTR_SECY], nullptr) >= 0) {
+        if (secy[MACSEC_SECY_ATTR_SCI]) view.sci = sciOf(nla_get_u64(secy[MACSEC_SECY_ATTR_SCI]));
+        if (secy[MACSEC_SECY_ATTR_ENCODING_SA]) view.encodingSa = nla_get_u8(secy[MACSEC_SECY_ATTR_ENCODING_SA]);
+      }
+    }
+    forEachSa(attrs[MACSEC_ATTR_TXSA_LIST], [&](nlattr** sa) { view.txSas.push_back(saView(sa)); });
+    if (!attrs[MACSEC_ATTR_RXSC_LIST]) return;
+    nlattr* entry;
+    int remaining;
+    nla_for_each_nested(entry, attrs[MACSEC_ATTR_RXSC_LIST], remaining) {
+      nlattr* rxsc[MACSEC_RXSC_ATTR_MAX + 1];
+      if (nla_parse_nested(rxsc, MACSEC_RXSC_ATTR_MAX, entry, nullptr) < 0 || !rxsc[MACSEC_RXSC_ATTR_SCI]) continue;
+      MacsecLinkView::RxSc channel{sciOf(nla_get_u64(rxsc[MACSEC_RXSC_ATTR_SCI])), {}};
+      forEachSa(rxsc[MACSEC_RXSC_ATTR_SA_LIST], [&](nlattr** sa) { channel.sas.push_back(saView(sa)); });
+      view.rxScs.push_back(channel);
+    }
+  });
+  return view;
+}
+
+std::vector<std::string> MacsecNetlink::markedLinks(const std::string& mark) {
+  std::vector<std::string> names;
+  nl_cache* cache = nullptr;
+  if (rtnl_link_alloc_cache(route_, AF_UNSPEC, &cache) < 0) return names;
+  for (nl_object* object = nl_cache_get_first(cache); object; object = nl_cache_get_next(object)) {
+    auto* link = reinterpret_cast<rtnl_link*>(object);
+    const char* type = rtnl_link_get_type(link);
+    const char* alias = rtnl_link_get_ifalias(link);
+    if (type && std::strcmp(type, "macsec") == 0 && alias && mark == alias) names.push_back(rtnl_link_get_name(link));
+  }
+  nl_cache_free(cache);
+  return names;
 }
 
 }  // namespace Macsec

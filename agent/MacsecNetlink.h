@@ -8,6 +8,7 @@
 // before it is freed.
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,6 +17,7 @@
 
 struct nl_sock;
 struct nl_msg;
+struct nlattr;
 
 namespace Macsec {
 
@@ -41,6 +43,8 @@ class MacsecNetlink : public MacsecKernel {
   Answer txSaDel(int ifindex, uint8_t an) override;
   // From a dump of the link's transmit channel.
   std::optional<uint64_t> txSaNextPn(int ifindex, uint8_t an) override;
+  std::optional<MacsecLinkView> linkView(const std::string& name) override;
+  std::vector<std::string> markedLinks(const std::string& mark) override;
 
  private:
   MacsecNetlink(nl_sock* route, nl_sock* genl, int family) : route_(route), genl_(genl), family_(family) {}
@@ -49,6 +53,8 @@ class MacsecNetlink : public MacsecKernel {
   std::optional<std::string> send(nl_msg* msg, const char* operation, bool existsIsSuccess = false);
   // One SA of the link (a receive SA of `sci`, or a transmit SA without): an update command switches
   // it off, a delete command removes it.
+  // Calls `use` with the attributes of one MACsec link from a dump of the transmit channels.
+  void dumpLink(int ifindex, const std::function<void(nlattr** attrs)>& use);
   std::optional<std::string> switchOffOrDeleteSa(uint8_t command, int ifindex, const KernelSci* sci, uint8_t an);
 
   nl_sock* route_;

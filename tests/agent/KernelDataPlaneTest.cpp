@@ -29,11 +29,14 @@ struct Bench {
   Zef::Ptr<CpStatus> cp;
 
   Bench() {
+    planeIs();
+    cp = status->cpStatusIs(eth1, MacsecParams{});
+  }
+  void planeIs() {
     hardware->interfaceIs(eth1);
     plane = KernelDataPlane::KernelDataPlaneIs(status, hardware, &kernel);
     plane->lowerIfindexOfIs([](const Lanx::IntfId&) { return kLowerIfindex; });
     plane->linkNameOfIs([](const Lanx::IntfId&) { return std::string(kLinkName); });
-    cp = status->cpStatusIs(eth1, MacsecParams{});
   }
   // As the daemon does: the data plane hears nothing more before the kernel it calls goes.
   ~Bench() { plane->hasNotificationActiveIs(false); }
@@ -101,7 +104,30 @@ const Step linkVanishes = [](Bench& b) {
   b.kernel.linkVanishes(b.kernel.linkIndex(kLinkName));
   b.plane->lowerGone(eth1);
 };
-const Step leftByEarlierRun = [](Bench& b) { b.kernel.linkExists(kLinkName, 50); };
+const Step leftByEarlierRun = [](Bench& b) { b.kernel.linkExists(kLinkName, 50, kLinkMark); };
+const Step madeByOthers = [](Bench& b) { b.kernel.linkExists(kLinkName, 50); };
+// The daemon's process restarts: a new data plane takes the link over, while the status is put back
+// as it stood, its keys known by their identifiers alone.
+const Step restarted = [](Bench& b) {
+  b.plane->hasNotificationActiveIs(false);
+  const Zef::Ptr<CpStatus> before = b.cp;
+  b.status = Status::StatusIs();
+  b.hardware = HwStatusSlices::HwStatusSlicesIs();
+  b.planeIs();
+  b.plane->adopt(eth1, *b.kernel.linkView(kLinkName));
+  b.status->portStatusIs(eth1)->mySciIs(sci(1));
+  b.cp = b.status->cpStatusIs(eth1, MacsecParams{});
+  const auto withoutOctets = [](Sak sak) {
+    sak.key = StoredKey();
+    return sak;
+  };
+  b.cp->peerSsciIs(before->peerSsci());
+  for (auto it = before->rxSakIter(); it; ++it) b.cp->rxSakIs(withoutOctets(it.value()));
+  b.cp->txSakIs(withoutOctets(before->txSak()));
+  b.cp->controlledPortEnabledIs(before->controlledPortEnabled());
+  b.plane->adopted(eth1);
+};
+const Step notTakenOver = [](Bench& b) { b.plane->abandon(eth1); };
 
 struct Row {
   const char* name;
@@ -165,6 +191,26 @@ const std::vector<Row>& rows() {
        {"linkDel 50", "linkAdd mka-eth1 on 7", "linkUpdate 100 down"},
        "tx - rx",
        "mka-eth1 100 tx rx"},
+      {"a link of the name that mkad did not make stays, and the interface gets none",
+       {madeByOthers, addressed, opened, tx(0, 1)},
+       {},
+       "tx - rx",
+       "mka-eth1 50 tx rx",
+       3},
+      {"a link taken over after a restart keeps its SAs, and is only told what it has",
+       {addressed, opened, peer(2), rx(0, 1), tx(0, 1), restarted},
+       {"linkAdd mka-eth1 on 7", "linkUpdate 100 down", "linkUpdate 100 up", "rxScAdd 100 sci 0200000000020001",
+        "rxSaAdd 100 an 0 key 1", "txSaAdd 100 an 0 key 1", "linkUpdate 100 up encoding 0", "linkUpdate 100 up",
+        "linkUpdate 100 up encoding 0"},
+       "tx 0:1 rx 0:1",
+       "mka-eth1 100 tx 0 rx 0"},
+      {"a link not taken over after all goes with its SAs",
+       {addressed, opened, peer(2), rx(0, 1), tx(0, 1), restarted, notTakenOver},
+       {"linkAdd mka-eth1 on 7", "linkUpdate 100 down", "linkUpdate 100 up", "rxScAdd 100 sci 0200000000020001",
+        "rxSaAdd 100 an 0 key 1", "txSaAdd 100 an 0 key 1", "linkUpdate 100 up encoding 0", "linkUpdate 100 up",
+        "linkUpdate 100 up encoding 0", "linkDel 100"},
+       "tx - rx",
+       ""},
       {"a link the kernel refused is made with the next request",
        {refuse("linkAdd"), addressed, opened, tx(0, 1)},
        {"linkAdd mka-eth1 on 7 refused: Invalid argument", "linkAdd mka-eth1 on 7", "linkUpdate 100 up",

@@ -5,6 +5,7 @@
 // next call of a verb when a test says so, with the driver's error text. It keeps no key octets:
 // a call names its key by the key number, the end of the key identifier.
 
+#include <cstring>
 #include <map>
 #include <optional>
 #include <set>
@@ -23,12 +24,23 @@ class FakeMacsecKernel : public MacsecKernel {
     std::optional<uint64_t> rxSc;
     std::set<uint8_t> rxSas;
     std::set<uint8_t> txSas;
+    int lowerIfindex = 0;
+    std::string mark;
+    KernelSci sci;
+    int encodingSa = -1;
+    // The key identifiers of the SAs, by association number.
+    std::map<uint8_t, MacsecSaView> rxKeys;
+    std::map<uint8_t, MacsecSaView> txKeys;
   };
 
   std::vector<std::string> takeCalls() { return std::exchange(calls_, {}); }
   void refuseNext(const std::string& verb, const std::string& error) { refusals_[verb] = error; }
   // A link as an earlier run left it, or gone with its lower interface.
-  void linkExists(const std::string& name, int ifindex) { links_[ifindex] = Link{name, {}, {}, {}}; }
+  void linkExists(const std::string& name, int ifindex, const std::string& mark = "") {
+    Link& link = links_[ifindex] = Link();
+    link.name = name;
+    link.mark = mark;
+  }
   void linkVanishes(int ifindex) { links_.erase(ifindex); }
   const std::map<int, Link>& links() const noexcept { return links_; }
 
@@ -40,14 +52,23 @@ class FakeMacsecKernel : public MacsecKernel {
   }
   Answer linkAdd(const MacsecLinkSettings& settings) override {
     return call("linkAdd " + settings.name + " on " + std::to_string(settings.lowerIfindex), [&] {
-      if (linkIndex(settings.name) == 0) links_[nextIndex_++] = Link{settings.name, {}, {}, {}};
+      if (linkIndex(settings.name) != 0) return true;
+      Link& link = links_[nextIndex_++] = Link();
+      link.name = settings.name;
+      link.lowerIfindex = settings.lowerIfindex;
+      link.mark = settings.mark;
+      link.sci = settings.sci;
       return true;
     });
   }
   Answer linkUpdate(int ifindex, const MacsecLinkState& state) override {
     std::string what = std::string(state.up ? " up" : " down") + (state.protect ? "" : " unprotected");
     if (state.encodingSa >= 0) what += " encoding " + std::to_string(state.encodingSa);
-    return call("linkUpdate " + std::to_string(ifindex) + what, [&] { return find(ifindex) != nullptr; });
+    return call("linkUpdate " + std::to_string(ifindex) + what, [&] {
+      Link* link = find(ifindex);
+      if (link && state.encodingSa >= 0) link->encodingSa = state.encodingSa;
+      return link != nullptr;
+    });
   }
   Answer linkDel(int ifindex) override {
     return call("linkDel " + std::to_string(ifindex), [&] { return links_.erase(ifindex) != 0; });
@@ -62,39 +83,66 @@ class FakeMacsecKernel : public MacsecKernel {
   Answer rxScDel(int ifindex, const KernelSci& sci) override {
     return call("rxScDel " + std::to_string(ifindex) + " " + text(sci), [&] {
       Link* link = find(ifindex, sci);
-      if (link) link->rxSc.reset(), link->rxSas.clear();
+      if (link) link->rxSc.reset(), link->rxSas.clear(), link->rxKeys.clear();
       return link != nullptr;
     });
   }
   Answer rxSaAdd(int ifindex, const KernelSci& sci, const MacsecSaSettings& sa) override {
     return call("rxSaAdd " + std::to_string(ifindex) + text(sa), [&] {
       Link* link = find(ifindex, sci);
-      if (link) link->rxSas.insert(sa.an);
+      if (link) link->rxSas.insert(sa.an), link->rxKeys[sa.an] = viewOf(sa);
       return link != nullptr;
     });
   }
   Answer rxSaDel(int ifindex, const KernelSci& sci, uint8_t an) override {
     return call("rxSaDel " + std::to_string(ifindex) + " an " + std::to_string(an), [&] {
       Link* link = find(ifindex, sci);
+      if (link) link->rxKeys.erase(an);
       return link && link->rxSas.erase(an) != 0;
     });
   }
   Answer txSaAdd(int ifindex, const MacsecSaSettings& sa) override {
     return call("txSaAdd " + std::to_string(ifindex) + text(sa), [&] {
       Link* link = find(ifindex);
-      if (link) link->txSas.insert(sa.an);
+      if (link) link->txSas.insert(sa.an), link->txKeys[sa.an] = viewOf(sa);
       return link != nullptr;
     });
   }
   Answer txSaDel(int ifindex, uint8_t an) override {
     return call("txSaDel " + std::to_string(ifindex) + " an " + std::to_string(an), [&] {
       Link* link = find(ifindex);
+      if (link) link->txKeys.erase(an);
       return link && link->txSas.erase(an) != 0;
     });
   }
   std::optional<uint64_t> txSaNextPn(int ifindex, uint8_t an) override {
     const Link* link = find(ifindex);
     return link && link->txSas.contains(an) ? std::optional<uint64_t>(1) : std::nullopt;
+  }
+  std::optional<MacsecLinkView> linkView(const std::string& name) override {
+    const int ifindex = linkIndex(name);
+    if (ifindex == 0) return std::nullopt;
+    const Link& link = links_.at(ifindex);
+    MacsecLinkView view;
+    view.ifindex = ifindex;
+    view.lowerIfindex = link.lowerIfindex;
+    view.mark = link.mark;
+    view.sci = link.sci;
+    view.encodingSa = link.encodingSa;
+    for (const auto& [an, sa] : link.txKeys) view.txSas.push_back(sa);
+    if (link.rxSc) {
+      view.rxScs.push_back({KernelSci{}, {}});
+      std::memcpy(view.rxScs.back().sci.octets, &*link.rxSc, 8);
+      for (const auto& [an, sa] : link.rxKeys) view.rxScs.back().sas.push_back(sa);
+    }
+    return view;
+  }
+  std::vector<std::string> markedLinks(const std::string& mark) override {
+    std::vector<std::string> names;
+    for (const auto& [index, link] : links_) {
+      if (link.mark == mark) names.push_back(link.name);
+    }
+    return names;
   }
 
  private:
@@ -123,6 +171,13 @@ class FakeMacsecKernel : public MacsecKernel {
     std::string out = "sci ";
     for (const uint8_t octet : sci.octets) out += {kHex[octet >> 4], kHex[octet & 15]};
     return out;
+  }
+  static MacsecSaView viewOf(const MacsecSaSettings& sa) {
+    MacsecSaView view;
+    view.an = sa.an;
+    view.active = true;
+    std::memcpy(view.keyId, sa.keyId, sizeof view.keyId);
+    return view;
   }
   static std::string text(const MacsecSaSettings& sa) {
     const uint32_t keyNum = static_cast<uint32_t>(sa.keyId[12]) << 24 | static_cast<uint32_t>(sa.keyId[13]) << 16 |
