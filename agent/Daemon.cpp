@@ -1,12 +1,15 @@
 #include "agent/Daemon.h"
 
 #include <algorithm>
+#include <set>
 
 #include "agent/Capabilities.h"
 #include "agent/ConfigChanges.h"
 #include "agent/DaemonLog.h"
 #include "agent/FipsReport.h"
+#include "agent/StateFile.h"
 #include "agent/StatusReport.h"
+#include "engine/SavedState.h"
 #include "platform/Clock.h"
 
 namespace Macsec {
@@ -37,6 +40,14 @@ Daemon::Daemon(EventLoop& loop, DaemonOptions options)
       });
       kernel_->linkNameOfIs([this](const Lanx::IntfId& intf) { return macsecName(intf.stringValue()); });
     });
+    readSavedState();
+    // The first periodic write waits a period, for the interfaces to come and go on from the state
+    // read now.
+    nextStateWrite_ = Zef::System::currentTime() + engine_->status()->mkpduPeriod();
+    engine_->as([&] {
+      keeper_ = StateKeeper::StateKeeperIs(engine_->status());
+      keeper_->writeIs([this](const std::string& document) { writeState(document); });
+    });
     kernelSelfTest_ = std::make_unique<KernelSelfTest>(engine_->hwStatus());
     engine_->selfTestLoopIs(
         [this](const Lanx::IntfId& intf, const std::string& frame, std::function<void(const std::string&)> answer) {
@@ -62,7 +73,9 @@ Daemon::Daemon(EventLoop& loop, DaemonOptions options)
 }
 
 Daemon::~Daemon() {
-  stop();
+  stop(stopAsked_.value_or(DaemonStop::handOver));
+  if (keeper_) keeper_->hasNotificationActiveIs(false);
+  keeper_ = nullptr;
   if (kernel_) kernel_->hasNotificationActiveIs(false);
   kernel_ = nullptr;
   loop_.afterEventsIs(nullptr);
@@ -102,18 +115,95 @@ std::optional<std::string> Daemon::reload() {
   return std::nullopt;
 }
 
-size_t Daemon::stop() {
+void Daemon::stop(DaemonStop how) {
+  if (stopped_) return;
+  stopped_ = true;
+  if (how == DaemonStop::handOver && kernel_) {
+    // The kernel keeps protecting traffic with the links and SAs it holds; from here on nothing the
+    // engine does reaches it, and the next run takes over from the state written now.
+    engine_->as([&] { keeper_->writeNow(); });
+    keeper_->hasNotificationActiveIs(false);
+    kernel_->hasNotificationActiveIs(false);
+    Zef::log(MKAD_HANDED_OVER, kernel_->links().size());
+    return;
+  }
   // Shutting MACsec down takes every session down and the data plane's SAs with it; the engine
-  // holds no key afterwards.
+  // holds no key afterwards, and no state is left for a next run.
+  if (keeper_) keeper_->hasNotificationActiveIs(false);
+  keeper_ = nullptr;
   engine_->as([&] { engine_->config()->shutdownIs(true); });
   runDueTimers();
   size_t left = keysHeld();
   if (kernel_) {
     left += kernel_->keysHeld();
     kernel_->removeAll();
+    // Links an earlier run made, which this one did not take over, go too.
+    for (const std::string& name : netlink_->markedLinks(kLinkMark)) {
+      if (const int index = netlink_->linkIndex(name)) netlink_->linkDel(index);
+    }
+    removeStateFile(options_.statePath);
   }
   Zef::log(MKAD_STOPPED, left);
-  return left;
+}
+
+void Daemon::readSavedState() {
+  std::string why;
+  if (const std::optional<std::string> text = readStateFile(options_.statePath, why)) {
+    if (std::optional<std::map<Lanx::IntfId, nlohmann::json>> interfaces = interfacesOf(*text, why)) {
+      resumable_ = std::move(*interfaces);
+    }
+  }
+  if (!why.empty()) Zef::log(MKAD_STATE_UNUSABLE, options_.statePath, why);
+  // The links the saved state carries over wait for their interfaces; any other link an earlier
+  // run made holds keys that nobody will take over, and goes now.
+  std::set<std::string> carried;
+  for (const auto& [intf, saved] : resumable_) {
+    if (config_.interfaces.contains(intf.stringValue())) carried.insert(macsecName(intf.stringValue()));
+  }
+  for (const std::string& name : netlink_->markedLinks(kLinkMark)) {
+    if (carried.contains(name)) continue;
+    if (const int index = netlink_->linkIndex(name)) netlink_->linkDel(index);
+  }
+}
+
+void Daemon::writeState(const std::string& document) {
+  const std::optional<std::string> error = writeStateFile(options_.statePath, document);
+  // Said once, and again only after a write has succeeded in between.
+  if (error && !stateWriteFailed_) Zef::log(MKAD_STATE_WRITE_FAILED, *error);
+  stateWriteFailed_ = error.has_value();
+}
+
+bool Daemon::resume(const Lanx::IntfId& intf, const LinkState& link) {
+  const auto saved = resumable_.find(intf);
+  if (!kernel_ || saved == resumable_.end()) return false;
+  const nlohmann::json state = std::move(saved->second);
+  resumable_.erase(saved);
+  // The link must be the one the last run made on this interface, with the interface's address
+  // and port number 1, as the daemon gives every port.
+  const std::string name = macsecName(intf.stringValue());
+  const std::optional<MacsecLinkView> view = netlink_->linkView(name);
+  KernelSci sci;
+  std::copy(link.addr.bytes().begin(), link.addr.bytes().end(), sci.octets);
+  sci.octets[7] = 1;
+  std::string why;
+  if (!view || view->mark != kLinkMark) {
+    why = "its MACsec link " + name + " is gone";
+  } else if (view->lowerIfindex != link.ifindex || !std::equal(sci.octets, sci.octets + 8, view->sci.octets)) {
+    why = "its MACsec link " + name + " is no longer on the interface, or has another SCI";
+  } else {
+    engine_->hardwareIs(intf);
+    engine_->as([&] { kernel_->adopt(intf, *view); });
+    if (const std::optional<std::string> refused = resumeInterface(*engine_, intf, state)) {
+      why = *refused;
+      engine_->as([&] { kernel_->abandon(intf); });
+    }
+  }
+  if (!why.empty()) {
+    Zef::log(MKAD_INTF_AFRESH, intf, why);
+    return false;
+  }
+  Zef::log(MKAD_INTF_RESUMED, intf, name);
+  return true;
 }
 
 size_t Daemon::keysHeld() const {
@@ -154,6 +244,7 @@ void Daemon::linkGone(const std::string& name) {
 
 void Daemon::interfaceIs(const LinkState& link) {
   Running& running = running_[link.name];
+  bool resumed = false;
   if (!running.eapol || running.eapol->ifindex() != link.ifindex) {
     if (running.eapol) loop_.fdDel(running.eapol->fd());
     std::string error;
@@ -168,8 +259,10 @@ void Daemon::interfaceIs(const LinkState& link) {
     loop_.fdIs(eapol->fd(), EPOLLIN, [this, intf, eapol](uint32_t) {
       eapol->readable([&](const uint8_t* frame, size_t length) { engine_->frameIs(intf, frame, length); });
     });
+    resumed = resume(intf, link);
   }
   engine_->linkedInterfaceIs(Lanx::IntfId(link.name), link.addr, 1, link.up ? Interface::linkUp : Interface::linkDown);
+  if (resumed) engine_->as([&] { kernel_->adopted(Lanx::IntfId(link.name)); });
 }
 
 void Daemon::interfaceDel(const std::string& name) {
@@ -198,6 +291,8 @@ void Daemon::interfacesFollowConfig() {
 }
 
 void Daemon::transmit(const Lanx::IntfId& intf, std::string_view frame) {
+  // The saved state covers the frame's numbers before the frame leaves.
+  if (keeper_) keeper_->beforeTransmit(intf);
   const auto it = running_.find(intf.stringValue());
   if (it != running_.end()) it->second.eapol->send(frame);
 }
@@ -216,6 +311,18 @@ void Daemon::runDueTimers() {
     }
     deadline = std::min(deadline, nextPacketNumberRead_);
   }
+  if (keeper_) {
+    engine_->as([&] {
+      const double now = Zef::System::currentTime();
+      if (now >= nextStateWrite_) {
+        keeper_->writeNow();
+        nextStateWrite_ = now + engine_->status()->mkpduPeriod();
+      } else {
+        keeper_->refresh();
+      }
+    });
+    deadline = std::min(deadline, nextStateWrite_);
+  }
   loop_.deadlineIs(deadline);
 }
 
@@ -226,6 +333,12 @@ nlohmann::json Daemon::answer(const nlohmann::json& request) {
   if (*command == "counters") return counters();
   if (*command == "clear-counters") {
     engine_->as([&] { engine_->config()->clearMkaCountersInc(1); });
+    return {{"ok", true}};
+  }
+  if (*command == "shutdown") {
+    const auto teardown = request.find("teardown");
+    stopAsked_ = teardown != request.end() && *teardown == true ? DaemonStop::teardown : DaemonStop::handOver;
+    loop_.stop();
     return {{"ok", true}};
   }
   if (*command == "reload") {

@@ -22,13 +22,21 @@
 #include "agent/LinkWatcher.h"
 #include "agent/MacsecNetlink.h"
 #include "engine/Engine.h"
+#include "engine/StateKeeper.h"
 
 namespace Macsec {
 
 struct DaemonOptions {
   std::string configPath = "/etc/mkad/mkad.toml";
   std::string socketPath = "/run/mkad/mkad.sock";
+  // Where the state for the next run is kept (with the kernel data plane), kept current as keys
+  // change, so that a restart, or a crash, takes the links over without a hit.
+  std::string statePath = "/run/mkad/state.json";
 };
+
+// How the daemon stops: handing its MACsec links over to the next run, which takes them over from
+// the saved state with the keys the kernel holds, or for good, removing every link and key.
+enum class DaemonStop { handOver, teardown };
 
 class Daemon {
  public:
@@ -36,7 +44,7 @@ class Daemon {
   // Throws ConfigFileError for a configuration that cannot run, std::runtime_error for a data
   // plane or a control socket that cannot be had.
   Daemon(EventLoop& loop, DaemonOptions options);
-  // Takes the engine down, so that no key is left in the data plane or in memory.
+  // Stops as stop() was asked to, or else hands the links over to the next run.
   ~Daemon();
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
@@ -44,9 +52,12 @@ class Daemon {
   const Engine& engine() const noexcept { return *engine_; }
   // Reads the file again and applies it; on any error nothing changes and the error is returned.
   std::optional<std::string> reload();
-  // Stops MACsec on every interface and returns how many keys the engine and its data plane still
-  // hold: none, unless something is wrong.
-  size_t stop();
+  // Handing over writes the saved state and leaves the kernel's links and SAs as they are. For good,
+  // MACsec stops on every interface, every link mkad made goes, with the saved state; it logs how
+  // many keys the engine and its data plane still hold: none, unless something is wrong.
+  void stop(DaemonStop how);
+  // What the control socket asked for, once it asked the daemon to stop.
+  std::optional<DaemonStop> stopAsked() const noexcept { return stopAsked_; }
   // Answers one request of the control socket.
   nlohmann::json answer(const nlohmann::json& request);
 
@@ -68,6 +79,13 @@ class Daemon {
   // Brings the running interfaces in line with the configured ones, after the configuration
   // changed.
   void interfacesFollowConfig();
+  // Takes over the MACsec link that the last run left on an interface, and puts the interface's
+  // saved state back, before MKA starts on it; false if the interface starts afresh.
+  bool resume(const Lanx::IntfId& intf, const LinkState& link);
+  // The saved state of the last run: read at the start, and the links it names kept until their
+  // interfaces come; links an earlier run made that it does not name go.
+  void readSavedState();
+  void writeState(const std::string& document);
   void transmit(const Lanx::IntfId& intf, std::string_view frame);
   void runDueTimers();
   nlohmann::json show() const;
@@ -85,6 +103,15 @@ class Daemon {
   std::unique_ptr<KernelSelfTest> kernelSelfTest_;
   double nextPacketNumberRead_ = 0;
   static constexpr double kPacketNumberReadPeriod = 5;
+  // The saved state, kept current with the kernel data plane, and what the last run left of it for
+  // interfaces that have not come yet. It is also written every MKPDU period, so that a crash
+  // leaves the peers' message numbers recent.
+  Zef::Ptr<StateKeeper> keeper_;
+  std::map<Lanx::IntfId, nlohmann::json> resumable_;
+  double nextStateWrite_ = 0;
+  bool stateWriteFailed_ = false;
+  bool stopped_ = false;
+  std::optional<DaemonStop> stopAsked_;
   std::map<std::string, LinkState> links_;  // every interface of the kernel, by name
   std::map<std::string, Running> running_;  // configured interfaces that the kernel has
   std::unique_ptr<LinkWatcher> linkWatcher_;

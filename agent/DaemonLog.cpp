@@ -53,6 +53,30 @@ Zef::LogHandle MKAD_KERNEL_SELF_TEST_FAILED(
     "Run mkad --self-test; check that the kernel has MACsec and that mkad has CAP_SYS_ADMIN and CAP_NET_ADMIN.", 0, 1.0,
     0);
 
+Zef::LogHandle MKAD_HANDED_OVER(
+    "MKAD_HANDED_OVER", 5, "mkad stopped; %s MACsec links kept with their keys for the next run",
+    "The kernel goes on protecting traffic with the SAs it holds; the next mkad takes the links over from the saved "
+    "state. Links that no mkad takes over go when the unit's stop bound has passed, or with mkad --teardown.",
+    Zef::NoActionRequired, 0, 1.0, 0);
+
+Zef::LogHandle MKAD_STATE_UNUSABLE("MKAD_STATE_UNUSABLE", 4, "The saved state %s is not used: %s",
+                                   "Every interface starts afresh; the MACsec links an earlier mkad made are removed.",
+                                   Zef::NoActionRequired, 0, 1.0, 0);
+
+Zef::LogHandle MKAD_STATE_WRITE_FAILED(
+    "MKAD_STATE_WRITE_FAILED", 3, "Cannot save the state for the next run: %s",
+    "A restart of mkad would start afresh, and the peers would see their sessions end.",
+    "Check that the directory of the state file exists and is writable by mkad.", 60, 1.0, 0);
+
+Zef::LogHandle MKAD_INTF_RESUMED("MKAD_INTF_RESUMED", 5, "Interface %s goes on from the saved state; link %s kept",
+                                 "MKA goes on where the last run stopped, with the SAs the kernel kept.",
+                                 Zef::NoActionRequired, 0, 1.0, 0);
+
+Zef::LogHandle MKAD_INTF_AFRESH(
+    "MKAD_INTF_AFRESH", 4, "Interface %s starts afresh: %s",
+    "Its saved state does not fit; its MACsec link goes and MKA starts anew with its peers.", Zef::NoActionRequired, 0,
+    1.0, 0);
+
 void operatorLogIs(LogTarget target) {
   if (target == LogTarget::syslog) {
     openlog("mkad", LOG_PID, LOG_DAEMON);

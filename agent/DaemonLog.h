@@ -17,6 +17,11 @@ extern Zef::LogHandle MKAD_INTF_FAILED;
 extern Zef::LogHandle MKAD_STOPPED;
 extern Zef::LogHandle MKAD_DATA_PLANE_ERROR;
 extern Zef::LogHandle MKAD_KERNEL_SELF_TEST_FAILED;
+extern Zef::LogHandle MKAD_HANDED_OVER;
+extern Zef::LogHandle MKAD_STATE_UNUSABLE;
+extern Zef::LogHandle MKAD_STATE_WRITE_FAILED;
+extern Zef::LogHandle MKAD_INTF_RESUMED;
+extern Zef::LogHandle MKAD_INTF_AFRESH;
 
 enum class LogTarget { standardError, syslog };
 void operatorLogIs(LogTarget target);

@@ -90,10 +90,20 @@ std::optional<std::string> MacsecNetlink::linkAdd(const MacsecLinkSettings& sett
   rtnl_link_macsec_set_replay_protect(link, settings.replayProtection ? 1 : 0);
   if (settings.replayProtection) rtnl_link_macsec_set_window(link, settings.replayWindow);
   rtnl_link_macsec_set_send_sci(link, settings.includeSci ? 1 : 0);
-  if (!settings.mark.empty()) rtnl_link_set_ifalias(link, settings.mark.c_str());
   const int error = rtnl_link_add(route_, link, NLM_F_CREATE | NLM_F_EXCL);
   rtnl_link_put(link);
   if (error < 0 && error != -NLE_EXIST) return failure("add link", error);
+  if (settings.mark.empty() || error == -NLE_EXIST) return std::nullopt;
+  // The kernel takes an alias only for a link that exists.
+  rtnl_link* orig = rtnl_link_alloc();
+  rtnl_link* change = rtnl_link_alloc();
+  rtnl_link_set_name(orig, settings.name.c_str());
+  rtnl_link_set_ifindex(orig, linkIndex(settings.name));
+  rtnl_link_set_ifalias(change, settings.mark.c_str());
+  const int marked = rtnl_link_change(route_, orig, change, 0);
+  rtnl_link_put(change);
+  rtnl_link_put(orig);
+  if (marked < 0) return failure("mark link", marked);
   return std::nullopt;
 }
 

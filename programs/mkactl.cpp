@@ -146,6 +146,10 @@ int main(int argc, char** argv) {
   CLI::App* clear = app.add_subcommand("clear", "clear the MKPDU counters");
   clear->add_option("what", what, "'counters'")->required()->check(CLI::IsMember({"counters"}));
   CLI::App* reload = app.add_subcommand("reload", "read the configuration file again and apply it if it is valid");
+  bool teardown = false;
+  CLI::App* shutdown = app.add_subcommand(
+      "shutdown", "stop mkad, leaving its MACsec links protecting traffic for the next run to take over");
+  shutdown->add_flag("--teardown", teardown, "stop for good: remove every MACsec link and key that mkad made");
   CLI11_PARSE(app, argc, argv);
 
   if (*show) {
@@ -165,6 +169,9 @@ int main(int argc, char** argv) {
   } else if (*reload) {
     ask(socketPath, {{"command", "reload"}});
     std::cout << "configuration reloaded\n";
+  } else if (*shutdown) {
+    ask(socketPath, {{"command", "shutdown"}, {"teardown", teardown}});
+    std::cout << (teardown ? "mkad stops for good\n" : "mkad stops; its links stay for the next run\n");
   }
   return 0;
 }

@@ -1,7 +1,11 @@
 // mkad: the MKA daemon. Reads its configuration, secures the configured interfaces with MKA and
 // answers mkactl on its control socket until SIGTERM or SIGINT; SIGHUP reloads the configuration.
+// Stopped so, it leaves the kernel's MACsec links protecting traffic for the next run, which takes
+// them over; `mkactl shutdown --teardown` or `mkad --teardown` stops for good.
 
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
@@ -20,6 +24,9 @@
 #include "agent/DaemonLog.h"
 #include "agent/EventLoop.h"
 #include "agent/KernelKnownAnswer.h"
+#include "agent/KernelLink.h"
+#include "agent/MacsecNetlink.h"
+#include "agent/StateFile.h"
 #include "platform/Trace.h"
 
 namespace {
@@ -30,6 +37,8 @@ struct Options {
   bool syslog = false;
   bool check = false;
   bool selfTest = false;
+  bool teardown = false;
+  bool ifStopped = false;
   std::string trace;
 };
 
@@ -100,6 +109,47 @@ int selfTestOnly() {
   return passed ? 0 : 1;
 }
 
+// Whether a daemon answers on the control socket.
+bool daemonAnswers(const std::string& socketPath) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
+  const bool answers = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  close(fd);
+  return answers;
+}
+
+// Stops for good what a stopped mkad left: every MACsec link that mkad made, with its SAs, and the
+// saved state. A running daemon is stopped for good through its control socket instead.
+int teardownOnly(const Macsec::DaemonOptions& options, bool ifStopped) {
+  if (daemonAnswers(options.socketPath)) {
+    if (ifStopped) return 0;
+    std::cerr << "mkad: a daemon answers on " << options.socketPath << ": stop it with mkactl shutdown --teardown\n";
+    return 1;
+  }
+  std::string error;
+  const std::unique_ptr<Macsec::MacsecNetlink> netlink = Macsec::MacsecNetlink::open(error);
+  if (!netlink) {
+    std::cerr << "mkad: " << error << "\n";
+    return 1;
+  }
+  size_t removed = 0;
+  for (const std::string& name : netlink->markedLinks(Macsec::kLinkMark)) {
+    const int index = netlink->linkIndex(name);
+    if (index == 0) continue;
+    if (const std::optional<std::string> refused = netlink->linkDel(index)) {
+      std::cerr << "mkad: " << name << ": " << *refused << "\n";
+      continue;
+    }
+    ++removed;
+  }
+  Macsec::removeStateFile(options.statePath);
+  std::cout << "mkad: " << removed << " MACsec links removed\n";
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -107,6 +157,10 @@ int main(int argc, char** argv) {
   CLI::App app{"mkad: the MACsec Key Agreement daemon"};
   app.add_option("-c,--config", options.daemon.configPath, "configuration file")->capture_default_str();
   app.add_option("--socket", options.daemon.socketPath, "control socket")->capture_default_str();
+  app.add_option("--state", options.daemon.statePath, "the state kept for the next run")->capture_default_str();
+  app.add_flag("--teardown", options.teardown,
+               "remove every MACsec link that a stopped mkad left, and its saved state, and exit");
+  app.add_flag("--if-stopped", options.ifStopped, "with --teardown: do nothing, and succeed, if a daemon runs");
   app.add_flag("-f,--foreground", options.foreground, "stay in the foreground, as systemd runs it");
   app.add_flag("--syslog", options.syslog, "log to syslog instead of standard error");
   app.add_flag("--check", options.check, "check the configuration file and exit");
@@ -126,9 +180,11 @@ int main(int argc, char** argv) {
   }
   if (options.check) return checkOnly(options.daemon.configPath);
   if (options.selfTest) return selfTestOnly();
+  if (options.teardown) return teardownOnly(options.daemon, options.ifStopped);
   // Reloads read the same file wherever the daemon's working directory is.
   options.daemon.configPath = std::filesystem::absolute(options.daemon.configPath).string();
   options.daemon.socketPath = std::filesystem::absolute(options.daemon.socketPath).string();
+  options.daemon.statePath = std::filesystem::absolute(options.daemon.statePath).string();
 
   Detacher detacher;
   try {

@@ -266,15 +266,24 @@ class Sessions(DaemonTest):
         pair.b.process.send_signal(signal.SIGCONT)
         pair.wait_secured()
 
-    def test_sigterm_ends_the_daemon_within_a_second_with_no_key_left(self):
+    def test_sigterm_or_a_shutdown_ends_the_daemon_within_a_second_with_no_key_left(self):
         pair = Pair(self)
         pair.wait_secured()
+        # A teardown is for a stopped daemon: with one running it is refused, and names the way.
+        teardown = subprocess.run(pair.a.command(MKAD, "--teardown", "--socket", pair.a.socket), capture_output=True,
+                                  text=True, timeout=10)
+        self.assertEqual(teardown.returncode, 1)
+        self.assertIn("stop it with mkactl shutdown --teardown", teardown.stderr)
+        # The emulated data plane has nothing to hand over to a next run: a stop takes every key.
         started = time.monotonic()
         pair.a.process.send_signal(signal.SIGTERM)
         self.assertEqual(pair.a.process.wait(5), 0)
         self.assertLess(time.monotonic() - started, 1.0)
         self.assertIn("MKAD_STOPPED: mkad stopped; 0 keys left", pair.a.log_text())
         self.assertFalse(os.path.exists(pair.a.socket))
+        self.assertEqual(pair.b.ctl("shutdown").returncode, 0)
+        self.assertEqual(pair.b.process.wait(5), 0)
+        self.assertIn("MKAD_STOPPED: mkad stopped; 0 keys left", pair.b.log_text())
 
 
 class BadInput(DaemonTest):

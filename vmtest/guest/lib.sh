@@ -49,12 +49,14 @@ config() {
 # start NS: mkad in namespace NS, its log in /tmp/NS.log; its pid in /tmp/NS.pid.
 start() {
   # /sbin/ip itself, not the function: $! must name the daemon, not a shell around it.
-  /sbin/ip netns exec "$1" mkad --foreground --config "/tmp/$1.toml" --socket "/tmp/$1/mkad.sock" >> "/tmp/$1.log" 2>&1 &
+  /sbin/ip netns exec "$1" mkad --foreground --config "/tmp/$1.toml" --socket "/tmp/$1/mkad.sock" \
+    --state "/tmp/$1/state.json" >> "/tmp/$1.log" 2>&1 &
   echo $! > "/tmp/$1.pid"
   wait_for 10 test -S "/tmp/$1/mkad.sock" || fail "mkad in $1 did not start: $(cat "/tmp/$1.log")"
 }
 stop() { kill -"${2:-TERM}" "$(cat "/tmp/$1.pid")" 2>/dev/null; wait_for 5 eval "! kill -0 $(cat "/tmp/$1.pid")"; }
 show() { mkactl --socket "/tmp/$1/mkad.sock" show --json; }
+is_key_server() { show "$1" | grep -q '"is-key-server": true'; }
 secured() { show "$1" | grep -q '"status": "secured"'; }
 both_secured() { secured A && secured B; }
 # The key in use at NS: "key number/key server's member identifier".

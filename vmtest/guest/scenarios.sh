@@ -1,6 +1,6 @@
 # The scenarios: each a function that fails (exit 1) with a reason or returns. They run one after
 # another in one VM; cleanup_all takes each one's namespaces and daemons away.
-ALL_SCENARIOS="known_answer secure_128 secure_256 secure_xpn rekey_under_ping_flood flap_restart_and_reload cak_mismatch closed_port allow_unprotected"
+ALL_SCENARIOS="known_answer secure_128 secure_256 secure_xpn rekey_under_ping_flood flap_restart_and_reload restart_without_a_hit restart_during_rekeys corrupted_state teardown cak_mismatch closed_port allow_unprotected"
 
 # A secured session between A (10.66.0.1) and B (10.66.0.2) that a first ping has crossed.
 session() {  # session CAK [PROFILE LINES...]
@@ -94,6 +94,7 @@ scenario_rekey_under_ping_flood() {
 }
 
 no_link() { ! ip -n "$1" link show "$2"; }
+# The lines that say "state on": the receive channel and each SA in service; 3 for one key.
 sa_lines() { ip -n "$1" macsec show 2>/dev/null | grep -c 'state on' || true; }
 
 # A link flap, a clean restart (SAs gone), a restart after SIGKILL (stale SAs replaced), and a key
@@ -108,20 +109,14 @@ scenario_flap_restart_and_reload() {
   ip -n B addr add 10.66.0.2/24 dev msveth-b 2>/dev/null || true
   wait_for 15 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no ping after the flap"
 
-  stop A TERM
-  no_link A msveth-a || fail "SIGTERM left the MACsec link behind"
-  grep -q "0 keys left" /tmp/A.log || fail "the daemon did not report an empty data plane"
-  start A
-  wait_for 60 both_secured || fail "not secured after a restart"
-  address A 10.66.0.1
-  wait_for 15 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no ping after a restart"
-
+  # A restart after SIGKILL with its saved state gone starts afresh: the link an earlier run made
+  # goes, with its SAs, and a new one is secured.
   stop A KILL
-  ip -n A link show msveth-a > /dev/null || fail "SIGKILL should leave the link for the next run"
+  rm -f /tmp/A/state.json
   start A
-  wait_for 60 both_secured || fail "not secured after SIGKILL and a restart"
+  wait_for 60 both_secured || fail "not secured after SIGKILL and a restart without the saved state"
   address A 10.66.0.1
-  wait_for 15 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no ping after SIGKILL and a restart"
+  wait_for 15 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no ping after a restart that started afresh"
   # The key server makes a key for the restarted member's new identity, so that for a few seconds
   # the new key and the old one both receive; a stale SA is one that stays.
   wait_for 15 eval '[ "$(sa_lines A)" -le 3 ]' || fail "stale SAs at A: $(ip -n A macsec show)"
@@ -139,6 +134,145 @@ scenario_flap_restart_and_reload() {
   mkactl --socket /tmp/B/mkad.sock reload > /dev/null || fail "reload at B failed"
   wait_for 60 eval '[ "$(key_of A)" != "$before" ] && both_secured' || fail "no new key after the reload"
   wait_for 15 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no ping after the key change"
+}
+
+# pings NS TO SECONDS: pings every 10 ms from NS in the background, into /tmp/pings.txt.
+pings() {
+  ip netns exec "$1" ping -q -i 0.01 -w "$3" "$2" > /tmp/pings.txt 2>&1 &
+  PINGS=$!
+}
+# pings_over: once the pings are over, SENT and LOST say how many were sent and lost.
+pings_over() {
+  wait "$PINGS"
+  SENT=$(sed -n 's/^\([0-9]*\) packets transmitted.*/\1/p' /tmp/pings.txt)
+  got=$(sed -n 's/.* \([0-9]*\) \(packets \)\{0,1\}received.*/\1/p' /tmp/pings.txt)
+  [ -n "$SENT" ] && [ -n "$got" ] || fail "no ping figures: $(cat /tmp/pings.txt)"
+  LOST=$((SENT - got))
+}
+# restart NS SIGNAL: mkad in NS stops (TERM hands the links over, KILL is a crash, HANG a hung loop
+# that the unit's watchdog kills after its 2 s) and starts again at once, as its service manager
+# would; SECURED_AFTER is the seconds until it shows the link secured again.
+restart() {
+  t0=$(now)
+  if [ "$2" = HANG ]; then
+    kill -STOP "$(cat "/tmp/$1.pid")"
+    sleep 2  # the hang, as long as the watchdog lets it last
+    stop "$1" KILL
+  else
+    stop "$1" "$2"
+  fi
+  start "$1"
+  wait_for 15 secured "$1" || fail "not secured after a restart by SIG$2 of $1: $(show "$1" | grep "\"status\"")"
+  SECURED_AFTER=$(since "$t0")
+}
+peer_of() { [ "$1" = A ] && echo B || echo A; }
+address_of() { [ "$1" = A ] && echo 10.66.0.1 || echo 10.66.0.2; }
+
+# Restarts of the key server (A) and of the follower (B), by SIGTERM, by SIGKILL and by the watchdog
+# after a hang, each under pings from the other every 10 ms: not one ping is lost, the peer's session never ends, the
+# restarted daemon takes its link over (its member identifier kept), and the keys move on under
+# the usual rules with no stale SA left.
+scenario_restart_without_a_hit() {
+  pair
+  config A "$CAK128" 'key-server-priority = 1'
+  config B "$CAK128"
+  start A
+  start B
+  wait_for 60 both_secured || fail "not secured"
+  is_key_server A || fail "A is not the key server"
+  address A 10.66.0.1
+  address B 10.66.0.2
+  wait_for 10 ip netns exec B ping -c 1 -W 1 10.66.0.1 || fail "no first ping"
+  for case in "A TERM" "A KILL" "A HANG" "B TERM" "B KILL" "B HANG"; do
+    set -- $case
+    ns=$1 signal=$2 peer=$(peer_of "$1")
+    link=ms$(echo "veth-$ns" | tr AB ab)
+    ifindex=$(ip -n "$ns" -o link show "$link" | cut -d: -f1)
+    sessions=$(grep -c MKA_SESSION_ESTABLISHED "/tmp/$peer.log")
+    > "/tmp/$ns.log"
+    pings "$peer" "$(address_of "$ns")" 8
+    before=$(counter "$ns" InPktsOK)
+    wait_for 5 eval '[ "$(counter "$ns" InPktsOK)" -gt "$((before + 20))" ]' || fail "the pings do not pass"
+    restart "$ns" "$signal"
+    pings_over
+    [ "$LOST" = 0 ] || fail "$LOST of $SENT pings lost across a restart by SIG$signal of $ns"
+    ip -n "$ns" -o link show "$link" | grep -q "^$ifindex:" || fail "the link of $ns was made anew"
+    grep -q "MKAD_INTF_RESUMED" "/tmp/$ns.log" || fail "$ns did not take its link over"
+    [ "$(grep -c MKA_SESSION_ESTABLISHED "/tmp/$peer.log")" = "$sessions" ] || fail "the session at $peer began anew"
+    role=follower; [ "$ns" = A ] && role=key_server
+    note "${role}_sig$(echo "$signal" | tr A-Z a-z): pings_lost=$LOST of $SENT, secured_after=${SECURED_AFTER}s"
+  done
+  # The restarted key server replaced the key it took over within a life time, and each side
+  # holds the key in service and no other.
+  wait_for 20 eval '[ "$(sa_lines A)" = 3 ] && [ "$(sa_lines B)" = 3 ]' || fail "stale SAs: $(ip -n A macsec show)"
+}
+
+# A key every 5 s, and a restart of the key server, by SIGTERM and SIGKILL in turn, as each new key
+# starts on its way, under pings every 10 ms: not one lost.
+scenario_restart_during_rekeys() {
+  pair
+  config A "$CAK128" 'key-server-priority = 1' 'rekey-period = 5'
+  config B "$CAK128"
+  start A
+  start B
+  wait_for 60 both_secured || fail "not secured"
+  address A 10.66.0.1
+  address B 10.66.0.2
+  wait_for 10 ip netns exec B ping -c 1 -W 1 10.66.0.1 || fail "no first ping"
+  pings B 10.66.0.1 40
+  restarts=0
+  for signal in TERM KILL TERM KILL; do
+    key=$(key_of B)
+    wait_for 10 eval '[ "$(show B | grep -c "\"latest-key\": {")" -gt 0 ] || [ "$(key_of B)" != "$key" ]' ||
+      fail "no new key on its way"
+    restart A "$signal"
+    restarts=$((restarts + 1))
+  done
+  pings_over
+  [ "$LOST" = 0 ] || fail "$LOST of $SENT pings lost across $restarts restarts during rekeys"
+  note "restarts=$restarts pings_lost=$LOST of $SENT"
+}
+
+# A saved state that cannot be read: the daemon says why, starts afresh, removes the link an
+# earlier run made with its SAs, and is secured again with no stale SA.
+scenario_corrupted_state() {
+  session "$CAK128"
+  stop A TERM
+  ip -n A link show msveth-a > /dev/null || fail "SIGTERM did not leave the link for the next run"
+  ifindex=$(ip -n A -o link show msveth-a | cut -d: -f1)
+  echo '{"version": 1, "interfaces": {"veth-a": {"sci": ' > /tmp/A/state.json
+  t0=$(now)
+  start A
+  grep -q "MKAD_STATE_UNUSABLE" /tmp/A.log || fail "the unusable state was not reported"
+  wait_for 60 both_secured || fail "not secured after starting afresh"
+  ip -n A -o link show msveth-a | grep -q "^$ifindex:" && fail "the link of the earlier run stayed"
+  address A 10.66.0.1
+  wait_for 15 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no ping after starting afresh"
+  wait_for 20 eval '[ "$(sa_lines A)" = 3 ]' || fail "stale SAs at A: $(ip -n A macsec show)"
+  grep -q '"dist-sak"' /tmp/A/state.json || fail "no saved state written afresh"
+  note "secured_after=$(since "$t0")s"
+}
+
+# Stopping for good: mkactl shutdown --teardown removes the link and the saved state; mkad
+# --teardown does the same for a daemon that was stopped. The saved state never holds a key.
+scenario_teardown() {
+  session "$CAK128"
+  for ns in A B; do
+    grep -q '"dist-sak"' "/tmp/$ns/state.json" || fail "no saved state at $ns"
+    grep -qi "$CAK128" "/tmp/$ns/state.json" && fail "the CAK in the saved state of $ns"
+  done
+  mkactl --socket /tmp/A/mkad.sock shutdown --teardown > /dev/null || fail "shutdown --teardown refused"
+  wait_for 5 eval "! kill -0 $(cat /tmp/A.pid)" || fail "mkad did not stop"
+  no_link A msveth-a || fail "the link stayed after a teardown"
+  [ -e /tmp/A/state.json ] && fail "the saved state stayed after a teardown"
+  grep -q "0 keys left" /tmp/A.log || fail "the daemon did not report an empty data plane"
+  stop B TERM
+  ip -n B link show msveth-b > /dev/null || fail "SIGTERM did not leave the link for the next run"
+  ip netns exec B mkad --teardown --socket /tmp/B/mkad.sock --state /tmp/B/state.json > /tmp/teardown.txt 2>&1 ||
+    fail "mkad --teardown failed: $(cat /tmp/teardown.txt)"
+  no_link B msveth-b || fail "mkad --teardown left the link"
+  [ -e /tmp/B/state.json ] && fail "mkad --teardown left the saved state"
+  note "$(cat /tmp/teardown.txt)"
 }
 
 # Different CAKs with one CKN: no peer becomes live, no SA is ever installed, nothing passes.
