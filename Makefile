@@ -107,6 +107,7 @@ install: build
 	install -D -m 0755 $(BUILD)/mkad $(DESTDIR)/usr/sbin/mkad
 	install -D -m 0755 $(BUILD)/mkactl $(DESTDIR)/usr/bin/mkactl
 	install -D -m 0644 dist/mkad.service $(DESTDIR)/lib/systemd/system/mkad.service
+	install -D -m 0644 $(BUILD)/man/mkad.8 $(DESTDIR)/usr/share/man/man8/mkad.8
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(ENGINE_FUZZ_BUILD)

@@ -19,6 +19,7 @@ packages=(
   libsystemd-dev       # sd_notify for the systemd unit
   libnl-3-dev libnl-route-3-dev libnl-genl-3-dev  # netlink: links and the kernel's MACsec
   iproute2             # network namespaces and veth pairs for the daemon's tests
+  scdoc                # the manual pages
 )
 
 missing=()
