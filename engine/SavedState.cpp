@@ -12,8 +12,9 @@ namespace {
 
 using nlohmann::json;
 
-// What moves with every MKPDU, and is left out of the comparison of two states.
-const char* const kMovingKeys[] = {"mn", "lowest-pn", "tx-sa-value", "lowest-pns", "rx-lpns"};
+// What moves with every MKPDU, and is left out of the comparison of two states: numbers, packet
+// numbers, and the peer last heard on a shared segment.
+const char* const kMovingKeys[] = {"mn", "lowest-pn", "tx-sa-value", "lowest-pns", "rx-lpns", "peer-ssci"};
 
 std::string text(const Zef::String& value) { return std::string(value.view()); }
 
@@ -115,16 +116,31 @@ std::string paramsText(const MacsecParams& params) {
   return out.str();
 }
 
+// The saved entry of the actor of a member identifier in an interface's state, read in place (the
+// state is read before every MKPDU); none if it has none.
+const json* savedActor(const json& saved, const MemberId& mi) {
+  if (!saved.is_object()) return nullptr;
+  const auto actors = saved.find("actors");
+  if (actors == saved.end() || !actors->is_array()) return nullptr;
+  const std::string id = text(mi.hex());
+  for (const json& entry : *actors) {
+    const auto entryMi = entry.find("mi");
+    if (entryMi != entry.end() && entryMi->is_string() && entryMi->get_ref<const std::string&>() == id) return &entry;
+  }
+  return nullptr;
+}
+
+uint32_t savedNumber(const json& entry, const char* name) {
+  const auto number = entry.find(name);
+  return number != entry.end() && number->is_number_unsigned() ? number->get<uint32_t>() : 0;
+}
+
 // The message number an actor's state reserves: the bound saved before, while the actor has not
 // reached it.
 uint32_t reservedMessageNumber(const MkaActorStatus& actor, const json& previous) {
-  if (previous.is_object()) {
-    for (const json& saved : previous.value("actors", json::array())) {
-      if (saved.value("ckn", "") == text(actor.ckn().hex()) && saved.value("mi", "") == text(actor.msgId().hex())) {
-        const uint32_t bound = saved.value("mn", 0u);
-        if (actor.msgNum() < bound) return bound;
-      }
-    }
+  if (const json* saved = savedActor(previous, actor.msgId())) {
+    const uint32_t bound = savedNumber(*saved, "mn");
+    if (actor.msgNum() < bound) return bound;
   }
   const uint64_t bound = uint64_t{actor.msgNum()} + kMessageNumbersReserved;
   return static_cast<uint32_t>(std::min<uint64_t>(bound, UINT32_MAX));
@@ -386,17 +402,17 @@ json savedInterface(const Status& status, const Lanx::IntfId& intf, const json& 
 }
 
 bool numbersBeyond(const Status& status, const Lanx::IntfId& intf, const json& saved) {
+  const Zef::Ptr<IntfStatus const> intfStatus = status.intfStatus(intf);
   const Zef::Ptr<MkaPortStatus const> port = status.portStatus(intf);
-  if (!port) return false;
+  if (!intfStatus || !port) return false;
+  // Only the actors the state keeps: one of a key no longer configured ends with the process.
   for (auto it = port->actorStatusIter(); it; ++it) {
     const MkaActorStatus& actor = *it.ptr();
-    if (actor.msgId().empty()) continue;
-    bool covered = false;
-    for (const json& entry : saved.is_object() ? saved.value("actors", json::array()) : json::array()) {
-      if (entry.value("mi", "") != text(actor.msgId().hex())) continue;
-      covered = actor.msgNum() < entry.value("mn", 0u) && actor.keyNum() <= entry.value("kn", 0u);
+    if (actor.msgId().empty() || !configuredKey(*intfStatus, actor.ckn())) continue;
+    const json* entry = savedActor(saved, actor.msgId());
+    if (!entry || actor.msgNum() >= savedNumber(*entry, "mn") || actor.keyNum() > savedNumber(*entry, "kn")) {
+      return true;
     }
-    if (!covered) return true;
   }
   return false;
 }

@@ -23,12 +23,22 @@ void StateKeeper::ZefStatus::ZefPortStatus::changed() {
 
 void StateKeeper::changed(const Lanx::IntfId& intfId) { changedSince_.insert(intfId); }
 
+namespace {
+
+// What was last written of an interface, read in place: this runs before every MKPDU.
+const nlohmann::json& lastWritten(const std::map<Lanx::IntfId, nlohmann::json>& saved, const Lanx::IntfId& intfId) {
+  static const nlohmann::json none;
+  const auto last = saved.find(intfId);
+  return last != saved.end() ? last->second : none;
+}
+
+}  // namespace
+
 void StateKeeper::refresh() {
   if (changedSince_.empty()) return;
   bool differs = false;
   for (const Lanx::IntfId& intfId : changedSince_) {
-    const auto last = saved_.find(intfId);
-    const nlohmann::json previous = last != saved_.end() ? last->second : nlohmann::json();
+    const nlohmann::json& previous = lastWritten(saved_, intfId);
     nlohmann::json now = savedInterface(*status(), intfId, previous);
     if (settledPart(now) == settledPart(previous)) continue;
     differs = true;
@@ -43,19 +53,18 @@ void StateKeeper::refresh() {
 }
 
 void StateKeeper::beforeTransmit(const Lanx::IntfId& intfId) {
-  const auto last = saved_.find(intfId);
-  const nlohmann::json previous = last != saved_.end() ? last->second : nlohmann::json();
+  const nlohmann::json& previous = lastWritten(saved_, intfId);
   if (!numbersBeyond(*status(), intfId, previous)) return;
   TRACE(3, " message or key numbers of " << intfId << " reserved further");
-  saved_[intfId] = savedInterface(*status(), intfId, previous);
+  nlohmann::json now = savedInterface(*status(), intfId, previous);
+  saved_[intfId] = std::move(now);
   if (write()) write()(document());
 }
 
 void StateKeeper::writeNow() {
   for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(status()->portStatusIter())) changedSince_.insert(intfId);
   for (const Lanx::IntfId& intfId : changedSince_) {
-    const auto last = saved_.find(intfId);
-    nlohmann::json now = savedInterface(*status(), intfId, last != saved_.end() ? last->second : nlohmann::json());
+    nlohmann::json now = savedInterface(*status(), intfId, lastWritten(saved_, intfId));
     if (now.is_null()) {
       saved_.erase(intfId);
     } else {
