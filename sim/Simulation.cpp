@@ -113,7 +113,6 @@ void Agent::savedStateKept() {
   if (keeper_) return;
   engine_.as([&] {
     keeper_ = Macsec::StateKeeper::StateKeeperIs(status());
-    keeper_->writeIs([this](const std::string& document) { savedState_ = document; });
     keeper_->writeNow();
   });
 }
@@ -122,7 +121,10 @@ void Agent::processStop(bool graceful) {
   processRunning_ = false;
   engine_.as([&] {
     if (keeper_ && graceful) keeper_->writeNow();
-    if (keeper_) keeper_->hasNotificationActiveIs(false);
+    if (keeper_) {
+      savedState_ = keeper_->document();
+      keeper_->hasNotificationActiveIs(false);
+    }
     keeper_ = nullptr;
     engine_.stateMachinesStop();
     // What the process held goes, bottom up; the data plane's SAs stay.
@@ -207,6 +209,7 @@ Zef::Ptr<Macsec::MkaActorStatus> Agent::actorStatus(const Lanx::IntfId& intf, co
 void Agent::transmitted(const Lanx::IntfId& intf, const Macsec::MkaMessageInfo& sent) {
   ++sent_;
   if (keeper_) keeper_->beforeTransmit(intf);
+  if (sim_.sent_) sim_.sent_(*this, intf, sent.mkaInfo()->baseInfo());
   // Over bytes, the codec sends the frame: the message is wanted only by a tap.
   if (muted_ || (engine_.frames() && !sim_.tap_)) return;
   Message message;
