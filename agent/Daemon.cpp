@@ -138,9 +138,7 @@ void Daemon::stop(DaemonStop how) {
     left += kernel_->keysHeld();
     kernel_->removeAll();
     // Links an earlier run made, which this one did not take over, go too.
-    for (const std::string& name : netlink_->markedLinks(kLinkMark)) {
-      if (const int index = netlink_->linkIndex(name)) netlink_->linkDel(index);
-    }
+    removeLeftLinks({});
     removeStateFile(options_.statePath);
   }
   Zef::log(MKAD_STOPPED, left);
@@ -160,10 +158,13 @@ void Daemon::readSavedState() {
   for (const auto& [intf, saved] : resumable_) {
     if (config_.interfaces.contains(intf.stringValue())) carried.insert(macsecName(intf.stringValue()));
   }
-  for (const std::string& name : netlink_->markedLinks(kLinkMark)) {
-    if (carried.contains(name)) continue;
-    if (const int index = netlink_->linkIndex(name)) netlink_->linkDel(index);
-  }
+  removeLeftLinks(carried);
+}
+
+void Daemon::removeLeftLinks(const std::set<std::string>& kept) {
+  std::vector<std::pair<std::string, std::string>> refused;
+  removeMarkedLinks(*netlink_, kept, refused);
+  for (const auto& [name, error] : refused) Zef::log(MKAD_DATA_PLANE_ERROR, name, error);
 }
 
 void Daemon::writeState(const std::string& document) {

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -86,6 +87,8 @@ class Daemon {
   // interfaces come; links an earlier run made that it does not name go.
   void readSavedState();
   void writeState(const std::string& document);
+  // Removes the links an earlier run made but those in `kept`; the kernel's refusals are logged.
+  void removeLeftLinks(const std::set<std::string>& kept);
   void transmit(const Lanx::IntfId& intf, std::string_view frame);
   void runDueTimers();
   nlohmann::json show() const;

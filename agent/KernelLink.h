@@ -6,7 +6,9 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "agent/MacsecKernel.h"
 #include "model/Values.h"
@@ -21,6 +23,24 @@ struct KernelSa {
 
 // The mark of the links that mkad makes, in their alias: the links it may remove as its own.
 inline constexpr const char* kLinkMark = "mkad";
+
+// Removes every MACsec link that bears mkad's mark but those named in `kept`: the links an earlier
+// run left that nobody takes over. Returns how many went; each refusal is added to `refused` as the
+// link's name and the kernel's reason.
+inline size_t removeMarkedLinks(MacsecKernel& kernel, const std::set<std::string>& kept,
+                                std::vector<std::pair<std::string, std::string>>& refused) {
+  size_t removed = 0;
+  for (const std::string& name : kernel.markedLinks(kLinkMark)) {
+    const int index = kept.contains(name) ? 0 : kernel.linkIndex(name);
+    if (index == 0) continue;
+    if (const std::optional<std::string> error = kernel.linkDel(index)) {
+      refused.emplace_back(name, *error);
+    } else {
+      ++removed;
+    }
+  }
+  return removed;
+}
 
 struct KernelLink {
   std::string name;

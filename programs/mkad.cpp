@@ -135,19 +135,12 @@ int teardownOnly(const Macsec::DaemonOptions& options, bool ifStopped) {
     std::cerr << "mkad: " << error << "\n";
     return 1;
   }
-  size_t removed = 0;
-  for (const std::string& name : netlink->markedLinks(Macsec::kLinkMark)) {
-    const int index = netlink->linkIndex(name);
-    if (index == 0) continue;
-    if (const std::optional<std::string> refused = netlink->linkDel(index)) {
-      std::cerr << "mkad: " << name << ": " << *refused << "\n";
-      continue;
-    }
-    ++removed;
-  }
+  std::vector<std::pair<std::string, std::string>> refused;
+  const size_t removed = Macsec::removeMarkedLinks(*netlink, {}, refused);
+  for (const auto& [name, reason] : refused) std::cerr << "mkad: " << name << ": " << reason << "\n";
   Macsec::removeStateFile(options.statePath);
   std::cout << "mkad: " << removed << " MACsec links removed\n";
-  return 0;
+  return refused.empty() ? 0 : 1;
 }
 
 }  // namespace
