@@ -1,6 +1,7 @@
 #include "agent/ConfigFile.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <openssl/crypto.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <string_view>
 #include <type_traits>
 #include <utility>
@@ -97,16 +99,22 @@ class Reader {
   }
 
   void readGlobal(ConfigFile& file, toml::table& global) const {
-    onlyKnown(global, "global", {"dataplane", "delay-protection", "fips"});
+    onlyKnown(global, "global", {"dataplane", "delay-protection", "fips", "monitor-group"});
     if (std::string* plane = text(global, "global", "dataplane")) {
-      if (*plane == "kernel") {
-        file.dataPlane = DataPlane::kernel;
-      } else if (*plane != "emulated") {
-        fail(*global.get("dataplane"), "global.dataplane", "must be \"emulated\" or \"kernel\"");
+      if (*plane == "emulated") {
+        file.dataPlane = DataPlane::emulated;
+      } else if (*plane != "kernel") {
+        fail(*global.get("dataplane"), "global.dataplane", "must be \"kernel\" or \"emulated\"");
       }
+      file.dataPlaneNamed = true;
     }
     file.delayProtection = boolean(global, "global", "delay-protection", false);
     file.fips = boolean(global, "global", "fips", false);
+    if (std::string* group = text(global, "global", "monitor-group")) {
+      const struct group* entry = getgrnam(group->c_str());
+      if (entry == nullptr) fail(*global.get("monitor-group"), "global.monitor-group", "no group named " + *group);
+      file.monitorGroup = MonitorGroup{*group, entry->gr_gid};
+    }
   }
 
   Zef::Ptr<Profile> readProfile(toml::table& t, const std::string& name, const std::string& field,
@@ -223,7 +231,9 @@ class Reader {
 
   // The text of a key file, without surrounding white space. Refused, as an SSH server refuses its
   // keys, unless it is a regular file that only its owner may read.
-  std::string readKeyFile(const std::string& file, const toml::node& node, const std::string& field) const {
+  // A relative path is taken from the configuration file's directory, wherever mkad runs.
+  std::string readKeyFile(const std::string& given, const toml::node& node, const std::string& field) const {
+    const std::string file = std::filesystem::path(path_).parent_path().append(given).string();
     const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) fail(node, field, "cannot read key file " + file + ": " + std::strerror(errno));
     struct stat st {};
@@ -267,6 +277,13 @@ class Reader {
         fail(*t.get("macsec-name"), field + ".macsec-name", "not an interface name");
       }
       macsecName = *given;
+    }
+    for (const auto& [other, taken] : file.macsecNames) {
+      if (taken == macsecName) {
+        fail(t.get("macsec-name") ? *t.get("macsec-name") : static_cast<toml::node&>(t), field + ".macsec-name",
+             "MACsec link " + macsecName + " is interface." + other +
+                 "'s already: give each interface a link of its own");
+      }
     }
     file.macsecNames[name] = macsecName;
   }

@@ -4,13 +4,15 @@
 // is applied: the first error stops the reading, and names the file, the line and the field.
 //
 //   [global]
-//   dataplane = "emulated"            # or "kernel"
+//   dataplane = "kernel"              # the default; or "emulated", which encrypts nothing
 //   delay-protection = false
 //   fips = false
+//   monitor-group = "adm"             # may ask for status and metrics on the monitoring socket
 //
 //   [profile.office]
 //   ckn = "96437a93ccf10d9dfe347846cce52c7d"
-//   cak = "135bd758b0ee5c11c55ff6ab19fdb199"   # or cak-file = "/etc/mkad/office.cak"
+//   cak = "135bd758b0ee5c11c55ff6ab19fdb199"   # or cak-file = "office.cak", from this file's
+//                                              # directory unless the path is absolute
 //   fallback-ckn = "..."                       # with fallback-cak or fallback-cak-file
 //   ...                                        # every setting of a profile, by the key that
 //                                              # model/ProfileSettings.zef gives it
@@ -22,7 +24,10 @@
 // Keys are hexadecimal text, in the file or in a key file of their own, which nobody but its owner
 // may read. They are held in stored form from the moment they are read, and their text is wiped.
 
+#include <sys/types.h>
+
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -35,11 +40,20 @@ namespace Macsec {
 enum class DataPlane { emulated, kernel };
 const char* dataPlaneName(DataPlane plane);
 
+// The group whose members may read the daemon's status and metrics on the monitoring socket.
+struct MonitorGroup {
+  std::string name;
+  gid_t id;
+};
+
 struct ConfigFile {
   std::string path;
-  DataPlane dataPlane = DataPlane::emulated;
+  // The kernel's MACsec unless the file names the emulated plane, which protects nothing.
+  DataPlane dataPlane = DataPlane::kernel;
+  bool dataPlaneNamed = false;
   bool delayProtection = false;
   bool fips = false;
+  std::optional<MonitorGroup> monitorGroup;
   // Each profile as the file gives it: a Profile of no configuration source, with its keys
   // (`key`, and the fallback key as `defaultKey`) and its settings.
   std::map<std::string, Zef::Ptr<Profile>> profiles;

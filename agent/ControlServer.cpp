@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
 
 namespace Macsec {
@@ -22,7 +21,7 @@ nlohmann::json errorReply(const std::string& what) { return nlohmann::json{{"err
 
 }  // namespace
 
-ControlServer::ControlServer(EventLoop& loop, std::string path, Answer answer)
+ControlServer::ControlServer(EventLoop& loop, std::string path, Answer answer, std::optional<gid_t> group)
     : loop_(loop), path_(std::move(path)), answer_(std::move(answer)) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -31,20 +30,31 @@ ControlServer::ControlServer(EventLoop& loop, std::string path, Answer answer)
     throw failure(path_, "path");
   }
   std::memcpy(address.sun_path, path_.c_str(), path_.size() + 1);
-  // The directory is the daemon's own: nobody else may even look up the socket in it.
-  const std::filesystem::path directory = std::filesystem::path(path_).parent_path();
-  if (!directory.empty()) {
-    std::error_code error;
-    std::filesystem::create_directories(directory, error);
-    if (chmod(directory.c_str(), 0700) < 0) throw failure(path_, "directory");
-  }
   listenFd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (listenFd_ < 0) throw failure(path_, "socket");
-  // A socket left by an earlier run that did not end cleanly is replaced.
-  unlink(path_.c_str());
+  // A socket left by an earlier run that did not end cleanly is replaced; anything else at the path,
+  // or a socket a daemon still answers on, is not.
+  if (struct stat existing{}; lstat(path_.c_str(), &existing) == 0) {
+    std::string refusal;
+    if (!S_ISSOCK(existing.st_mode)) {
+      refusal = "something other than a socket is there; it is left as it is";
+    } else if (connect(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 || errno == EAGAIN) {
+      refusal = "a daemon answers on it";
+    }
+    if (!refusal.empty()) {
+      close(listenFd_);
+      throw std::runtime_error("control socket " + path_ + ": " + refusal);
+    }
+    close(listenFd_);
+    listenFd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (listenFd_ < 0) throw failure(path_, "socket");
+    unlink(path_.c_str());
+  }
   const mode_t oldMask = umask(0177);
-  const int bound = bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  int bound = bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
   umask(oldMask);
+  if (bound == 0 && group)
+    bound = chown(path_.c_str(), static_cast<uid_t>(-1), *group) == 0 ? chmod(path_.c_str(), 0660) : -1;
   if (bound < 0 || listen(listenFd_, 16) < 0) {
     const int saved = errno;
     close(listenFd_);

@@ -1,6 +1,7 @@
 #pragma once
 
-// The control socket: a Unix stream socket that only its owner (root) may reach. A client sends one
+// The control socket: a Unix stream socket that only its owner (root) may reach, or its owner and one
+// group (the monitoring socket, whose answers change nothing). A client sends one
 // request, a JSON object on one line, and gets one reply, a JSON object on one line, after which
 // the daemon closes the connection. Reading and writing never block the loop: a slow client is
 // served a piece at a time, and a request that is not one line of JSON gets an error reply.
@@ -9,7 +10,10 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
+
+#include <sys/types.h>
 
 #include <nlohmann/json.hpp>
 
@@ -25,8 +29,10 @@ class ControlServer {
   static constexpr size_t kLongestRequest = 4096;
   static constexpr size_t kMostClients = 32;
 
-  // Listens at `path`, in a directory made owner-only; throws std::runtime_error if it cannot.
-  ControlServer(EventLoop& loop, std::string path, Answer answer);
+  // Listens at `path`, in a directory that must be the daemon's own, reachable by its owner and by
+  // `group` if one is given. Only a socket is replaced there, and only when no daemon answers on
+  // it. Throws std::runtime_error if it cannot listen.
+  ControlServer(EventLoop& loop, std::string path, Answer answer, std::optional<gid_t> group = std::nullopt);
   ~ControlServer();
   ControlServer(const ControlServer&) = delete;
   ControlServer& operator=(const ControlServer&) = delete;

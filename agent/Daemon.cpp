@@ -1,6 +1,7 @@
 #include "agent/Daemon.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <set>
 
 #include "agent/Capabilities.h"
@@ -22,11 +23,19 @@ Daemon::Daemon(EventLoop& loop, DaemonOptions options)
     for (const std::string& capability : missing) names += (names.empty() ? "" : "; ") + capability;
     throw std::runtime_error("cannot run without " + names + ": run it as root, or grant it what it lacks");
   }
+  openControl();
   if (kernel) {
     std::string error;
     netlink_ = MacsecNetlink::open(error);
     // Never fall back: a host that asked for encryption gets none rather than a pretence of it.
-    if (!netlink_) throw std::runtime_error("the kernel data plane cannot run: " + error);
+    if (!netlink_) {
+      throw std::runtime_error("the kernel data plane cannot run: " + error + ": load it with modprobe macsec" +
+                               (config_.dataPlaneNamed
+                                    ? std::string()
+                                    : "; " + config_.path +
+                                          " names no data plane, and the kernel's is the default; dataplane = "
+                                          "\"emulated\" in [global] runs MKA without protecting any traffic"));
+    }
   }
   engine_ = std::make_unique<Engine>(
       EngineOptions{.name = "mkad", .frames = true, .randomSeed = randomSeed(), .emulatedHardware = !kernel});
@@ -60,8 +69,6 @@ Daemon::Daemon(EventLoop& loop, DaemonOptions options)
       std::make_unique<LinkWatcher>([this](const LinkState& link) { linkChanged(link); },
                                     [this](const std::string& name) { linkGone(name); }, [this] { linksKnown(); });
   loop_.fdIs(linkWatcher_->fd(), EPOLLIN, [this](uint32_t) { linkWatcher_->readable(); });
-  control_ = std::make_unique<ControlServer>(loop_, options_.socketPath,
-                                             [this](const nlohmann::json& request) { return answer(request); });
   loop_.afterEventsIs([this] { runDueTimers(); });
 
   Zef::log(MKAD_STARTED, config_.path, dataPlaneName(config_.dataPlane));
@@ -79,6 +86,7 @@ Daemon::~Daemon() {
   if (kernel_) kernel_->hasNotificationActiveIs(false);
   kernel_ = nullptr;
   loop_.afterEventsIs(nullptr);
+  monitor_.reset();
   control_.reset();
   loop_.fdDel(linkWatcher_->fd());
   linkWatcher_.reset();
@@ -87,12 +95,35 @@ Daemon::~Daemon() {
   engine_.reset();
 }
 
+void Daemon::openControl() {
+  const std::filesystem::path directory = std::filesystem::path(options_.socketPath).parent_path();
+  // Members of the monitoring group must reach their socket, though not list the directory.
+  if (const std::optional<std::string> wrong = ownDirectoryIs(directory.string(), config_.monitorGroup ? 0711 : 0700)) {
+    throw std::runtime_error("control socket " + options_.socketPath + ": " + *wrong);
+  }
+  std::string error;
+  lock_ = InstanceLock::take(options_.pidPath.empty() ? (directory / "mkad.pid").string() : options_.pidPath, error);
+  if (!lock_) throw std::runtime_error(error);
+  control_ = std::make_unique<ControlServer>(loop_, options_.socketPath,
+                                             [this](const nlohmann::json& request) { return answer(request); });
+  if (config_.monitorGroup) {
+    monitor_ = std::make_unique<ControlServer>(
+        loop_, (directory / "monitor.sock").string(),
+        [this](const nlohmann::json& request) { return answerMonitor(request); }, config_.monitorGroup->id);
+  }
+}
+
 uint64_t Daemon::randomSeed() {
   // The actors' random start differs from one run to the next, as it does between hosts.
   return static_cast<uint64_t>(Zef::System::currentTimeUtc() * 1e6);
 }
 
 std::optional<std::string> Daemon::reload() {
+  options_.notify("RELOADING=1");
+  struct Ready {
+    const DaemonOptions& options;
+    ~Ready() { options.notify("READY=1"); }
+  } ready{options_};
   ConfigFile file;
   try {
     file = readConfigFile(options_.configPath);
@@ -102,6 +133,10 @@ std::optional<std::string> Daemon::reload() {
     }
     if (file.fips != config_.fips) {
       throw ConfigFileError(options_.configPath + ": global.fips: fips cannot change while running; restart mkad");
+    }
+    auto groupName = [](const ConfigFile& f) { return f.monitorGroup ? f.monitorGroup->name : std::string(); };
+    if (groupName(file) != groupName(config_)) {
+      throw ConfigFileError(options_.configPath + ": global.monitor-group: changes only with a restart of mkad");
     }
   } catch (const ConfigFileError& error) {
     Zef::log(MKAD_CONFIG_REFUSED, error.what());
@@ -324,7 +359,25 @@ void Daemon::runDueTimers() {
     });
     deadline = std::min(deadline, nextStateWrite_);
   }
+  statusLineIs();
   loop_.deadlineIs(deadline);
+}
+
+void Daemon::statusLineIs() {
+  // Once a second at most: the line is for an operator's eyes.
+  const double now = Zef::System::currentTime();
+  if (now < nextStatusLine_) return;
+  nextStatusLine_ = now + 1;
+  size_t secured = 0;
+  for (const auto& [name, running] : running_) {
+    const Zef::Ptr<CpStatus> cp = engine_->status()->cpStatus(Lanx::IntfId(name));
+    secured += cp && cp->controlledPortEnabled() && !cp->unprotectedTraffic() ? 1 : 0;
+  }
+  std::string line = "STATUS=" + std::to_string(secured) + " of " + std::to_string(config_.interfaces.size()) +
+                     " interfaces secured, on the " + dataPlaneName(config_.dataPlane) + " data plane";
+  if (line == statusLine_) return;
+  statusLine_ = std::move(line);
+  options_.notify(statusLine_);
 }
 
 nlohmann::json Daemon::answer(const nlohmann::json& request) {
@@ -347,6 +400,12 @@ nlohmann::json Daemon::answer(const nlohmann::json& request) {
     return {{"ok", true}};
   }
   return {{"error", "unknown command"}};
+}
+
+nlohmann::json Daemon::answerMonitor(const nlohmann::json& request) {
+  const auto command = request.find("command");
+  if (command != request.end() && (*command == "show" || *command == "counters")) return answer(request);
+  return {{"error", "the monitoring socket answers show and counters only; ask on the control socket as root"}};
 }
 
 nlohmann::json Daemon::show() const {

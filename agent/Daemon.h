@@ -5,6 +5,7 @@
 // interface, runs the engine's timers from the event loop and answers the control socket. Reload
 // (SIGHUP or a request) reads the whole file first and applies it only if it has no error.
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -22,6 +23,7 @@
 #include "agent/KernelSelfTest.h"
 #include "agent/LinkWatcher.h"
 #include "agent/MacsecNetlink.h"
+#include "agent/RuntimeFiles.h"
 #include "engine/Engine.h"
 #include "engine/StateKeeper.h"
 
@@ -29,10 +31,16 @@ namespace Macsec {
 
 struct DaemonOptions {
   std::string configPath = "/etc/mkad/mkad.toml";
+  // The control socket, in a directory of the daemon's own, beside the monitoring socket
+  // ("monitor.sock", for the configuration's monitoring group) and the lock that keeps a second
+  // daemon out (the PID file, "mkad.pid" unless named).
   std::string socketPath = "/run/mkad/mkad.sock";
+  std::string pidPath;
   // Where the state for the next run is kept (with the kernel data plane), kept current as keys
   // change, so that a restart, or a crash, takes the links over without a hit.
   std::string statePath = "/run/mkad/state.json";
+  // Tells the service manager how the daemon is: "RELOADING=1", "READY=1", "STATUS=...".
+  std::function<void(const std::string&)> notify = [](const std::string&) {};
 };
 
 // How the daemon stops: handing its MACsec links over to the next run, which takes them over from
@@ -61,6 +69,8 @@ class Daemon {
   std::optional<DaemonStop> stopAsked() const noexcept { return stopAsked_; }
   // Answers one request of the control socket.
   nlohmann::json answer(const nlohmann::json& request);
+  // Answers one request of the monitoring socket: what reads state, nothing that changes it.
+  nlohmann::json answerMonitor(const nlohmann::json& request);
 
  private:
   // An interface MKA runs on, with the socket of its EAPOL frames.
@@ -69,6 +79,8 @@ class Daemon {
   };
 
   static uint64_t randomSeed();
+  // The directory of the sockets, the lock in it, and the sockets, before anything else is touched.
+  void openControl();
   // The MACsec link of an interface in the kernel data plane.
   std::string macsecName(const std::string& intf) const;
   void linksKnown();
@@ -91,6 +103,8 @@ class Daemon {
   void removeLeftLinks(const std::set<std::string>& kept);
   void transmit(const Lanx::IntfId& intf, std::string_view frame);
   void runDueTimers();
+  // Tells the service manager how many interfaces are secured, when that changes.
+  void statusLineIs();
   nlohmann::json show() const;
   nlohmann::json counters() const;
   size_t keysHeld() const;
@@ -114,11 +128,15 @@ class Daemon {
   double nextStateWrite_ = 0;
   bool stateWriteFailed_ = false;
   bool stopped_ = false;
+  std::string statusLine_;
+  double nextStatusLine_ = 0;
   std::optional<DaemonStop> stopAsked_;
   std::map<std::string, LinkState> links_;  // every interface of the kernel, by name
   std::map<std::string, Running> running_;  // configured interfaces that the kernel has
   std::unique_ptr<LinkWatcher> linkWatcher_;
+  std::unique_ptr<InstanceLock> lock_;
   std::unique_ptr<ControlServer> control_;
+  std::unique_ptr<ControlServer> monitor_;
 };
 
 }  // namespace Macsec

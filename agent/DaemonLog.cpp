@@ -77,6 +77,11 @@ Zef::LogHandle MKAD_INTF_AFRESH(
     "Its saved state does not fit; its MACsec link goes and MKA starts anew with its peers.", Zef::NoActionRequired, 0,
     1.0, 0);
 
+void errorLine(const std::string& text) {
+  std::fprintf(stderr, "<%d>mkad: %s\n", LOG_ERR, text.c_str());
+  std::fflush(stderr);
+}
+
 void operatorLogIs(LogTarget target) {
   if (target == LogTarget::syslog) {
     openlog("mkad", LOG_PID, LOG_DAEMON);

@@ -3,6 +3,8 @@
 // The daemon's own messages in the operators' log, and where the log goes: standard error, each
 // line led by its syslog priority ("<3>" for an error) as systemd's journal reads it, or syslog.
 
+#include <string>
+
 #include "platform/Log.h"
 
 namespace Macsec {
@@ -25,5 +27,9 @@ extern Zef::LogHandle MKAD_INTF_AFRESH;
 
 enum class LogTarget { standardError, syslog };
 void operatorLogIs(LogTarget target);
+
+// An error on standard error, before the log runs or instead of it, led by its priority as the
+// journal reads it: "<3>mkad: what went wrong".
+void errorLine(const std::string& text);
 
 }  // namespace Macsec

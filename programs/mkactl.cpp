@@ -26,15 +26,30 @@ constexpr int kReplyTimeoutMs = 5000;
   std::exit(1);
 }
 
-Json ask(const std::string& path, const Json& request) {
+// A connection to the socket at `path`, or -1 with errno saying why not.
+int connectTo(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) fail("socket path too long: " + path);
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0) {
-    fail("cannot reach mkad at " + path + ": " + std::strerror(errno));
+  if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
+  const int reason = errno;
+  close(fd);
+  errno = reason;
+  return -1;
+}
+
+// Asks mkad on its control socket. A user who may not use it asks what only reads state on the
+// monitoring socket beside it, if the daemon's monitoring group lets them.
+Json ask(const std::string& path, const Json& request, bool readsOnly = false) {
+  int fd = connectTo(path);
+  if (fd < 0 && errno == EACCES && readsOnly) {
+    const std::string monitor = path.substr(0, path.find_last_of('/') + 1) + "monitor.sock";
+    fd = connectTo(monitor);
+    if (fd < 0) fail("cannot reach mkad at " + path + " nor at " + monitor + ": " + std::strerror(errno));
   }
+  if (fd < 0) fail("cannot reach mkad at " + path + ": " + std::strerror(errno));
   const std::string line = request.dump() + "\n";
   if (send(fd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
     fail("cannot send to mkad: " + std::string(std::strerror(errno)));
@@ -153,7 +168,7 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
 
   if (*show) {
-    const Json reply = ask(socketPath, {{"command", what == "counters" ? "counters" : "show"}});
+    const Json reply = ask(socketPath, {{"command", what == "counters" ? "counters" : "show"}}, true);
     if (json) {
       std::cout << reply.dump(2) << "\n";
     } else if (what == "counters") {

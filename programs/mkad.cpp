@@ -1,5 +1,6 @@
 // mkad: the MKA daemon. Reads its configuration, secures the configured interfaces with MKA and
 // answers mkactl on its control socket until SIGTERM or SIGINT; SIGHUP reloads the configuration.
+// It runs in the foreground, as systemd and containers expect, unless --daemon detaches it.
 // Stopped so, it leaves the kernel's MACsec links protecting traffic for the next run, which takes
 // them over; `mkactl shutdown --teardown` or `mkad --teardown` stops for good.
 
@@ -34,6 +35,7 @@ namespace {
 struct Options {
   Macsec::DaemonOptions daemon;
   bool foreground = false;
+  bool detach = false;
   bool syslog = false;
   bool check = false;
   bool selfTest = false;
@@ -91,7 +93,7 @@ int checkOnly(const std::string& path) {
               << " interfaces, the " << Macsec::dataPlaneName(file.dataPlane) << " data plane\n";
     return 0;
   } catch (const Macsec::ConfigFileError& error) {
-    std::cerr << "mkad: " << error.what() << "\n";
+    Macsec::errorLine(error.what());
     return 1;
   }
 }
@@ -126,18 +128,18 @@ bool daemonAnswers(const std::string& socketPath) {
 int teardownOnly(const Macsec::DaemonOptions& options, bool ifStopped) {
   if (daemonAnswers(options.socketPath)) {
     if (ifStopped) return 0;
-    std::cerr << "mkad: a daemon answers on " << options.socketPath << ": stop it with mkactl shutdown --teardown\n";
+    Macsec::errorLine("a daemon answers on " + options.socketPath + ": stop it with mkactl shutdown --teardown");
     return 1;
   }
   std::string error;
   const std::unique_ptr<Macsec::MacsecNetlink> netlink = Macsec::MacsecNetlink::open(error);
   if (!netlink) {
-    std::cerr << "mkad: " << error << "\n";
+    Macsec::errorLine(error);
     return 1;
   }
   std::vector<std::pair<std::string, std::string>> refused;
   const size_t removed = Macsec::removeMarkedLinks(*netlink, {}, refused);
-  for (const auto& [name, reason] : refused) std::cerr << "mkad: " << name << ": " << reason << "\n";
+  for (const auto& [name, reason] : refused) Macsec::errorLine(name + ": " + reason);
   Macsec::removeStateFile(options.statePath);
   std::cout << "mkad: " << removed << " MACsec links removed\n";
   return refused.empty() ? 0 : 1;
@@ -154,7 +156,10 @@ int main(int argc, char** argv) {
   app.add_flag("--teardown", options.teardown,
                "remove every MACsec link that a stopped mkad left, and its saved state, and exit");
   app.add_flag("--if-stopped", options.ifStopped, "with --teardown: do nothing, and succeed, if a daemon runs");
-  app.add_flag("-f,--foreground", options.foreground, "stay in the foreground, as systemd runs it");
+  app.add_flag("-f,--foreground", options.foreground, "stay in the foreground (the default)");
+  app.add_flag("-d,--daemon", options.detach, "detach from the terminal, and log to syslog")->excludes("--foreground");
+  app.add_option("--pid-file", options.daemon.pidPath,
+                 "the PID file, locked while mkad runs (default: mkad.pid beside the control socket)");
   app.add_flag("--syslog", options.syslog, "log to syslog instead of standard error");
   app.add_flag("--check", options.check, "check the configuration file and exit");
   app.add_flag("--self-test", options.selfTest,
@@ -163,12 +168,12 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
 
   if (!options.trace.empty() && !Zef::traceSettingsIs(options.trace)) {
-    std::cerr << "mkad: --trace: not a list of facility=level rules: " << options.trace << "\n";
+    Macsec::errorLine("--trace: not a list of facility=level rules: " + options.trace);
     return 2;
   }
   // Before any key is read: keys in memory must not end up in a core file.
   if (!Macsec::keepMemoryOutOfCoreDumps()) {
-    std::cerr << "mkad: cannot keep keys out of core dumps: " << std::strerror(errno) << "\n";
+    Macsec::errorLine(std::string("cannot keep keys out of core dumps: ") + std::strerror(errno));
     return 1;
   }
   if (options.check) return checkOnly(options.daemon.configPath);
@@ -178,20 +183,21 @@ int main(int argc, char** argv) {
   options.daemon.configPath = std::filesystem::absolute(options.daemon.configPath).string();
   options.daemon.socketPath = std::filesystem::absolute(options.daemon.socketPath).string();
   options.daemon.statePath = std::filesystem::absolute(options.daemon.statePath).string();
+  if (!options.daemon.pidPath.empty())
+    options.daemon.pidPath = std::filesystem::absolute(options.daemon.pidPath).string();
 
   Detacher detacher;
   try {
-    if (!options.foreground) detacher.detach();
-    Macsec::operatorLogIs(options.syslog || !options.foreground ? Macsec::LogTarget::syslog
-                                                                : Macsec::LogTarget::standardError);
+    if (options.detach) detacher.detach();
+    Macsec::operatorLogIs(options.syslog || options.detach ? Macsec::LogTarget::syslog
+                                                           : Macsec::LogTarget::standardError);
     Macsec::EventLoop loop({SIGTERM, SIGINT, SIGHUP});
     signal(SIGPIPE, SIG_IGN);
+    options.daemon.notify = [](const std::string& state) { sd_notify(0, state.c_str()); };
     Macsec::Daemon daemon(loop, options.daemon);
     loop.signalHandlerIs([&](int signal) {
       if (signal == SIGHUP) {
-        sd_notify(0, "RELOADING=1");
         daemon.reload();
-        sd_notify(0, "READY=1");
         return;
       }
       sd_notify(0, "STOPPING=1");
@@ -204,11 +210,8 @@ int main(int argc, char** argv) {
     sd_notify(0, "READY=1");
     detacher.ready();
     loop.run();
-  } catch (const Macsec::ConfigFileError& error) {
-    std::cerr << "mkad: " << error.what() << "\n";
-    return 1;
   } catch (const std::exception& error) {
-    std::cerr << "mkad: " << error.what() << "\n";
+    Macsec::errorLine(error.what());
     return 1;
   }
   return 0;

@@ -48,13 +48,13 @@ TEST(ConfigFile, EveryMistakeIsRefusedWithFileLineAndField) {
   const std::string readable = keyFile("readable.cak", kCak, 0644);
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"[global]\ndataplane = \"emulated\"\ncolour = 1\n", "mkad.conf:3: global.colour: unknown field"},
-      {"[global]\ndataplane = \"hardware\"\n", "mkad.conf:2: global.dataplane: must be \"emulated\" or \"kernel\""},
+      {"[global]\ndataplane = \"hardware\"\n", "mkad.conf:2: global.dataplane: must be \"kernel\" or \"emulated\""},
       {"[global]\nfips = \"yes\"\n", "mkad.conf:2: global.fips: must be true or false"},
       {office("cak = \"135bd758b0ee5c11c55ff6ab19fd\""), "mkad.conf:3: profile.office.cak: the key must be 16 or 32"},
       {office("cak = \"135bd758b0ee5c11c55ff6ab19fdb1zz\""), "mkad.conf:3: profile.office.cak: the key must be hex"},
       {office("cak = \"" + std::string(32, '0') + "\""), "mkad.conf:3: profile.office.cak: the key is all zeros"},
-      {"[profile.office]\nreplay-window = 64\n",
-       "mkad.conf:2: profile.office.replay-window: takes effect only with replay-protection = true"},
+      {"[profile.office]\nreplay-protection = false\nreplay-window = 64\n",
+       "mkad.conf:3: profile.office.replay-window: takes effect only with replay-protection = true"},
       {"[profile.office]\nckn = \"\"\ncak = \"" + kCak + "\"\n", "mkad.conf:2: profile.office.ckn: must be 1 to 32"},
       {"[profile.office]\nckn = \"" + std::string(66, 'a') + "\"\ncak = \"" + kCak + "\"\n",
        "mkad.conf:2: profile.office.ckn: must be 1 to 32"},
@@ -110,7 +110,9 @@ TEST(ConfigFile, AFileAppliedAgainWritesOnlyWhatChanged) {
                             "\"\ncipher-suite = \"gcm-aes-256\"\nkey-server-priority = 3\n"
                             "\n[profile.spare]\neap = true\n\n[interface.eth1]\nprofile = \"lab\"\n";
   const ConfigFile file = parseConfigText(first, "mkad.conf");
-  EXPECT_EQ(file.dataPlane, DataPlane::emulated);
+  // A file that names no data plane gets the kernel's, which protects traffic.
+  EXPECT_EQ(file.dataPlane, DataPlane::kernel);
+  EXPECT_FALSE(file.dataPlaneNamed);
   const Zef::Ptr<Config> source = Config::ConfigIs(Zef::Name("cli"));
   applyConfigFile(file, *source);
   EXPECT_TRUE(source->delayProtection());

@@ -78,9 +78,9 @@ class Daemon:
 
     def start(self, env=None):
         self.logfile = open(self.log, "w")
-        self.process = subprocess.Popen(self.command(MKAD, "--foreground", "--config", self.config,
-                                                     "--socket", self.socket),
-                                        stdout=self.logfile, stderr=subprocess.STDOUT,
+        # From the root directory, as systemd starts it.
+        self.process = subprocess.Popen(self.command(MKAD, "--config", self.config, "--socket", self.socket),
+                                        stdout=self.logfile, stderr=subprocess.STDOUT, cwd="/",
                                         env=dict(os.environ, **(env or {})))
         wait_for(lambda: os.path.exists(self.socket) or self.process.poll() is not None, 10,
                  self.name + "'s control socket")
@@ -302,11 +302,14 @@ class BadInput(DaemonTest):
              r"interface\.lo\.profile"),
             ("readable key file", '[profile.lab]\nckn = "%s"\ncak-file = "%s"\n' % (CKN, key_file) + good_interface,
              r"profile\.lab\.cak-file: .*group or others"),
+            ("one MACsec link for two interfaces", profile_text() + good_interface +
+             '[interface.lo2]\nprofile = "lab"\nmacsec-name = "mslo"\n',
+             r"interface\.lo2\.macsec-name: MACsec link mslo is interface\.lo's already"),
         ]
 
     def test_bad_files_fail_the_start_and_change_nothing_at_reload(self):
         daemon = Daemon(self.workdir, "d", "lo")
-        missing = subprocess.run([MKAD, "--foreground", "--config", os.path.join(self.workdir, "none.toml"),
+        missing = subprocess.run([MKAD, "--config", os.path.join(self.workdir, "none.toml"),
                                   "--socket", daemon.socket], capture_output=True, text=True, timeout=10)
         self.assertNotEqual(missing.returncode, 0)
         self.assertIn("none.toml", missing.stderr)
@@ -319,7 +322,8 @@ class BadInput(DaemonTest):
                 result = subprocess.run([MKAD, "--foreground", "--config", path, "--socket", daemon.socket],
                                         capture_output=True, text=True, timeout=10)
                 self.assertNotEqual(result.returncode, 0)
-                self.assertRegex(result.stderr, r"bad\.toml:\d+: " + field)
+                # Led by the error priority, for the journal.
+                self.assertRegex(result.stderr, r"^<3>mkad: .*bad\.toml:\d+: " + field)
 
         daemon.start()
         self.addCleanup(daemon.stop)
@@ -356,13 +360,19 @@ class BadInput(DaemonTest):
                 modprobe and subprocess.run([modprobe, "-n", "macsec"], capture_output=True).returncode == 0):
             self.skipTest("this kernel has MACsec: the VM test covers the kernel data plane")
         daemon = Daemon(self.workdir, "d", "lo")
-        with open(daemon.config, "w") as f:
-            f.write('[global]\ndataplane = "kernel"\n' + profile_text() + '\n[interface.lo]\nprofile = "lab"\n')
-        result = subprocess.run([MKAD, "--foreground", "--config", daemon.config, "--socket", daemon.socket],
-                                capture_output=True, text=True, timeout=10)
-        self.assertEqual(result.returncode, 1)
-        self.assertIn("this kernel has no MACsec: the macsec module could not be loaded", result.stderr)
-        self.assertNotIn("emulated", result.stderr)
+        # The kernel's is the default: a file that names no data plane is refused, with the way out.
+        for named in ('[global]\ndataplane = "kernel"\n', ""):
+            with open(daemon.config, "w") as f:
+                f.write(named + profile_text() + '\n[interface.lo]\nprofile = "lab"\n')
+            result = subprocess.run([MKAD, "--config", daemon.config, "--socket", daemon.socket],
+                                    capture_output=True, text=True, timeout=10)
+            self.assertEqual(result.returncode, 1)
+            self.assertIn("this kernel has no MACsec: the macsec module could not be loaded: load it with modprobe "
+                          "macsec", result.stderr)
+            self.assertEqual("names no data plane" in result.stderr, not named)
+            self.assertEqual('dataplane = "emulated" in [global] runs MKA without protecting any traffic' in
+                             result.stderr, not named)
+            self.assertFalse(os.path.exists(daemon.socket))
 
     def test_under_a_watchdog_the_daemon_says_twice_a_period_that_its_loop_still_turns(self):
         notify = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -376,6 +386,13 @@ class BadInput(DaemonTest):
         while heard.count(b"WATCHDOG=1") < 4:
             heard.append(notify.recv(256))
         self.assertIn(b"READY=1", heard)
+        self.assertIn(b"STATUS=0 of 1 interfaces secured, on the emulated data plane", heard)
+        # A reload, however asked for, says so to the service manager, and that it is over.
+        self.assertEqual(daemon.ctl("reload").returncode, 0)
+        heard = [notify.recv(256)]
+        while heard[-1] != b"READY=1":
+            heard.append(notify.recv(256))
+        self.assertIn(b"RELOADING=1", heard)
 
     def test_the_control_socket_answers_garbage_with_an_error_and_goes_on(self):
         daemon = Daemon(self.workdir, "d", "lo")
@@ -406,6 +423,86 @@ class BadInput(DaemonTest):
         # The socket is the daemon's owner's alone.
         self.assertEqual(os.stat(daemon.socket).st_mode & 0o777, 0o600)
         self.assertEqual(os.stat(os.path.dirname(daemon.socket)).st_mode & 0o777, 0o700)
+
+
+class Service(DaemonTest):
+    """The daemon as a system service: its files, one instance, its monitoring socket."""
+
+    def test_the_daemon_keeps_to_a_directory_of_its_own_and_runs_once(self):
+        # Neither a directory others may write to, nor one of another user, nor anything but a socket.
+        shared = os.path.join(self.workdir, "tmp")
+        os.mkdir(shared)
+        os.chmod(shared, 0o1777)
+        foreign = os.path.join(self.workdir, "foreign")
+        os.mkdir(foreign, 0o700)
+        os.chown(foreign, 65534, 65534)
+        own = os.path.join(self.workdir, "own")
+        os.mkdir(own, 0o700)
+        precious = os.path.join(own, "notes")
+        with open(precious, "w") as f:
+            f.write("kept")
+        daemon = Daemon(self.workdir, "d", "lo")
+        for socket_path, refusal in [(os.path.join(shared, "mkad.sock"), "writable by others"),
+                                     (os.path.join(foreign, "mkad.sock"), "owned by another user"),
+                                     (precious, "something other than a socket is there; it is left as it is")]:
+            with self.subTest(socket_path):
+                result = subprocess.run([MKAD, "--config", daemon.config, "--socket", socket_path],
+                                        capture_output=True, text=True, timeout=10)
+                self.assertEqual(result.returncode, 1)
+                self.assertIn(refusal, result.stderr)
+        self.assertEqual(os.stat(shared).st_mode & 0o7777, 0o1777)
+        with open(precious) as f:
+            self.assertEqual(f.read(), "kept")
+        self.assertEqual(os.listdir(shared), [])
+
+        # A key file named relative to the configuration file is found from any directory.
+        with open(os.path.join(self.workdir, "lab.cak"), "w", opener=lambda p, f: os.open(p, f, 0o600)) as f:
+            f.write(CAK_128 + "\n")
+        daemon.write_config('[profile.lab]\nckn = "%s"\ncak-file = "lab.cak"\n' % CKN)
+        daemon.start()
+        self.addCleanup(daemon.stop)
+        self.assertEqual(daemon.session()["ckn"], CKN)
+        # A second daemon on the same socket is refused, and names the first; the first is still there.
+        second = subprocess.run([MKAD, "--config", daemon.config, "--socket", daemon.socket], capture_output=True,
+                                text=True, timeout=10)
+        self.assertEqual(second.returncode, 1)
+        self.assertIn("another mkad runs (PID %d)" % daemon.process.pid, second.stderr)
+        self.assertEqual(daemon.session()["ckn"], CKN)
+        # With its lock gone, the second still takes no socket a daemon answers on.
+        os.unlink(os.path.join(os.path.dirname(daemon.socket), "mkad.pid"))
+        second = subprocess.run([MKAD, "--config", daemon.config, "--socket", daemon.socket], capture_output=True,
+                                text=True, timeout=10)
+        self.assertIn("a daemon answers on it", second.stderr)
+        self.assertEqual(daemon.session()["ckn"], CKN)
+
+    def test_the_monitoring_group_reads_status_and_changes_nothing(self):
+        os.chmod(self.workdir, 0o711)
+        daemon = Daemon(self.workdir, "d", "lo")
+        with open(daemon.config) as f:
+            text = f.read()
+        with open(daemon.config, "w") as f:
+            f.write(text.replace("[global]\n", '[global]\nmonitor-group = "nogroup"\n'))
+        daemon.start()
+        self.addCleanup(daemon.stop)
+
+        def as_nobody(*args):
+            return subprocess.run(["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", MKACTL,
+                                   "--socket", daemon.socket] + list(args), capture_output=True, text=True, timeout=10)
+        shown = as_nobody("show", "--json")
+        self.assertEqual(shown.returncode, 0, shown.stderr)
+        self.assertEqual(json.loads(shown.stdout)["interfaces"][0]["name"], "lo")
+        self.assertEqual(as_nobody("show", "counters").returncode, 0)
+        for command in (["reload"], ["clear", "counters"], ["shutdown"]):
+            refused = as_nobody(*command)
+            self.assertEqual(refused.returncode, 1)
+            self.assertIn("Permission denied", refused.stderr)
+        client = socket.socket(socket.AF_UNIX)
+        client.connect(os.path.join(os.path.dirname(daemon.socket), "monitor.sock"))
+        client.sendall(b'{"command": "shutdown"}\n')
+        self.assertIn("show and counters only", json.loads(client.makefile().readline())["error"])
+        client.close()
+        self.assertIsNone(daemon.process.poll())
+        self.assertEqual(os.stat(daemon.socket).st_mode & 0o777, 0o600)
 
 
 if __name__ == "__main__":
