@@ -99,7 +99,8 @@ class Reader {
   }
 
   void readGlobal(ConfigFile& file, toml::table& global) const {
-    onlyKnown(global, "global", {"dataplane", "delay-protection", "fips", "monitor-group"});
+    onlyKnown(global, "global",
+              {"dataplane", "delay-protection", "fips", "monitor-group", "metrics-file", "metrics-interval"});
     if (std::string* plane = text(global, "global", "dataplane")) {
       if (*plane == "emulated") {
         file.dataPlane = DataPlane::emulated;
@@ -114,6 +115,20 @@ class Reader {
       const struct group* entry = getgrnam(group->c_str());
       if (entry == nullptr) fail(*global.get("monitor-group"), "global.monitor-group", "no group named " + *group);
       file.monitorGroup = MonitorGroup{*group, entry->gr_gid};
+    }
+    if (std::string* metrics = text(global, "global", "metrics-file")) {
+      if (metrics->empty() || metrics->front() != '/') {
+        fail(*global.get("metrics-file"), "global.metrics-file", "must be an absolute path");
+      }
+      file.metricsFile = MetricsFile{*metrics};
+    }
+    if (toml::node* interval = global.get("metrics-interval")) {
+      constexpr int64_t kLongest = 3600;
+      if (!interval->is_integer() || interval->as_integer()->get() < 1 || interval->as_integer()->get() > kLongest) {
+        fail(*interval, "global.metrics-interval", "must be a whole number of seconds from 1 to 3600");
+      }
+      if (!file.metricsFile) fail(*interval, "global.metrics-interval", "takes effect only with metrics-file");
+      file.metricsFile->interval = static_cast<uint32_t>(interval->as_integer()->get());
     }
   }
 

@@ -8,6 +8,8 @@
 //   delay-protection = false
 //   fips = false
 //   monitor-group = "adm"             # may ask for status and metrics on the monitoring socket
+//   metrics-file = "/var/lib/prometheus/node-exporter/mkad.prom"
+//   metrics-interval = 15             # seconds between writes of the metrics file
 //
 //   [profile.office]
 //   ckn = "96437a93ccf10d9dfe347846cce52c7d"
@@ -46,6 +48,13 @@ struct MonitorGroup {
   gid_t id;
 };
 
+// The metrics written for node exporter's textfile collector.
+struct MetricsFile {
+  std::string path;
+  uint32_t interval = 15;  // seconds
+  bool operator==(const MetricsFile&) const = default;
+};
+
 struct ConfigFile {
   std::string path;
   // The kernel's MACsec unless the file names the emulated plane, which protects nothing.
@@ -54,6 +63,7 @@ struct ConfigFile {
   bool delayProtection = false;
   bool fips = false;
   std::optional<MonitorGroup> monitorGroup;
+  std::optional<MetricsFile> metricsFile;
   // Each profile as the file gives it: a Profile of no configuration source, with its keys
   // (`key`, and the fallback key as `defaultKey`) and its settings.
   std::map<std::string, Zef::Ptr<Profile>> profiles;

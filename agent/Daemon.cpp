@@ -8,6 +8,7 @@
 #include "agent/ConfigChanges.h"
 #include "agent/DaemonLog.h"
 #include "agent/FipsReport.h"
+#include "agent/Metrics.h"
 #include "agent/StateFile.h"
 #include "agent/StatusReport.h"
 #include "engine/SavedState.h"
@@ -307,6 +308,7 @@ void Daemon::interfaceDel(const std::string& name) {
   loop_.fdDel(it->second.eapol->fd());
   running_.erase(it);
   engine_->linkedInterfaceDel(Lanx::IntfId(name));
+  history_.forget(Lanx::IntfId(name));
   if (kernel_) kernel_->lowerGone(Lanx::IntfId(name));
 }
 
@@ -343,6 +345,7 @@ void Daemon::runDueTimers() {
     const double now = Zef::System::currentTime();
     if (now >= nextPacketNumberRead_) {
       engine_->as([&] { kernel_->readTxPacketNumbers(); });
+      watchFramesDecrypt();
       nextPacketNumberRead_ = now + kPacketNumberReadPeriod;
     }
     deadline = std::min(deadline, nextPacketNumberRead_);
@@ -359,19 +362,22 @@ void Daemon::runDueTimers() {
     });
     deadline = std::min(deadline, nextStateWrite_);
   }
-  statusLineIs();
+  lookEachSecond();
+  writeMetricsFile();
+  if (config_.metricsFile) deadline = std::min(deadline, nextMetricsWrite_);
   loop_.deadlineIs(deadline);
 }
 
-void Daemon::statusLineIs() {
-  // Once a second at most: the line is for an operator's eyes.
+void Daemon::lookEachSecond() {
   const double now = Zef::System::currentTime();
-  if (now < nextStatusLine_) return;
-  nextStatusLine_ = now + 1;
+  if (now < nextLook_) return;
+  nextLook_ = now + 1;
+  const double utc = Zef::System::currentTimeUtc();
   size_t secured = 0;
   for (const auto& [name, running] : running_) {
-    const Zef::Ptr<CpStatus> cp = engine_->status()->cpStatus(Lanx::IntfId(name));
-    secured += cp && cp->controlledPortEnabled() && !cp->unprotectedTraffic() ? 1 : 0;
+    const Lanx::IntfId intf(name);
+    history_.look(*engine_, intf, utc);
+    secured += controlledPortState(engine_->status()->cpStatus(intf)) == "secured" ? 1 : 0;
   }
   std::string line = "STATUS=" + std::to_string(secured) + " of " + std::to_string(config_.interfaces.size()) +
                      " interfaces secured, on the " + dataPlaneName(config_.dataPlane) + " data plane";
@@ -380,13 +386,44 @@ void Daemon::statusLineIs() {
   options_.notify(statusLine_);
 }
 
+std::map<Lanx::IntfId, MacsecLinkCounters> Daemon::kernelCounters() const {
+  std::map<Lanx::IntfId, MacsecLinkCounters> counters;
+  if (!kernel_) return counters;
+  std::map<int, MacsecLinkCounters> byIndex = netlink_->linkCounters();
+  for (const auto& [intf, link] : kernel_->links()) {
+    if (const auto it = byIndex.find(link.ifindex); link.ifindex != 0 && it != byIndex.end()) {
+      counters[intf] = std::move(it->second);
+    }
+  }
+  return counters;
+}
+
+void Daemon::watchFramesDecrypt() {
+  for (const auto& [intf, counters] : kernelCounters()) {
+    if (history_.countersAre(*engine_, intf, counters)) Zef::log(MKAD_NO_FRAME_DECRYPTS, intf);
+  }
+}
+
 nlohmann::json Daemon::answer(const nlohmann::json& request) {
   const auto command = request.find("command");
   if (command == request.end() || !command->is_string()) return {{"error", "the request names no command"}};
   if (*command == "show") return show();
   if (*command == "counters") return counters();
+  if (*command == "metrics") return {{"text", metrics()}};
   if (*command == "clear-counters") {
-    engine_->as([&] { engine_->config()->clearMkaCountersInc(1); });
+    const auto only = request.find("interface");
+    if (only == request.end()) {
+      engine_->as([&] { engine_->config()->clearMkaCountersInc(1); });
+      return {{"ok", true}};
+    }
+    if (!only->is_string() || !config_.interfaces.contains(only->get<std::string>())) {
+      return {{"error", "no such interface is configured"}};
+    }
+    // The interface's counters run on; their present values become what a reader subtracts.
+    const Lanx::IntfId intf(only->get<std::string>());
+    Memtab::MessageCounterData row = engine_->counters()->row(intf);
+    row.intfId = intf;
+    engine_->counters()->msgCounterSnapshotIs(row);
     return {{"ok", true}};
   }
   if (*command == "shutdown") {
@@ -404,18 +441,29 @@ nlohmann::json Daemon::answer(const nlohmann::json& request) {
 
 nlohmann::json Daemon::answerMonitor(const nlohmann::json& request) {
   const auto command = request.find("command");
-  if (command != request.end() && (*command == "show" || *command == "counters")) return answer(request);
-  return {{"error", "the monitoring socket answers show and counters only; ask on the control socket as root"}};
+  if (command != request.end() && (*command == "show" || *command == "counters" || *command == "metrics")) {
+    return answer(request);
+  }
+  return {
+      {"error", "the monitoring socket answers show, counters and metrics only; ask on the control socket as root"}};
 }
 
-nlohmann::json Daemon::show() const {
+nlohmann::json Daemon::show() {
+  // What changed since the last look is noted first, so that the view and its history agree.
+  for (const auto& [name, running] : running_)
+    history_.look(*engine_, Lanx::IntfId(name), Zef::System::currentTimeUtc());
   nlohmann::json reply = dataPlaneReport(config_.dataPlane);
   reply["config"] = config_.path;
   reply["fips"] = fipsReport(config_.fips);
   if (kernelSelfTest_) reply["fips"]["kernel-macsec-known-answer"] = kernelSelfTest_->report();
   nlohmann::json& interfaces = reply["interfaces"] = nlohmann::json::array();
+  const std::map<Lanx::IntfId, MacsecLinkCounters> kernelCounts = kernelCounters();
   for (const auto& [name, profile] : config_.interfaces) {
-    nlohmann::json report = interfaceReport(*engine_, Lanx::IntfId(name), running_.contains(name), config_.dataPlane);
+    const Lanx::IntfId intf(name);
+    const auto counts = kernelCounts.find(intf);
+    nlohmann::json report =
+        interfaceReport(*engine_, intf, running_.contains(name), config_.dataPlane, history_.of(intf),
+                        counts == kernelCounts.end() ? nullptr : &counts->second);
     if (kernel_) {
       report["macsec-interface"] = macsecName(name);
       const auto link = kernel_->links().find(Lanx::IntfId(name));
@@ -426,12 +474,25 @@ nlohmann::json Daemon::show() const {
   return reply;
 }
 
-nlohmann::json Daemon::counters() const {
+nlohmann::json Daemon::counters(bool sinceCleared) const {
   nlohmann::json reply{{"interfaces", nlohmann::json::array()}};
   for (const auto& [name, profile] : config_.interfaces) {
-    reply["interfaces"].push_back(countersReport(*engine_, Lanx::IntfId(name)));
+    reply["interfaces"].push_back(countersReport(*engine_, Lanx::IntfId(name), sinceCleared));
   }
   return reply;
+}
+
+std::string Daemon::metrics() { return metricsText(show(), counters(false), options_.version); }
+
+void Daemon::writeMetricsFile() {
+  const double now = Zef::System::currentTime();
+  if (!config_.metricsFile || now < nextMetricsWrite_) return;
+  nextMetricsWrite_ = now + config_.metricsFile->interval;
+  // Readable by the collector, which need not run as root.
+  const std::optional<std::string> error = writeFileWhole(config_.metricsFile->path, metrics(), 0644);
+  // Said once, and again only after a write has succeeded in between.
+  if (error && !metricsWriteFailed_) Zef::log(MKAD_METRICS_WRITE_FAILED, *error);
+  metricsWriteFailed_ = error.has_value();
 }
 
 }  // namespace Macsec

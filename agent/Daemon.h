@@ -24,6 +24,7 @@
 #include "agent/LinkWatcher.h"
 #include "agent/MacsecNetlink.h"
 #include "agent/RuntimeFiles.h"
+#include "agent/SessionHistory.h"
 #include "engine/Engine.h"
 #include "engine/StateKeeper.h"
 
@@ -39,6 +40,8 @@ struct DaemonOptions {
   // Where the state for the next run is kept (with the kernel data plane), kept current as keys
   // change, so that a restart, or a crash, takes the links over without a hit.
   std::string statePath = "/run/mkad/state.json";
+  // The version the metrics give.
+  std::string version;
   // Tells the service manager how the daemon is: "RELOADING=1", "READY=1", "STATUS=...".
   std::function<void(const std::string&)> notify = [](const std::string&) {};
 };
@@ -103,10 +106,16 @@ class Daemon {
   void removeLeftLinks(const std::set<std::string>& kept);
   void transmit(const Lanx::IntfId& intf, std::string_view frame);
   void runDueTimers();
-  // Tells the service manager how many interfaces are secured, when that changes.
-  void statusLineIs();
-  nlohmann::json show() const;
-  nlohmann::json counters() const;
+  // Once a second: what changed in each session, and the service manager's status line.
+  void lookEachSecond();
+  // The kernel's counters of every MACsec link, in one dump; and what they say of the sessions.
+  std::map<Lanx::IntfId, MacsecLinkCounters> kernelCounters() const;
+  void watchFramesDecrypt();
+  nlohmann::json show();
+  nlohmann::json counters(bool sinceCleared = true) const;
+  std::string metrics();
+  // The metrics file for node exporter's textfile collector, when the configuration names one.
+  void writeMetricsFile();
   size_t keysHeld() const;
 
   EventLoop& loop_;
@@ -129,7 +138,10 @@ class Daemon {
   bool stateWriteFailed_ = false;
   bool stopped_ = false;
   std::string statusLine_;
-  double nextStatusLine_ = 0;
+  double nextLook_ = 0;
+  double nextMetricsWrite_ = 0;
+  bool metricsWriteFailed_ = false;
+  SessionHistory history_;
   std::optional<DaemonStop> stopAsked_;
   std::map<std::string, LinkState> links_;  // every interface of the kernel, by name
   std::map<std::string, Running> running_;  // configured interfaces that the kernel has

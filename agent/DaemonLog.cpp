@@ -77,6 +77,20 @@ Zef::LogHandle MKAD_INTF_AFRESH(
     "Its saved state does not fit; its MACsec link goes and MKA starts anew with its peers.", Zef::NoActionRequired, 0,
     1.0, 0);
 
+Zef::LogHandle MKAD_NO_FRAME_DECRYPTS(
+    "MKAD_NO_FRAME_DECRYPTS", 3, "Interface %s: the peer reports the key in use, but no frame from it decrypts",
+    "The peer says in its MKPDUs that it transmits on a key this port holds, and frames arrive, but the kernel "
+    "decrypts none of them: the peer's data plane may not have taken the key, or it sends without protection. The "
+    "session protects no traffic from it.",
+    "Check the peer's data plane (its cipher suite support, its MACsec counters) and the kernel counters in mkactl "
+    "show.",
+    0, 1.0, 0);
+
+Zef::LogHandle MKAD_METRICS_WRITE_FAILED("MKAD_METRICS_WRITE_FAILED", 4, "Cannot write the metrics file: %s",
+                                         "The textfile collector goes on reading the last metrics written.",
+                                         "Check that the directory of metrics-file exists and is writable by mkad.", 60,
+                                         1.0, 0);
+
 void errorLine(const std::string& text) {
   std::fprintf(stderr, "<%d>mkad: %s\n", LOG_ERR, text.c_str());
   std::fflush(stderr);

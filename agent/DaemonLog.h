@@ -24,6 +24,8 @@ extern Zef::LogHandle MKAD_STATE_UNUSABLE;
 extern Zef::LogHandle MKAD_STATE_WRITE_FAILED;
 extern Zef::LogHandle MKAD_INTF_RESUMED;
 extern Zef::LogHandle MKAD_INTF_AFRESH;
+extern Zef::LogHandle MKAD_NO_FRAME_DECRYPTS;
+extern Zef::LogHandle MKAD_METRICS_WRITE_FAILED;
 
 enum class LogTarget { standardError, syslog };
 void operatorLogIs(LogTarget target);

@@ -6,8 +6,10 @@
 // that records every call and answers as told.
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "model/KeyBytes.h"
@@ -77,6 +79,29 @@ struct MacsecLinkView {
   std::vector<RxSc> rxScs;
 };
 
+// Counters of the kernel's MACsec, each by the name `ip -s macsec show` prints it.
+struct MacsecCounter {
+  const char* name;
+  uint64_t value;
+};
+using MacsecCounters = std::vector<MacsecCounter>;
+// The counter of that name in a set, 0 if the set lacks it.
+uint64_t counterOf(const MacsecCounters& counters, std::string_view name);
+
+// One MACsec link's counters: of its SecY, its transmit channel and SAs, and each receive channel
+// and its SAs (by association number).
+struct MacsecLinkCounters {
+  MacsecCounters secy;
+  MacsecCounters txSc;
+  std::map<uint8_t, MacsecCounters> txSas;
+  struct RxSc {
+    KernelSci sci;
+    MacsecCounters counters;
+    std::map<uint8_t, MacsecCounters> sas;
+  };
+  std::vector<RxSc> rxScs;
+};
+
 class MacsecKernel {
  public:
   // The kernel's answer to a call: the error text, or nothing on success.
@@ -102,6 +127,8 @@ class MacsecKernel {
   virtual std::optional<MacsecLinkView> linkView(const std::string& name) = 0;
   // The names of the MACsec links that carry a mark.
   virtual std::vector<std::string> markedLinks(const std::string& mark) = 0;
+  // Every MACsec link's counters, by interface index, read in one dump.
+  virtual std::map<int, MacsecLinkCounters> linkCounters() = 0;
 };
 
 // How the data plane holds the kernel, which the daemon owns.

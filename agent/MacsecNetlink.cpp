@@ -21,6 +21,13 @@
 
 namespace Macsec {
 
+uint64_t counterOf(const MacsecCounters& counters, std::string_view name) {
+  for (const MacsecCounter& counter : counters) {
+    if (name == counter.name) return counter.value;
+  }
+  return 0;
+}
+
 uint64_t KernelSci::raw() const {
   // The kernel reads the attribute's eight octets as they are, in network order.
   uint64_t value = 0;
@@ -261,7 +268,8 @@ int onTxsc(nl_msg* msg, void* arg) {
   auto* dump = static_cast<LinkDump*>(arg);
   nlattr* attrs[MACSEC_ATTR_MAX + 1];
   if (genlmsg_parse(nlmsg_hdr(msg), 0, attrs, MACSEC_ATTR_MAX, nullptr) < 0) return NL_SKIP;
-  if (!attrs[MACSEC_ATTR_IFINDEX] || static_cast<int>(nla_get_u32(attrs[MACSEC_ATTR_IFINDEX])) != dump->ifindex) {
+  if (!attrs[MACSEC_ATTR_IFINDEX] ||
+      (dump->ifindex != 0 && static_cast<int>(nla_get_u32(attrs[MACSEC_ATTR_IFINDEX])) != dump->ifindex)) {
     return NL_SKIP;
   }
   dump->use(attrs);
@@ -289,6 +297,71 @@ MacsecSaView saView(nlattr** sa) {
     std::memcpy(view.keyId, nla_data(sa[MACSEC_SA_ATTR_KEYID]), sizeof view.keyId);
   }
   return view;
+}
+
+// The counters of one nested set, by attribute type, named as `ip -s macsec show` names them.
+struct CounterName {
+  int type;
+  const char* name;
+};
+
+constexpr CounterName kSecyCounters[] = {
+    {MACSEC_SECY_STATS_ATTR_OUT_PKTS_UNTAGGED, "OutPktsUntagged"},
+    {MACSEC_SECY_STATS_ATTR_IN_PKTS_UNTAGGED, "InPktsUntagged"},
+    {MACSEC_SECY_STATS_ATTR_OUT_PKTS_TOO_LONG, "OutPktsTooLong"},
+    {MACSEC_SECY_STATS_ATTR_IN_PKTS_NO_TAG, "InPktsNoTag"},
+    {MACSEC_SECY_STATS_ATTR_IN_PKTS_BAD_TAG, "InPktsBadTag"},
+    {MACSEC_SECY_STATS_ATTR_IN_PKTS_UNKNOWN_SCI, "InPktsUnknownSCI"},
+    {MACSEC_SECY_STATS_ATTR_IN_PKTS_NO_SCI, "InPktsNoSCI"},
+    {MACSEC_SECY_STATS_ATTR_IN_PKTS_OVERRUN, "InPktsOverrun"},
+};
+constexpr CounterName kTxScCounters[] = {
+    {MACSEC_TXSC_STATS_ATTR_OUT_PKTS_PROTECTED, "OutPktsProtected"},
+    {MACSEC_TXSC_STATS_ATTR_OUT_PKTS_ENCRYPTED, "OutPktsEncrypted"},
+    {MACSEC_TXSC_STATS_ATTR_OUT_OCTETS_PROTECTED, "OutOctetsProtected"},
+    {MACSEC_TXSC_STATS_ATTR_OUT_OCTETS_ENCRYPTED, "OutOctetsEncrypted"},
+};
+constexpr CounterName kRxScCounters[] = {
+    {MACSEC_RXSC_STATS_ATTR_IN_OCTETS_VALIDATED, "InOctetsValidated"},
+    {MACSEC_RXSC_STATS_ATTR_IN_OCTETS_DECRYPTED, "InOctetsDecrypted"},
+    {MACSEC_RXSC_STATS_ATTR_IN_PKTS_UNCHECKED, "InPktsUnchecked"},
+    {MACSEC_RXSC_STATS_ATTR_IN_PKTS_DELAYED, "InPktsDelayed"},
+    {MACSEC_RXSC_STATS_ATTR_IN_PKTS_OK, "InPktsOK"},
+    {MACSEC_RXSC_STATS_ATTR_IN_PKTS_INVALID, "InPktsInvalid"},
+    {MACSEC_RXSC_STATS_ATTR_IN_PKTS_LATE, "InPktsLate"},
+    {MACSEC_RXSC_STATS_ATTR_IN_PKTS_NOT_VALID, "InPktsNotValid"},
+    {MACSEC_RXSC_STATS_ATTR_IN_PKTS_NOT_USING_SA, "InPktsNotUsingSA"},
+    {MACSEC_RXSC_STATS_ATTR_IN_PKTS_UNUSED_SA, "InPktsUnusedSA"},
+};
+constexpr CounterName kTxSaCounters[] = {
+    {MACSEC_SA_STATS_ATTR_OUT_PKTS_PROTECTED, "OutPktsProtected"},
+    {MACSEC_SA_STATS_ATTR_OUT_PKTS_ENCRYPTED, "OutPktsEncrypted"},
+};
+constexpr CounterName kRxSaCounters[] = {
+    {MACSEC_SA_STATS_ATTR_IN_PKTS_OK, "InPktsOK"},
+    {MACSEC_SA_STATS_ATTR_IN_PKTS_INVALID, "InPktsInvalid"},
+    {MACSEC_SA_STATS_ATTR_IN_PKTS_NOT_VALID, "InPktsNotValid"},
+    {MACSEC_SA_STATS_ATTR_IN_PKTS_NOT_USING_SA, "InPktsNotUsingSA"},
+    {MACSEC_SA_STATS_ATTR_IN_PKTS_UNUSED_SA, "InPktsUnusedSA"},
+};
+
+// Every counter the table names, in its order: those the kernel left out count 0. The kernel gives
+// an SA's counters in 32 bits, the others in 64; attributes of another size are not read.
+template <size_t N>
+MacsecCounters countersOf(nlattr* nested, const CounterName (&names)[N]) {
+  MacsecCounters counters;
+  for (const CounterName& name : names) counters.push_back({name.name, 0});
+  if (!nested) return counters;
+  nlattr* entry;
+  int remaining;
+  nla_for_each_nested(entry, nested, remaining) {
+    for (size_t i = 0; i < N; ++i) {
+      if (nla_type(entry) != names[i].type) continue;
+      if (nla_len(entry) == sizeof(uint64_t)) counters[i].value = nla_get_u64(entry);
+      if (nla_len(entry) == sizeof(uint32_t)) counters[i].value = nla_get_u32(entry);
+    }
+  }
+  return counters;
 }
 
 KernelSci sciOf(uint64_t raw) {
@@ -365,6 +438,32 @@ std::optional<MacsecLinkView> MacsecNetlink::linkView(const std::string& name) {
     }
   });
   return view;
+}
+
+std::map<int, MacsecLinkCounters> MacsecNetlink::linkCounters() {
+  std::map<int, MacsecLinkCounters> links;
+  dumpLink(0, [&](nlattr** attrs) {
+    MacsecLinkCounters& link = links[static_cast<int>(nla_get_u32(attrs[MACSEC_ATTR_IFINDEX]))];
+    link.secy = countersOf(attrs[MACSEC_ATTR_SECY_STATS], kSecyCounters);
+    link.txSc = countersOf(attrs[MACSEC_ATTR_TXSC_STATS], kTxScCounters);
+    forEachSa(attrs[MACSEC_ATTR_TXSA_LIST], [&](nlattr** sa) {
+      link.txSas[nla_get_u8(sa[MACSEC_SA_ATTR_AN])] = countersOf(sa[MACSEC_SA_ATTR_STATS], kTxSaCounters);
+    });
+    if (!attrs[MACSEC_ATTR_RXSC_LIST]) return;
+    nlattr* entry;
+    int remaining;
+    nla_for_each_nested(entry, attrs[MACSEC_ATTR_RXSC_LIST], remaining) {
+      nlattr* rxsc[MACSEC_RXSC_ATTR_MAX + 1];
+      if (nla_parse_nested(rxsc, MACSEC_RXSC_ATTR_MAX, entry, nullptr) < 0 || !rxsc[MACSEC_RXSC_ATTR_SCI]) continue;
+      MacsecLinkCounters::RxSc channel{
+          sciOf(nla_get_u64(rxsc[MACSEC_RXSC_ATTR_SCI])), countersOf(rxsc[MACSEC_RXSC_ATTR_STATS], kRxScCounters), {}};
+      forEachSa(rxsc[MACSEC_RXSC_ATTR_SA_LIST], [&](nlattr** sa) {
+        channel.sas[nla_get_u8(sa[MACSEC_SA_ATTR_AN])] = countersOf(sa[MACSEC_SA_ATTR_STATS], kRxSaCounters);
+      });
+      link.rxScs.push_back(std::move(channel));
+    }
+  });
+  return links;
 }
 
 std::vector<std::string> MacsecNetlink::markedLinks(const std::string& mark) {

@@ -45,6 +45,7 @@ class MacsecNetlink : public MacsecKernel {
   std::optional<uint64_t> txSaNextPn(int ifindex, uint8_t an) override;
   std::optional<MacsecLinkView> linkView(const std::string& name) override;
   std::vector<std::string> markedLinks(const std::string& mark) override;
+  std::map<int, MacsecLinkCounters> linkCounters() override;
 
  private:
   MacsecNetlink(nl_sock* route, nl_sock* genl, int family) : route_(route), genl_(genl), family_(family) {}
@@ -53,7 +54,8 @@ class MacsecNetlink : public MacsecKernel {
   std::optional<std::string> send(nl_msg* msg, const char* operation, bool existsIsSuccess = false);
   // One SA of the link (a receive SA of `sci`, or a transmit SA without): an update command switches
   // it off, a delete command removes it.
-  // Calls `use` with the attributes of one MACsec link from a dump of the transmit channels.
+  // Calls `use` with the attributes of one MACsec link, or of every one (ifindex 0), from a dump of
+  // the transmit channels.
   void dumpLink(int ifindex, const std::function<void(nlattr** attrs)>& use);
   std::optional<std::string> switchOffOrDeleteSa(uint8_t command, int ifindex, const KernelSci* sci, uint8_t an);
 

@@ -31,9 +31,15 @@ std::optional<std::string> readStateFile(const std::string& path, std::string& e
 }
 
 std::optional<std::string> writeStateFile(const std::string& path, const std::string& text) {
+  return writeFileWhole(path, text, S_IRUSR | S_IWUSR);
+}
+
+std::optional<std::string> writeFileWhole(const std::string& path, const std::string& text, mode_t mode) {
   const std::string next = path + ".next";
-  const int fd = open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  const int fd = open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (fd < 0) return next + ": " + std::strerror(errno);
+  // The mode as asked, whatever the umask.
+  fchmod(fd, mode);
   for (size_t written = 0; written < text.size();) {
     const ssize_t n = write(fd, text.data() + written, text.size() - written);
     if (n < 0 && errno == EINTR) continue;

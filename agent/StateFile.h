@@ -4,6 +4,8 @@
 // whole (written beside, then renamed over), so that a crash leaves the last complete state, never
 // part of one; it is readable by root alone. It holds no key (engine/SavedState.h).
 
+#include <sys/types.h>
+
 #include <optional>
 #include <string>
 
@@ -13,6 +15,8 @@ namespace Macsec {
 std::optional<std::string> readStateFile(const std::string& path, std::string& error);
 // Returns the reason if the file could not be written; the previous one is then left as it was.
 std::optional<std::string> writeStateFile(const std::string& path, const std::string& text);
+// Any file replaced whole so, with its permissions.
+std::optional<std::string> writeFileWhole(const std::string& path, const std::string& text, mode_t mode);
 void removeStateFile(const std::string& path);
 
 }  // namespace Macsec

@@ -1,7 +1,10 @@
 #include "agent/StatusReport.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <ctime>
 #include <sstream>
+#include <type_traits>
 
 #include "platform/Clock.h"
 
@@ -16,44 +19,66 @@ std::string text(const Value& value) {
   return out.str();
 }
 
-// The actor whose key the port uses: the principal one, else the first there is.
-Zef::Ptr<MkaActorStatus> principalActor(const Zef::Ptr<MkaPortStatus>& port) {
-  if (!port) return nullptr;
-  Zef::Ptr<MkaActorStatus> first;
-  for (auto it = port->actorStatusIter(); it; ++it) {
-    const Zef::Ptr<MkaActorStatus> actor = port->actorStatus(it.key());
-    if (actor->principal()) return actor;
-    if (!first) first = actor;
-  }
-  return first;
-}
-
 // A key by its identity only: the key server's member identifier, the key number and the
 // association number.
+nlohmann::json keyReport(const KeyIdentity& key) {
+  return nlohmann::json{{"key-number", key.keyNum}, {"an", key.an}, {"key-server-mi", key.mi.hex().stdString()}};
+}
 nlohmann::json keyReport(const Sak& sak) {
   if (sak.empty()) return nullptr;
-  return nlohmann::json{{"key-number", sak.keyNum}, {"an", sak.an}, {"key-server-mi", sak.mi.hex().stdString()}};
+  return keyReport(KeyIdentity{sak.mi, sak.keyNum, sak.an});
+}
+
+// A moment of the engine's clock as the wall clock's.
+double utcOf(double engineTime) { return Zef::System::currentTimeUtc() - (Zef::System::currentTime() - engineTime); }
+
+nlohmann::json countersReport(const MacsecCounters& counters) {
+  nlohmann::json report = nlohmann::json::object();
+  for (const MacsecCounter& counter : counters) report[counter.name] = counter.value;
+  return report;
+}
+
+// The kernel's counters of the interface's MACsec link, by the names `ip -s macsec show` prints.
+nlohmann::json kernelCountersReport(const MacsecLinkCounters& link) {
+  nlohmann::json report{{"secy", countersReport(link.secy)}, {"tx-sc", countersReport(link.txSc)}};
+  nlohmann::json& txSas = report["tx-sa"] = nlohmann::json::object();
+  for (const auto& [an, counters] : link.txSas) txSas[std::to_string(an)] = countersReport(counters);
+  nlohmann::json& rxScs = report["rx-sc"] = nlohmann::json::array();
+  for (const MacsecLinkCounters::RxSc& sc : link.rxScs) {
+    char sci[17];
+    const uint8_t* o = sc.sci.octets;
+    std::snprintf(sci, sizeof sci, "%02x%02x%02x%02x%02x%02x%02x%02x", o[0], o[1], o[2], o[3], o[4], o[5], o[6], o[7]);
+    nlohmann::json channel{{"sci", sci}, {"counters", countersReport(sc.counters)}};
+    nlohmann::json& sas = channel["rx-sa"] = nlohmann::json::object();
+    for (const auto& [an, counters] : sc.sas) sas[std::to_string(an)] = countersReport(counters);
+    rxScs.push_back(channel);
+  }
+  return report;
+}
+
+// A cipher suite by the name the configuration file gives it: "gcm-aes-xpn-256".
+std::string cipherSuiteName(CipherSuite suite) {
+  std::string text;
+  ProfileSettings::forEach([&]<class S>(S) {
+    if constexpr (std::is_same_v<typename S::Type, CipherSuite>) {
+      for (const auto& [name, value] : S::names) {
+        if (value == suite) text = name;
+      }
+    }
+  });
+  return text;
+}
+
+nlohmann::json peerReport(const MkaPeer& peer, const char* state) {
+  return nlohmann::json{{"sci", sciText(peer.baseInfo().sci)},
+                        {"member-identifier", peer.id().hex().stdString()},
+                        {"state", state},
+                        {"key-server-priority", peer.baseInfo().keyServerPriority}};
 }
 
 const char* saState(bool enabled, bool installed) {
   if (enabled) return "in use";
   return installed ? "installed" : "none";
-}
-
-// A moment of the engine's clock as the wall clock's UTC, to the second: "2026-11-26T03:10:05Z".
-std::string utcText(double engineTime) {
-  const double utc = Zef::System::currentTimeUtc() - (Zef::System::currentTime() - engineTime);
-  const std::time_t seconds = static_cast<std::time_t>(utc);
-  std::tm parts{};
-  gmtime_r(&seconds, &parts);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-  return text;
-}
-
-const char* controlledPort(const Zef::Ptr<CpStatus>& cp) {
-  if (!cp || !cp->controlledPortEnabled()) return "closed";
-  return cp->unprotectedTraffic() ? "open, unprotected" : "secured";
 }
 
 // A profile's settings by their keys in the configuration file, named values by their names.
@@ -74,13 +99,23 @@ nlohmann::json settingsReport(const Profile& profile) {
 
 }  // namespace
 
+std::string utcText(double utc) {
+  const std::time_t seconds = static_cast<std::time_t>(utc);
+  std::tm parts{};
+  gmtime_r(&seconds, &parts);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return text;
+}
+
 nlohmann::json dataPlaneReport(DataPlane plane) {
   nlohmann::json report{{"data-plane", dataPlaneName(plane)}, {"encrypted", plane == DataPlane::kernel}};
   if (plane == DataPlane::emulated) report["warning"] = "the emulated data plane encrypts nothing";
   return report;
 }
 
-nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, bool present, DataPlane plane) {
+nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, bool present, DataPlane plane,
+                               const SessionHistory::Interface* history, const MacsecLinkCounters* kernel) {
   const Zef::Ptr<Status>& status = engine.status();
   nlohmann::json report{{"name", intf.stringValue()}, {"present", present}};
   report.update(dataPlaneReport(plane));
@@ -94,41 +129,99 @@ nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, b
   const bool up = eth && eth->linkStatus() == Interface::linkUp;
   report["link"] = !present ? "absent" : up ? "up" : "down";
 
-  const Zef::Ptr<MkaActorStatus> actor = principalActor(status->portStatus(intf));
+  // Who this port is, and who runs the session with it.
+  const Zef::Ptr<MkaPortStatus> port = status->portStatus(intf);
+  const Zef::Ptr<MkaActorStatus> actor = principalActor(port);
+  report["sci"] = port && !port->mySci().isZero() ? nlohmann::json(sciText(port->mySci())) : nullptr;
+  report["member-identifier"] = actor ? nlohmann::json(actor->msgId().hex().stdString()) : nullptr;
   report["ckn"] = actor ? nlohmann::json(actor->ckn().hex().stdString()) : nlohmann::json(nullptr);
-  report["key-server"] = actor && !actor->keyServer().isZero() ? nlohmann::json(text(actor->keyServer())) : nullptr;
   report["is-key-server"] = actor && actor->electedSelf();
+  report["key-server"] = nullptr;
+  if (actor && !actor->keyServer().isZero()) {
+    uint8_t priority = 0;
+    if (const Zef::Ptr<IntfStatus> own = status->intfStatus(intf); own && actor->electedSelf()) {
+      priority = own->keyServerPriority();
+    }
+    for (auto it = actor->livePeerIter(); it; ++it) {
+      const BasicInfo& info = actor->livePeer(it.key())->baseInfo();
+      if (info.sci == actor->keyServer()) priority = info.keyServerPriority;
+    }
+    report["key-server"] = {{"sci", sciText(actor->keyServer())}, {"key-server-priority", priority}};
+  }
   report["live-peers"] = actor ? actor->livePeerSize() : 0;
   report["potential-peers"] = actor ? actor->potentialPeerSize() : 0;
+  nlohmann::json& peers = report["peers"] = nlohmann::json::array();
+  if (actor) {
+    for (auto it = actor->livePeerIter(); it; ++it) peers.push_back(peerReport(*actor->livePeer(it.key()), "live"));
+    for (auto it = actor->potentialPeerIter(); it; ++it) {
+      peers.push_back(peerReport(*actor->potentialPeer(it.key()), "potential"));
+    }
+  }
 
+  // The keys, by identity: the one transmitted on, those received on, and the one on its way in.
   const Zef::Ptr<CpStatus> cp = status->cpStatus(intf);
   const SakContext latest = cp ? cp->latestSakContext() : SakContext{};
   const SakContext old = cp ? cp->oldSakContext() : SakContext{};
+  report["cipher-suite"] = cp ? nlohmann::json(cipherSuiteName(cp->macsecParams().cipherSuite)) : nullptr;
+  // Octets in the clear before confidentiality starts, as the key server keys.
+  report["confidentiality-offset"] = cp ? cp->confidentialityOffset() : 0;
+  const std::optional<KeyIdentity> transmit = transmitKeyOf(cp);
+  report["transmit-key"] = transmit ? keyReport(*transmit) : nullptr;
+  if (transmit && history && history->transmitKey == transmit) {
+    report["transmit-key"]["since"] = utcText(history->transmitSince);
+  }
+  nlohmann::json& receive = report["receive-keys"] = nlohmann::json::array();
+  for (const SakContext& context : {old, latest}) {
+    if (context.rxEnabled && !context.sak.empty()) receive.push_back(keyReport(context.sak));
+  }
+  report["incoming-key"] = nullptr;
+  if (actor && !actor->distSak().empty() &&
+      !(transmit && actor->distSak().keyNum == transmit->keyNum && actor->distSak().mi == transmit->mi)) {
+    report["incoming-key"] = keyReport(actor->distSak());
+  }
   report["latest-key"] = keyReport(latest.sak);
   report["old-key"] = keyReport(old.sak);
   report["tx-sa"] = saState(latest.txEnabled || old.txEnabled, latest.txInstalled || old.txInstalled);
   report["rx-sa"] = saState(latest.rxEnabled || old.rxEnabled, latest.rxInstalled || old.rxInstalled);
-  report["controlled-port"] = controlledPort(cp);
-  // Octets in the clear before confidentiality starts, as the key server keys.
-  report["confidentiality-offset"] = cp ? cp->confidentialityOffset() : 0;
+  const std::string controlledPort = controlledPortState(cp);
+  report["controlled-port"] = controlledPort;
   // A port that lost its last live peer keeps its keys for its profile's keys-without-peer, and
   // says so: it is not "secured" with anybody meanwhile.
-  const Zef::Ptr<MkaPortStatus> port = status->portStatus(intf);
   const double peerlessSince = port ? port->noLivePeerSince() : 0;
-  report["no-live-peer-since"] = peerlessSince > 0 ? nlohmann::json(utcText(peerlessSince)) : nullptr;
+  const std::string peerless = peerlessSince > 0 ? utcText(utcOf(peerlessSince)) : std::string();
+  report["no-live-peer-since"] = peerlessSince > 0 ? nlohmann::json(peerless) : nullptr;
   report["status"] = !present                     ? "waiting for the interface"
                      : !up                        ? "link down"
                      : !actor                     ? "no key"
-                     : peerlessSince > 0          ? "no live peer since " + utcText(peerlessSince) + ", keys kept"
+                     : peerlessSince > 0          ? "no live peer since " + peerless + ", keys kept"
                      : actor->livePeerSize() == 0 ? "no peer"
-                                                  : controlledPort(cp);
+                                                  : controlledPort;
+  report["secured-since"] = nullptr;
+  report["secured-seconds"] = nullptr;
+  if (history && history->securedSince > 0) {
+    report["secured-since"] = utcText(history->securedSince);
+    report["secured-seconds"] = std::max(0.0, Zef::System::currentTimeUtc() - history->securedSince);
+  }
+  report["transmit-key-changes"] = history ? history->transmitKeyChanges : 0;
+  report["last-change"] = nullptr;
+  if (history && history->lastChange) {
+    report["last-change"] = {{"at", utcText(history->lastChange->at)}, {"reason", history->lastChange->reason}};
+  }
+  // Frames say whether the session protects anything: the peers may report a key in use that
+  // their data plane never took.
+  if (history && history->noFrameDecrypts) {
+    report["frames-warning"] = "the peer reports the key in use, but no frame from it decrypts";
+  }
+  report["frames-not-decrypting"] = history ? history->noFrameDecryptsCount : 0;
+  if (kernel) report["kernel-counters"] = kernelCountersReport(*kernel);
   return report;
 }
 
-nlohmann::json countersReport(const Engine& engine, const Lanx::IntfId& intf) {
+nlohmann::json countersReport(const Engine& engine, const Lanx::IntfId& intf, bool sinceCleared) {
   const Zef::Ptr<Memtab::MessageCounters>& counters = engine.counters();
   const Memtab::MessageCounterData live = counters->row(intf);
-  const Memtab::MessageCounterData cleared = counters->msgCounterSnapshot(intf);
+  const Memtab::MessageCounterData cleared =
+      sinceCleared ? counters->msgCounterSnapshot(intf) : Memtab::MessageCounterData{};
   auto since = [](uint64_t now, uint64_t then) { return now >= then ? now - then : now; };
   return nlohmann::json{
       {"name", intf.stringValue()},

@@ -8,18 +8,26 @@
 #include <nlohmann/json.hpp>
 
 #include "agent/ConfigFile.h"
+#include "agent/MacsecKernel.h"
+#include "agent/SessionHistory.h"
 #include "engine/Engine.h"
 
 namespace Macsec {
 
 // The session of one interface the configuration names; `present` says whether the kernel has
-// the interface yet.
-nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, bool present, DataPlane plane);
+// the interface yet. What the daemon saw of it lately, and the kernel's counters of its MACsec link,
+// where there are some.
+nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, bool present, DataPlane plane,
+                               const SessionHistory::Interface* history, const MacsecLinkCounters* kernel);
+
+// A moment of the wall clock in UTC, to the second: "2026-11-26T03:10:05Z".
+std::string utcText(double utc);
 
 // What the data plane does, for the head of every view.
 nlohmann::json dataPlaneReport(DataPlane plane);
 
-// One interface's MKPDU counters since they were last cleared, each refusal by its reason.
-nlohmann::json countersReport(const Engine& engine, const Lanx::IntfId& intf);
+// One interface's MKPDU counters, each refusal by its reason: since they were last cleared, or
+// since the start, as monitoring expects counters to run.
+nlohmann::json countersReport(const Engine& engine, const Lanx::IntfId& intf, bool sinceCleared = true);
 
 }  // namespace Macsec

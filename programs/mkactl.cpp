@@ -7,12 +7,15 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
+
+#include "Version.h"
 
 namespace {
 
@@ -95,9 +98,100 @@ void printTable(const std::vector<std::string>& head, const std::vector<std::vec
   for (const auto& row : rows) print(row);
 }
 
+// A key in words: "key 2 (AN 1) of key server 0011223344556677".
+std::string keyWords(const Json& key) {
+  const std::string mi = key["key-server-mi"].get<std::string>();
+  return "key " + std::to_string(key["key-number"].get<uint32_t>()) + " (AN " + std::to_string(key["an"].get<int>()) +
+         ") of key server " + mi.substr(mi.size() > 8 ? mi.size() - 8 : 0);
+}
+
 std::string keyCell(const Json& key) {
-  if (key.is_null()) return "-";
+  if (key.is_null()) return "none";
   return std::to_string(key["key-number"].get<uint32_t>()) + " (AN " + std::to_string(key["an"].get<int>()) + ")";
+}
+
+// Counters that are not zero, "Name value" apart; "none" if all are.
+std::string nonZero(const Json& counters) {
+  std::string text;
+  for (const auto& [name, value] : counters.items()) {
+    if (value.get<uint64_t>() != 0)
+      text += (text.empty() ? "" : ", ") + name + " " + std::to_string(value.get<uint64_t>());
+  }
+  return text.empty() ? "none" : text;
+}
+
+// A line of the details, broken after "; " to stay within 100 columns; what follows a break is
+// indented under the line's start.
+void printWrapped(const std::string& text) {
+  constexpr size_t kColumns = 100;
+  const size_t indent = text.find_first_not_of(' ') + 2;
+  std::string line;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find("; ", start);
+    const std::string part = text.substr(start, end == std::string::npos ? std::string::npos : end + 2 - start);
+    if (!line.empty() && line.size() + part.size() > kColumns) {
+      while (!line.empty() && line.back() == ' ') line.pop_back();
+      std::cout << line << "\n";
+      line = std::string(indent, ' ');
+    }
+    line += part;
+    start = end == std::string::npos ? text.size() : end + 2;
+  }
+  std::cout << line << "\n";
+}
+
+// One interface in words, below the table.
+void showDetails(const Json& intf) {
+  std::cout << "\n" << intf["name"].get<std::string>() << ": " << cell(intf["status"]);
+  if (intf.contains("profile")) std::cout << ", profile " << cell(intf["profile"]);
+  std::cout << ", " << cell(intf["cipher-suite"]) << ", confidentiality offset " << cell(intf["confidentiality-offset"])
+            << "\n";
+  if (intf.contains("frames-warning")) std::cout << "  WARNING: " << cell(intf["frames-warning"]) << "\n";
+  std::cout << "  this port: SCI " << cell(intf["sci"]) << ", member " << cell(intf["member-identifier"]) << "\n";
+  std::cout << "  CKN: " << cell(intf["ckn"]) << "\n";
+  const Json& server = intf["key-server"];
+  std::cout << "  key server: "
+            << (server.is_null() ? "none"
+                                 : (intf["is-key-server"].get<bool>() ? "this port, SCI " : "SCI ") +
+                                       cell(server["sci"]) + ", priority " + cell(server["key-server-priority"]))
+            << "\n";
+  const Json& transmit = intf["transmit-key"];
+  std::cout << "  transmits on: "
+            << (transmit.is_null()
+                    ? "no key"
+                    : keyWords(transmit) + (transmit.contains("since") ? ", since " + cell(transmit["since"]) : ""))
+            << "\n";
+  std::string receive;
+  for (const Json& key : intf["receive-keys"]) receive += (receive.empty() ? "" : "; ") + keyWords(key);
+  std::cout << "  receives on: " << (receive.empty() ? "no key" : receive) << "\n";
+  std::cout << "  key on its way in: " << (intf["incoming-key"].is_null() ? "none" : keyWords(intf["incoming-key"]))
+            << "\n";
+  for (const Json& peer : intf["peers"]) {
+    std::cout << "  peer " << cell(peer["sci"]) << ": " << cell(peer["state"]) << ", member "
+              << cell(peer["member-identifier"]) << ", priority " << cell(peer["key-server-priority"]) << "\n";
+  }
+  if (intf["peers"].empty()) std::cout << "  peers: none\n";
+  if (const Json& change = intf["last-change"]; !change.is_null()) {
+    printWrapped("  last change: " + cell(change["at"]) + ", " + cell(change["reason"]));
+  }
+  std::string link = cell(intf["data-plane"]) + " data plane";
+  if (intf.contains("macsec-interface")) link += ", MACsec link " + cell(intf["macsec-interface"]);
+  if (!intf["encrypted"].get<bool>()) link += " (encrypts nothing)";
+  std::cout << "  " << link << "\n";
+  if (!intf.contains("kernel-counters")) return;
+  const Json& kernel = intf["kernel-counters"];
+  std::cout << "    SecY: " << nonZero(kernel["secy"]) << "\n";
+  std::cout << "    tx SC: " << nonZero(kernel["tx-sc"]) << "\n";
+  for (const auto& [an, counters] : kernel["tx-sa"].items()) {
+    std::cout << "    tx SA " << an << ": " << nonZero(counters) << "\n";
+  }
+  for (const Json& sc : kernel["rx-sc"]) {
+    std::cout << "    rx SC " << cell(sc["sci"]) << ": " << nonZero(sc["counters"]) << "\n";
+    for (const auto& [an, counters] : sc["rx-sa"].items()) {
+      std::cout << "    rx SA " << an << ": " << nonZero(counters) << "\n";
+    }
+  }
 }
 
 void showSessions(const Json& reply) {
@@ -113,18 +207,16 @@ void showSessions(const Json& reply) {
   std::cout << "\n";
   std::vector<std::vector<std::string>> rows;
   for (const Json& intf : reply["interfaces"]) {
-    std::string server = cell(intf["key-server"]);
-    if (intf["is-key-server"].get<bool>()) server += " (self)";
-    std::string plane = intf["data-plane"].get<std::string>();
-    if (!intf["encrypted"].get<bool>()) plane += " (not encrypted)";
-    if (intf.contains("macsec-interface")) plane += " on " + intf["macsec-interface"].get<std::string>();
-    rows.push_back({cell(intf["name"]), cell(intf.value("profile", Json())), cell(intf["status"]), cell(intf["ckn"]),
-                    server, cell(intf["live-peers"]), keyCell(intf["latest-key"]), keyCell(intf["old-key"]),
-                    cell(intf["tx-sa"]), cell(intf["rx-sa"]), cell(intf["controlled-port"]), plane});
+    const Json& server = intf["key-server"];
+    const std::string serverCell = server.is_null()                    ? "-"
+                                   : intf["is-key-server"].get<bool>() ? "self"
+                                                                       : cell(server["sci"]);
+    rows.push_back({cell(intf["name"]), cell(intf["status"]), serverCell,
+                    std::to_string(intf["live-peers"].get<size_t>()) + " live", keyCell(intf["transmit-key"]),
+                    cell(intf["controlled-port"])});
   }
-  printTable({"interface", "profile", "status", "ckn", "key server", "peers", "latest key", "old key", "tx SA", "rx SA",
-              "controlled port", "data plane"},
-             rows);
+  printTable({"interface", "status", "key server", "peers", "transmit key", "controlled port"}, rows);
+  for (const Json& intf : reply["interfaces"]) showDetails(intf);
 }
 
 // One row per field, in the daemon's order, and one column per interface: the fields of each
@@ -151,15 +243,20 @@ int main(int argc, char** argv) {
   std::string socketPath = "/run/mkad/mkad.sock";
   bool json = false;
   std::string what;
+  std::string only;
   CLI::App app{"mkactl: status and control of a running mkad"};
+  app.set_version_flag("-V,--version", "mkactl " MKA_VERSION_TEXT);
   app.add_option("--socket", socketPath, "mkad's control socket")->capture_default_str();
   app.require_subcommand(1);
   CLI::App* show = app.add_subcommand("show", "the session of each interface, its MKPDU counters or its settings");
-  show->add_option("what", what, "'counters' for the MKPDU counters, 'settings' for the profiles' settings")
-      ->check(CLI::IsMember({"counters", "settings"}));
+  show->add_option("what", what,
+                   "'counters' for the MKPDU counters, 'settings' for the profiles' settings, or an interface's name");
+  show->add_option("interface", only, "only this interface");
   show->add_flag("--json", json, "as JSON");
   CLI::App* clear = app.add_subcommand("clear", "clear the MKPDU counters");
   clear->add_option("what", what, "'counters'")->required()->check(CLI::IsMember({"counters"}));
+  clear->add_option("interface", only, "only this interface's");
+  CLI::App* metrics = app.add_subcommand("metrics", "the state and counters in the Prometheus text format");
   CLI::App* reload = app.add_subcommand("reload", "read the configuration file again and apply it if it is valid");
   bool teardown = false;
   CLI::App* shutdown = app.add_subcommand(
@@ -168,7 +265,20 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
 
   if (*show) {
-    const Json reply = ask(socketPath, {{"command", what == "counters" ? "counters" : "show"}}, true);
+    // "show IFACE" names an interface where the view's name would go.
+    if (!what.empty() && what != "counters" && what != "settings") {
+      if (!only.empty()) fail("show takes one interface: " + what + " or " + only);
+      only = what;
+      what.clear();
+    }
+    Json reply = ask(socketPath, {{"command", what == "counters" ? "counters" : "show"}}, true);
+    if (!only.empty()) {
+      Json& interfaces = reply["interfaces"];
+      interfaces.erase(
+          std::remove_if(interfaces.begin(), interfaces.end(), [&](const Json& intf) { return intf["name"] != only; }),
+          interfaces.end());
+      if (interfaces.empty()) fail("no interface " + only + " is configured");
+    }
     if (json) {
       std::cout << reply.dump(2) << "\n";
     } else if (what == "counters") {
@@ -179,8 +289,12 @@ int main(int argc, char** argv) {
       showSessions(reply);
     }
   } else if (*clear) {
-    ask(socketPath, {{"command", "clear-counters"}});
-    std::cout << "counters cleared\n";
+    Json request{{"command", "clear-counters"}};
+    if (!only.empty()) request["interface"] = only;
+    ask(socketPath, request);
+    std::cout << (only.empty() ? "counters cleared\n" : only + "'s counters cleared\n");
+  } else if (*metrics) {
+    std::cout << ask(socketPath, {{"command", "metrics"}}, true)["text"].get<std::string>();
   } else if (*reload) {
     ask(socketPath, {{"command", "reload"}});
     std::cout << "configuration reloaded\n";

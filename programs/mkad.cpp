@@ -19,6 +19,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "Version.h"
 #include "agent/ConfigFile.h"
 #include "agent/CoreDumps.h"
 #include "agent/Daemon.h"
@@ -150,6 +151,7 @@ int teardownOnly(const Macsec::DaemonOptions& options, bool ifStopped) {
 int main(int argc, char** argv) {
   Options options;
   CLI::App app{"mkad: the MACsec Key Agreement daemon"};
+  app.set_version_flag("-V,--version", "mkad " MKA_VERSION_TEXT);
   app.add_option("-c,--config", options.daemon.configPath, "configuration file")->capture_default_str();
   app.add_option("--socket", options.daemon.socketPath, "control socket")->capture_default_str();
   app.add_option("--state", options.daemon.statePath, "the state kept for the next run")->capture_default_str();
@@ -194,6 +196,7 @@ int main(int argc, char** argv) {
     Macsec::EventLoop loop({SIGTERM, SIGINT, SIGHUP});
     signal(SIGPIPE, SIG_IGN);
     options.daemon.notify = [](const std::string& state) { sd_notify(0, state.c_str()); };
+    options.daemon.version = MKA_VERSION_TEXT;
     Macsec::Daemon daemon(loop, options.daemon);
     loop.signalHandlerIs([&](int signal) {
       if (signal == SIGHUP) {

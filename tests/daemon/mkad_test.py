@@ -17,6 +17,8 @@ import tempfile
 import time
 import unittest
 
+from prometheus_client.parser import text_string_to_metric_families
+
 MKAD = MKACTL = None
 
 CKN = "96437a93ccf10d9dfe347846cce52c7d"
@@ -205,7 +207,58 @@ class Sessions(DaemonTest):
                     self.assertGreater(counters["out-mkpdu"], 0)
                 self.assertEqual(pair.a.session()["is-key-server"], not pair.b.session()["is-key-server"])
                 self.assertIsNotNone(key["key-server-mi"])
+                self.check_the_view_in_words(pair, key)
+                self.check_the_metrics(pair, cak)
                 pair.close()
+
+    def check_the_metrics(self, pair, cak):
+        """The metrics, as a real parser reads them, from mkactl and from the textfile the daemon writes."""
+        def samples(text):
+            return {(s.name, tuple(sorted(s.labels.items()))): s.value
+                    for family in text_string_to_metric_families(text) for s in family.samples}
+        result = pair.a.ctl("metrics")
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertNotIn(cak, result.stdout.lower())
+        read = samples(result.stdout)
+        self.assertGreaterEqual(len(read), 10)
+        session = (("ckn", CKN), ("interface", "eth-a"))
+        self.assertEqual(read[("mkad_secured", session)], 1)
+        self.assertEqual(read[("mkad_live_peers", session)], 1)
+        self.assertGreaterEqual(read[("mkad_transmit_keys_total", session)], 1)
+        self.assertGreater(read[("mkad_mkpdus_received_total", (("interface", "eth-a"),))], 0)
+        self.assertEqual(read[("mkad_data_plane_encrypts", ())], 0)
+        # The same text, written whole for node exporter's textfile collector, readable by it.
+        metrics_file = os.path.join(self.workdir, "mkad.prom")
+        with open(pair.a.config) as f:
+            text = f.read()
+        with open(pair.a.config, "w") as f:
+            f.write(text.replace("[global]\n", '[global]\nmetrics-file = "%s"\nmetrics-interval = 1\n' % metrics_file))
+        self.assertEqual(pair.a.ctl("reload").returncode, 0)
+        wait_for(lambda: os.path.exists(metrics_file), 5, "the metrics file")
+        self.assertEqual(os.stat(metrics_file).st_mode & 0o777, 0o644)
+        with open(metrics_file) as f:
+            self.assertEqual(samples(f.read())[("mkad_secured", session)], 1)
+
+    def check_the_view_in_words(self, pair, key):
+        """Who is who and which key is in use, in words, and an interface at a time."""
+        a, b = pair.a.session(), pair.b.session()
+        server, follower = (pair.a, pair.b) if a["is-key-server"] else (pair.b, pair.a)
+        for session, other in ((a, b), (b, a)):
+            self.assertRegex(session["sci"], r"^[0-9a-f]{16}$")
+            self.assertEqual([(p["sci"], p["member-identifier"], p["state"]) for p in session["peers"]],
+                             [(other["sci"], other["member-identifier"], "live")])
+            self.assertEqual(session["key-server"]["sci"], server.session()["sci"])
+            self.assertEqual(session["transmit-key"]["key-number"], key["key-number"])
+            self.assertEqual(session["receive-keys"], [{k: v for k, v in key.items()}])
+            self.assertRegex(session["last-change"]["reason"], "transmits on key|port secured|peer")
+        text = follower.ctl("show", follower.interface).stdout
+        self.assertIn("  transmits on: key %d (AN %d) of key server %s, since " %
+                      (key["key-number"], key["an"], key["key-server-mi"][-8:]), text)
+        self.assertIn("  key server: SCI %s, priority 16" % server.session()["sci"], text)
+        self.assertTrue(all(len(line) <= 100 for line in text.splitlines()), text)
+        self.assertIn("no interface eth-x is configured", follower.ctl("show", "eth-x").stderr)
+        self.assertEqual(follower.ctl("clear", "counters", follower.interface).returncode, 0)
+        self.assertLess(follower.counters()["in-mkpdu"], 3)
 
     def test_a_reload_moves_to_a_new_key_without_closing_the_port_and_a_broken_file_changes_nothing(self):
         pair = Pair(self)
@@ -492,15 +545,15 @@ class Service(DaemonTest):
         self.assertEqual(shown.returncode, 0, shown.stderr)
         self.assertEqual(json.loads(shown.stdout)["interfaces"][0]["name"], "lo")
         self.assertEqual(as_nobody("show", "counters").returncode, 0)
+        self.assertIn("mkad_secured{", as_nobody("metrics").stdout)
         for command in (["reload"], ["clear", "counters"], ["shutdown"]):
             refused = as_nobody(*command)
             self.assertEqual(refused.returncode, 1)
             self.assertIn("Permission denied", refused.stderr)
-        client = socket.socket(socket.AF_UNIX)
-        client.connect(os.path.join(os.path.dirname(daemon.socket), "monitor.sock"))
-        client.sendall(b'{"command": "shutdown"}\n')
-        self.assertIn("show and counters only", json.loads(client.makefile().readline())["error"])
-        client.close()
+        with socket.socket(socket.AF_UNIX) as client:
+            client.connect(os.path.join(os.path.dirname(daemon.socket), "monitor.sock"))
+            client.sendall(b'{"command": "shutdown"}\n')
+            self.assertIn("show, counters and metrics only", json.loads(client.makefile().readline())["error"])
         self.assertIsNone(daemon.process.poll())
         self.assertEqual(os.stat(daemon.socket).st_mode & 0o777, 0o600)
 

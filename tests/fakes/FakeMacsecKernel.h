@@ -144,6 +144,9 @@ class FakeMacsecKernel : public MacsecKernel {
     }
     return names;
   }
+  // What a test set.
+  std::map<int, MacsecLinkCounters> linkCounters() override { return counters; }
+  std::map<int, MacsecLinkCounters> counters;
 
  private:
   // The call is recorded; it fails with the refusal set for its verb, or "No such device" when

@@ -1,6 +1,6 @@
 # The scenarios: each a function that fails (exit 1) with a reason or returns. They run one after
 # another in one VM; cleanup_all takes each one's namespaces and daemons away.
-ALL_SCENARIOS="known_answer secure_128 secure_256 secure_xpn rekey_under_ping_flood flap_restart_and_reload restart_without_a_hit restart_during_rekeys corrupted_state teardown cak_mismatch closed_port allow_unprotected"
+ALL_SCENARIOS="known_answer secure_128 peer_without_a_data_plane secure_256 secure_xpn rekey_under_ping_flood flap_restart_and_reload restart_without_a_hit restart_during_rekeys corrupted_state teardown cak_mismatch closed_port allow_unprotected"
 
 # A secured session between A (10.66.0.1) and B (10.66.0.2) that a first ping has crossed.
 session() {  # session CAK [PROFILE LINES...]
@@ -65,6 +65,40 @@ scenario_secure_128() {
   # The kernel's gcm(aes) is registered once a link uses it, and the FIPS view reads its self test.
   self_test=$(grep -o '"kernel-gcm-aes-self-test": "[^"]*"' /tmp/secure_128-show.json | cut -d'"' -f4)
   case "$self_test" in passed|"not run") note "kernel_gcm_aes_self_test=$self_test" ;; *) fail "gcm(aes) self test read as '$self_test'" ;; esac
+  # Frames out of order are dropped unless the file widens the window.
+  grep -q "replay on window 0" /tmp/secure_128-macsec.txt || fail "replay protection is not on: $(head -1 /tmp/secure_128-macsec.txt)"
+  # The view says the key in use in words, and the kernel's counters of its SAs.
+  mkactl --socket /tmp/A/mkad.sock show veth-a > /tmp/secure_128-show.txt
+  export_file /tmp/secure_128-show.txt secure_128-show.txt
+  grep -q "^  transmits on: key [0-9]* (AN [0-3]) of key server [0-9a-f]*, since " /tmp/secure_128-show.txt ||
+    fail "no key in use in words: $(cat /tmp/secure_128-show.txt)"
+  grep -q "^    rx SA [0-3]: InPktsOK [1-9]" /tmp/secure_128-show.txt || fail "no receive SA counters: $(cat /tmp/secure_128-show.txt)"
+  grep -q "^    tx SA [0-3]: OutPktsEncrypted [1-9]" /tmp/secure_128-show.txt || fail "no transmit SA counters"
+}
+
+# A peer that says it transmits on the key but whose data plane never took it (here an emulated
+# plane, which sends in the clear): both ends call the session secured, and only the kernel's
+# counters tell. mkad says so, in the view, the log and the counters.
+scenario_peer_without_a_data_plane() {
+  pair
+  config A "$CAK128"
+  config B "$CAK128"
+  sed -i 's/^dataplane = "kernel"/dataplane = "emulated"/' /tmp/B.toml
+  start A
+  start B
+  wait_for 60 both_secured || fail "not secured"
+  address A 10.66.0.1
+  ip -n B addr add 10.66.0.2/24 dev veth-b
+  started=$(now)
+  ip netns exec B ping -q -i 0.2 -w 40 10.66.0.1 > /dev/null 2>&1 &
+  pinger=$!
+  wait_for 30 eval 'show A | grep -q "\"frames-warning\": \"the peer reports the key in use, but no frame from it decrypts\""' ||
+    fail "A did not see that no frame decrypts: $(show A | grep -A3 kernel-counters)"
+  kill "$pinger" 2>/dev/null
+  grep -q "MKAD_NO_FRAME_DECRYPTS: Interface veth-a: the peer reports the key in use, but no frame from it decrypts" /tmp/A.log ||
+    fail "the log does not say it"
+  mkactl --socket /tmp/A/mkad.sock show | grep -q "WARNING: the peer reports the key in use" || fail "the text view does not say it"
+  note "said_after=$(since "$started")s"
 }
 
 scenario_secure_256() {
