@@ -134,11 +134,13 @@ class Reader {
 
   Zef::Ptr<Profile> readProfile(toml::table& t, const std::string& name, const std::string& field,
                                 DataPlane plane) const {
-    std::vector<std::string_view> known{"ckn", "cak", "cak-file", "fallback-ckn", "fallback-cak", "fallback-cak-file"};
+    std::vector<std::string_view> known{
+        "ckn", "cak", "cak-file", "fallback-ckn", "fallback-cak", "fallback-cak-file", "security-policy"};
     ProfileSettings::forEach([&]<class S>(S) { known.push_back(S::fileKey); });
     onlyKnown(t, field, known);
     const Zef::Ptr<Profile> profile = Profile::ProfileIs(Zef::Name(name));
     ProfileSettings::forEach([&]<class S>(S) { readSetting<S>(t, field, *profile); });
+    readSecurityPolicy(t, field, *profile);
     profile->keyIs(key(t, field, "ckn", "cak", "cak-file"));
     profile->defaultKeyIs(key(t, field, "fallback-ckn", "fallback-cak", "fallback-cak-file"));
     // A key needs a few seconds to go into service: out to every member, installed, reported back
@@ -153,6 +155,10 @@ class Reader {
     // A window without replay protection would be accepted and do nothing.
     if (profile->replayProtectionWindow() != 0 && !profile->replayProtection()) {
       fail(*t.get("replay-window"), field + ".replay-window", "takes effect only with replay-protection = true");
+    }
+    if (profile->confidentialityOffset() != 0 && !profile->confidentiality()) {
+      fail(*t.get("confidentiality-offset"), field + ".confidentiality-offset",
+           "takes effect only with confidentiality = true");
     }
     if (profile->confidentialityOffset() != 0 && plane == DataPlane::kernel) {
       fail(*t.get("confidentiality-offset"), field + ".confidentiality-offset",
@@ -203,6 +209,20 @@ class Reader {
         S::set(profile, static_cast<Type>(value));
       }
     }
+  }
+
+  // The policies as switches name them: must-secure passes nothing unprotected, before a session
+  // or after it is lost; should-secure passes traffic unprotected while no key is in use. They are
+  // the two values of allow-unprotected, under the names operators know.
+  void readSecurityPolicy(toml::table& t, const std::string& field, Profile& profile) const {
+    std::string* policy = text(t, field, "security-policy");
+    if (policy == nullptr) return;
+    const std::string where = field + ".security-policy";
+    if (t.get("allow-unprotected")) fail(*t.get("security-policy"), where, "give it or allow-unprotected, not both");
+    if (*policy != "must-secure" && *policy != "should-secure") {
+      fail(*t.get("security-policy"), where, "must be \"must-secure\" or \"should-secure\"");
+    }
+    profile.allowUnprotectedIs(*policy == "should-secure");
   }
 
   // "a", "a or b", "a, b or c".

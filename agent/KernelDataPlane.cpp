@@ -61,6 +61,7 @@ MacsecLinkState linkStateOf(const CpStatus& cp) {
   state.up = cp.controlledPortEnabled();
   state.protect = !cp.unprotectedTraffic();
   state.validate = !cp.unprotectedTraffic();
+  state.encrypt = cp.confidentialityOffset() != kNoConfidentiality;
   return state;
 }
 
@@ -69,7 +70,7 @@ MacsecLinkState linkStateOf(const CpStatus& cp) {
 void KernelDataPlane::handleInitialized() {
   TRACE(8, "");
   initializedIs(true);
-  // The kernel's MACsec encrypts from the first octet, or not at all.
+  // The kernel's MACsec encrypts from the first octet, or not at all (integrity only).
   hardware()->macsecCapabilityIs(macsecConfidentialityAtZero);
   for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(status()->cpStatusIter())) updateLink(intfId);
 }

@@ -40,6 +40,7 @@ struct MacsecLinkState {
   bool up = false;       // frames pass at all
   bool protect = true;   // frames sent are protected
   bool validate = true;  // received frames are validated strictly; else accepted unprotected
+  bool encrypt = true;   // frames sent are encrypted; else their integrity alone is protected
   int encodingSa = -1;   // the association number frames are sent with; -1 leaves it
 };
 

@@ -125,6 +125,7 @@ std::optional<std::string> MacsecNetlink::linkUpdate(int ifindex, const MacsecLi
     rtnl_link_unset_flags(change, IFF_UP);
   }
   rtnl_link_macsec_set_protect(change, state.protect ? 1 : 0);
+  rtnl_link_macsec_set_encrypt(change, state.encrypt ? 1 : 0);
   rtnl_link_macsec_set_validation_type(change, state.validate ? MACSEC_VALIDATE_STRICT : MACSEC_VALIDATE_DISABLED);
   if (state.encodingSa >= 0) rtnl_link_macsec_set_encoding_sa(change, static_cast<uint8_t>(state.encodingSa));
   const int error = rtnl_link_change(route_, orig, change, 0);

@@ -162,9 +162,13 @@ nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, b
   const Zef::Ptr<CpStatus> cp = status->cpStatus(intf);
   const SakContext latest = cp ? cp->latestSakContext() : SakContext{};
   const SakContext old = cp ? cp->oldSakContext() : SakContext{};
-  report["cipher-suite"] = cp ? nlohmann::json(cipherSuiteName(cp->macsecParams().cipherSuite)) : nullptr;
+  report["macsec-cipher-suite"] = cp ? nlohmann::json(cipherSuiteName(cp->macsecParams().cipherSuite)) : nullptr;
   // Octets in the clear before confidentiality starts, as the key server keys.
-  report["confidentiality-offset"] = cp ? cp->confidentialityOffset() : 0;
+  // Integrity only has no offset.
+  const bool confidential = !cp || cp->confidentialityOffset() != kNoConfidentiality;
+  report["confidentiality"] = confidential;
+  report["confidentiality-offset"] =
+      confidential ? nlohmann::json(cp ? cp->confidentialityOffset() : 0) : nlohmann::json(nullptr);
   const std::optional<KeyIdentity> transmit = transmitKeyOf(cp);
   report["transmit-key"] = transmit ? keyReport(*transmit) : nullptr;
   if (transmit && history && history->transmitKey == transmit) {

@@ -265,7 +265,9 @@ void MkaActorSm::countKeyNotFromKeyServer() {
 
 void MkaActorSm::refuseOffset(const MemberId& keyServer, uint8_t offsetCode) {
   const std::optional<uint8_t> offset = offsetOfCode(offsetCode);
-  const std::string asked = offset ? std::to_string(*offset) + " octets" : "none (integrity only)";
+  const std::string asked = !offset                         ? "code " + std::to_string(offsetCode)
+                            : *offset == kNoConfidentiality ? "none (integrity only)"
+                                                            : std::to_string(*offset) + " octets";
   TRACE(1, ": Refusing the SAK from peer " << keyServer << ": confidentiality offset " << asked
                                            << " not offered by the data plane" << forActor());
   if (memtabCounters()) memtabCounters()->countIn(intfId(), &Memtab::MessageCounterData::inOffsetRefused);

@@ -322,9 +322,9 @@ bool MkaKeyServerSm::generateNewSak() {
 
   Zef::log(MKA_SAK_CREATED, keyServerTail(msgId), keyNum, intfId());
 
-  // The profile's confidentiality offset, where this port's data plane and every live peer offer
-  // it; else none, which all do.
-  uint8_t offset = mkaIntfStatus()->confidentialityOffset();
+  // The profile's confidentiality offset, or integrity only, where this port's data plane and every
+  // live peer offer it; else an offset of none, which all do.
+  uint8_t offset = mkaIntfStatus()->confidentiality() ? mkaIntfStatus()->confidentialityOffset() : kNoConfidentiality;
   bool everyoneOffers = offersOffset(hwStatus()->capabilityOf(intfId()), offset);
   for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) {
     everyoneOffers = everyoneOffers && offersOffset(MacsecCapability(it->baseInfo().macsecCapability), offset);

@@ -30,14 +30,19 @@ int keyBitsOf(CipherSuite suite) {
 }
 
 bool offersOffset(MacsecCapability capability, uint8_t offset) {
+  if (offset == kNoConfidentiality) return capability >= macsecIntegrityOnly;
   if (capability == macsecConfidentialityAnyOffset) return offset == 0 || offset == 30 || offset == 50;
   return capability == macsecConfidentialityAtZero && offset == 0;
 }
 
-uint8_t offsetCodeOf(uint8_t offset) { return offset == 50 ? 3 : offset == 30 ? 2 : 1; }
+uint8_t offsetCodeOf(uint8_t offset) {
+  return offset == kNoConfidentiality ? 0 : offset == 50 ? 3 : offset == 30 ? 2 : 1;
+}
 
 std::optional<uint8_t> offsetOfCode(uint8_t code) {
   switch (code) {
+    case 0:
+      return kNoConfidentiality;
     case 1:
       return 0;
     case 2:

@@ -46,10 +46,13 @@ enum MacsecCapability : uint8_t {
   macsecConfidentialityAtZero = 2,     // and integrity: confidentiality from the first octet on
   macsecConfidentialityAnyOffset = 3,  // and integrity: confidentiality after 0, 30 or 50 octets
 };
-// Whether a capability keeps frames confidential after `offset` octets in the clear.
+// The confidentiality offset of a key that protects integrity only: frames are not encrypted.
+inline constexpr uint8_t kNoConfidentiality = 0xFF;
+// Whether a capability keeps frames confidential after `offset` octets in the clear, or, for
+// kNoConfidentiality, protects their integrity.
 bool offersOffset(MacsecCapability capability, uint8_t offset);
 // How a distributed SAK says the offset its key server uses: 1, 2, 3 for 0, 30, 50 octets; 0
-// ("not used") asks for integrity only, which no data plane of this engine does, and has no offset.
+// ("not used") for integrity only (kNoConfidentiality).
 uint8_t offsetCodeOf(uint8_t offset);
 std::optional<uint8_t> offsetOfCode(uint8_t code);
 

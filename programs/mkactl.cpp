@@ -145,7 +145,9 @@ void printWrapped(const std::string& text) {
 void showDetails(const Json& intf) {
   std::cout << "\n" << intf["name"].get<std::string>() << ": " << cell(intf["status"]);
   if (intf.contains("profile")) std::cout << ", profile " << cell(intf["profile"]);
-  std::cout << ", " << cell(intf["cipher-suite"]) << ", confidentiality offset " << cell(intf["confidentiality-offset"])
+  std::cout << ", " << cell(intf["macsec-cipher-suite"])
+            << (intf["confidentiality"].get<bool>() ? ", confidentiality offset " + cell(intf["confidentiality-offset"])
+                                                    : std::string(", integrity only (not encrypted)"))
             << "\n";
   if (intf.contains("frames-warning")) std::cout << "  WARNING: " << cell(intf["frames-warning"]) << "\n";
   std::cout << "  this port: SCI " << cell(intf["sci"]) << ", member " << cell(intf["member-identifier"]) << "\n";

@@ -74,6 +74,12 @@ TEST(ConfigFile, EveryMistakeIsRefusedWithFileLineAndField) {
        "rekey) or at least 5"},
       {"[profile.office]\nconfidentiality-offset = 20\n",
        "mkad.conf:2: profile.office.confidentiality-offset: must be 0, 30 or 50"},
+      {"[profile.office]\nsecurity-policy = \"may-secure\"\n",
+       "mkad.conf:2: profile.office.security-policy: must be \"must-secure\" or \"should-secure\""},
+      {"[profile.office]\nsecurity-policy = \"must-secure\"\nallow-unprotected = true\n",
+       "mkad.conf:2: profile.office.security-policy: give it or allow-unprotected, not both"},
+      {"[profile.office]\nconfidentiality = false\nconfidentiality-offset = 30\n",
+       "mkad.conf:3: profile.office.confidentiality-offset: takes effect only with confidentiality = true"},
       {"[global]\ndataplane = \"kernel\"\n[profile.office]\nconfidentiality-offset = 30\n",
        "mkad.conf:4: profile.office.confidentiality-offset: the kernel data plane encrypts from the first octet"},
       {"[global]\ndataplane = \"kernel\"\n[profile.office]\ninclude-sci = false\n",
@@ -105,10 +111,11 @@ TEST(ConfigFile, EveryMistakeIsRefusedWithFileLineAndField) {
 
 TEST(ConfigFile, AFileAppliedAgainWritesOnlyWhatChanged) {
   const std::string ownKey = keyFile("own.cak", kCak256, 0600);
-  const std::string first = "[global]\ndelay-protection = true\n\n" + office("cak = \"" + kCak + "\"") +
-                            "\n[profile.lab]\nckn = \"01\"\ncak-file = \"" + ownKey +
-                            "\"\ncipher-suite = \"gcm-aes-256\"\nkey-server-priority = 3\n"
-                            "\n[profile.spare]\neap = true\n\n[interface.eth1]\nprofile = \"lab\"\n";
+  const std::string first =
+      "[global]\ndelay-protection = true\n\n" + office("cak = \"" + kCak + "\"") +
+      "\n[profile.lab]\nckn = \"01\"\ncak-file = \"" + ownKey +
+      "\"\ncipher-suite = \"gcm-aes-256\"\nkey-server-priority = 3\nsecurity-policy = \"should-secure\"\n"
+      "\n[profile.spare]\neap = true\n\n[interface.eth1]\nprofile = \"lab\"\n";
   const ConfigFile file = parseConfigText(first, "mkad.conf");
   // A file that names no data plane gets the kernel's, which protects traffic.
   EXPECT_EQ(file.dataPlane, DataPlane::kernel);
@@ -120,6 +127,7 @@ TEST(ConfigFile, AFileAppliedAgainWritesOnlyWhatChanged) {
   const Zef::Ptr<Profile> lab = source->profile(Zef::Name("lab"));
   EXPECT_TRUE(lab->key().sameKeyAs(Cak{"01"_ckn, StoredKey::ofHex(kCak256)}));
   EXPECT_EQ(lab->cipherSuite(), cipherSuiteGcmAes256);
+  EXPECT_TRUE(lab->allowUnprotected());
   EXPECT_EQ(lab->keyServerPriority(), 3);
   EXPECT_TRUE(source->profile(Zef::Name("spare"))->dot1xEnabled());
   EXPECT_EQ(source->intfConfig(Lanx::IntfId("eth1"))->profileName(), Zef::String("lab"));
@@ -134,7 +142,9 @@ TEST(ConfigFile, AFileAppliedAgainWritesOnlyWhatChanged) {
   // One key and one setting changed, a profile and an interface gone: the rest stays as it was,
   // and the log is told what changed, each key by its name.
   const std::string second = office("cak = \"" + kCak256 + "\"") + "\n[profile.lab]\nckn = \"01\"\ncak-file = \"" +
-                             ownKey + "\"\ncipher-suite = \"gcm-aes-256\"\nkey-server-priority = 5\n";
+                             ownKey +
+                             "\"\ncipher-suite = \"gcm-aes-256\"\nkey-server-priority = 5\n"
+                             "security-policy = \"should-secure\"\n";
   EXPECT_TRUE(configChanges(file, parseConfigText(first, "mkad.conf")).empty());
   EXPECT_EQ(configChanges(file, parseConfigText(second, "mkad.conf")),
             (std::vector<std::string>{"profile spare removed", "profile lab: key-server-priority 3 to 5",

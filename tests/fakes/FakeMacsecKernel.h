@@ -62,7 +62,8 @@ class FakeMacsecKernel : public MacsecKernel {
     });
   }
   Answer linkUpdate(int ifindex, const MacsecLinkState& state) override {
-    std::string what = std::string(state.up ? " up" : " down") + (state.protect ? "" : " unprotected");
+    std::string what = std::string(state.up ? " up" : " down") + (state.protect ? "" : " unprotected") +
+                       (state.encrypt ? "" : " integrity only");
     if (state.encodingSa >= 0) what += " encoding " + std::to_string(state.encodingSa);
     return call("linkUpdate " + std::to_string(ifindex) + what, [&] {
       Link* link = find(ifindex);

@@ -326,6 +326,23 @@ TEST_P(ControlledPort, AKeyFromALivePeerThatIsNotTheKeyServerOrAtAnOffsetThisPla
       1);
 }
 
+// Integrity only is the key server's choice: its key says so on the wire, and the follower, whose
+// own profile would encrypt, uses the key as the key server does.
+TEST_P(ControlledPort, TheKeyServersChoiceOfIntegrityOnlyHoldsForEveryMember) {
+  segmentOf({&a, &b});
+  a.engine().as([&] { a.status()->intfStatus(intf(a))->confidentialityIs(false); });
+  std::vector<uint8_t> codes;
+  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
+    if (&from == &a && !(m.sakDistInfo == SakDistInfo{})) codes.push_back(m.sakDistInfo.confidentialityOffset);
+  });
+  sim.runFor(30);
+  ASSERT_TRUE(actors[&a]->electedSelf());
+  ASSERT_TRUE(secured(a));
+  for (Sim::Agent* member : members) EXPECT_EQ(cp(*member)->confidentialityOffset(), kNoConfidentiality);
+  ASSERT_FALSE(codes.empty());
+  for (const uint8_t code : codes) EXPECT_EQ(code, 0) << "a distributed key asks for confidentiality";
+}
+
 INSTANTIATE_TEST_SUITE_P(HardwareLatency, ControlledPort, ::testing::Values(0.0, 0.3));
 
 }  // namespace

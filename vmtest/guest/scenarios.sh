@@ -1,6 +1,6 @@
 # The scenarios: each a function that fails (exit 1) with a reason or returns. They run one after
 # another in one VM; cleanup_all takes each one's namespaces and daemons away.
-ALL_SCENARIOS="known_answer secure_128 peer_without_a_data_plane secure_256 secure_xpn rekey_under_ping_flood flap_restart_and_reload restart_without_a_hit restart_during_rekeys corrupted_state teardown cak_mismatch closed_port allow_unprotected"
+ALL_SCENARIOS="known_answer secure_128 peer_without_a_data_plane integrity_only secure_256 secure_xpn rekey_under_ping_flood flap_restart_and_reload restart_without_a_hit restart_during_rekeys corrupted_state teardown cak_mismatch closed_port allow_unprotected"
 
 # A secured session between A (10.66.0.1) and B (10.66.0.2) that a first ping has crossed.
 session() {  # session CAK [PROFILE LINES...]
@@ -110,6 +110,29 @@ scenario_secure_256() {
 scenario_secure_xpn() {
   secured_link "$CAK256" 'cipher-suite = "gcm-aes-xpn-256"'
   grep -q "GCM-AES-XPN-256" /tmp/secure_xpn-macsec.txt || fail "the link does not run GCM-AES-XPN-256"
+}
+
+# Integrity without confidentiality is the key server's choice: A (the key server) asks for it, B's
+# profile would encrypt, and both links protect frames without encrypting them.
+scenario_integrity_only() {
+  pair
+  config A "$CAK128" 'confidentiality = false' 'key-server-priority = 0'
+  config B "$CAK128"
+  start A
+  start B
+  wait_for 60 both_secured || fail "not secured"
+  address A 10.66.0.1
+  address B 10.66.0.2
+  wait_for 10 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no first ping"
+  ip netns exec A ping -c 5 -i 0.2 -W 2 10.66.0.2 > /dev/null || fail "pings lost"
+  for ns in A B; do
+    ip -n "$ns" macsec show | grep -q "encrypt off" || fail "$ns's link encrypts: $(ip -n "$ns" macsec show | head -1)"
+  done
+  protected=$(counter A OutPktsProtected)
+  [ "${protected:-0}" -ge 5 ] || fail "OutPktsProtected at A is ${protected:-none}"
+  [ "$(counter A OutPktsEncrypted)" = 0 ] || fail "A encrypted frames"
+  show B | grep -q '"confidentiality": false' || fail "B does not say integrity only"
+  note "protected=$protected encrypted=0"
 }
 
 # A new key every 5 s under a ping every 20 ms: no ping lost across five rekeys and more.
