@@ -102,12 +102,18 @@ format: deps
 format-check: deps
 	@clang-format --dry-run --Werror $(SOURCES)
 
-# The daemon and mkactl, to install by hand on a host; dist/mkad.service is the systemd unit.
+# The daemon and mkactl, to install by hand on a host: the systemd unit, the manuals, mkactl's
+# completion, an example configuration, and /etc/mkad for root alone (the keys go there).
 install: build
 	install -D -m 0755 $(BUILD)/mkad $(DESTDIR)/usr/sbin/mkad
 	install -D -m 0755 $(BUILD)/mkactl $(DESTDIR)/usr/bin/mkactl
 	install -D -m 0644 dist/mkad.service $(DESTDIR)/lib/systemd/system/mkad.service
 	install -D -m 0644 $(BUILD)/man/mkad.8 $(DESTDIR)/usr/share/man/man8/mkad.8
+	install -D -m 0644 $(BUILD)/man/mkactl.8 $(DESTDIR)/usr/share/man/man8/mkactl.8
+	install -D -m 0644 $(BUILD)/man/mkad.toml.5 $(DESTDIR)/usr/share/man/man5/mkad.toml.5
+	install -D -m 0644 dist/mkactl.bash-completion $(DESTDIR)/usr/share/bash-completion/completions/mkactl
+	install -D -m 0644 dist/mkad.toml.example $(DESTDIR)/usr/share/doc/mkad/mkad.toml.example
+	install -d -m 0700 $(DESTDIR)/etc/mkad
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(ENGINE_FUZZ_BUILD)

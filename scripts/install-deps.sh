@@ -19,7 +19,7 @@ packages=(
   libsystemd-dev       # sd_notify for the systemd unit
   libnl-3-dev libnl-route-3-dev libnl-genl-3-dev  # netlink: links and the kernel's MACsec
   iproute2             # network namespaces and veth pairs for the daemon's tests
-  scdoc                # the manual pages
+  scdoc man-db         # the manual pages, and their check
   python3-prometheus-client  # a real parser of the metrics in the daemon's tests
   bash-completion      # where mkactl's completion is installed, and its check
 )
