@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <string_view>
 #include <type_traits>
@@ -41,13 +42,18 @@ class Reader {
   ConfigFile read() {
     ConfigFile file;
     file.path = path_;
-    onlyKnown(root_, "", {"global", "profile", "interface"});
+    onlyKnown(root_, "", {"global", "keychain", "profile", "interface"});
     if (toml::node* global = root_.get("global")) readGlobal(file, table(*global, "global"));
+    if (toml::node* chains = root_.get("keychain")) {
+      for (auto&& [name, node] : table(*chains, "keychain")) {
+        const std::string field = "keychain." + std::string(name.str());
+        file.keyChains[std::string(name.str())] = readKeyChain(table(node, field), field);
+      }
+    }
     if (toml::node* profiles = root_.get("profile")) {
       for (auto&& [name, node] : table(*profiles, "profile")) {
         const std::string field = "profile." + std::string(name.str());
-        file.profiles[std::string(name.str())] =
-            readProfile(table(node, field), std::string(name.str()), field, file.dataPlane);
+        file.profiles[std::string(name.str())] = readProfile(table(node, field), std::string(name.str()), field, file);
       }
     }
     if (toml::node* interfaces = root_.get("interface")) {
@@ -133,14 +139,24 @@ class Reader {
   }
 
   Zef::Ptr<Profile> readProfile(toml::table& t, const std::string& name, const std::string& field,
-                                DataPlane plane) const {
+                                ConfigFile& file) const {
+    const DataPlane plane = file.dataPlane;
     std::vector<std::string_view> known{
-        "ckn", "cak", "cak-file", "fallback-ckn", "fallback-cak", "fallback-cak-file", "security-policy"};
+        "ckn", "cak", "cak-file", "fallback-ckn", "fallback-cak", "fallback-cak-file", "security-policy", "key-chain"};
     ProfileSettings::forEach([&]<class S>(S) { known.push_back(S::fileKey); });
     onlyKnown(t, field, known);
     const Zef::Ptr<Profile> profile = Profile::ProfileIs(Zef::Name(name));
     ProfileSettings::forEach([&]<class S>(S) { readSetting<S>(t, field, *profile); });
     readSecurityPolicy(t, field, *profile);
+    if (std::string* chain = text(t, field, "key-chain")) {
+      for (const char* own : {"ckn", "cak", "cak-file"}) {
+        if (t.get(own))
+          fail(*t.get(own), join(field, own), "the profile runs key chain " + *chain + ": no key of its own");
+      }
+      if (!file.keyChains.contains(*chain))
+        fail(*t.get("key-chain"), field + ".key-chain", "no key chain named " + *chain);
+      file.profileKeyChains[name] = *chain;
+    }
     profile->keyIs(key(t, field, "ckn", "cak", "cak-file"));
     profile->defaultKeyIs(key(t, field, "fallback-ckn", "fallback-cak", "fallback-cak-file"));
     // A key needs a few seconds to go into service: out to every member, installed, reported back
@@ -209,6 +225,60 @@ class Reader {
         S::set(profile, static_cast<Type>(value));
       }
     }
+  }
+
+  // A chain's keys, each with its times, in the order of their starts.
+  KeyChain readKeyChain(toml::table& t, const std::string& field) const {
+    onlyKnown(t, field, {"key"});
+    toml::node* list = t.get("key");
+    if (list == nullptr || !list->is_array_of_tables() || list->as_array()->empty()) {
+      fail(list ? *list : static_cast<toml::node&>(t), field + ".key",
+           "missing: a key chain needs keys, as [[" + field + ".key]]");
+    }
+    KeyChain chain;
+    size_t index = 0;
+    for (toml::node& entry : *list->as_array()) {
+      const std::string where = field + ".key[" + std::to_string(index++) + "]";
+      toml::table& k = *entry.as_table();
+      onlyKnown(k, where, {"ckn", "cak", "cak-file", "start", "end"});
+      ChainKey chained;
+      chained.key = key(k, where, "ckn", "cak", "cak-file");
+      if (chained.key.empty()) fail(k, where + ".ckn", "missing: each key of a chain needs its name and key");
+      if (!k.get("start")) fail(k, where + ".start", "missing: each key of a chain needs the time it starts");
+      chained.start = moment(*k.get("start"), where + ".start");
+      if (k.get("end")) {
+        chained.end = moment(*k.get("end"), where + ".end");
+        if (*chained.end <= chained.start) fail(*k.get("end"), where + ".end", "must be after the key's start");
+      }
+      for (const ChainKey& other : chain.keys) {
+        if (other.key.ckn == chained.key.ckn)
+          fail(*k.get("ckn"), where + ".ckn", "another key of the chain has this name");
+      }
+      chain.keys.push_back(std::move(chained));
+    }
+    std::stable_sort(chain.keys.begin(), chain.keys.end(),
+                     [](const ChainKey& a, const ChainKey& b) { return a.start < b.start; });
+    return chain;
+  }
+
+  // A TOML date and time as wall clock seconds: with an offset as given (RFC 3339), without one in
+  // the host's local time.
+  double moment(toml::node& node, const std::string& where) const {
+    const toml::value<toml::date_time>* given = node.as_date_time();
+    if (given == nullptr) fail(node, where, "must be a date and time, as 2026-11-26T10:00:00Z or 2026-11-26T11:00:00");
+    const toml::date_time& at = given->get();
+    std::tm parts{};
+    parts.tm_year = at.date.year - 1900;
+    parts.tm_mon = at.date.month - 1;
+    parts.tm_mday = at.date.day;
+    parts.tm_hour = at.time.hour;
+    parts.tm_min = at.time.minute;
+    parts.tm_sec = at.time.second;
+    if (!at.offset) {
+      parts.tm_isdst = -1;
+      return static_cast<double>(std::mktime(&parts));
+    }
+    return static_cast<double>(timegm(&parts)) - at.offset->minutes * 60.0;
   }
 
   // The policies as switches name them: must-secure passes nothing unprotected, before a session
@@ -388,6 +458,19 @@ void keyIs(Profile& profile, const Cak& key, bool fallback) {
 }
 
 }  // namespace
+
+bool chainKeysAre(ConfigFile& file, double now) {
+  bool changed = false;
+  for (const auto& [profile, chainName] : file.profileKeyChains) {
+    const ChainKey* key = chainKeyAt(file.keyChains.at(chainName), now);
+    const Cak inUse = key ? key->key : Cak();
+    Profile& given = *file.profiles.at(profile);
+    if (given.key().sameKeyAs(inUse) || (given.key().empty() && inUse.empty())) continue;
+    given.keyIs(inUse);
+    changed = true;
+  }
+  return changed;
+}
 
 void applyConfigFile(const ConfigFile& file, Config& source) {
   source.delayProtectionIs(file.delayProtection);

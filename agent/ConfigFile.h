@@ -19,6 +19,12 @@
 //   ...                                        # every setting of a profile, by the key that
 //                                              # model/ProfileSettings.zef gives it
 //
+//   [keychain.lab]                             # keys by schedule: each in use from its start
+//   key = [ { ckn = "01", cak-file = "k1.cak", start = 2026-11-26T10:00:00Z,
+//             end = 2026-12-26T10:00:00Z }, ... ]   # local times are the host's
+//   [profile.lab]
+//   key-chain = "lab"                          # instead of ckn and cak
+//
 //   [interface.eth0]
 //   profile = "office"
 //   macsec-name = "mseth0"                     # the kernel data plane's MACsec link
@@ -33,6 +39,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "agent/KeyChain.h"
 #include "model/Config.h"
 #include "model/Values.h"
 
@@ -67,6 +74,10 @@ struct ConfigFile {
   // Each profile as the file gives it: a Profile of no configuration source, with its keys
   // (`key`, and the fallback key as `defaultKey`) and its settings.
   std::map<std::string, Zef::Ptr<Profile>> profiles;
+  // Key chains by name, and the profiles that run one instead of a key of their own: such a
+  // profile's key is the chain's key in use, which chainKeysAre() puts in.
+  std::map<std::string, KeyChain> keyChains;
+  std::map<std::string, std::string> profileKeyChains;
   // Each configured interface and the profile it runs.
   std::map<std::string, std::string> interfaces;
   // Each configured interface's MACsec link in the kernel data plane: "ms" and the interface's
@@ -84,6 +95,10 @@ class ConfigFileError : public std::runtime_error {
 ConfigFile readConfigFile(const std::string& path);
 // The same for text that stands for the file at `path`; the text is wiped once read.
 ConfigFile parseConfigText(std::string text, const std::string& path);
+
+// Puts each chain's key in use at `now` (wall clock, UTC seconds) into the profiles that run the
+// chain; true if any profile's key changed.
+bool chainKeysAre(ConfigFile& file, double now);
 
 // Makes a configuration source say what the file says. Only what differs is written, so that
 // unchanged profiles and interfaces keep their sessions and keys; what the file no longer has goes.

@@ -65,6 +65,8 @@ Daemon::Daemon(EventLoop& loop, DaemonOptions options)
         });
   }
   engine_->frameTransmitterIs([this](const Lanx::IntfId& intf, std::string_view frame) { transmit(intf, frame); });
+  chainKeysAre(config_, Zef::System::currentTimeUtc());
+  warnOfKeyChains();
   engine_->as([&] { applyConfigFile(config_, *engine_->config()); });
   linkWatcher_ =
       std::make_unique<LinkWatcher>([this](const LinkState& link) { linkChanged(link); },
@@ -143,10 +145,12 @@ std::optional<std::string> Daemon::reload() {
     Zef::log(MKAD_CONFIG_REFUSED, error.what());
     return error.what();
   }
+  chainKeysAre(file, Zef::System::currentTimeUtc());
   for (const std::string& change : configChanges(config_, file)) Zef::log(MKAD_CONFIG_CHANGE, file.path, change);
   config_ = std::move(file);
   engine_->as([&] { applyConfigFile(config_, *engine_->config()); });
   interfacesFollowConfig();
+  warnOfKeyChains();
   Zef::log(MKAD_CONFIG_RELOADED, config_.path);
   return std::nullopt;
 }
@@ -365,7 +369,30 @@ void Daemon::runDueTimers() {
   lookEachSecond();
   writeMetricsFile();
   if (config_.metricsFile) deadline = std::min(deadline, nextMetricsWrite_);
+  // Key chains roll over on time, whether or not frames come.
+  if (!config_.keyChains.empty()) deadline = std::min(deadline, nextLook_);
   loop_.deadlineIs(deadline);
+}
+
+void Daemon::warnOfKeyChains() {
+  const double utc = Zef::System::currentTimeUtc();
+  for (const auto& [name, chain] : config_.keyChains) {
+    for (const std::string& warning : chainWarnings(chain, utc)) Zef::log(MKAD_KEY_CHAIN_WARNING, name, warning);
+  }
+}
+
+void Daemon::followKeyChains(double utc) {
+  if (!chainKeysAre(config_, utc)) return;
+  for (const auto& [profile, chain] : config_.profileKeyChains) {
+    const Cak& key = config_.profiles.at(profile)->key();
+    if (key.empty()) {
+      Zef::log(MKAD_KEY_CHAIN_NO_KEY, chain, profile);
+    } else {
+      Zef::log(MKAD_KEY_CHAIN_ROLLOVER, chain, key.ckn, profile);
+    }
+  }
+  // Only the profiles whose key changed change: the new key's actor comes up beside the running one.
+  engine_->as([&] { applyConfigFile(config_, *engine_->config()); });
 }
 
 void Daemon::lookEachSecond() {
@@ -373,6 +400,7 @@ void Daemon::lookEachSecond() {
   if (now < nextLook_) return;
   nextLook_ = now + 1;
   const double utc = Zef::System::currentTimeUtc();
+  followKeyChains(utc);
   size_t secured = 0;
   for (const auto& [name, running] : running_) {
     const Lanx::IntfId intf(name);
@@ -464,6 +492,10 @@ nlohmann::json Daemon::show() {
     nlohmann::json report =
         interfaceReport(*engine_, intf, running_.contains(name), config_.dataPlane, history_.of(intf),
                         counts == kernelCounts.end() ? nullptr : &counts->second);
+    if (const auto chain = config_.profileKeyChains.find(profile); chain != config_.profileKeyChains.end()) {
+      report["key-chain"] =
+          keyChainReport(chain->second, config_.keyChains.at(chain->second), Zef::System::currentTimeUtc());
+    }
     if (kernel_) {
       report["macsec-interface"] = macsecName(name);
       const auto link = kernel_->links().find(Lanx::IntfId(name));

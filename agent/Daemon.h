@@ -106,6 +106,10 @@ class Daemon {
   void removeLeftLinks(const std::set<std::string>& kept);
   void transmit(const Lanx::IntfId& intf, std::string_view frame);
   void runDueTimers();
+  // Key chains: what the operators should hear of them (at the start and at a reload), and the
+  // key in use of each, put in its profiles when it changes.
+  void warnOfKeyChains();
+  void followKeyChains(double utc);
   // Once a second: what changed in each session, and the service manager's status line.
   void lookEachSecond();
   // The kernel's counters of every MACsec link, in one dump; and what they say of the sessions.

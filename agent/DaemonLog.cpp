@@ -91,6 +91,21 @@ Zef::LogHandle MKAD_METRICS_WRITE_FAILED("MKAD_METRICS_WRITE_FAILED", 4, "Cannot
                                          "Check that the directory of metrics-file exists and is writable by mkad.", 60,
                                          1.0, 0);
 
+Zef::LogHandle MKAD_KEY_CHAIN_ROLLOVER(
+    "MKAD_KEY_CHAIN_ROLLOVER", 5, "Key chain %s: key %s in use on profile %s",
+    "The chain's next key has started: its session comes up beside the running one and takes the port once it is "
+    "secured, and the old one goes after, without a hit.",
+    Zef::NoActionRequired, 0, 1.0, 0);
+
+Zef::LogHandle MKAD_KEY_CHAIN_NO_KEY("MKAD_KEY_CHAIN_NO_KEY", 3, "Key chain %s has no key in use: profile %s has none",
+                                     "The chain's keys have ended, or the next one has not started: the profile's "
+                                     "sessions end, and its ports close.",
+                                     "Add a key to the chain, and reload.", 0, 1.0, 0);
+
+Zef::LogHandle MKAD_KEY_CHAIN_WARNING("MKAD_KEY_CHAIN_WARNING", 4, "Key chain %s: %s",
+                                      "Said at the start and at each reload, before it happens.",
+                                      "Correct the chain's times, and reload.", 0, 1.0, 0);
+
 void errorLine(const std::string& text) {
   std::fprintf(stderr, "<%d>mkad: %s\n", LOG_ERR, text.c_str());
   std::fflush(stderr);

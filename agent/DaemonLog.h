@@ -26,6 +26,9 @@ extern Zef::LogHandle MKAD_INTF_RESUMED;
 extern Zef::LogHandle MKAD_INTF_AFRESH;
 extern Zef::LogHandle MKAD_NO_FRAME_DECRYPTS;
 extern Zef::LogHandle MKAD_METRICS_WRITE_FAILED;
+extern Zef::LogHandle MKAD_KEY_CHAIN_ROLLOVER;
+extern Zef::LogHandle MKAD_KEY_CHAIN_NO_KEY;
+extern Zef::LogHandle MKAD_KEY_CHAIN_WARNING;
 
 enum class LogTarget { standardError, syslog };
 void operatorLogIs(LogTarget target);

@@ -108,6 +108,14 @@ std::string utcText(double utc) {
   return text;
 }
 
+nlohmann::json keyChainReport(const std::string& name, const KeyChain& chain, double now) {
+  const ChainKey* inUse = chainKeyAt(chain, now);
+  const std::optional<double> next = nextRollover(chain, now);
+  return nlohmann::json{{"name", name},
+                        {"key-in-use", inUse ? nlohmann::json(inUse->key.ckn.hex().stdString()) : nullptr},
+                        {"next-rollover", next ? nlohmann::json(utcText(*next)) : nullptr}};
+}
+
 nlohmann::json dataPlaneReport(DataPlane plane) {
   nlohmann::json report{{"data-plane", dataPlaneName(plane)}, {"encrypted", plane == DataPlane::kernel}};
   if (plane == DataPlane::emulated) report["warning"] = "the emulated data plane encrypts nothing";

@@ -150,6 +150,13 @@ void showDetails(const Json& intf) {
                                                     : std::string(", integrity only (not encrypted)"))
             << "\n";
   if (intf.contains("frames-warning")) std::cout << "  WARNING: " << cell(intf["frames-warning"]) << "\n";
+  if (const auto chain = intf.find("key-chain"); chain != intf.end()) {
+    std::cout << "  key chain " << cell((*chain)["name"]) << ": "
+              << ((*chain)["key-in-use"].is_null() ? "no key in use"
+                                                   : "key " + cell((*chain)["key-in-use"]) + " in use")
+              << ", next rollover " << ((*chain)["next-rollover"].is_null() ? "none" : cell((*chain)["next-rollover"]))
+              << "\n";
+  }
   std::cout << "  this port: SCI " << cell(intf["sci"]) << ", member " << cell(intf["member-identifier"]) << "\n";
   std::cout << "  CKN: " << cell(intf["ckn"]) << "\n";
   const Json& server = intf["key-server"];

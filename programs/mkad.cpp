@@ -29,6 +29,7 @@
 #include "agent/KernelLink.h"
 #include "agent/MacsecNetlink.h"
 #include "agent/StateFile.h"
+#include "platform/Clock.h"
 #include "platform/Trace.h"
 
 namespace {
@@ -92,6 +93,11 @@ int checkOnly(const std::string& path) {
     const Macsec::ConfigFile file = Macsec::readConfigFile(path);
     std::cout << file.path << ": valid: " << file.profiles.size() << " profiles, " << file.interfaces.size()
               << " interfaces, the " << Macsec::dataPlaneName(file.dataPlane) << " data plane\n";
+    for (const auto& [name, chain] : file.keyChains) {
+      for (const std::string& warning : Macsec::chainWarnings(chain, Zef::System::currentTimeUtc())) {
+        std::cout << "key chain " << name << ": " << warning << "\n";
+      }
+    }
     return 0;
   } catch (const Macsec::ConfigFileError& error) {
     Macsec::errorLine(error.what());

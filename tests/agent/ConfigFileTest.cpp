@@ -161,5 +161,68 @@ TEST(ConfigFile, AFileAppliedAgainWritesOnlyWhatChanged) {
   EXPECT_TRUE(source->intfConfigHas(Lanx::IntfId("eth0")));
 }
 
+// A chain's keys by their times: the key in use at each moment, the next rollover, and what is
+// wrong with the schedule, said before it happens.
+TEST(ConfigFile, AKeyChainRunsTheKeyInUseAndSaysWhatIsWrongBeforeItHappens) {
+  const std::string chain =
+      "[keychain.lab]\n"
+      "[[keychain.lab.key]]\nckn = \"02\"\ncak = \"" +
+      kCak256 +
+      "\"\nstart = 2026-11-26T11:00:00+01:00\n"
+      "end = 2026-11-26T10:40:00Z\n"
+      "[[keychain.lab.key]]\nckn = \"01\"\ncak = \"" +
+      kCak +
+      "\"\nstart = 2026-11-26T09:00:00Z\n"
+      "end = 2026-11-26T10:10:00Z\n"
+      "[[keychain.lab.key]]\nckn = \"03\"\ncak = \"" +
+      kCak +
+      "\"\nstart = 2026-11-26T11:00:00Z\n"
+      "end = 2026-11-26T12:00:00Z\n"
+      "[profile.lab]\nkey-chain = \"lab\"\n";
+  ConfigFile file = parseConfigText(chain, "mkad.conf");
+  const KeyChain& lab = file.keyChains.at("lab");
+  ASSERT_EQ(lab.keys.size(), 3u);
+  const double nine = 1795683600;  // 2026-11-26T09:00:00Z
+  auto keyAt = [&](double at) { return chainKeyAt(lab, at) ? chainKeyAt(lab, at)->key.ckn.hex().stdString() : ""; };
+  EXPECT_EQ(keyAt(nine - 1), "");
+  EXPECT_EQ(keyAt(nine), "01");
+  // Where keys overlap, the one started last is in use.
+  EXPECT_EQ(keyAt(nine + 3600), "02");
+  EXPECT_EQ(keyAt(nine + 6000), "");
+  EXPECT_EQ(nextRollover(lab, nine + 60), nine + 3600);
+  EXPECT_EQ(nextRollover(lab, nine + 3600), nine + 6000);
+  EXPECT_EQ(nextRollover(lab, nine + 3 * 3600), std::nullopt);
+  EXPECT_EQ(chainWarnings(lab, nine + 3000),
+            (std::vector<std::string>{"key 01 overlaps key 02, which takes over at 2026-11-26T10:00:00Z",
+                                      "no key from 2026-11-26T10:40:00Z to 2026-11-26T11:00:00Z"}));
+  EXPECT_EQ(
+      chainWarnings(lab, nine + 7200 + 60),
+      (std::vector<std::string>{"key 01 expired at 2026-11-26T10:10:00Z", "key 02 expired at 2026-11-26T10:40:00Z",
+                                "no key from 2026-11-26T12:00:00Z on: the last key ends there"}));
+  // The profile runs the key in use, and nothing in a gap.
+  EXPECT_TRUE(chainKeysAre(file, nine + 10));
+  EXPECT_EQ(file.profiles.at("lab")->key().ckn, "01"_ckn);
+  EXPECT_FALSE(chainKeysAre(file, nine + 20));
+  EXPECT_TRUE(chainKeysAre(file, nine + 6000));
+  EXPECT_TRUE(file.profiles.at("lab")->key().empty());
+
+  const std::string key = "[[keychain.lab.key]]\nckn = \"01\"\ncak = \"" + kCak + "\"\n";
+  for (const auto& [text, expected] : std::vector<std::pair<std::string, std::string>>{
+           {"[keychain.lab]\n", "mkad.conf:1: keychain.lab.key: missing: a key chain needs keys"},
+           {key, "mkad.conf:1: keychain.lab.key[0].start: missing"},
+           {key + "start = \"tomorrow\"\n", "mkad.conf:4: keychain.lab.key[0].start: must be a date and time"},
+           {key + "start = 2026-11-26T10:00:00Z\nend = 2026-11-26T09:00:00Z\n",
+            "mkad.conf:5: keychain.lab.key[0].end: must be after the key's start"},
+           {key + "start = 2026-11-26T10:00:00Z\n" + key + "start = 2026-11-27T10:00:00Z\n",
+            "mkad.conf:6: keychain.lab.key[1].ckn: another key of the chain has this name"},
+           {"[profile.lab]\nkey-chain = \"none\"\n", "mkad.conf:2: profile.lab.key-chain: no key chain named none"},
+           {key + "start = 2026-11-26T10:00:00Z\n[profile.lab]\nkey-chain = \"lab\"\nckn = \"01\"\n",
+            "mkad.conf:7: profile.lab.ckn: the profile runs key chain lab: no key of its own"},
+       }) {
+    const std::string error = errorOf(text);
+    EXPECT_EQ(error.rfind(expected, 0), 0u) << "got: " << error << "\nfor:\n" << text;
+  }
+}
+
 }  // namespace
 }  // namespace Macsec

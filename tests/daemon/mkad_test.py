@@ -287,6 +287,28 @@ class Sessions(DaemonTest):
         self.assertEqual(pair.wait_secured(), second)
         self.assertIn("MKAD_CONFIG_REFUSED", pair.a.log_text())
 
+    def test_a_reload_that_adds_a_key_to_a_chain_leaves_the_session_as_it_is(self):
+        def chain(*keys):
+            text = "[keychain.lab]\n"
+            for ckn, cak, start in keys:
+                text += '[[keychain.lab.key]]\nckn = "%s"\ncak = "%s"\nstart = %s\n' % (ckn, cak, start)
+            return text + '[profile.lab]\nkey-chain = "lab"\n'
+        now = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(time.time() - 60))
+        later = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(time.time() + 3600))
+        pair = Pair(self, chain(("01", CAK_128, now)), chain(("01", CAK_128, now)))
+        key = pair.wait_secured()
+        before = pair.a.session()
+        self.assertEqual(before["key-chain"], {"name": "lab", "key-in-use": "01", "next-rollover": None})
+        pair.a.write_config(chain(("01", CAK_128, now), ("02", OTHER_CAK_128, later)))
+        self.assertEqual(pair.a.ctl("reload").returncode, 0)
+        after = pair.a.session()
+        self.assertEqual(after["key-chain"]["next-rollover"], later)
+        self.assertEqual((after["member-identifier"], after["transmit-key"]["key-number"], after["status"]),
+                         (before["member-identifier"], key["key-number"], "secured"))
+        self.assertNotIn("MKAD_CONFIG_CHANGE", pair.a.log_text())
+        self.assertIn("MKAD_KEY_CHAIN_WARNING: Key chain lab: key 01 overlaps key 02, which takes over at " + later,
+                      pair.a.log_text())
+
     def test_a_peer_with_a_wrong_cak_never_becomes_live_and_its_mkpdus_are_counted(self):
         pair = Pair(self, profile_b=profile_text(OTHER_CAK_128))
         wait_for(lambda: pair.a.counters()["in-mkpdu-icv-verification-errors"] >= 2, 15, "refused MKPDUs at a")

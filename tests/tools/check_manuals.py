@@ -32,7 +32,7 @@ def main():
     for listed in re.findall(r"onlyKnown\((?:global|t|root_),[^;]*?\{([^}]*)\}", reader, re.S) + \
             re.findall(r"std::vector<std::string_view> known\{([^}]*)\}", reader, re.S):
         keys.update(re.findall(r'"([a-z][a-z-]*)"', listed))
-    keys -= {"global", "profile", "interface"}
+    keys -= {"global", "keychain", "profile", "interface"}
     if len(keys) < 20:
         failures.append("only %d keys found in the sources: %s" % (len(keys), sorted(keys)))
     with open(os.path.join(source, "dist", "mkad.toml.5.scd")) as f:

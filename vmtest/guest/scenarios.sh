@@ -1,6 +1,6 @@
 # The scenarios: each a function that fails (exit 1) with a reason or returns. They run one after
 # another in one VM; cleanup_all takes each one's namespaces and daemons away.
-ALL_SCENARIOS="known_answer secure_128 peer_without_a_data_plane integrity_only secure_256 secure_xpn rekey_under_ping_flood flap_restart_and_reload restart_without_a_hit restart_during_rekeys corrupted_state teardown cak_mismatch closed_port allow_unprotected"
+ALL_SCENARIOS="known_answer secure_128 peer_without_a_data_plane integrity_only secure_256 secure_xpn rekey_under_ping_flood flap_restart_and_reload restart_without_a_hit restart_during_rekeys corrupted_state teardown cak_mismatch closed_port allow_unprotected key_chain"
 
 # A secured session between A (10.66.0.1) and B (10.66.0.2) that a first ping has crossed.
 session() {  # session CAK [PROFILE LINES...]
@@ -389,4 +389,45 @@ scenario_allow_unprotected() {
   [ "$clear" -ge 8 ] || fail "only $clear ICMP frames in the clear on the wire"
   grep -q MKA_UNPROTECTED_TRAFFIC /tmp/A.log || fail "the log does not say that traffic is unprotected"
   note "icmp_in_the_clear=$clear"
+}
+
+# A key chain of three keys, 30 s apart, under a ping every 10 ms: the session rolls over twice
+# without losing a ping. B's chain starts each key 20 s later than A's, as if B's clock were 20 s
+# behind: A's new key waits for B's, and the old key's session carries the traffic meanwhile.
+scenario_key_chain() {
+  t0=$(date -u +%s)
+  at() { date -u -d "@$(( t0 + $1 ))" +%Y-%m-%dT%H:%M:%SZ; }
+  chain() {  # chain NS SKEW: the profile runs a chain whose keys start SKEW seconds late
+    intf=veth-a; [ "$1" = B ] && intf=veth-b
+    {
+      printf '[global]\ndataplane = "kernel"\n\n[keychain.lab]\n'
+      printf '[[keychain.lab.key]]\nckn = "01"\ncak = "%s"\nstart = %s\nend = %s\n' "$CAK128" "$(at -3600)" "$(at $((30 + $2)))"
+      printf '[[keychain.lab.key]]\nckn = "02"\ncak = "%s"\nstart = %s\nend = %s\n' "$CAK256" "$(at $((30 + $2)))" "$(at $((60 + $2)))"
+      printf '[[keychain.lab.key]]\nckn = "03"\ncak = "00112233445566778899aabbccddeeff"\nstart = %s\n' "$(at $((60 + $2)))"
+      printf '\n[profile.lab]\nkey-chain = "lab"\n\n[interface.%s]\nprofile = "lab"\n' "$intf"
+    } > "/tmp/$1.toml"
+  }
+  pair
+  chain A 0
+  chain B 20
+  mkad --check --config /tmp/A.toml > /tmp/key_chain-check.txt || fail "the chain is refused: $(cat /tmp/key_chain-check.txt)"
+  start A
+  start B
+  wait_for 30 both_secured || fail "not secured"
+  address A 10.66.0.1
+  address B 10.66.0.2
+  wait_for 10 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no first ping"
+  mkactl --socket /tmp/A/mkad.sock show veth-a | grep -q "key chain lab: key 01 in use, next rollover $(at 30)" ||
+    fail "the view does not show the chain: $(mkactl --socket /tmp/A/mkad.sock show veth-a)"
+  # Until every key has rolled over on both ends, and the last one is secured.
+  pings A 10.66.0.2 $(( t0 + 100 - $(date -u +%s) ))
+  wait_for 110 eval 'show A | tr -d " \n" | grep -q "\"ckn\":\"03\".*\"status\":\"secured\""' || fail "A did not reach key 03"
+  pings_over
+  for ns in A B; do
+    rollovers=$(grep -c "MKAD_KEY_CHAIN_ROLLOVER" "/tmp/$ns.log")
+    [ "$rollovers" = 2 ] || fail "$ns rolled over $rollovers times: $(grep KEY_CHAIN "/tmp/$ns.log")"
+  done
+  both_secured || fail "not secured on the last key"
+  [ "$LOST" = 0 ] || fail "$LOST of $SENT pings lost across two rollovers"
+  note "rollovers=2 pings=$SENT lost=$LOST"
 }
