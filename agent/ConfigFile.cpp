@@ -459,15 +459,15 @@ void keyIs(Profile& profile, const Cak& key, bool fallback) {
 
 }  // namespace
 
-bool chainKeysAre(ConfigFile& file, double now) {
-  bool changed = false;
+std::vector<std::string> chainKeysAre(ConfigFile& file, double now) {
+  std::vector<std::string> changed;
   for (const auto& [profile, chainName] : file.profileKeyChains) {
     const ChainKey* key = chainKeyAt(file.keyChains.at(chainName), now);
     const Cak inUse = key ? key->key : Cak();
     Profile& given = *file.profiles.at(profile);
     if (given.key().sameKeyAs(inUse) || (given.key().empty() && inUse.empty())) continue;
     given.keyIs(inUse);
-    changed = true;
+    changed.push_back(profile);
   }
   return changed;
 }

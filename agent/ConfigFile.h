@@ -38,6 +38,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "agent/KeyChain.h"
 #include "model/Config.h"
@@ -97,8 +98,8 @@ ConfigFile readConfigFile(const std::string& path);
 ConfigFile parseConfigText(std::string text, const std::string& path);
 
 // Puts each chain's key in use at `now` (wall clock, UTC seconds) into the profiles that run the
-// chain; true if any profile's key changed.
-bool chainKeysAre(ConfigFile& file, double now);
+// chain; returns the profiles whose key changed.
+std::vector<std::string> chainKeysAre(ConfigFile& file, double now);
 
 // Makes a configuration source say what the file says. Only what differs is written, so that
 // unchanged profiles and interfaces keep their sessions and keys; what the file no longer has goes.

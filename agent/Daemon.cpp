@@ -382,8 +382,10 @@ void Daemon::warnOfKeyChains() {
 }
 
 void Daemon::followKeyChains(double utc) {
-  if (!chainKeysAre(config_, utc)) return;
-  for (const auto& [profile, chain] : config_.profileKeyChains) {
+  const std::vector<std::string> changed = chainKeysAre(config_, utc);
+  if (changed.empty()) return;
+  for (const std::string& profile : changed) {
+    const std::string& chain = config_.profileKeyChains.at(profile);
     const Cak& key = config_.profiles.at(profile)->key();
     if (key.empty()) {
       Zef::log(MKAD_KEY_CHAIN_NO_KEY, chain, profile);
@@ -458,7 +460,8 @@ nlohmann::json Daemon::answer(const nlohmann::json& request) {
     const auto teardown = request.find("teardown");
     stopAsked_ = teardown != request.end() && *teardown == true ? DaemonStop::teardown : DaemonStop::handOver;
     loop_.stop();
-    return {{"ok", true}};
+    // Only the kernel's links outlive the daemon; the emulated plane has nothing to hand over.
+    return {{"ok", true}, {"links-kept", kernel_ && *stopAsked_ == DaemonStop::handOver}};
   }
   if (*command == "reload") {
     if (const std::optional<std::string> error = reload()) return {{"error", *error}};

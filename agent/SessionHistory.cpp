@@ -58,8 +58,9 @@ Zef::Ptr<MkaActorStatus> principalActor(const Zef::Ptr<MkaPortStatus>& port) {
 std::optional<KeyIdentity> transmitKeyOf(const Zef::Ptr<CpStatus>& cp) {
   if (!cp) return std::nullopt;
   for (const SakContext& context : {cp->latestSakContext(), cp->oldSakContext()}) {
-    if (context.txEnabled && !context.sak.empty())
+    if (context.txEnabled && !context.sak.empty()) {
       return KeyIdentity{context.sak.mi, context.sak.keyNum, context.sak.an};
+    }
   }
   return std::nullopt;
 }

@@ -308,8 +308,9 @@ int main(int argc, char** argv) {
     ask(socketPath, {{"command", "reload"}});
     std::cout << "configuration reloaded\n";
   } else if (*shutdown) {
-    ask(socketPath, {{"command", "shutdown"}, {"teardown", teardown}});
-    std::cout << (teardown ? "mkad stops for good\n" : "mkad stops; its links stay for the next run\n");
+    const Json reply = ask(socketPath, {{"command", "shutdown"}, {"teardown", teardown}});
+    std::cout << (reply.value("links-kept", false) ? "mkad stops; its links stay for the next run\n"
+                                                   : "mkad stops for good\n");
   }
   return 0;
 }

@@ -200,10 +200,10 @@ TEST(ConfigFile, AKeyChainRunsTheKeyInUseAndSaysWhatIsWrongBeforeItHappens) {
       (std::vector<std::string>{"key 01 expired at 2026-11-26T10:10:00Z", "key 02 expired at 2026-11-26T10:40:00Z",
                                 "no key from 2026-11-26T12:00:00Z on: the last key ends there"}));
   // The profile runs the key in use, and nothing in a gap.
-  EXPECT_TRUE(chainKeysAre(file, nine + 10));
+  EXPECT_EQ(chainKeysAre(file, nine + 10), std::vector<std::string>{"lab"});
   EXPECT_EQ(file.profiles.at("lab")->key().ckn, "01"_ckn);
-  EXPECT_FALSE(chainKeysAre(file, nine + 20));
-  EXPECT_TRUE(chainKeysAre(file, nine + 6000));
+  EXPECT_TRUE(chainKeysAre(file, nine + 20).empty());
+  EXPECT_EQ(chainKeysAre(file, nine + 6000), std::vector<std::string>{"lab"});
   EXPECT_TRUE(file.profiles.at("lab")->key().empty());
 
   const std::string key = "[[keychain.lab.key]]\nckn = \"01\"\ncak = \"" + kCak + "\"\n";

@@ -549,6 +549,22 @@ class Service(DaemonTest):
                                 text=True, timeout=10)
         self.assertIn("a daemon answers on it", second.stderr)
         self.assertEqual(daemon.session()["ckn"], CKN)
+        daemon.stop()
+        # Detached, the command ends once the daemon is ready, and the PID file names the daemon.
+        self.assertEqual(subprocess.run([MKAD, "--daemon", "--config", daemon.config, "--socket", daemon.socket],
+                                        timeout=10).returncode, 0)
+        with open(os.path.join(os.path.dirname(daemon.socket), "mkad.pid")) as f:
+            pid = int(f.read())
+        with open("/proc/%d/cmdline" % pid) as f:
+            self.assertIn("--daemon", f.read())
+        self.assertEqual(daemon.ctl("shutdown").stdout, "mkad stops for good\n")
+        def gone():  # ended, whether or not whoever adopted it has reaped it yet
+            try:
+                with open("/proc/%d/stat" % pid) as f:
+                    return f.read().split(") ")[1].startswith("Z")
+            except FileNotFoundError:
+                return True
+        wait_for(gone, 5, "the detached daemon to stop")
 
     def test_the_monitoring_group_reads_status_and_changes_nothing(self):
         os.chmod(self.workdir, 0o711)
