@@ -113,7 +113,8 @@ nlohmann::json keyChainReport(const std::string& name, const KeyChain& chain, do
   const std::optional<double> next = nextRollover(chain, now);
   return nlohmann::json{{"name", name},
                         {"key-in-use", inUse ? nlohmann::json(inUse->key.ckn.hex().stdString()) : nullptr},
-                        {"next-rollover", next ? nlohmann::json(utcText(*next)) : nullptr}};
+                        {"next-rollover", next ? nlohmann::json(utcText(*next)) : nullptr},
+                        {"warnings", chainWarnings(chain, now)}};
 }
 
 nlohmann::json dataPlaneReport(DataPlane plane) {

@@ -156,6 +156,7 @@ void showDetails(const Json& intf) {
                                                    : "key " + cell((*chain)["key-in-use"]) + " in use")
               << ", next rollover " << ((*chain)["next-rollover"].is_null() ? "none" : cell((*chain)["next-rollover"]))
               << "\n";
+    for (const Json& warning : (*chain)["warnings"]) std::cout << "  key chain WARNING: " << cell(warning) << "\n";
   }
   std::cout << "  this port: SCI " << cell(intf["sci"]) << ", member " << cell(intf["member-identifier"]) << "\n";
   std::cout << "  CKN: " << cell(intf["ckn"]) << "\n";

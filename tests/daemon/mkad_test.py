@@ -298,11 +298,13 @@ class Sessions(DaemonTest):
         pair = Pair(self, chain(("01", CAK_128, now)), chain(("01", CAK_128, now)))
         key = pair.wait_secured()
         before = pair.a.session()
-        self.assertEqual(before["key-chain"], {"name": "lab", "key-in-use": "01", "next-rollover": None})
+        self.assertEqual(before["key-chain"], {"name": "lab", "key-in-use": "01", "next-rollover": None,
+                                               "warnings": []})
         pair.a.write_config(chain(("01", CAK_128, now), ("02", OTHER_CAK_128, later)))
         self.assertEqual(pair.a.ctl("reload").returncode, 0)
         after = pair.a.session()
         self.assertEqual(after["key-chain"]["next-rollover"], later)
+        self.assertEqual(after["key-chain"]["warnings"], ["key 01 overlaps key 02, which takes over at " + later])
         self.assertEqual((after["member-identifier"], after["transmit-key"]["key-number"], after["status"]),
                          (before["member-identifier"], key["key-number"], "secured"))
         self.assertNotIn("MKAD_CONFIG_CHANGE", pair.a.log_text())
