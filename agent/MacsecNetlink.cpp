@@ -290,6 +290,19 @@ void forEachSa(nlattr* list, Use&& use) {
   }
 }
 
+// Calls `use` with each receive channel of a list that names its SCI: its attributes, parsed.
+template <class Use>
+void forEachRxSc(nlattr* list, Use&& use) {
+  if (!list) return;
+  nlattr* entry;
+  int remaining;
+  nla_for_each_nested(entry, list, remaining) {
+    nlattr* rxsc[MACSEC_RXSC_ATTR_MAX + 1];
+    if (nla_parse_nested(rxsc, MACSEC_RXSC_ATTR_MAX, entry, nullptr) < 0 || !rxsc[MACSEC_RXSC_ATTR_SCI]) continue;
+    use(rxsc);
+  }
+}
+
 MacsecSaView saView(nlattr** sa) {
   MacsecSaView view;
   view.an = nla_get_u8(sa[MACSEC_SA_ATTR_AN]);
@@ -427,16 +440,11 @@ std::optional<MacsecLinkView> MacsecNetlink::linkView(const std::string& name) {
       }
     }
     forEachSa(attrs[MACSEC_ATTR_TXSA_LIST], [&](nlattr** sa) { view.txSas.push_back(saView(sa)); });
-    if (!attrs[MACSEC_ATTR_RXSC_LIST]) return;
-    nlattr* entry;
-    int remaining;
-    nla_for_each_nested(entry, attrs[MACSEC_ATTR_RXSC_LIST], remaining) {
-      nlattr* rxsc[MACSEC_RXSC_ATTR_MAX + 1];
-      if (nla_parse_nested(rxsc, MACSEC_RXSC_ATTR_MAX, entry, nullptr) < 0 || !rxsc[MACSEC_RXSC_ATTR_SCI]) continue;
+    forEachRxSc(attrs[MACSEC_ATTR_RXSC_LIST], [&](nlattr** rxsc) {
       MacsecLinkView::RxSc channel{sciOf(nla_get_u64(rxsc[MACSEC_RXSC_ATTR_SCI])), {}};
       forEachSa(rxsc[MACSEC_RXSC_ATTR_SA_LIST], [&](nlattr** sa) { channel.sas.push_back(saView(sa)); });
       view.rxScs.push_back(channel);
-    }
+    });
   });
   return view;
 }
@@ -450,19 +458,14 @@ std::map<int, MacsecLinkCounters> MacsecNetlink::linkCounters() {
     forEachSa(attrs[MACSEC_ATTR_TXSA_LIST], [&](nlattr** sa) {
       link.txSas[nla_get_u8(sa[MACSEC_SA_ATTR_AN])] = countersOf(sa[MACSEC_SA_ATTR_STATS], kTxSaCounters);
     });
-    if (!attrs[MACSEC_ATTR_RXSC_LIST]) return;
-    nlattr* entry;
-    int remaining;
-    nla_for_each_nested(entry, attrs[MACSEC_ATTR_RXSC_LIST], remaining) {
-      nlattr* rxsc[MACSEC_RXSC_ATTR_MAX + 1];
-      if (nla_parse_nested(rxsc, MACSEC_RXSC_ATTR_MAX, entry, nullptr) < 0 || !rxsc[MACSEC_RXSC_ATTR_SCI]) continue;
+    forEachRxSc(attrs[MACSEC_ATTR_RXSC_LIST], [&](nlattr** rxsc) {
       MacsecLinkCounters::RxSc channel{
           sciOf(nla_get_u64(rxsc[MACSEC_RXSC_ATTR_SCI])), countersOf(rxsc[MACSEC_RXSC_ATTR_STATS], kRxScCounters), {}};
       forEachSa(rxsc[MACSEC_RXSC_ATTR_SA_LIST], [&](nlattr** sa) {
         channel.sas[nla_get_u8(sa[MACSEC_SA_ATTR_AN])] = countersOf(sa[MACSEC_SA_ATTR_STATS], kRxSaCounters);
       });
       link.rxScs.push_back(std::move(channel));
-    }
+    });
   });
   return links;
 }

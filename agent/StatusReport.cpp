@@ -99,21 +99,12 @@ nlohmann::json settingsReport(const Profile& profile) {
 
 }  // namespace
 
-std::string utcText(double utc) {
-  const std::time_t seconds = static_cast<std::time_t>(utc);
-  std::tm parts{};
-  gmtime_r(&seconds, &parts);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-  return text;
-}
-
 nlohmann::json keyChainReport(const std::string& name, const KeyChain& chain, double now) {
   const ChainKey* inUse = chainKeyAt(chain, now);
   const std::optional<double> next = nextRollover(chain, now);
   return nlohmann::json{{"name", name},
                         {"key-in-use", inUse ? nlohmann::json(inUse->key.ckn.hex().stdString()) : nullptr},
-                        {"next-rollover", next ? nlohmann::json(utcText(*next)) : nullptr},
+                        {"next-rollover", next ? nlohmann::json(rfc3339(*next)) : nullptr},
                         {"warnings", chainWarnings(chain, now)}};
 }
 
@@ -181,7 +172,7 @@ nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, b
   const std::optional<KeyIdentity> transmit = transmitKeyOf(cp);
   report["transmit-key"] = transmit ? keyReport(*transmit) : nullptr;
   if (transmit && history && history->transmitKey == transmit) {
-    report["transmit-key"]["since"] = utcText(history->transmitSince);
+    report["transmit-key"]["since"] = rfc3339(history->transmitSince);
   }
   nlohmann::json& receive = report["receive-keys"] = nlohmann::json::array();
   for (const SakContext& context : {old, latest}) {
@@ -201,7 +192,7 @@ nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, b
   // A port that lost its last live peer keeps its keys for its profile's keys-without-peer, and
   // says so: it is not "secured" with anybody meanwhile.
   const double peerlessSince = port ? port->noLivePeerSince() : 0;
-  const std::string peerless = peerlessSince > 0 ? utcText(utcOf(peerlessSince)) : std::string();
+  const std::string peerless = peerlessSince > 0 ? rfc3339(utcOf(peerlessSince)) : std::string();
   report["no-live-peer-since"] = peerlessSince > 0 ? nlohmann::json(peerless) : nullptr;
   report["status"] = !present                     ? "waiting for the interface"
                      : !up                        ? "link down"
@@ -212,13 +203,13 @@ nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, b
   report["secured-since"] = nullptr;
   report["secured-seconds"] = nullptr;
   if (history && history->securedSince > 0) {
-    report["secured-since"] = utcText(history->securedSince);
+    report["secured-since"] = rfc3339(history->securedSince);
     report["secured-seconds"] = std::max(0.0, Zef::System::currentTimeUtc() - history->securedSince);
   }
   report["transmit-key-changes"] = history ? history->transmitKeyChanges : 0;
   report["last-change"] = nullptr;
   if (history && history->lastChange) {
-    report["last-change"] = {{"at", utcText(history->lastChange->at)}, {"reason", history->lastChange->reason}};
+    report["last-change"] = {{"at", rfc3339(history->lastChange->at)}, {"reason", history->lastChange->reason}};
   }
   // Frames say whether the session protects anything: the peers may report a key in use that
   // their data plane never took.

@@ -23,9 +23,6 @@ nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, b
 // A key chain: the key in use, by its CKN, and the next rollover.
 nlohmann::json keyChainReport(const std::string& name, const KeyChain& chain, double now);
 
-// A moment of the wall clock in UTC, to the second: "2026-11-26T03:10:05Z".
-std::string utcText(double utc);
-
 // What the data plane does, for the head of every view.
 nlohmann::json dataPlaneReport(DataPlane plane);
 
