@@ -98,7 +98,8 @@ void printTable(const std::vector<std::string>& head, const std::vector<std::vec
   for (const auto& row : rows) print(row);
 }
 
-// A key in words: "key 2 (AN 1) of key server 0011223344556677".
+// A key in words, its key server by the last eight digits of its member identifier, as the log
+// names it: "key 2 (AN 1) of key server 8b1f03c2".
 std::string keyWords(const Json& key) {
   const std::string mi = key["key-server-mi"].get<std::string>();
   return "key " + std::to_string(key["key-number"].get<uint32_t>()) + " (AN " + std::to_string(key["an"].get<int>()) +
@@ -114,29 +115,31 @@ std::string keyCell(const Json& key) {
 std::string nonZero(const Json& counters) {
   std::string text;
   for (const auto& [name, value] : counters.items()) {
-    if (value.get<uint64_t>() != 0)
+    if (value.get<uint64_t>() != 0) {
       text += (text.empty() ? "" : ", ") + name + " " + std::to_string(value.get<uint64_t>());
+    }
   }
   return text.empty() ? "none" : text;
 }
 
-// A line of the details, broken after "; " to stay within 100 columns; what follows a break is
-// indented under the line's start.
-void printWrapped(const std::string& text) {
+// A line of the details, broken after a separator (", " or "; ") to stay within 100 columns; what
+// follows a break is indented under the line's start.
+void printWrapped(const std::string& text, const std::string& separator) {
   constexpr size_t kColumns = 100;
   const size_t indent = text.find_first_not_of(' ') + 2;
   std::string line;
   size_t start = 0;
   while (start < text.size()) {
-    size_t end = text.find("; ", start);
-    const std::string part = text.substr(start, end == std::string::npos ? std::string::npos : end + 2 - start);
+    const size_t end = text.find(separator, start);
+    const size_t next = end == std::string::npos ? text.size() : end + separator.size();
+    const std::string part = text.substr(start, next - start);
     if (!line.empty() && line.size() + part.size() > kColumns) {
       while (!line.empty() && line.back() == ' ') line.pop_back();
       std::cout << line << "\n";
       line = std::string(indent, ' ');
     }
     line += part;
-    start = end == std::string::npos ? text.size() : end + 2;
+    start = next;
   }
   std::cout << line << "\n";
 }
@@ -183,7 +186,7 @@ void showDetails(const Json& intf) {
   }
   if (intf["peers"].empty()) std::cout << "  peers: none\n";
   if (const Json& change = intf["last-change"]; !change.is_null()) {
-    printWrapped("  last change: " + cell(change["at"]) + ", " + cell(change["reason"]));
+    printWrapped("  last change: " + cell(change["at"]) + ", " + cell(change["reason"]), "; ");
   }
   std::string link = cell(intf["data-plane"]) + " data plane";
   if (intf.contains("macsec-interface")) link += ", MACsec link " + cell(intf["macsec-interface"]);
@@ -191,15 +194,14 @@ void showDetails(const Json& intf) {
   std::cout << "  " << link << "\n";
   if (!intf.contains("kernel-counters")) return;
   const Json& kernel = intf["kernel-counters"];
-  std::cout << "    SecY: " << nonZero(kernel["secy"]) << "\n";
-  std::cout << "    tx SC: " << nonZero(kernel["tx-sc"]) << "\n";
-  for (const auto& [an, counters] : kernel["tx-sa"].items()) {
-    std::cout << "    tx SA " << an << ": " << nonZero(counters) << "\n";
-  }
+  printWrapped("    SecY: " + nonZero(kernel["secy"]), ", ");
+  printWrapped("    tx SC: " + nonZero(kernel["tx-sc"]), ", ");
+  for (const auto& [an, counters] : kernel["tx-sa"].items())
+    printWrapped("    tx SA " + an + ": " + nonZero(counters), ", ");
   for (const Json& sc : kernel["rx-sc"]) {
-    std::cout << "    rx SC " << cell(sc["sci"]) << ": " << nonZero(sc["counters"]) << "\n";
+    printWrapped("    rx SC " + cell(sc["sci"]) + ": " + nonZero(sc["counters"]), ", ");
     for (const auto& [an, counters] : sc["rx-sa"].items()) {
-      std::cout << "    rx SA " << an << ": " << nonZero(counters) << "\n";
+      printWrapped("    rx SA " + an + ": " + nonZero(counters), ", ");
     }
   }
 }
