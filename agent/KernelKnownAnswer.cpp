@@ -180,8 +180,10 @@ int packetSocket(int ifindex) {
   rx.key = &key;
   KernelSci wire;
   std::memcpy(wire.octets, kWireSci, 8);
-  for (auto failure : {kernel->txSaAdd(link, tx), kernel->rxScAdd(link, wire), kernel->rxSaAdd(link, wire, rx),
-                       kernel->linkUpdate(link, MacsecLinkState{true, true, true, 0})}) {
+  for (auto failure :
+       {kernel->txSaAdd(link, tx), kernel->rxScAdd(link, wire), kernel->rxSaAdd(link, wire, rx),
+        kernel->linkUpdate(
+            link, MacsecLinkState{.up = true, .protect = true, .validate = true, .encrypt = true, .encodingSa = 0})}) {
     if (failure) report(resultFd, *failure);
   }
 
