@@ -21,7 +21,6 @@ packages=(
   iproute2             # network namespaces and veth pairs for the daemon's tests
   scdoc man-db         # the manual pages, and their check
   python3-prometheus-client  # a real parser of the metrics in the daemon's tests
-  bash-completion      # where mkactl's completion is installed, and its check
 )
 
 missing=()
