@@ -300,7 +300,8 @@ scenario_corrupted_state() {
   echo '{"version": 1, "interfaces": {"veth-a": {"sci": ' > /tmp/A/state.json
   t0=$(now)
   start A
-  grep -q "MKAD_STATE_UNUSABLE" /tmp/A.log || fail "the unusable state was not reported"
+  # The socket is there before the saved state is read: the report may come a moment later.
+  wait_for 10 grep -q "MKAD_STATE_UNUSABLE" /tmp/A.log || fail "the unusable state was not reported"
   wait_for 60 both_secured || fail "not secured after starting afresh"
   ip -n A -o link show msveth-a | grep -q "^$ifindex:" && fail "the link of the earlier run stayed"
   address A 10.66.0.1
