@@ -348,8 +348,7 @@ void Daemon::runDueTimers() {
     // engine's view of how far each key has gone.
     const double now = Zef::System::currentTime();
     if (now >= nextPacketNumberRead_) {
-      engine_->as([&] { kernel_->readTxPacketNumbers(); });
-      watchFramesDecrypt();
+      readKernel();
       nextPacketNumberRead_ = now + kPacketNumberReadPeriod;
     }
     deadline = std::min(deadline, nextPacketNumberRead_);
@@ -416,20 +415,23 @@ void Daemon::lookEachSecond() {
   options_.notify(statusLine_);
 }
 
-std::map<Lanx::IntfId, MacsecLinkCounters> Daemon::kernelCounters() const {
+std::map<Lanx::IntfId, MacsecLinkCounters> Daemon::kernelCounters(std::map<int, MacsecLinkCounters> byIfindex) const {
   std::map<Lanx::IntfId, MacsecLinkCounters> counters;
   if (!kernel_) return counters;
-  std::map<int, MacsecLinkCounters> byIndex = netlink_->linkCounters();
   for (const auto& [intf, link] : kernel_->links()) {
-    if (const auto it = byIndex.find(link.ifindex); link.ifindex != 0 && it != byIndex.end()) {
+    if (const auto it = byIfindex.find(link.ifindex); link.ifindex != 0 && it != byIfindex.end()) {
       counters[intf] = std::move(it->second);
     }
   }
   return counters;
 }
 
-void Daemon::watchFramesDecrypt() {
-  for (const auto& [intf, counters] : kernelCounters()) {
+void Daemon::readKernel() {
+  // One dump for every link: the kernel announces no packet numbers, and its counters say whether
+  // frames decrypt.
+  std::map<int, MacsecLinkCounters> byIfindex = netlink_->linkCounters();
+  engine_->as([&] { kernel_->txPacketNumbersAre(byIfindex); });
+  for (const auto& [intf, counters] : kernelCounters(std::move(byIfindex))) {
     if (history_.countersAre(*engine_, intf, counters)) Zef::log(MKAD_NO_FRAME_DECRYPTS, intf);
   }
 }
@@ -488,7 +490,8 @@ nlohmann::json Daemon::show() {
   reply["fips"] = fipsReport(config_.fips);
   if (kernelSelfTest_) reply["fips"]["kernel-macsec-known-answer"] = kernelSelfTest_->report();
   nlohmann::json& interfaces = reply["interfaces"] = nlohmann::json::array();
-  const std::map<Lanx::IntfId, MacsecLinkCounters> kernelCounts = kernelCounters();
+  const std::map<Lanx::IntfId, MacsecLinkCounters> kernelCounts =
+      kernel_ ? kernelCounters(netlink_->linkCounters()) : std::map<Lanx::IntfId, MacsecLinkCounters>();
   for (const auto& [name, profile] : config_.interfaces) {
     const Lanx::IntfId intf(name);
     const auto counts = kernelCounts.find(intf);

@@ -113,8 +113,9 @@ class Daemon {
   // Once a second: what changed in each session, and the service manager's status line.
   void lookEachSecond();
   // The kernel's counters of every MACsec link, in one dump; and what they say of the sessions.
-  std::map<Lanx::IntfId, MacsecLinkCounters> kernelCounters() const;
-  void watchFramesDecrypt();
+  std::map<Lanx::IntfId, MacsecLinkCounters> kernelCounters(std::map<int, MacsecLinkCounters> byIfindex) const;
+  // Once a period: the transmit SAs' packet numbers, and what the counters say of the sessions.
+  void readKernel();
   nlohmann::json show();
   nlohmann::json counters(bool sinceCleared = true) const;
   std::string metrics();

@@ -265,14 +265,15 @@ void KernelDataPlane::updateTxSa(const Lanx::IntfId& intfId) {
   if (hw) hw->txSaStatusIs(SaStatus{AssociationNumber(number), sak.mi, sak.keyNum, 1});
 }
 
-void KernelDataPlane::readTxPacketNumbers() {
+void KernelDataPlane::txPacketNumbersAre(const std::map<int, MacsecLinkCounters>& byIfindex) {
   for (auto& [intfId, link] : links_) {
     const Zef::Ptr<MacSecIntfStatus> hw = hardware()->status(intfId);
-    if (!hw || link.ifindex == 0 || hw->txSaStatus().empty()) continue;
+    const auto read = byIfindex.find(link.ifindex);
+    if (!hw || link.ifindex == 0 || hw->txSaStatus().empty() || read == byIfindex.end()) continue;
     SaStatus record = hw->txSaStatus();
-    const std::optional<uint64_t> pn = kernel()->txSaNextPn(link.ifindex, record.an.value());
-    if (!pn) continue;
-    record.value = static_cast<uint32_t>(std::min<uint64_t>(*pn, UINT32_MAX));
+    const auto pn = read->second.txNextPn.find(record.an.value());
+    if (pn == read->second.txNextPn.end()) continue;
+    record.value = static_cast<uint32_t>(std::min<uint64_t>(pn->second, UINT32_MAX));
     hw->txSaStatusIs(record);
   }
 }

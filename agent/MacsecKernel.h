@@ -90,11 +90,12 @@ using MacsecCounters = std::vector<MacsecCounter>;
 uint64_t counterOf(const MacsecCounters& counters, std::string_view name);
 
 // One MACsec link's counters: of its SecY, its transmit channel and SAs, and each receive channel
-// and its SAs (by association number).
+// and its SAs (by association number); and the next packet number of each transmit SA.
 struct MacsecLinkCounters {
   MacsecCounters secy;
   MacsecCounters txSc;
   std::map<uint8_t, MacsecCounters> txSas;
+  std::map<uint8_t, uint64_t> txNextPn;
   struct RxSc {
     KernelSci sci;
     MacsecCounters counters;
@@ -122,13 +123,12 @@ class MacsecKernel {
   virtual Answer rxSaDel(int ifindex, const KernelSci& sci, uint8_t an) = 0;
   virtual Answer txSaAdd(int ifindex, const MacsecSaSettings& sa) = 0;
   virtual Answer txSaDel(int ifindex, uint8_t an) = 0;
-  // The next packet number of a transmit SA.
-  virtual std::optional<uint64_t> txSaNextPn(int ifindex, uint8_t an) = 0;
   // A MACsec link by name as the kernel holds it; none if there is no MACsec link of that name.
   virtual std::optional<MacsecLinkView> linkView(const std::string& name) = 0;
   // The names of the MACsec links that carry a mark.
   virtual std::vector<std::string> markedLinks(const std::string& mark) = 0;
-  // Every MACsec link's counters, by interface index, read in one dump.
+  // Every MACsec link's counters, by interface index, read in one dump: one request however many
+  // links there are.
   virtual std::map<int, MacsecLinkCounters> linkCounters() = 0;
 };
 

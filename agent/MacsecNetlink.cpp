@@ -404,19 +404,6 @@ void MacsecNetlink::dumpLink(int ifindex, const std::function<void(nlattr** attr
   nl_cb_put(cb);
 }
 
-std::optional<uint64_t> MacsecNetlink::txSaNextPn(int ifindex, uint8_t an) {
-  std::optional<uint64_t> pn;
-  dumpLink(ifindex, [&](nlattr** attrs) {
-    forEachSa(attrs[MACSEC_ATTR_TXSA_LIST], [&](nlattr** sa) {
-      if (!sa[MACSEC_SA_ATTR_PN] || nla_get_u8(sa[MACSEC_SA_ATTR_AN]) != an) return;
-      const int length = nla_len(sa[MACSEC_SA_ATTR_PN]);
-      if (length == 4) pn = nla_get_u32(sa[MACSEC_SA_ATTR_PN]);
-      if (length == 8) pn = nla_get_u64(sa[MACSEC_SA_ATTR_PN]);
-    });
-  });
-  return pn;
-}
-
 std::optional<MacsecLinkView> MacsecNetlink::linkView(const std::string& name) {
   rtnl_link* link = nullptr;
   if (rtnl_link_get_kernel(route_, 0, name.c_str(), &link) < 0) return std::nullopt;
@@ -456,7 +443,13 @@ std::map<int, MacsecLinkCounters> MacsecNetlink::linkCounters() {
     link.secy = countersOf(attrs[MACSEC_ATTR_SECY_STATS], kSecyCounters);
     link.txSc = countersOf(attrs[MACSEC_ATTR_TXSC_STATS], kTxScCounters);
     forEachSa(attrs[MACSEC_ATTR_TXSA_LIST], [&](nlattr** sa) {
-      link.txSas[nla_get_u8(sa[MACSEC_SA_ATTR_AN])] = countersOf(sa[MACSEC_SA_ATTR_STATS], kTxSaCounters);
+      const uint8_t an = nla_get_u8(sa[MACSEC_SA_ATTR_AN]);
+      link.txSas[an] = countersOf(sa[MACSEC_SA_ATTR_STATS], kTxSaCounters);
+      // 32 bits, or 64 with XPN.
+      if (nlattr* pn = sa[MACSEC_SA_ATTR_PN]) {
+        if (nla_len(pn) == sizeof(uint32_t)) link.txNextPn[an] = nla_get_u32(pn);
+        if (nla_len(pn) == sizeof(uint64_t)) link.txNextPn[an] = nla_get_u64(pn);
+      }
     });
     forEachRxSc(attrs[MACSEC_ATTR_RXSC_LIST], [&](nlattr** rxsc) {
       MacsecLinkCounters::RxSc channel{

@@ -41,8 +41,6 @@ class MacsecNetlink : public MacsecKernel {
   Answer rxSaDel(int ifindex, const KernelSci& sci, uint8_t an) override;
   Answer txSaAdd(int ifindex, const MacsecSaSettings& sa) override;
   Answer txSaDel(int ifindex, uint8_t an) override;
-  // From a dump of the link's transmit channel.
-  std::optional<uint64_t> txSaNextPn(int ifindex, uint8_t an) override;
   std::optional<MacsecLinkView> linkView(const std::string& name) override;
   std::vector<std::string> markedLinks(const std::string& mark) override;
   std::map<int, MacsecLinkCounters> linkCounters() override;

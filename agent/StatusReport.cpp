@@ -43,6 +43,9 @@ nlohmann::json kernelCountersReport(const MacsecLinkCounters& link) {
   nlohmann::json report{{"secy", countersReport(link.secy)}, {"tx-sc", countersReport(link.txSc)}};
   nlohmann::json& txSas = report["tx-sa"] = nlohmann::json::object();
   for (const auto& [an, counters] : link.txSas) txSas[std::to_string(an)] = countersReport(counters);
+  // The next packet number of each transmit SA, in 64 bits for the extended packet number suites.
+  nlohmann::json& nextPn = report["tx-next-pn"] = nlohmann::json::object();
+  for (const auto& [an, pn] : link.txNextPn) nextPn[std::to_string(an)] = pn;
   nlohmann::json& rxScs = report["rx-sc"] = nlohmann::json::array();
   for (const MacsecLinkCounters::RxSc& sc : link.rxScs) {
     char sci[17];

@@ -244,6 +244,19 @@ TEST(KernelDataPlane, ProgramsTheKernelAsTheTableSays) {
   EXPECT_EQ(bench.hardware->flat()->capabilityOf(eth1), macsecConfidentialityAtZero);
   bench.cp->postStatusIs(postTesting256Decryption);
   EXPECT_EQ(bench.hardware->flat()->status(eth1)->hwPostStatus(), postTesting256Decryption);
+
+  // The transmit SA's next packet number, from the one dump of every link, goes back into the
+  // hardware status; another link's, or another SA's, changes nothing.
+  for (const Step& step : {addressed, opened, peer(2), rx(0, 1), tx(0, 1)}) step(bench);
+  const int ifindex = bench.kernel.linkIndex(kLinkName);
+  auto txPn = [&] { return bench.hardware->flat()->status(eth1)->txSaStatus().value; };
+  MacsecLinkCounters read;
+  read.txNextPn[0] = 5000;
+  bench.plane->txPacketNumbersAre({{ifindex, read}});
+  EXPECT_EQ(txPn(), 5000u);
+  read.txNextPn = {{1, 7000}};
+  bench.plane->txPacketNumbersAre({{ifindex, read}, {ifindex + 1, MacsecLinkCounters{{}, {}, {}, {{0, 9000}}, {}}}});
+  EXPECT_EQ(txPn(), 5000u);
 }
 
 }  // namespace

@@ -116,10 +116,6 @@ class FakeMacsecKernel : public MacsecKernel {
       return link && link->txSas.erase(an) != 0;
     });
   }
-  std::optional<uint64_t> txSaNextPn(int ifindex, uint8_t an) override {
-    const Link* link = find(ifindex);
-    return link && link->txSas.contains(an) ? std::optional<uint64_t>(1) : std::nullopt;
-  }
   std::optional<MacsecLinkView> linkView(const std::string& name) override {
     const int ifindex = linkIndex(name);
     if (ifindex == 0) return std::nullopt;

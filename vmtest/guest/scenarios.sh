@@ -74,6 +74,8 @@ scenario_secure_128() {
     fail "no key in use in words: $(cat /tmp/secure_128-show.txt)"
   grep -q "^    rx SA [0-3]: InPktsOK [1-9]" /tmp/secure_128-show.txt || fail "no receive SA counters: $(cat /tmp/secure_128-show.txt)"
   grep -q "^    tx SA [0-3]: OutPktsEncrypted [1-9]" /tmp/secure_128-show.txt || fail "no transmit SA counters"
+  # The transmit SA's next packet number, from the same dump of every link.
+  show A | tr -d ' \n' | grep -q '"tx-next-pn":{"[0-3]":[1-9]' || fail "no packet number read: $(show A | grep -A2 tx-next-pn)"
 }
 
 # A peer that says it transmits on the key but whose data plane never took it (here an emulated
