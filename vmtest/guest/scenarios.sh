@@ -7,6 +7,10 @@ session() {  # session CAK [PROFILE LINES...]
   pair
   config A "$@"
   config B "$@"
+  secured_pair
+}
+# The same, once the pair and each side's file are there.
+secured_pair() {
   start A
   start B
   wait_for 60 both_secured || fail "not secured"
@@ -120,12 +124,7 @@ scenario_integrity_only() {
   pair
   config A "$CAK128" 'confidentiality = false' 'key-server-priority = 0'
   config B "$CAK128"
-  start A
-  start B
-  wait_for 60 both_secured || fail "not secured"
-  address A 10.66.0.1
-  address B 10.66.0.2
-  wait_for 10 ip netns exec A ping -c 1 -W 1 10.66.0.2 || fail "no first ping"
+  secured_pair
   ip netns exec A ping -c 5 -i 0.2 -W 2 10.66.0.2 > /dev/null || fail "pings lost"
   for ns in A B; do
     ip -n "$ns" macsec show | grep -q "encrypt off" || fail "$ns's link encrypts: $(ip -n "$ns" macsec show | head -1)"
@@ -272,12 +271,7 @@ scenario_restart_during_rekeys() {
   pair
   config A "$CAK128" 'key-server-priority = 1' 'rekey-period = 5'
   config B "$CAK128"
-  start A
-  start B
-  wait_for 60 both_secured || fail "not secured"
-  address A 10.66.0.1
-  address B 10.66.0.2
-  wait_for 10 ip netns exec B ping -c 1 -W 1 10.66.0.1 || fail "no first ping"
+  secured_pair
   pings B 10.66.0.1 40
   restarts=0
   for signal in TERM KILL TERM KILL; do
