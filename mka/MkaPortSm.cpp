@@ -331,6 +331,18 @@ void MkaPortSm::ZefPortStatus::ZefActorStatus::handleDistSak() {
   const Zef::Ptr<MkaActorStatus> actor = port->portStatus()->actorStatus(ckn);
   if (!actor || actor->distSak().empty()) return;
 
+  // A follower's key does not take the port from an actor the port prefers: one of an earlier key,
+  // given a key by a member that has not changed keys yet, would take the port back and forth
+  // with the configured key's actor at each key either is given, and tell its key server it
+  // receives on a key the port is about to drop. The key goes; its key server, told that it is not
+  // received, gives it again, and the actor takes it then if the port no longer prefers another.
+  if (!actor->electedSelf() && actor->success() && port->principalOutranks(*actor)) {
+    TRACE(3,
+          ": Actor " << ckn << " on " << intfId << " gives way to the principal actor " << port->principalActorCkn());
+    actor->distSakIs(Sak());
+    return;
+  }
+
   // The next key takes the next association number.
   const Sak sak = actor->distSak();
   port->portStatus()->anOfNextKeyIs(AssociationNumber(sak.an == 3 ? 0 : sak.an + 1));
@@ -360,6 +372,19 @@ void MkaPortSm::doMarkFollowerPrincipal(const Zef::Ptr<MkaActorStatus>& actor, c
   if (previous != ckn) Zef::log(actor->defaultActor() ? MKA_FALLBACK_KEY_IN_USE : MKA_KEY_IN_USE, ckn, intfId());
   actor->principalIs(true);
   principalActorCknIs(ckn);
+}
+
+bool MkaPortSm::principalOutranks(const MkaActorStatus& actor) const {
+  if (principalActorCkn().empty() || principalActorCkn() == actor.ckn()) return false;
+  const Zef::Ptr<MkaActorStatus const> principal = portStatus()->actorStatus(principalActorCkn());
+  if (!principal || !principal->success()) return false;
+  // The configured primary key's actor, any other primary actor, the configured fallback key's,
+  // any other fallback actor: the order of the election.
+  const auto rank = [&](const MkaActorStatus& candidate) {
+    if (!candidate.defaultActor()) return candidate.ckn() == intfStatus()->key().ckn ? 3 : 2;
+    return candidate.ckn() == intfStatus()->defaultKey().ckn ? 1 : 0;
+  };
+  return rank(*principal) > rank(actor);
 }
 
 void MkaPortSm::handleNumSuccessActors() {
