@@ -273,7 +273,7 @@ void KernelDataPlane::txPacketNumbersAre(const std::map<int, MacsecLinkCounters>
     SaStatus record = hw->txSaStatus();
     const auto pn = read->second.txNextPn.find(record.an.value());
     if (pn == read->second.txNextPn.end()) continue;
-    record.value = static_cast<uint32_t>(std::min<uint64_t>(pn->second, UINT32_MAX));
+    record.value = pn->second;
     hw->txSaStatusIs(record);
   }
 }

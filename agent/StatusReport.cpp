@@ -73,10 +73,16 @@ std::string cipherSuiteName(CipherSuite suite) {
 }
 
 nlohmann::json peerReport(const MkaPeer& peer, const char* state) {
-  return nlohmann::json{{"sci", sciText(peer.baseInfo().sci)},
+  nlohmann::json report{{"sci", sciText(peer.baseInfo().sci)},
                         {"member-identifier", peer.id().hex().stdString()},
                         {"state", state},
                         {"key-server-priority", peer.baseInfo().keyServerPriority}};
+  // The packet number the peer last reported for the key it transmits on, which the key server
+  // watches for the key's wearing out.
+  const SakUseInfo& use = peer.sakUseInfo();
+  const KeyInfo& transmitted = use.oldKey.tx ? use.oldKey : use.latestKey;
+  report["transmit-pn"] = transmitted.tx ? nlohmann::json(transmitted.lpn) : nullptr;
+  return report;
 }
 
 const char* saState(bool enabled, bool installed) {
@@ -177,6 +183,14 @@ nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, b
   if (transmit && history && history->transmitKey == transmit) {
     report["transmit-key"]["since"] = rfc3339(history->transmitSince);
   }
+  // The next packet number of the key transmitted on, as the data plane last read it (0, which no
+  // frame carries, when it reads none).
+  for (const SakContext& slot : {old, latest}) {
+    if (transmit && slot.txInstalled && slot.txSaValue != 0 && slot.sak.mi == transmit->mi &&
+        slot.sak.keyNum == transmit->keyNum) {
+      report["transmit-key"]["next-pn"] = slot.txSaValue;
+    }
+  }
   nlohmann::json& receive = report["receive-keys"] = nlohmann::json::array();
   for (const SakContext& context : {old, latest}) {
     if (context.rxEnabled && !context.sak.empty()) receive.push_back(keyReport(context.sak));
@@ -210,6 +224,8 @@ nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, b
     report["secured-seconds"] = std::max(0.0, Zef::System::currentTimeUtc() - history->securedSince);
   }
   report["transmit-key-changes"] = history ? history->transmitKeyChanges : 0;
+  // Worn keys this port's key server has replaced, its own or its peers', in this session.
+  report["pn-exhaustions"] = actor ? actor->llpnExhaustion() : 0;
   report["last-change"] = nullptr;
   if (history && history->lastChange) {
     report["last-change"] = {{"at", rfc3339(history->lastChange->at)}, {"reason", history->lastChange->reason}};

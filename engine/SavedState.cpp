@@ -62,7 +62,7 @@ KeyInfo keyInfoOf(const json& j) {
   key.rx = j.at("rx").get<bool>();
   key.mi = memberIdOf(j.at("mi"));
   key.keyNum = j.at("kn").get<uint32_t>();
-  key.lpn = j.at("lowest-pn").get<uint32_t>();
+  key.lpn = j.at("lowest-pn").get<uint64_t>();
   return key;
 }
 
@@ -99,7 +99,7 @@ json slotJson(const SakContext& slot) {
 
 SakContext slotOf(const json& j) {
   return SakContext{sakOf(j.at("sak")),
-                    j.at("tx-sa-value").get<uint32_t>(),
+                    j.at("tx-sa-value").get<uint64_t>(),
                     j.at("tx-enabled").get<bool>(),
                     j.at("rx-enabled").get<bool>(),
                     j.at("tx-installed").get<bool>(),
@@ -279,7 +279,7 @@ SavedActor actorOf(const json& j) {
   actor.success = j.at("success").get<bool>();
   actor.defaultActor = j.at("default-actor").get<bool>();
   const json& lpns = j.at("lowest-pns");
-  actor.lowestPns = KeysLPN{lpns.at(0).get<uint32_t>(), lpns.at(1).get<uint32_t>()};
+  actor.lowestPns = KeysLPN{lpns.at(0).get<uint64_t>(), lpns.at(1).get<uint64_t>()};
   return actor;
 }
 
@@ -343,7 +343,7 @@ SavedControlledPort controlledPortOf(const json& j) {
   for (const json& sak : j.at("rx-saks")) cp.rxSaks.push_back(sakOf(sak));
   cp.txSak = sakOf(j.at("tx-sak"));
   for (const json& lpn : j.at("rx-lpns")) {
-    cp.rxLpns.push_back(RxLPN{lpn.at(1).get<uint32_t>(), AssociationNumber(lpn.at(0).get<unsigned>())});
+    cp.rxLpns.push_back(RxLPN{lpn.at(1).get<uint64_t>(), AssociationNumber(lpn.at(0).get<unsigned>())});
   }
   cp.post = static_cast<POSTStage>(j.at("post").get<uint32_t>());
   return cp;

@@ -60,7 +60,7 @@ void HwEmulator::ZefStatus::ZefCpStatus::updateTxSaStatus() {
   HwEmulator* emulator = stateMachine();
   if (emulator == nullptr) return;
   Zef::Ptr<HwStatusSlices> hardware = emulator->hardware();
-  const uint32_t value = emulator->txSaValue();
+  const uint64_t value = emulator->txSaValue();
   confirm(*emulator, [hardware, intfId, sak, value] {
     Zef::Ptr<MacSecIntfStatus> hw = hardware->status(intfId);
     if (!hw) return;  // the interface left the hardware before the confirmation

@@ -392,16 +392,25 @@ void ControlledPortSm::handleTxSaStatus() {
     cp->controlledPortEnabledIs(true);
     return;
   }
+  // A later reading of the key in service in the old slot: its packet numbers move on, and the
+  // peers hear of them.
+  if (sameKey(old.sak, confirmed) && old.txInstalled && !sameKey(latest.sak, confirmed)) {
+    if (old.txSaValue == record.value) return;
+    old.txSaValue = record.value;
+    cp->oldSakContextIs(old);
+    return;
+  }
   if (!sameKey(latest.sak, confirmed)) {
     TRACE(3, ": Ignoring transmit SA for AN: " << record.an << " because it doesn't match with the latestSak for "
                                                << ckn << " on " << intfId);
     return;
   }
-  // The hardware's value is kept even from a repeated confirmation.
+  // The hardware's value is kept even from a repeated confirmation, or a later reading.
   latest.txSaValue = record.value;
   if (latest.txInstalled) {
     TRACE(3, ": Ignoring transmit SA for AN: " << record.an << " because the SAK is already installed for TX for "
                                                << ckn << " on " << intfId);
+    if (cp->latestSakContext().txSaValue != latest.txSaValue) cp->latestSakContextIs(latest);
     return;
   }
   // The key is in service: the operators hear of it, and the old key stops transmitting.

@@ -363,9 +363,6 @@ Zef::Ptr<MkaPeer const> livePeerWithSci(const MkaActorStatus& actor, const Sci& 
   return nullptr;
 }
 
-// Three quarters of the packet number space: a key this far used asks for a new one.
-constexpr uint32_t kLlpnExhaustion = 0xC0000000u;
-
 }  // namespace
 
 bool MkaActorSm::ownHardwareReceives(const Sak& sak) const {
@@ -450,10 +447,28 @@ void MkaActorSm::parseSakUseInfo(const DecodedMkpdu& message) {
     actorStatus()->keysLPNIs(KeysLPN());
   }
 
-  // A peer's packet numbers running out asks the key server for a new key at once.
-  if (actorStatus()->electedSelf() && (use.latestKey.lpn >= kLlpnExhaustion || use.oldKey.lpn >= kLlpnExhaustion)) {
+  // A peer's packet numbers running out on the key in distribution ask the key server for a new
+  // key at once. A worn key already replaced asks no more: the peer reports it until the new one is
+  // in service, and a key at each of those reports would never let one get there.
+  const uint64_t exhaustion = packetNumberExhaustion(intfStatus()->cipherSuite());
+  const Sak& current = actorStatus()->distSak();
+  const auto worn = [&](const KeyInfo& key) { return key.lpn >= exhaustion && sakMatch(key, current); };
+  if (actorStatus()->electedSelf() && (worn(use.latestKey) || worn(use.oldKey))) {
     TRACE(1, ": LLPN exhaustion detected" << forActor());
     actorStatus()->llpnExhaustionInc(1);
+  }
+}
+
+void MkaActorSm::checkOwnPacketNumbers() {
+  // The key server's own transmit SA running out asks for a new key as a peer's does, once.
+  if (!actorStatus()->electedSelf() || !actorStatus()->principal() || !cpStatus()) return;
+  const uint64_t exhaustion = packetNumberExhaustion(intfStatus()->cipherSuite());
+  for (const SakContext& slot : {cpStatus()->latestSakContext(), cpStatus()->oldSakContext()}) {
+    if (slot.txInstalled && slot.txSaValue >= exhaustion && sameKey(slot.sak, actorStatus()->distSak())) {
+      TRACE(1, ": Own packet number exhaustion detected" << forActor());
+      actorStatus()->llpnExhaustionInc(1);
+      return;
+    }
   }
 }
 
@@ -711,6 +726,7 @@ void MkaActorSm::handleLatestSakContext() {
   // transmits.
   const SakContext latest = cpStatus()->latestSakContext();
   const bool electedSelf = actorStatus()->electedSelf();
+  checkOwnPacketNumbers();
   if ((latest.rxInstalled && !latest.txEnabled && !electedSelf) || (latest.txInstalled && electedSelf)) {
     TRACE(3, ": Actor " << ckn() << " send MKPDU on " << intfId());
     mkpduImmediateCntInc(1);

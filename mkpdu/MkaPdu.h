@@ -34,6 +34,8 @@ struct MacsecConstants {
   static constexpr uint8_t mkaAlgorithmAgilityIcvLength = 16;
   static constexpr uint8_t mkaWordAlignment = 4;
   static constexpr uint8_t sakUseParameterSetBodyLen = 40;
+  // The XPN set: the high 32 bits of the latest and the old key's lowest acceptable packet numbers.
+  static constexpr uint8_t xpnParameterSetBodyLen = 8;
   static constexpr uint8_t distSakParameterSet128BitKeyBodyLen = 36;
   static constexpr uint8_t distSakParameterSet256BitKeyBodyLen = 52;
   static constexpr uint8_t distSakBodyLenWithoutCipherSuiteInfo = 28;

@@ -82,6 +82,14 @@ DecodeResult decodeSakUse(const uint8_t* set, size_t length, SakUseInfo& use) {
   return DecodeResult::accepted;
 }
 
+// The XPN set's high halves of the two lowest acceptable packet numbers; a later revision's
+// longer body starts the same.
+DecodeResult decodeXpn(const uint8_t* body, size_t length, std::pair<uint32_t, uint32_t>& high) {
+  if (length < C::xpnParameterSetBodyLen) return DecodeResult::badParameterSet;
+  high = {be32(body), be32(body + 4)};
+  return DecodeResult::accepted;
+}
+
 DecodeResult decodeDistSak(const uint8_t* set, size_t length, const ActorKeys& keys, SakDistInfo& dist) {
   if (length == 0) return DecodeResult::accepted;  // no key: traffic in the clear
   const auto* overlay = reinterpret_cast<const DistSakSet*>(set);
@@ -216,6 +224,7 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
   // that comes twice makes the frame malformed (two lists would mix, a second key would replace
   // the first).
   std::bitset<256> seen;
+  std::pair<uint32_t, uint32_t> xpnHigh{0, 0};
   for (size_t at = C::parameterSetHeaderSize + padded(basicLength); at < setsEnd;) {
     if (setsEnd - at < C::parameterSetHeaderSize) return DecodeResult::badParameterSet;
     const uint8_t* set = body + at;
@@ -230,7 +239,7 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
     const uint8_t* setBody = set + C::parameterSetHeaderSize;
     const bool known = type == livePeerParameterSetType || type == potentialPeerParameterSetType ||
                        type == sakUseParameterSetType || type == distSakParameterSetType ||
-                       type == distCakParameterSetType;
+                       type == distCakParameterSetType || type == xpnParameterSetType;
     if (known && seen.test(type)) return DecodeResult::badParameterSet;
     seen.set(type);
     DecodeResult result = DecodeResult::accepted;
@@ -250,12 +259,18 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
       case distCakParameterSetType:
         result = decodeDistCak(set, setLength, *actor, message.cakDistInfo);
         break;
+      case xpnParameterSetType:
+        result = decodeXpn(setBody, setLength, xpnHigh);
+        break;
       default:
         break;
     }
     if (result != DecodeResult::accepted) return result;
     at += C::parameterSetHeaderSize + padded(setLength);
   }
+  // An XPN suite's packet numbers are whole once both sets are read, in whichever order they came.
+  if (message.sakUseInfo.latestKey != KeyInfo()) message.sakUseInfo.latestKey.lpn |= uint64_t{xpnHigh.first} << 32;
+  if (message.sakUseInfo.oldKey != KeyInfo()) message.sakUseInfo.oldKey.lpn |= uint64_t{xpnHigh.second} << 32;
   out = std::move(message);
   return DecodeResult::accepted;
 }
@@ -320,7 +335,18 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
     for (const KeyInfo* key : {&use.latestKey, &use.oldKey}) {
       putMi(body, key->mi);
       put32(body, key->keyNum);
-      put32(body, key->lpn);
+      put32(body, static_cast<uint32_t>(key->lpn));
+    }
+    // The XPN set follows with the high halves, for an XPN suite or any number beyond 32 bits;
+    // no suspension is announced.
+    const uint32_t latestHigh = static_cast<uint32_t>(use.latestKey.lpn >> 32);
+    const uint32_t oldHigh = static_cast<uint32_t>(use.oldKey.lpn >> 32);
+    if (isXpn(keys.cipherSuite) || latestHigh != 0 || oldHigh != 0) {
+      put8(body, xpnParameterSetType);
+      put8(body, 0);
+      put16(body, C::xpnParameterSetBodyLen);
+      put32(body, latestHigh);
+      put32(body, oldHigh);
     }
   }
 

@@ -56,6 +56,8 @@ std::optional<uint8_t> offsetOfCode(uint8_t code) {
 
 bool isXpn(CipherSuite suite) { return suite == cipherSuiteGcmAesXpn128 || suite == cipherSuiteGcmAesXpn256; }
 
+uint64_t packetNumberExhaustion(CipherSuite suite) { return isXpn(suite) ? 0xC000000000000000u : 0xC0000000u; }
+
 namespace {
 
 constexpr std::pair<CipherSuite, uint64_t> kReferences[] = {

@@ -34,6 +34,9 @@ enum CipherSuite : uint32_t {
 int keyBitsOf(CipherSuite suite);
 // Whether frames carry 64-bit packet numbers, with a short SCI and a salt per SA.
 bool isXpn(CipherSuite suite);
+// The packet number from which a key of the suite is worn out and the key server makes the next:
+// three quarters of its space, 0xC0000000 for 32-bit numbers, 0xC000000000000000 for XPN.
+uint64_t packetNumberExhaustion(CipherSuite suite);
 // The IEEE 802.1AE reference number (00-80-C2-00-01-00-00-01 to -04), and the suite of one;
 // cipherSuiteNone for a number this engine does not run.
 uint64_t cipherSuiteReference(CipherSuite suite);
@@ -168,7 +171,7 @@ std::string keyServerTail(const MemberId& mi);
 // One key slot of the controlled port.
 struct SakContext {
   Sak sak;
-  uint32_t txSaValue = 0;
+  uint64_t txSaValue = 0;  // the transmit SA's next packet number, as the data plane last said
   bool txEnabled = false;
   bool rxEnabled = false;
   bool txInstalled = false;
@@ -178,14 +181,14 @@ struct SakContext {
 std::ostream& operator<<(std::ostream& out, const SakContext& context);
 
 struct KeysLPN {
-  uint32_t oldLpn = 0;
-  uint32_t latestLpn = 0;
+  uint64_t oldLpn = 0;
+  uint64_t latestLpn = 0;
   bool operator==(const KeysLPN&) const noexcept = default;
 };
 std::ostream& operator<<(std::ostream& out, const KeysLPN& lpn);
 
 struct RxLPN {
-  uint32_t lpn = 0;
+  uint64_t lpn = 0;
   AssociationNumber an;
   bool operator==(const RxLPN&) const noexcept = default;
 };
@@ -226,7 +229,8 @@ struct KeyInfo {
   bool rx = false;
   MemberId mi;
   uint32_t keyNum = 0;
-  uint32_t lpn = 0;
+  // 64 bits for an XPN suite: the SAK use set carries the low 32, the XPN set the high 32.
+  uint64_t lpn = 0;
   // The numbers before the identifier, for the same reason as BasicInfo's. Every member takes part.
   bool operator==(const KeyInfo& o) const noexcept {
     return lpn == o.lpn && keyNum == o.keyNum && an == o.an && tx == o.tx && rx == o.rx && mi == o.mi;
@@ -277,7 +281,7 @@ struct SaStatus {
   AssociationNumber an;
   MemberId mi;
   uint32_t keyNum = 0;
-  uint32_t value = 0;
+  uint64_t value = 0;  // a transmit SA's next packet number
   bool empty() const noexcept { return *this == SaStatus(); }
   bool operator==(const SaStatus&) const noexcept = default;
 };

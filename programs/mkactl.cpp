@@ -170,19 +170,23 @@ void showDetails(const Json& intf) {
                                        cell(server["sci"]) + ", priority " + cell(server["key-server-priority"]))
             << "\n";
   const Json& transmit = intf["transmit-key"];
-  std::cout << "  transmits on: "
-            << (transmit.is_null()
-                    ? "no key"
-                    : keyWords(transmit) + (transmit.contains("since") ? ", since " + cell(transmit["since"]) : ""))
-            << "\n";
+  printWrapped(
+      "  transmits on: " +
+          (transmit.is_null()
+               ? "no key"
+               : keyWords(transmit) + (transmit.contains("since") ? ", since " + cell(transmit["since"]) : "") +
+                     (transmit.contains("next-pn") ? ", next PN " + cell(transmit["next-pn"]) : "")),
+      ", ");
   std::string receive;
   for (const Json& key : intf["receive-keys"]) receive += (receive.empty() ? "" : "; ") + keyWords(key);
   std::cout << "  receives on: " << (receive.empty() ? "no key" : receive) << "\n";
   std::cout << "  key on its way in: " << (intf["incoming-key"].is_null() ? "none" : keyWords(intf["incoming-key"]))
             << "\n";
   for (const Json& peer : intf["peers"]) {
-    std::cout << "  peer " << cell(peer["sci"]) << ": " << cell(peer["state"]) << ", member "
-              << cell(peer["member-identifier"]) << ", priority " << cell(peer["key-server-priority"]) << "\n";
+    printWrapped("  peer " + cell(peer["sci"]) + ": " + cell(peer["state"]) + ", member " +
+                     cell(peer["member-identifier"]) + ", priority " + cell(peer["key-server-priority"]) +
+                     (peer["transmit-pn"].is_null() ? "" : ", transmits at PN " + cell(peer["transmit-pn"])),
+                 ", ");
   }
   if (intf["peers"].empty()) std::cout << "  peers: none\n";
   if (const Json& change = intf["last-change"]; !change.is_null()) {

@@ -172,6 +172,48 @@ TEST_P(ControlledPort, NewKeysByPeriodAndByPacketNumbersKeepTrafficFlowingAndRet
   EXPECT_EQ(actors[&a]->keyNum(), 4u);
 }
 
+// An XPN key counts its packet numbers in 64 bits: a peer's report of 0xC0000000 is a number like
+// any other, and one at three quarters of the 64-bit space makes the next key at once, as does the
+// key server's own transmit SA read that far on; a worn key already replaced asks for no more.
+TEST_P(ControlledPort, AnXpnKeyGivesWayAtThreeQuartersOfItsSixtyFourBitPacketNumbers) {
+  cipherSuite = cipherSuiteGcmAesXpn128;
+  segmentOf({&a, &b});
+  Sim::Message last;
+  sim.tapIs([&](const Sim::Agent& from, const Sim::Message& m) {
+    if (&from == &b) last = m;
+  });
+  ASSERT_TRUE(heldWithin(30, [&] { return secured(a); }));
+  guard({&a, &b});
+  // b reports the key in service, with a packet number of its own.
+  auto reportOfB = [&](uint64_t lpn) {
+    Sim::Message report = last;
+    report.intfId = intf(a);
+    report.sakUseInfo.oldKey.lpn = lpn;
+    return report;
+  };
+  const uint32_t first = actors[&a]->keyNum();
+  a.deliver(reportOfB(0xC0000000u));
+  EXPECT_EQ(actors[&a]->keyNum(), first);
+  sim.runFor(2.5);  // b's next MKPDU, with a message number of its own
+  a.deliver(reportOfB(0xC000000000000000u));
+  EXPECT_EQ(actors[&a]->keyNum(), first + 1);  // at once
+  const Sim::Message wornAndReplaced = reportOfB(0xC000000000000000u);
+  sim.runFor(0.5);
+  a.deliver(wornAndReplaced);
+  EXPECT_EQ(actors[&a]->keyNum(), first + 1);
+  ASSERT_TRUE(heldWithin(20, [&] { return secured(a) && actors[&a]->keyNum() == first + 1; }));
+
+  // a's own transmit SA, read again at the mark and after it: one new key.
+  const SaStatus reading = hw(a)->txSaStatus();
+  for (uint64_t pn : {0xBFFFFFFFFFFFFFFFu, 0xC000000000000000u, 0xC000000000000100u}) {
+    a.engine().as([&] { hw(a)->txSaStatusIs(SaStatus{reading.an, reading.mi, reading.keyNum, pn}); });
+  }
+  EXPECT_EQ(cp(a)->oldSakContext().txSaValue, 0xC000000000000100u);
+  EXPECT_EQ(actors[&a]->keyNum(), first + 2);
+  ASSERT_TRUE(heldWithin(20, [&] { return secured(a) && actors[&a]->keyNum() == first + 2; }));
+  EXPECT_EQ(actors[&a]->keyNum(), first + 2);
+}
+
 // A follower whose hardware is slow asks to transmit on a key, and the next key pushes that key
 // into the old slot before the hardware confirms: the late confirmation still counts there.
 TEST_P(ControlledPort, ALateTransmitConfirmationCountsForAKeyAlreadyInTheOldSlot) {

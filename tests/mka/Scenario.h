@@ -68,6 +68,7 @@ class Scenario : public ::testing::Test {
     config.mac = mac(macByte);
     config.portId = portId;
     config.dot1xType = type;
+    config.params.cipherSuite = cipherSuite;
     agent.interfaceIs(eth1, config);
     agent.engine().as([&] { agent.status()->intfStatus(eth1)->keyServerPriorityIs(priority); });
     agent.actorIs(eth1, ckn, kCak);
@@ -172,6 +173,8 @@ class Scenario : public ::testing::Test {
   const Lanx::IntfId eth1{"eth1"};
   // Whether join() makes the actor principal at once, or leaves that to a stand-in for the port.
   bool portStandIn = false;
+  // The cipher suite of the interfaces join() makes.
+  CipherSuite cipherSuite = cipherSuiteGcmAes128;
   std::vector<Zef::Ptr<PortStandIn>> standIns;
   std::map<Sim::Agent*, Lanx::IntfId> intfs;
   LogCapture log;  // made before the simulation and gone after it, so that it hears teardown too

@@ -340,6 +340,57 @@ TEST_F(Codec, UnusualButSoundFramesAreAccepted) {
 
 // The guard tells members by both names, whatever their lengths, and wherever one ends and the
 // other begins.
+// An XPN suite's packet numbers are 64 bits: the SAK use set carries the low halves and the XPN set
+// after it the high ones, and a receiver puts them together in whichever order the sets came. A
+// 32-bit suite's numbers need no XPN set.
+TEST_F(Codec, TheXpnSetCarriesTheHighHalvesOfThePacketNumbers) {
+  DecodedMkpdu m = basicOnly();
+  m.livePeers = typicalMessage().livePeers;
+  m.sakUseInfo.latestKey = KeyInfo{1, true, true, "0102030405060708090a0b0c"_mi, 2, 0x0000000200000010u};
+  m.sakUseInfo.oldKey = KeyInfo{0, true, true, "0102030405060708090a0b0c"_mi, 1, 0xc000000000000005u};
+  const ActorKeys xpn{StoredKey::ofHex(kIck), StoredKey::ofHex(kKek), cipherSuiteGcmAesXpn128};
+  std::string frame;
+  ASSERT_TRUE(encodeMkpdu(m, m.baseInfo.sci.addr, xpn, frame));
+  const size_t sakUse = 18 + 48 + 20;                          // after the basic set and the live peer list
+  EXPECT_EQ(hexOf(frame.substr(sakUse + 20, 4)), "00000010");  // the latest key's low half
+  EXPECT_EQ(hexOf(frame.substr(sakUse + 40, 4)), "00000005");  // the old key's
+  EXPECT_EQ(hexOf(frame.substr(sakUse + 44, 12)),
+            "08000008"
+            "00000002"
+            "c0000000");
+  EXPECT_EQ(frame.size(), sakUse + 44 + 12 + 16);
+  ASSERT_EQ(feed(frame), DecodeResult::accepted);
+  EXPECT_EQ(received.back().sakUseInfo, m.sakUseInfo);
+
+  // The XPN set first.
+  m.baseInfo.msgNum = 8;
+  const std::string xpnFirst = edited(
+      [&](std::string& f) {
+        const std::string set = f.substr(sakUse + 44, 12);
+        f.erase(sakUse + 44, 12);
+        f.insert(sakUse, set);
+      },
+      true, m);
+  ASSERT_EQ(feed(xpnFirst), DecodeResult::accepted);
+  EXPECT_EQ(received.back().sakUseInfo, m.sakUseInfo);
+
+  // An XPN set too short for both halves is malformed.
+  m.baseInfo.msgNum = 9;
+  const std::string shortSet = edited(
+      [&](std::string& f) {
+        f[sakUse + 44 + 3] = 4;
+        f.erase(sakUse + 44 + 8, 4);
+        setBodyLength(f, f.size() - 18);
+      },
+      true, m);
+  EXPECT_EQ(feed(shortSet), DecodeResult::badParameterSet);
+
+  m.sakUseInfo.latestKey.lpn = 0x10;
+  m.sakUseInfo.oldKey.lpn = 5;
+  ASSERT_TRUE(encodeMkpdu(m, m.baseInfo.sci.addr, keys128(), frame));
+  EXPECT_EQ(frame.size(), sakUse + 44 + 16);
+}
+
 TEST(ReplayGuard, TellsMembersByBothNames) {
   ReplayGuard guard;
   const MemberId member = "b1b2b3b4b5b6b7b8b9babbbc"_mi;

@@ -1,6 +1,6 @@
 # The scenarios: each a function that fails (exit 1) with a reason or returns. They run one after
 # another in one VM; cleanup_all takes each one's namespaces and daemons away.
-ALL_SCENARIOS="known_answer secure_128 peer_without_a_data_plane integrity_only secure_256 secure_xpn rekey_under_ping_flood flap_restart_and_reload restart_without_a_hit restart_during_rekeys corrupted_state teardown cak_mismatch closed_port allow_unprotected key_chain"
+ALL_SCENARIOS="known_answer secure_128 peer_without_a_data_plane integrity_only secure_256 secure_xpn pn_exhaustion pn_exhaustion_xpn rekey_under_ping_flood flap_restart_and_reload restart_without_a_hit restart_during_rekeys corrupted_state teardown cak_mismatch closed_port allow_unprotected key_chain"
 
 # A secured session between A (10.66.0.1) and B (10.66.0.2) that a first ping has crossed.
 session() {  # session CAK [PROFILE LINES...]
@@ -150,6 +150,70 @@ scenario_rekey_under_ping_flood() {
   note "rekeys=$rekeys pings=$SENT lost=$LOST"
 }
 
+# The association number NS transmits on, as the kernel says.
+tx_an() { ip -n "$1" macsec show | sed -n 's/.*TXSC: [0-9a-f]* on SA \([0-3]\).*/\1/p' | head -n 1; }
+# at_least A B: whether the whole number A is at least B, for numbers beyond the shell's 63 bits.
+at_least() { [ ${#1} -gt ${#2} ] || { [ ${#1} -eq ${#2} ] && ! [ "$1" \< "$2" ]; }; }
+# What A's view says of packet numbers: its own transmit key's next one, and the one its peer
+# last reported for the key it transmits on.
+own_pn() { show A | tr -d ' \n' | sed -n 's/.*"transmit-key":{[^}]*"next-pn":\([0-9]*\).*/\1/p'; }
+peer_pn() { show A | tr -d ' \n' | sed -n 's/.*"transmit-pn":\([0-9]*\).*/\1/p'; }
+
+# move_pn NS PN pn|xpn: NS transmits on from PN, and its peer's receive SA of that key expects it
+# (an XPN receiver recovers a number's high half from what it expects). While no traffic flows.
+move_pn() {
+  peer=$(peer_of "$1") an=$(tx_an "$1")
+  peer_link=msveth-$(echo "$peer" | tr AB ab)
+  sci=$(ip -n "$peer" macsec show | sed -n 's/.*RXSC: \([0-9a-f]*\),.*/\1/p' | head -n 1)
+  ip -n "$peer" macsec set "$peer_link" rx sci "$sci" sa "$an" "$3" "$2" on &&
+    ip -n "$1" macsec set "msveth-$(echo "$1" | tr AB ab)" tx sa "$an" "$3" "$2" on || fail "the PN of $1 could not be set"
+}
+# pings_added: pings_over, with the figures added up in ALL_SENT and ALL_LOST; none may be lost.
+pings_added() {
+  pings_over
+  ALL_SENT=$((ALL_SENT + SENT)) ALL_LOST=$((ALL_LOST + LOST))
+  [ "$LOST" = 0 ] || fail "$LOST of $SENT pings lost as keys wore out: $GAPS"
+}
+
+# exhaust_packet_numbers SUITE NEAR WORN pn|xpn: a session of SUITE without a rekey period. The
+# follower's transmit SA is moved on to NEAR, then to WORN (100 before three quarters of the
+# suite's packet numbers), then the key server's the same. NEAR shows in the key server's view as
+# it is (64 bits end to end, over the wire for the follower's) and changes no key, though with
+# XPN its low 32 bits are past the 32-bit mark; WORN makes the key server make a new key at once,
+# whose SA goes into service with its numbers from the start, some thousand million frames before
+# the old one would have run out. Under pings from B every 10 ms after each move, not one is lost.
+exhaust_packet_numbers() {
+  near=$2 worn_pn=$3 pn_kind=$4
+  pair
+  config A "$CAK256" "cipher-suite = \"$1\"" 'key-server-priority = 1'
+  config B "$CAK256" "cipher-suite = \"$1\""
+  secured_pair
+  is_key_server A || fail "A is not the key server"
+  ALL_SENT=0 ALL_LOST=0 worn=0
+  for ns in B A; do
+    key=$(key_of A)
+    shown=own_pn; [ "$ns" = B ] && shown=peer_pn
+    move_pn "$ns" "$near" "$pn_kind"
+    pings B 10.66.0.1 10
+    wait_for 15 eval 'at_least "$($shown)" "$near"' || fail "A's view shows $ns at PN $($shown), not $near"
+    pings_added
+    [ "$(key_of A)" = "$key" ] || fail "a new key at PN $near of $ns"
+    move_pn "$ns" "$worn_pn" "$pn_kind"
+    pings B 10.66.0.1 15
+    wait_for 15 eval '[ "$(key_of A)" != "$key" ] && [ "$(key_of B)" = "$(key_of A)" ]' ||
+      fail "no new key after $ns reached PN $worn_pn (key $key)"
+    pings_added
+    worn=$((worn + 1))
+    [ "$(show A | tr -d ' \n' | sed -n 's/.*"pn-exhaustions":\([0-9]*\).*/\1/p')" = "$worn" ] ||
+      fail "A does not count $worn worn keys: $(show A | grep pn-exhaustions)"
+    pn=$(ip -n "$ns" macsec show | sed -n "s/^ *$(tx_an "$ns"): PN \([0-9]*\),.*/\1/p" | head -n 1)
+    [ -n "$pn" ] && [ "$pn" -lt 100000 ] || fail "$ns transmits on a new SA at PN ${pn:-none}"
+  done
+  note "worn_keys=$worn pings=$ALL_SENT lost=$ALL_LOST"
+}
+scenario_pn_exhaustion() { exhaust_packet_numbers gcm-aes-128 3220225372 3221225372 pn; }
+scenario_pn_exhaustion_xpn() { exhaust_packet_numbers gcm-aes-xpn-256 13835058054282163612 13835058055282163612 xpn; }
+
 no_link() { ! ip -n "$1" link show "$2"; }
 # The lines that say "state on": the receive channel and each SA in service; 3 for one key.
 sa_lines() { ip -n "$1" macsec show 2>/dev/null | grep -c 'state on' || true; }
@@ -205,29 +269,33 @@ pings() {
 # the last answered one count as lost only beyond those sent in ping's last 100 ms.
 pings_over() {
   wait "$PINGS"
-  eval "$(awk '
-    /bytes from .* icmp_seq=/ {
-      match($0, /icmp_seq=[0-9]+/); seq = substr($0, RSTART + 9, RLENGTH - 9) + 0
-      if (!(seq in at)) got++
-      at[seq] = substr($1, 2, length($1) - 2)
-      if (seq > last) last = seq
-    }
-    / packets transmitted/ { sent = $1; match($0, /time [0-9]+ms/); ms = substr($0, RSTART + 5, RLENGTH - 7) + 0 }
-    END {
-      if (sent == "") { print "SENT= LOST= GAPS="; exit }
-      tail = sent - last
-      in_flight = ms > 0 ? int(100 * sent / ms) + 1 : 1
-      lost = last - got + (tail > in_flight ? tail : 0)
-      gaps = ""; runs = 0; before = "none"; end = tail > in_flight ? sent : last
-      for (seq = 1; seq <= end && runs < 3; seq++) {
-        if (seq in at) { before = at[seq]; continue }
-        first = seq
-        while (seq < end && !((seq + 1) in at)) seq++
-        gaps = gaps (runs++ ? ", " : "") "icmp_seq " first (seq > first ? "-" seq : "") " after a reply at " before
-      }
-      printf "SENT=%d LOST=%d GAPS=\"%s\"\n", sent, lost, gaps
-    }' /tmp/pings.txt)"
+  eval "$(ping_figures /tmp/pings.txt)"
   [ -n "$SENT" ] || fail "no ping figures: $(tail -n 3 /tmp/pings.txt)"
+}
+# ping_figures FILE: SENT, LOST and GAPS of the pings in FILE, as assignments.
+ping_figures() {
+  awk '
+  /bytes from .* icmp_seq=/ {
+    match($0, /icmp_seq=[0-9]+/); seq = substr($0, RSTART + 9, RLENGTH - 9) + 0
+    if (!(seq in at)) got++
+    at[seq] = substr($1, 2, length($1) - 2)
+    if (seq > last) last = seq
+  }
+  / packets transmitted/ { sent = $1; match($0, /time [0-9]+ms/); ms = substr($0, RSTART + 5, RLENGTH - 7) + 0 }
+  END {
+    if (sent == "") { print "SENT= LOST= GAPS="; exit }
+    tail = sent - last
+    in_flight = ms > 0 ? int(100 * sent / ms) + 1 : 1
+    lost = last - got + (tail > in_flight ? tail : 0)
+    gaps = ""; runs = 0; before = "none"; end = tail > in_flight ? sent : last
+    for (seq = 1; seq <= end && runs < 3; seq++) {
+      if (seq in at) { before = at[seq]; continue }
+      first = seq
+      while (seq < end && !((seq + 1) in at)) seq++
+      gaps = gaps (runs++ ? ", " : "") "icmp_seq " first (seq > first ? "-" seq : "") " after a reply at " before
+    }
+    printf "SENT=%d LOST=%d GAPS=\"%s\"\n", sent, lost, gaps
+  }' "$1"
 }
 # restart NS SIGNAL: mkad in NS stops (TERM hands the links over, KILL is a crash, HANG a hung loop
 # that the unit's watchdog kills after its 2 s) and starts again at once, as its service manager
