@@ -517,6 +517,11 @@ nlohmann::json Daemon::counters(bool sinceCleared) const {
   for (const auto& [name, profile] : config_.interfaces) {
     reply["interfaces"].push_back(countersReport(*engine_, Lanx::IntfId(name), sinceCleared));
   }
+  // The cost of the kernel data plane, however many links it runs.
+  if (netlink_) {
+    const MacsecKernel::Traffic traffic = netlink_->traffic();
+    reply["netlink"] = {{"sent", traffic.sent}, {"received", traffic.received}};
+  }
   return reply;
 }
 

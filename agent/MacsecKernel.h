@@ -130,6 +130,14 @@ class MacsecKernel {
   // Every MACsec link's counters, by interface index, read in one dump: one request however many
   // links there are.
   virtual std::map<int, MacsecLinkCounters> linkCounters() = 0;
+
+  // The netlink messages exchanged with the kernel since the start: requests sent, and answers,
+  // acknowledgements and each part of a dump received.
+  struct Traffic {
+    uint64_t sent = 0;
+    uint64_t received = 0;
+  };
+  virtual Traffic traffic() const = 0;
 };
 
 // How the data plane holds the kernel, which the daemon owns.

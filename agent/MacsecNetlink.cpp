@@ -48,6 +48,12 @@ void putPn(nl_msg* msg, uint64_t pn, bool xpn) {
   }
 }
 
+// A message callback that counts, and lets the message go on.
+int countMessage(nl_msg*, void* count) {
+  ++*static_cast<uint64_t*>(count);
+  return NL_OK;
+}
+
 }  // namespace
 
 std::unique_ptr<MacsecNetlink> MacsecNetlink::open(std::string& error) {
@@ -68,6 +74,16 @@ std::unique_ptr<MacsecNetlink> MacsecNetlink::open(std::string& error) {
     return nullptr;
   }
   return std::unique_ptr<MacsecNetlink>(new MacsecNetlink(route, genl, family));
+}
+
+MacsecNetlink::MacsecNetlink(nl_sock* route, nl_sock* genl, int family) : route_(route), genl_(genl), family_(family) {
+  // Every exchange goes through the sockets' own callbacks, or copies of them.
+  for (nl_sock* socket : {route_, genl_}) {
+    nl_cb* cb = nl_socket_get_cb(socket);
+    nl_cb_set(cb, NL_CB_MSG_OUT, NL_CB_CUSTOM, countMessage, &traffic_.sent);
+    nl_cb_set(cb, NL_CB_MSG_IN, NL_CB_CUSTOM, countMessage, &traffic_.received);
+    nl_cb_put(cb);
+  }
 }
 
 MacsecNetlink::~MacsecNetlink() {

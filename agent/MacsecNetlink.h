@@ -44,9 +44,11 @@ class MacsecNetlink : public MacsecKernel {
   std::optional<MacsecLinkView> linkView(const std::string& name) override;
   std::vector<std::string> markedLinks(const std::string& mark) override;
   std::map<int, MacsecLinkCounters> linkCounters() override;
+  Traffic traffic() const override { return traffic_; }
 
  private:
-  MacsecNetlink(nl_sock* route, nl_sock* genl, int family) : route_(route), genl_(genl), family_(family) {}
+  // Counts every message either socket sends or receives, whoever asks.
+  MacsecNetlink(nl_sock* route, nl_sock* genl, int family);
   nl_msg* genlMessage(uint8_t command, int ifindex);
   // Sends, wipes the buffer, frees it and waits for the acknowledgement.
   std::optional<std::string> send(nl_msg* msg, const char* operation, bool existsIsSuccess = false);
@@ -60,6 +62,7 @@ class MacsecNetlink : public MacsecKernel {
   nl_sock* route_;
   nl_sock* genl_;
   int family_;
+  Traffic traffic_;
 };
 
 }  // namespace Macsec

@@ -147,6 +147,12 @@ std::string metricsText(const nlohmann::json& show, const nlohmann::json& counte
         show["encrypted"].get<bool>() ? 1 : 0);
   for (const nlohmann::json& intf : show["interfaces"]) addSession(f, intf);
   for (const nlohmann::json& intf : counters["interfaces"]) addMkpduCounters(f, intf);
+  if (counters.contains("netlink")) {
+    for (const char* direction : {"sent", "received"}) {
+      f.add("mkad_netlink_messages_total", "counter", "Netlink messages exchanged with the kernel's MACsec.",
+            {{"direction", direction}}, counters["netlink"][direction].get<uint64_t>());
+    }
+  }
   return f.text();
 }
 

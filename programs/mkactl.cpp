@@ -299,6 +299,10 @@ int main(int argc, char** argv) {
       std::cout << reply.dump(2) << "\n";
     } else if (what == "counters") {
       showFields(reply, "counter", nullptr);
+      if (reply.contains("netlink")) {
+        std::cout << "netlink messages with the kernel: " << cell(reply["netlink"]["sent"]) << " sent, "
+                  << cell(reply["netlink"]["received"]) << " received\n";
+      }
     } else if (what == "settings") {
       showFields(reply, "setting", "settings");
     } else {

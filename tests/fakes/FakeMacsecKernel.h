@@ -144,6 +144,8 @@ class FakeMacsecKernel : public MacsecKernel {
   // What a test set.
   std::map<int, MacsecLinkCounters> linkCounters() override { return counters; }
   std::map<int, MacsecLinkCounters> counters;
+  // Each call one request and one answer.
+  Traffic traffic() const override { return {requests_, requests_}; }
 
  private:
   // The call is recorded; it fails with the refusal set for its verb, or "No such device" when
@@ -159,6 +161,7 @@ class FakeMacsecKernel : public MacsecKernel {
       error = "No such device";
     }
     calls_.push_back(what + (error ? " refused: " + *error : ""));
+    ++requests_;
     return error;
   }
   Link* find(int ifindex, std::optional<KernelSci> sci = std::nullopt) {
@@ -189,6 +192,7 @@ class FakeMacsecKernel : public MacsecKernel {
   int nextIndex_ = 100;
   std::map<std::string, std::string> refusals_;
   std::vector<std::string> calls_;
+  uint64_t requests_ = 0;
 };
 
 }  // namespace Macsec
