@@ -71,8 +71,8 @@ address() {
   ip -n "$1" addr add "$2/24" dev "$link"
 }
 
-counter() {  # counter NS NAME: a MACsec counter of the namespace's link
-  ip -s -n "$1" macsec show | awk -v name="$2" '
+counter() {  # counter NS NAME [LINK]: a MACsec counter of the namespace's (first) link
+  ip -s -n "$1" macsec show $3 | awk -v name="$2" '
     { for (i = 1; i <= NF; i++) if ($i == name) { column = i; header = NR } }
     header && NR == header + 1 && column { print $(column - 1); exit }'
 }

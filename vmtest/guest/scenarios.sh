@@ -1,6 +1,6 @@
 # The scenarios: each a function that fails (exit 1) with a reason or returns. They run one after
 # another in one VM; cleanup_all takes each one's namespaces and daemons away.
-ALL_SCENARIOS="known_answer secure_128 peer_without_a_data_plane integrity_only secure_256 secure_xpn pn_exhaustion pn_exhaustion_xpn rekey_under_ping_flood flap_restart_and_reload restart_without_a_hit restart_during_rekeys corrupted_state teardown cak_mismatch closed_port allow_unprotected key_chain"
+ALL_SCENARIOS="known_answer secure_128 peer_without_a_data_plane integrity_only secure_256 secure_xpn pn_exhaustion pn_exhaustion_xpn rekey_under_ping_flood flap_restart_and_reload restart_without_a_hit restart_during_rekeys corrupted_state teardown cak_mismatch closed_port allow_unprotected key_chain scale_16"
 
 # A secured session between A (10.66.0.1) and B (10.66.0.2) that a first ping has crossed.
 session() {  # session CAK [PROFILE LINES...]
@@ -147,7 +147,7 @@ scenario_rekey_under_ping_flood() {
   [ "$rekeys" -ge 5 ] || fail "only $rekeys rekeys (key $first to $last)"
   [ "$SENT" -gt 1000 ] || fail "the flood sent $SENT: $(tail -n 3 /tmp/pings.txt)"
   [ "$LOST" = 0 ] || fail "$LOST of $SENT pings lost across $rekeys rekeys: $GAPS"
-  note "rekeys=$rekeys pings=$SENT lost=$LOST"
+  note "rekeys=$rekeys pings=$SENT lost=$LOST late=$LATE"
 }
 
 # The association number NS transmits on, as the kernel says.
@@ -171,7 +171,7 @@ move_pn() {
 # pings_added: pings_over, with the figures added up in ALL_SENT and ALL_LOST; none may be lost.
 pings_added() {
   pings_over
-  ALL_SENT=$((ALL_SENT + SENT)) ALL_LOST=$((ALL_LOST + LOST))
+  ALL_SENT=$((ALL_SENT + SENT)) ALL_LOST=$((ALL_LOST + LOST)) ALL_LATE=$((ALL_LATE + LATE))
   [ "$LOST" = 0 ] || fail "$LOST of $SENT pings lost as keys wore out: $GAPS"
 }
 
@@ -189,7 +189,7 @@ exhaust_packet_numbers() {
   config B "$CAK256" "cipher-suite = \"$1\""
   secured_pair
   is_key_server A || fail "A is not the key server"
-  ALL_SENT=0 ALL_LOST=0 worn=0
+  ALL_SENT=0 ALL_LOST=0 ALL_LATE=0 worn=0
   for ns in B A; do
     key=$(key_of A)
     shown=own_pn; [ "$ns" = B ] && shown=peer_pn
@@ -209,10 +209,104 @@ exhaust_packet_numbers() {
     pn=$(ip -n "$ns" macsec show | sed -n "s/^ *$(tx_an "$ns"): PN \([0-9]*\),.*/\1/p" | head -n 1)
     [ -n "$pn" ] && [ "$pn" -lt 100000 ] || fail "$ns transmits on a new SA at PN ${pn:-none}"
   done
-  note "worn_keys=$worn pings=$ALL_SENT lost=$ALL_LOST"
+  note "worn_keys=$worn pings=$ALL_SENT lost=$ALL_LOST late=$ALL_LATE"
 }
 scenario_pn_exhaustion() { exhaust_packet_numbers gcm-aes-128 3220225372 3221225372 pn; }
 scenario_pn_exhaustion_xpn() { exhaust_packet_numbers gcm-aes-xpn-256 13835058054282163612 13835058055282163612 xpn; }
+
+# cpu_ticks PID: the process's CPU time so far, in clock ticks (1/100 s); rss_kib PID.
+cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
+rss_kib() { awk '/^VmRSS:/ { print $2 }' "/proc/$1/status"; }
+netlink_messages() {  # netlink_messages NS: sent and received since the start, added up
+  mkactl --socket "/tmp/$1/mkad.sock" show counters --json | tr -d ' \n' |
+    sed -n 's/.*"netlink":{"received":\([0-9]*\),"sent":\([0-9]*\)}.*/\1 \2/p' | awk '{ print $1 + $2 }'
+}
+secured_count() { show "$1" | grep -c '"status": "secured"'; }
+per_second() { awk -v n="$1" -v s="$2" 'BEGIN { printf "%.1f", n / s }'; }
+
+# scale N: N veth pairs between A and B, and one mkad on each side with an interface on each, on
+# the kernel data plane. Figures: the time until every link is secured; in steady state each
+# daemon's CPU, RSS and netlink messages per second; then a rekey of every link at once (a rekey
+# period that a reload gives every key server at the same moment) under pings every 10 ms on 16
+# links: two rekeys of every link, and not one ping lost.
+scale() {
+  n=$1 pinged=$(( $1 < 16 ? $1 : 16 ))
+  ip netns add A && ip netns add B
+  for ns in A B; do ip netns exec "$ns" sh -c 'echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6'; done
+  : > /tmp/veths; : > /tmp/A.up; : > /tmp/B.up
+  i=0
+  while [ "$i" -lt "$n" ]; do
+    echo "link add a$i netns A type veth peer name b$i netns B" >> /tmp/veths
+    echo "link set a$i up" >> /tmp/A.up
+    echo "link set b$i up" >> /tmp/B.up
+    i=$((i + 1))
+  done
+  ip -batch /tmp/veths && ip -n A -batch /tmp/A.up && ip -n B -batch /tmp/B.up || fail "the veth pairs"
+  for ns in A B; do
+    prefix=$(echo "$ns" | tr AB ab)
+    {
+      printf '[global]\ndataplane = "kernel"\n\n[profile.lab]\nckn = "%s"\ncak = "%s"\n' "$CKN" "$CAK128"
+      i=0
+      while [ "$i" -lt "$n" ]; do printf '\n[interface.%s%d]\nprofile = "lab"\n' "$prefix" "$i"; i=$((i + 1)); done
+    } > "/tmp/$ns.toml"
+  done
+  t0=$(now)
+  start A
+  start B
+  wait_for $((60 + n)) eval '[ "$(secured_count A)" = "$n" ] && [ "$(secured_count B)" = "$n" ]' ||
+    fail "secured: $(secured_count A) at A, $(secured_count B) at B, of $n"
+  note "links=$n all_secured_after=$(since "$t0")s"
+
+  # Steady state: a window of each daemon's work with no view asked for meanwhile.
+  for ns in A B; do eval "ticks_$ns=$(cpu_ticks "$(cat "/tmp/$ns.pid")") messages_$ns=$(netlink_messages "$ns")"; done
+  t1=$(now)
+  sleep 20
+  seconds=$(since "$t1")
+  for ns in A B; do
+    pid=$(cat "/tmp/$ns.pid")
+    eval "ticks=\$ticks_$ns messages=\$messages_$ns"
+    netlink=$(per_second "$(( $(netlink_messages "$ns") - messages ))" "$seconds")
+    note "$ns: cpu=$(per_second "$(( $(cpu_ticks "$pid") - ticks ))" "$seconds")%" "rss=$(rss_kib "$pid")KiB netlink=$netlink/s"
+    # One dump of every link each 5 s: a request, a part per link and the end, whatever N is.
+    awk -v m="$netlink" -v n="$n" 'BEGIN { exit !(m > 0 && m <= 2 * (n + 2) / 5) }' ||
+      fail "$ns exchanges $netlink netlink messages a second with $n links"
+  done
+
+  i=0
+  while [ "$i" -lt "$pinged" ]; do
+    ip -n A addr add "10.77.$i.1/24" dev "msa$i" && ip -n B addr add "10.77.$i.2/24" dev "msb$i" || fail "addresses"
+    i=$((i + 1))
+  done
+  wait_for 10 ip netns exec A ping -c 1 -W 1 10.77.0.2 || fail "no first ping"
+  for ns in A B; do echo "--- vmtest at $(now): pings on $pinged links, then a reload" >> "/tmp/$ns.log"; done
+  activated=$(grep -c MKA_SAK_ACTIVATED /tmp/A.log)
+  i=0 pingers=
+  while [ "$i" -lt "$pinged" ]; do
+    eval "late_$i=$(late_frames "msa$i" "msb$i")"
+    ip netns exec A ping -D -i 0.01 -w 26 "10.77.$i.2" > "/tmp/pings-$i.txt" 2>&1 &
+    pingers="$pingers $!" i=$((i + 1))
+  done
+  for ns in A B; do sed -i 's/^cak = .*/&\nrekey-period = 10/' "/tmp/$ns.toml"; done
+  for ns in A B; do
+    mkactl --socket "/tmp/$ns/mkad.sock" reload > "/tmp/reload-$ns.txt" 2>&1 || fail "reload at $ns: $(cat "/tmp/reload-$ns.txt")"
+  done
+  for ns in A B; do echo "--- vmtest at $(now): reloaded" >> "/tmp/$ns.log"; done
+  wait $pingers
+  rekeys=$(( $(grep -c MKA_SAK_ACTIVATED /tmp/A.log) - activated ))
+  [ "$rekeys" -ge $((2 * n)) ] || fail "only $rekeys keys went into service on $n links"
+  sent=0 late=0 i=0
+  while [ "$i" -lt "$pinged" ]; do
+    eval "$(ping_figures "/tmp/pings-$i.txt")"
+    [ -n "$SENT" ] || fail "no ping figures on link $i"
+    eval "explain_by_late \$late_$i $(late_frames "msa$i" "msb$i")"
+    [ "$LOST" = 0 ] || fail "$LOST of $SENT pings lost on link $i across the rekeys: $GAPS"
+    sent=$((sent + SENT)) late=$((late + LATE)) i=$((i + 1))
+  done
+  note "rekeys=$rekeys pinged_links=$pinged pings=$sent lost=0 late=$late"
+}
+scenario_scale_16() { scale 16; }
+scenario_scale_64() { scale 64; }
+scenario_scale_256() { scale 256; }
 
 no_link() { ! ip -n "$1" link show "$2"; }
 # The lines that say "state on": the receive channel and each SA in service; 3 for one key.
@@ -260,17 +354,31 @@ scenario_flap_restart_and_reload() {
 # pings NS TO SECONDS: a ping every 10 ms from NS for SECONDS, in the background, each reply with
 # its time into /tmp/pings.txt.
 pings() {
+  LATE_BEFORE=$(late_frames msveth-a msveth-b)
   ip netns exec "$1" ping -D -i 0.01 -w "$3" "$2" > /tmp/pings.txt 2>&1 &
   PINGS=$!
+}
+# late_frames LINK-A LINK-B: the frames that A's and B's links dropped as late (InPktsLate): frames
+# the kernel itself reordered on their way, whose packet number came after a later one's. With a
+# replay window of 0 each costs a frame that no key change has anything to do with.
+late_frames() { echo $(( $(counter A InPktsLate "$1") + $(counter B InPktsLate "$2") + 0 )); }
+# explain_by_late BEFORE AFTER: LOST without the pings that frames dropped as late explain, which
+# LATE counts.
+explain_by_late() {
+  LATE=$(( $2 - $1 )); [ "$LATE" -gt 0 ] || LATE=0
+  [ "$LATE" -le "$LOST" ] || LATE=$LOST
+  LOST=$((LOST - LATE))
 }
 # pings_over: once the pings are over, SENT and LOST say how many were sent and lost, and GAPS
 # where the first runs of lost ones were: "icmp_seq N-M after a reply at UNIX-TIME". Ping stops at
 # its deadline without waiting for the replies still on their way, so the unanswered pings after
-# the last answered one count as lost only beyond those sent in ping's last 100 ms.
+# the last answered one count as lost only beyond those sent in ping's last 100 ms. Pings that
+# frames dropped as late explain count in LATE, not in LOST.
 pings_over() {
   wait "$PINGS"
   eval "$(ping_figures /tmp/pings.txt)"
   [ -n "$SENT" ] || fail "no ping figures: $(tail -n 3 /tmp/pings.txt)"
+  explain_by_late "$LATE_BEFORE" "$(late_frames msveth-a msveth-b)"
 }
 # ping_figures FILE: SENT, LOST and GAPS of the pings in FILE, as assignments.
 ping_figures() {
@@ -348,7 +456,7 @@ scenario_restart_without_a_hit() {
     grep -q "MKAD_INTF_RESUMED" "/tmp/$ns.log" || fail "$ns did not take its link over"
     [ "$(grep -c MKA_SESSION_ESTABLISHED "/tmp/$peer.log")" = "$sessions" ] || fail "the session at $peer began anew"
     role=follower; [ "$ns" = A ] && role=key_server
-    note "${role}_sig$(echo "$signal" | tr A-Z a-z): pings_lost=$LOST of $SENT, secured_after=${SECURED_AFTER}s"
+    note "${role}_sig$(echo "$signal" | tr A-Z a-z): pings_lost=$LOST of $SENT (late $LATE), secured_after=${SECURED_AFTER}s"
   done
   # The restarted key server replaced the key it took over within a life time, and each side
   # holds the key in service and no other.
@@ -373,7 +481,7 @@ scenario_restart_during_rekeys() {
   done
   pings_over
   [ "$LOST" = 0 ] || fail "$LOST of $SENT pings lost across $restarts restarts during rekeys: $GAPS"
-  note "restarts=$restarts pings_lost=$LOST of $SENT"
+  note "restarts=$restarts pings_lost=$LOST of $SENT late=$LATE"
 }
 
 # A saved state that cannot be read: the daemon says why, starts afresh, removes the link an
@@ -516,5 +624,5 @@ scenario_key_chain() {
   done
   both_secured || fail "not secured on the last key"
   [ "$LOST" = 0 ] || fail "$LOST of $SENT pings lost across two rollovers: $GAPS"
-  note "rollovers=2 pings=$SENT lost=$LOST"
+  note "rollovers=2 pings=$SENT lost=$LOST late=$LATE"
 }
