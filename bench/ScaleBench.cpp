@@ -61,6 +61,14 @@ void BM_SteadyStatePerActor(benchmark::State& state) {
   }
   Zef::logSinkIs(nullptr);
 }
-BENCHMARK(BM_SteadyStatePerActor)->Arg(128)->Arg(512)->Arg(1024)->Arg(2048)->Iterations(1)->Unit(benchmark::kSecond);
+BENCHMARK(BM_SteadyStatePerActor)
+    ->Arg(128)
+    ->Arg(512)
+    ->Arg(1024)
+    ->Arg(2048)
+    ->Arg(4096)
+    ->Arg(8192)
+    ->Iterations(1)
+    ->Unit(benchmark::kSecond);
 
 }  // namespace
