@@ -24,7 +24,10 @@ constexpr size_t kLongestFrame = 9216;
 }  // namespace
 
 std::unique_ptr<EapolSocket> EapolSocket::open(int ifindex, std::string& error) {
-  const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, htons(kEapolType));
+  // Opened for no protocol and bound to EAPOL on the one interface: a socket opened for a
+  // protocol hears every interface until bound, and binding it then waits for a grace period of
+  // the kernel's network stack, tens of milliseconds for each interface of a large switch.
+  const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     error = std::string("cannot open a packet socket: ") + std::strerror(errno);
     return nullptr;
