@@ -73,6 +73,7 @@ Daemon::Daemon(EventLoop& loop, DaemonOptions options)
                                     [this](const std::string& name) { linkGone(name); }, [this] { linksKnown(); });
   loop_.fdIs(linkWatcher_->fd(), EPOLLIN, [this](uint32_t) { linkWatcher_->readable(); });
   loop_.afterEventsIs([this] { runDueTimers(); });
+  loop_.backgroundIs([this] { return programKernel(); });
 
   Zef::log(MKAD_STARTED, config_.path, dataPlaneName(config_.dataPlane));
   if (config_.dataPlane == DataPlane::emulated) {
@@ -89,6 +90,7 @@ Daemon::~Daemon() {
   if (kernel_) kernel_->hasNotificationActiveIs(false);
   kernel_ = nullptr;
   loop_.afterEventsIs(nullptr);
+  loop_.backgroundIs(nullptr);
   monitor_.reset();
   control_.reset();
   loop_.fdDel(linkWatcher_->fd());
@@ -159,9 +161,14 @@ void Daemon::stop(DaemonStop how) {
   if (stopped_) return;
   stopped_ = true;
   if (how == DaemonStop::handOver && kernel_) {
-    // The kernel keeps protecting traffic with the links and SAs it holds; from here on nothing the
-    // engine does reaches it, and the next run takes over from the state written now.
-    engine_->as([&] { keeper_->writeNow(); });
+    // The kernel keeps protecting traffic with the links and SAs it holds, once told all the
+    // engine asked; from here on nothing the engine does reaches it, and the next run takes over
+    // from the state written now.
+    engine_->as([&] {
+      while (kernel_->programNext()) {
+      }
+      keeper_->writeNow();
+    });
     keeper_->hasNotificationActiveIs(false);
     kernel_->hasNotificationActiveIs(false);
     Zef::log(MKAD_HANDED_OVER, kernel_->links().size());
@@ -337,6 +344,16 @@ void Daemon::transmit(const Lanx::IntfId& intf, std::string_view frame) {
   if (keeper_) keeper_->beforeTransmit(intf);
   const auto it = running_.find(intf.stringValue());
   if (it != running_.end()) it->second.eapol->send(frame);
+}
+
+bool Daemon::programKernel() {
+  if (!kernel_ || !kernel_->hasPendingWork()) return false;
+  const double until = Zef::System::currentTime() + kKernelSlice;
+  bool more = true;
+  engine_->as([&] {
+    while (more && Zef::System::currentTime() < until) more = kernel_->programNext();
+  });
+  return more;
 }
 
 void Daemon::runDueTimers() {
@@ -517,6 +534,8 @@ nlohmann::json Daemon::counters(bool sinceCleared) const {
   for (const auto& [name, profile] : config_.interfaces) {
     reply["interfaces"].push_back(countersReport(*engine_, Lanx::IntfId(name), sinceCleared));
   }
+  // How long the daemon answered nothing at worst: a round of its loop, and what it did in it.
+  reply["longest-loop-turn"] = loop_.longestTurn();
   // The cost of the kernel data plane, however many links it runs.
   if (netlink_) {
     const MacsecKernel::Traffic traffic = netlink_->traffic();

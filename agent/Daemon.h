@@ -106,6 +106,9 @@ class Daemon {
   void removeLeftLinks(const std::set<std::string>& kept);
   void transmit(const Lanx::IntfId& intf, std::string_view frame);
   void runDueTimers();
+  // Tells the kernel what the engine asked of it, for a few milliseconds between the loop's rounds
+  // of events; true while more is left.
+  bool programKernel();
   // Key chains: what the operators should hear of them (at the start and at a reload), and the
   // key in use of each, put in its profiles when it changes.
   void warnOfKeyChains();
@@ -134,6 +137,10 @@ class Daemon {
   std::unique_ptr<KernelSelfTest> kernelSelfTest_;
   double nextPacketNumberRead_ = 0;
   static constexpr double kPacketNumberReadPeriod = 5;
+  // How long the kernel is told what the engine asked, at most, before the loop hears frames and
+  // timers again. A netlink round trip that makes an SA is slow next to an MKPDU, and a switch
+  // whose key servers all make a key at once asks for hundreds of them.
+  static constexpr double kKernelSlice = 0.05;
   // The saved state, kept current with the kernel data plane, and what the last run left of it for
   // interfaces that have not come yet. It is also written every MKPDU period, so that a crash
   // leaves the peers' message numbers recent.

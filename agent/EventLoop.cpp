@@ -4,6 +4,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <csignal>
@@ -110,20 +111,24 @@ void EventLoop::run() {
   running_ = true;
   constexpr int kBatch = 32;
   epoll_event events[kBatch];
+  double turnStart = monotonicNow();
   while (running_) {
     if (afterEvents_) afterEvents_();
     if (!running_) break;
-    // The wait ends at the next heartbeat at the latest.
-    int timeoutMs = -1;
+    const bool busy = background_ && background_();
+    // The wait ends at the next heartbeat at the latest, and at once while background work is left.
+    int timeoutMs = busy ? 0 : -1;
+    const double now = monotonicNow();
+    longestTurn_ = std::max(longestTurn_, now - turnStart);
     if (heartbeat_) {
-      const double now = monotonicNow();
       if (now >= nextHeartbeat_) {
         heartbeat_();
         nextHeartbeat_ = now + heartbeatPeriod_;
       }
-      timeoutMs = static_cast<int>((nextHeartbeat_ - now) * 1000) + 1;
+      if (!busy) timeoutMs = static_cast<int>((nextHeartbeat_ - now) * 1000) + 1;
     }
     const int ready = epoll_wait(epollFd_, events, kBatch, timeoutMs);
+    turnStart = monotonicNow();
     if (ready < 0) {
       if (errno == EINTR) continue;
       environmentFailed("epoll_wait");

@@ -39,6 +39,13 @@ class EventLoop {
   // Runs `beat` every `periodSeconds` while the loop runs, whatever else it does: a supervisor's
   // watchdog hears that the loop still turns.
   void heartbeatIs(double periodSeconds, std::function<void()> beat);
+  // Work done a slice at a time between rounds of events, so that it never holds them back: the
+  // loop calls `slice` once per round, and does not sleep while it answers that more is left.
+  void backgroundIs(std::function<bool()> slice) { background_ = std::move(slice); }
+
+  // The longest a round of the loop has taken, from the end of one wait to the start of the next:
+  // how long the loop answered nothing.
+  double longestTurn() const { return longestTurn_; }
 
   // Waits and dispatches until stop().
   void run();
@@ -62,6 +69,8 @@ class EventLoop {
   double heartbeatPeriod_ = 0;
   double nextHeartbeat_ = 0;
   std::function<void()> heartbeat_;
+  std::function<bool()> background_;
+  double longestTurn_ = 0;
 };
 
 }  // namespace Macsec

@@ -72,11 +72,11 @@ void KernelDataPlane::handleInitialized() {
   initializedIs(true);
   // The kernel's MACsec encrypts from the first octet, or not at all (integrity only).
   hardware()->macsecCapabilityIs(macsecConfidentialityAtZero);
-  for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(status()->cpStatusIter())) updateLink(intfId);
+  for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(status()->cpStatusIter())) want(intfId).link = true;
 }
 
-void KernelDataPlane::ZefStatus::ZefCpStatus::updateLink() {
-  if (KernelDataPlane* sm = stateMachine()) sm->updateLink(key());
+void KernelDataPlane::ZefStatus::ZefCpStatus::wantLink() {
+  if (KernelDataPlane* sm = stateMachine()) sm->want(key()).link = true;
 }
 
 void KernelDataPlane::ZefStatus::ZefCpStatus::updatePostStatus() {
@@ -89,26 +89,56 @@ void KernelDataPlane::updatePostStatus(const Lanx::IntfId& intfId) {
   if (cp && hw) hw->hwPostStatusIs(cp->postStatus());
 }
 
-void KernelDataPlane::ZefStatus::ZefPortStatus::updateLink() {
-  if (KernelDataPlane* sm = stateMachine()) sm->updateLink(key());
+void KernelDataPlane::ZefStatus::ZefPortStatus::wantLink() {
+  if (KernelDataPlane* sm = stateMachine()) sm->want(key()).link = true;
 }
 
-void KernelDataPlane::ZefStatus::ZefCpStatus::updateRxSc() {
-  if (KernelDataPlane* sm = stateMachine()) sm->updateRxSc(key());
+void KernelDataPlane::ZefStatus::ZefCpStatus::wantRxSc() {
+  if (KernelDataPlane* sm = stateMachine()) sm->want(key()).rxSc = true;
 }
 
-void KernelDataPlane::ZefStatus::ZefCpStatus::updateRxSa(const AssociationNumber& an) {
-  if (KernelDataPlane* sm = stateMachine()) sm->updateRxSa(key(), an);
+void KernelDataPlane::ZefStatus::ZefCpStatus::wantRxSa(const AssociationNumber& an) {
+  if (KernelDataPlane* sm = stateMachine()) sm->want(key()).rxSas.set(an.value());
 }
 
-void KernelDataPlane::ZefStatus::ZefCpStatus::updateTxSa() {
-  if (KernelDataPlane* sm = stateMachine()) sm->updateTxSa(key());
+void KernelDataPlane::ZefStatus::ZefCpStatus::wantTxSa() {
+  if (KernelDataPlane* sm = stateMachine()) sm->want(key()).txSa = true;
+}
+
+KernelLinkWork& KernelDataPlane::want(const Lanx::IntfId& intfId) {
+  const auto [work, added] = pending_.try_emplace(intfId);
+  if (added) pendingOrder_.push_back(intfId);
+  return work->second;
+}
+
+bool KernelDataPlane::hasPendingWork() const { return !pending_.empty(); }
+
+bool KernelDataPlane::programNext() {
+  while (!pendingOrder_.empty()) {
+    const Lanx::IntfId intfId = pendingOrder_.front();
+    pendingOrder_.pop_front();
+    const auto found = pending_.find(intfId);
+    if (found == pending_.end()) continue;  // its link went meanwhile
+    const KernelLinkWork work = found->second;
+    pending_.erase(found);
+    // In the order a link is built: its state, the peer's channel, the keys it receives with, and
+    // last the key it sends with, which the engine asks for only once the peers have theirs.
+    if (work.link) updateLink(intfId);
+    if (work.rxSc) updateRxSc(intfId);
+    for (uint8_t an = AssociationNumber::min; an <= AssociationNumber::max; ++an) {
+      if (work.rxSas.test(an)) updateRxSa(intfId, AssociationNumber(an));
+    }
+    if (work.txSa) updateTxSa(intfId);
+    break;
+  }
+  return hasPendingWork();
 }
 
 void KernelDataPlane::handleCpStatus(const Lanx::IntfId& intfId) {
   if (!initialized() || status()->cpStatusHas(intfId)) return;
   TRACE(8, " intfId=" << intfId);
   // MACsec left the interface: its link goes, and every key in it.
+  pending_.erase(intfId);
   const auto it = links_.find(intfId);
   if (it == links_.end()) return;
   if (it->second.ifindex != 0) refused(intfId, it->second, kernel()->linkDel(it->second.ifindex));
@@ -285,6 +315,8 @@ size_t KernelDataPlane::keysHeld() const {
 }
 
 void KernelDataPlane::removeAll() {
+  pending_.clear();
+  pendingOrder_.clear();
   for (auto& [intfId, link] : links_) {
     if (link.ifindex != 0) refused(intfId, link, kernel()->linkDel(link.ifindex));
   }
@@ -297,6 +329,7 @@ namespace Macsec {
 
 void KernelDataPlane::lowerGone(const Lanx::IntfId& intfId) {
   links_.erase(intfId);
+  pending_.erase(intfId);
   adopting_.erase(intfId);
 }
 
@@ -339,15 +372,14 @@ void KernelDataPlane::adopt(const Lanx::IntfId& intfId, const MacsecLinkView& vi
 void KernelDataPlane::adopted(const Lanx::IntfId& intfId) {
   if (adopting_.erase(intfId) == 0) return;
   TRACE(3, " the MACsec link of " << intfId << " is taken over");
-  updateLink(intfId);
-  updateRxSc(intfId);
-  for (uint8_t an = AssociationNumber::min; an <= AssociationNumber::max; ++an)
-    updateRxSa(intfId, AssociationNumber(an));
-  updateTxSa(intfId);
+  KernelLinkWork& work = want(intfId);
+  work.link = work.rxSc = work.txSa = true;
+  work.rxSas.set();
 }
 
 void KernelDataPlane::abandon(const Lanx::IntfId& intfId) {
   adopting_.erase(intfId);
+  pending_.erase(intfId);
   const auto it = links_.find(intfId);
   if (it == links_.end()) return;
   if (it->second.ifindex != 0) refused(intfId, it->second, kernel()->linkDel(it->second.ifindex));

@@ -4,6 +4,7 @@
 // link, the receive channel of the peer, and the SAs in it, each by association number with the
 // identity of its key.
 
+#include <bitset>
 #include <map>
 #include <optional>
 #include <set>
@@ -49,6 +50,17 @@ struct KernelLink {
   std::map<uint8_t, KernelSa> rxSas;
   std::map<uint8_t, KernelSa> txSas;
   uint64_t errors = 0;
+};
+
+// What the kernel has still to be told of one interface, as the engine asked for it since: the
+// link's state, the peer's receive channel, receive SAs by association number, the transmit SA.
+// Requests wait here until the daemon's loop gives the kernel its turn, so that a burst of them
+// (every key server of a large switch making a key at once) never holds MKPDUs back.
+struct KernelLinkWork {
+  bool link = false;
+  bool rxSc = false;
+  std::bitset<4> rxSas;
+  bool txSa = false;
 };
 
 }  // namespace Macsec

@@ -147,6 +147,9 @@ std::string metricsText(const nlohmann::json& show, const nlohmann::json& counte
         show["encrypted"].get<bool>() ? 1 : 0);
   for (const nlohmann::json& intf : show["interfaces"]) addSession(f, intf);
   for (const nlohmann::json& intf : counters["interfaces"]) addMkpduCounters(f, intf);
+  f.add("mkad_longest_loop_turn_seconds", "gauge",
+        "The longest the daemon's loop has taken over one round of frames, timers and kernel work.", {},
+        counters["longest-loop-turn"].get<double>());
   if (counters.contains("netlink")) {
     for (const char* direction : {"sent", "received"}) {
       f.add("mkad_netlink_messages_total", "counter", "Netlink messages exchanged with the kernel's MACsec.",

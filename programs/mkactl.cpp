@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -299,6 +300,8 @@ int main(int argc, char** argv) {
       std::cout << reply.dump(2) << "\n";
     } else if (what == "counters") {
       showFields(reply, "counter", nullptr);
+      std::cout << "longest turn of the daemon's loop: " << std::lround(reply["longest-loop-turn"].get<double>() * 1000)
+                << " ms\n";
       if (reply.contains("netlink")) {
         std::cout << "netlink messages with the kernel: " << cell(reply["netlink"]["sent"]) << " sent, "
                   << cell(reply["netlink"]["received"]) << " received\n";

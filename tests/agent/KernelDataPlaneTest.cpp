@@ -21,6 +21,9 @@ const Lanx::IntfId eth1("eth1");
 const char* const kLinkName = "mka-eth1";
 constexpr int kLowerIfindex = 7;
 
+struct Bench;
+using Step = std::function<void(Bench&)>;
+
 struct Bench {
   Zef::Ptr<Status> status = Status::StatusIs();
   Zef::Ptr<HwStatusSlices> hardware = HwStatusSlices::HwStatusSlicesIs();
@@ -36,10 +39,16 @@ struct Bench {
     hardware->interfaceIs(eth1);
     plane = KernelDataPlane::KernelDataPlaneIs(status, hardware, &kernel);
     plane->lowerIfindexOfIs([](const Lanx::IntfId&) { return kLowerIfindex; });
-    plane->linkNameOfIs([](const Lanx::IntfId&) { return std::string(kLinkName); });
+    plane->linkNameOfIs([](const Lanx::IntfId& intf) { return "mka-" + intf.stringValue(); });
   }
   // As the daemon does: the data plane hears nothing more before the kernel it calls goes.
   ~Bench() { plane->hasNotificationActiveIs(false); }
+  // A step, and then the kernel is told all it asked, as the daemon's loop does between frames.
+  void run(const Step& step) {
+    step(*this);
+    while (plane->programNext()) {
+    }
+  }
 
   // What the hardware status confirms: "tx AN:KEY rx AN:KEY ...", a dash for no transmit SA.
   std::string reported() const {
@@ -70,8 +79,6 @@ struct Bench {
     return link == plane->links().end() ? 0 : link->second.errors;
   }
 };
-
-using Step = std::function<void(Bench&)>;
 
 Sak sak(uint8_t an, uint32_t keyNum) {
   return Sak{an, "0102030405060708090a0b0c"_mi, keyNum, StoredKey::ofHex("000102030405060708090a0b0c0d0e0f"), {}};
@@ -232,7 +239,7 @@ TEST(KernelDataPlane, ProgramsTheKernelAsTheTableSays) {
   for (const Row& row : rows()) {
     SCOPED_TRACE(row.name);
     Bench bench;
-    for (const Step& step : row.steps) step(bench);
+    for (const Step& step : row.steps) bench.run(step);
     EXPECT_EQ(bench.kernel.takeCalls(), row.calls);
     EXPECT_EQ(bench.reported(), row.reported);
     EXPECT_EQ(bench.held(), row.held);
@@ -247,7 +254,7 @@ TEST(KernelDataPlane, ProgramsTheKernelAsTheTableSays) {
 
   // The transmit SA's next packet number, from the one dump of every link, goes back into the
   // hardware status; another link's, or another SA's, changes nothing.
-  for (const Step& step : {addressed, opened, peer(2), rx(0, 1), tx(0, 1)}) step(bench);
+  for (const Step& step : {addressed, opened, peer(2), rx(0, 1), tx(0, 1)}) bench.run(step);
   const int ifindex = bench.kernel.linkIndex(kLinkName);
   auto txPn = [&] { return bench.hardware->flat()->status(eth1)->txSaStatus().value; };
   MacsecLinkCounters read;
@@ -257,6 +264,20 @@ TEST(KernelDataPlane, ProgramsTheKernelAsTheTableSays) {
   read.txNextPn = {{1, 7000}};
   bench.plane->txPacketNumbersAre({{ifindex, read}, {ifindex + 1, MacsecLinkCounters{{}, {}, {}, {{0, 9000}}, {}}}});
   EXPECT_EQ(txPn(), 5000u);
+
+  // The kernel hears of requests only when the loop gives it its turn, and of one interface a turn,
+  // in the order they asked: a burst of them never holds the loop's frames back for long.
+  Bench burst;
+  const Lanx::IntfId eth2("eth2");
+  burst.hardware->interfaceIs(eth2);
+  burst.status->cpStatusIs(eth2, MacsecParams{});
+  addressed(burst);
+  burst.status->portStatusIs(eth2)->mySciIs(sci(3));
+  EXPECT_TRUE(burst.kernel.takeCalls().empty());
+  EXPECT_TRUE(burst.plane->programNext());
+  EXPECT_EQ(burst.kernel.takeCalls(), (std::vector<std::string>{"linkAdd mka-eth1 on 7", "linkUpdate 100 down"}));
+  EXPECT_FALSE(burst.plane->programNext());
+  EXPECT_EQ(burst.kernel.takeCalls(), (std::vector<std::string>{"linkAdd mka-eth2 on 7", "linkUpdate 101 down"}));
 }
 
 }  // namespace
