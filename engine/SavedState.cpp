@@ -401,7 +401,7 @@ json savedInterface(const Status& status, const Lanx::IntfId& intf, const json& 
           {"controlled-port", controlledPortJson(*cp)}};
 }
 
-bool numbersBeyond(const Status& status, const Lanx::IntfId& intf, const json& saved) {
+bool numbersBeyond(const Status& status, const Lanx::IntfId& intf, const json& saved, uint32_t margin) {
   const Zef::Ptr<IntfStatus const> intfStatus = status.intfStatus(intf);
   const Zef::Ptr<MkaPortStatus const> port = status.portStatus(intf);
   if (!intfStatus || !port) return false;
@@ -410,19 +410,26 @@ bool numbersBeyond(const Status& status, const Lanx::IntfId& intf, const json& s
     const MkaActorStatus& actor = *it.ptr();
     if (actor.msgId().empty() || !configuredKey(*intfStatus, actor.ckn())) continue;
     const json* entry = savedActor(saved, actor.msgId());
-    if (!entry || actor.msgNum() >= savedNumber(*entry, "mn") || actor.keyNum() > savedNumber(*entry, "kn")) {
+    if (!entry || uint64_t{actor.msgNum()} + margin >= savedNumber(*entry, "mn") ||
+        actor.keyNum() > savedNumber(*entry, "kn")) {
       return true;
     }
   }
   return false;
 }
 
-std::string savedDocument(const std::map<Lanx::IntfId, json>& interfaces) {
-  json document{{"version", kSavedStateVersion}, {"interfaces", json::object()}};
-  for (const auto& [intf, saved] : interfaces) {
-    if (!saved.is_null()) document["interfaces"][intf.stringValue()] = saved;
+std::string savedText(const json& interface) { return interface.dump(); }
+
+// Joined as text, an interface a line: a switch with hundreds of interfaces writes its state again
+// each time one of them changes, and only that one is written out anew.
+std::string savedDocument(const std::map<Lanx::IntfId, std::string>& interfaceTexts) {
+  std::string document = "{\"version\": " + std::to_string(kSavedStateVersion) + ", \"interfaces\": {";
+  const char* separator = "\n";
+  for (const auto& [intf, text] : interfaceTexts) {
+    document += separator + json(intf.stringValue()).dump() + ": " + text;
+    separator = ",\n";
   }
-  return document.dump(1) + "\n";
+  return document + "\n}}\n";
 }
 
 std::optional<std::map<Lanx::IntfId, json>> interfacesOf(const std::string& document, std::string& why) {

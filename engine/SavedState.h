@@ -32,8 +32,9 @@ constexpr uint32_t kMessageNumbersReserved = 64;
 // if MKA does not run on it.
 nlohmann::json savedInterface(const Status& status, const Lanx::IntfId& intf, const nlohmann::json& previous);
 
-// Whether a frame about to leave an interface carries numbers beyond those `saved` covers.
-bool numbersBeyond(const Status& status, const Lanx::IntfId& intf, const nlohmann::json& saved);
+// Whether a frame about to leave an interface carries numbers beyond those `saved` covers, or
+// within `margin` message numbers of its bound.
+bool numbersBeyond(const Status& status, const Lanx::IntfId& intf, const nlohmann::json& saved, uint32_t margin = 0);
 
 // The same state without what moves with every MKPDU (numbers, packet numbers, times): two states
 // that differ only there need no new write.
@@ -44,9 +45,11 @@ nlohmann::json settledPart(const nlohmann::json& saved);
 // profile's parameters or a key changed, or the state is unreadable), and then nothing is written.
 std::optional<std::string> resumeInterface(Engine& engine, const Lanx::IntfId& intf, const nlohmann::json& saved);
 
-// The saved state of every interface, as one versioned document, and its interfaces back from
-// one; none, with the reason, from a document of another version or an unreadable one.
-std::string savedDocument(const std::map<Lanx::IntfId, nlohmann::json>& interfaces);
+// The saved state of every interface, as one versioned document made of each interface's part
+// written out (savedText), and its interfaces back from one; none, with the reason, from a
+// document of another version or an unreadable one.
+std::string savedText(const nlohmann::json& interface);
+std::string savedDocument(const std::map<Lanx::IntfId, std::string>& interfaceTexts);
 std::optional<std::map<Lanx::IntfId, nlohmann::json>> interfacesOf(const std::string& document, std::string& why);
 
 // A short check value of a key, which tells a changed key from the same one without telling the

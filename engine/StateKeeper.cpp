@@ -1,5 +1,7 @@
 #include "engine/StateKeeper.h"
 
+#include <vector>
+
 #include "platform/HashTable.h"
 #include "platform/Trace.h"
 
@@ -42,11 +44,7 @@ void StateKeeper::refresh() {
     nlohmann::json now = savedInterface(*status(), intfId, previous);
     if (settledPart(now) == settledPart(previous)) continue;
     differs = true;
-    if (now.is_null()) {
-      saved_.erase(intfId);
-    } else {
-      saved_[intfId] = std::move(now);
-    }
+    keep(intfId, std::move(now));
   }
   changedSince_.clear();
   if (differs && write()) write()(document());
@@ -56,25 +54,35 @@ void StateKeeper::beforeTransmit(const Lanx::IntfId& intfId) {
   const nlohmann::json& previous = lastWritten(saved_, intfId);
   if (!numbersBeyond(*status(), intfId, previous)) return;
   TRACE(3, " message or key numbers of " << intfId << " reserved further");
-  nlohmann::json now = savedInterface(*status(), intfId, previous);
-  saved_[intfId] = std::move(now);
+  keep(intfId, savedInterface(*status(), intfId, previous));
+  // Interfaces that started together reach their bounds together: those past half their reserve
+  // are reserved further in the same write, rather than each writing the whole state in turn.
+  std::vector<Lanx::IntfId> near;
+  for (const auto& [other, saved] : saved_) {
+    if (numbersBeyond(*status(), other, saved, kMessageNumbersReserved / 2)) near.push_back(other);
+  }
+  for (const Lanx::IntfId& other : near) keep(other, savedInterface(*status(), other, nlohmann::json()));
   if (write()) write()(document());
 }
 
 void StateKeeper::writeNow() {
   for (const Lanx::IntfId& intfId : Zef::keysOf<Lanx::IntfId>(status()->portStatusIter())) changedSince_.insert(intfId);
-  for (const Lanx::IntfId& intfId : changedSince_) {
-    nlohmann::json now = savedInterface(*status(), intfId, lastWritten(saved_, intfId));
-    if (now.is_null()) {
-      saved_.erase(intfId);
-    } else {
-      saved_[intfId] = std::move(now);
-    }
-  }
+  for (const Lanx::IntfId& intfId : changedSince_)
+    keep(intfId, savedInterface(*status(), intfId, lastWritten(saved_, intfId)));
   changedSince_.clear();
   if (write()) write()(document());
 }
 
-std::string StateKeeper::document() const { return savedDocument(saved_); }
+void StateKeeper::keep(const Lanx::IntfId& intfId, nlohmann::json saved) {
+  if (saved.is_null()) {
+    saved_.erase(intfId);
+    texts_.erase(intfId);
+    return;
+  }
+  texts_[intfId] = savedText(saved);
+  saved_[intfId] = std::move(saved);
+}
+
+std::string StateKeeper::document() const { return savedDocument(texts_); }
 
 }  // namespace Macsec
