@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "platform/Fatal.h"
 
@@ -109,8 +110,9 @@ void EventLoop::heartbeatIs(double periodSeconds, std::function<void()> beat) {
 
 void EventLoop::run() {
   running_ = true;
-  constexpr int kBatch = 32;
-  epoll_event events[kBatch];
+  // Room for every descriptor: each one ready is served in the same round, however many
+  // interfaces there are, rather than waiting for a round of its own.
+  std::vector<epoll_event> events;
   double turnStart = monotonicNow();
   while (running_) {
     if (afterEvents_) afterEvents_();
@@ -127,7 +129,8 @@ void EventLoop::run() {
       }
       if (!busy) timeoutMs = static_cast<int>((nextHeartbeat_ - now) * 1000) + 1;
     }
-    const int ready = epoll_wait(epollFd_, events, kBatch, timeoutMs);
+    events.resize(handlers_.size());
+    const int ready = epoll_wait(epollFd_, events.data(), static_cast<int>(events.size()), timeoutMs);
     turnStart = monotonicNow();
     if (ready < 0) {
       if (errno == EINTR) continue;
