@@ -300,8 +300,11 @@ int main(int argc, char** argv) {
       std::cout << reply.dump(2) << "\n";
     } else if (what == "counters") {
       showFields(reply, "counter", nullptr);
-      std::cout << "longest turn of the daemon's loop: " << std::lround(reply["longest-loop-turn"].get<double>() * 1000)
-                << " ms\n";
+      // A daemon of an earlier version, still running through an upgrade, does not report it.
+      if (reply.contains("longest-loop-turn")) {
+        std::cout << "longest turn of the daemon's loop: "
+                  << std::lround(reply["longest-loop-turn"].get<double>() * 1000) << " ms\n";
+      }
       if (reply.contains("netlink")) {
         std::cout << "netlink messages with the kernel: " << cell(reply["netlink"]["sent"]) << " sent, "
                   << cell(reply["netlink"]["received"]) << " received\n";
