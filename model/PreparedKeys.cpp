@@ -1,39 +1,95 @@
 #include "model/PreparedKeys.h"
 
-#include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
-
-#include "platform/Fatal.h"
 
 namespace Macsec {
 
 namespace {
 
-struct MacCtxDeleter {
-  void operator()(EVP_MAC_CTX* ctx) const { EVP_MAC_CTX_free(ctx); }
-};
 struct CipherCtxDeleter {
   void operator()(EVP_CIPHER_CTX* ctx) const { EVP_CIPHER_CTX_free(ctx); }
 };
-using MacCtx = std::unique_ptr<EVP_MAC_CTX, MacCtxDeleter>;
 using CipherCtx = std::unique_ptr<EVP_CIPHER_CTX, CipherCtxDeleter>;
 
-// An AES-CMAC context keyed with a 16- or 32-octet key; none for another length.
-MacCtx cmacKeyedWith(const KeyBytes& key) {
-  const char* cipher = key.size() == 16 ? "AES-128-CBC" : key.size() == 32 ? "AES-256-CBC" : nullptr;
-  if (cipher == nullptr) return nullptr;
-  static EVP_MAC* mac = EVP_MAC_fetch(nullptr, "CMAC", nullptr);
-  if (mac == nullptr) Zef::fatal("OpenSSL has no CMAC");
-  MacCtx ctx(EVP_MAC_CTX_new(mac));
-  OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_CIPHER, const_cast<char*>(cipher), 0),
-                         OSSL_PARAM_construct_end()};
-  if (!ctx || EVP_MAC_init(ctx.get(), key.data(), key.size(), params) != 1) return nullptr;
-  return ctx;
-}
+// AES-CMAC (RFC 4493) on one AES block context keyed once with the ICK, and the two subkeys
+// derived from it. A frame then costs one block encryption per 16 octets and nothing else:
+// restarting a MAC context for every frame cost more than the cipher itself.
+class Cmac {
+ public:
+  static constexpr size_t kBlock = 16;
+
+  // None for a key of another length than 16 or 32 octets.
+  static std::unique_ptr<Cmac> keyedWith(const KeyBytes& key) {
+    const EVP_CIPHER* cipher = key.size() == 16 ? EVP_aes_128_ecb() : key.size() == 32 ? EVP_aes_256_ecb() : nullptr;
+    if (cipher == nullptr) return nullptr;
+    auto cmac = std::unique_ptr<Cmac>(new Cmac);
+    if (!cmac->block_ || EVP_EncryptInit_ex(cmac->block_.get(), cipher, nullptr, key.data(), nullptr) != 1 ||
+        EVP_CIPHER_CTX_set_padding(cmac->block_.get(), 0) != 1) {
+      return nullptr;
+    }
+    // L = AES(K, 0); K1 = L doubled in GF(2^128), K2 = K1 doubled.
+    uint8_t l[kBlock] = {};
+    if (!cmac->encrypt(l)) return nullptr;
+    doubled(l, cmac->k1_);
+    doubled(cmac->k1_, cmac->k2_);
+    OPENSSL_cleanse(l, sizeof l);
+    return cmac;
+  }
+
+  ~Cmac() {
+    OPENSSL_cleanse(k1_, sizeof k1_);
+    OPENSSL_cleanse(k2_, sizeof k2_);
+  }
+
+  bool macOf(const uint8_t* message, size_t length, uint8_t* mac) {
+    uint8_t x[kBlock] = {};
+    // Every block but the last is chained as it is; the last, whole or padded, takes a subkey.
+    const size_t leading = length == 0 ? 0 : (length - 1) / kBlock;
+    for (size_t b = 0; b < leading; ++b) {
+      xorInto(x, message + b * kBlock, kBlock);
+      if (!encrypt(x)) return false;
+    }
+    const size_t tail = length - leading * kBlock;
+    uint8_t last[kBlock] = {};
+    std::memcpy(last, message + leading * kBlock, tail);
+    if (tail < kBlock) last[tail] = 0x80;
+    xorInto(last, tail == kBlock ? k1_ : k2_, kBlock);
+    xorInto(x, last, kBlock);
+    const bool done = encrypt(x);
+    std::memcpy(mac, x, kBlock);
+    OPENSSL_cleanse(x, sizeof x);
+    return done;
+  }
+
+ private:
+  Cmac() : block_(EVP_CIPHER_CTX_new()) {}
+
+  bool encrypt(uint8_t* block) {
+    int out = 0;
+    return EVP_EncryptUpdate(block_.get(), block, &out, block, kBlock) == 1 && out == kBlock;
+  }
+
+  static void xorInto(uint8_t* to, const uint8_t* from, size_t length) {
+    for (size_t i = 0; i < length; ++i) to[i] ^= from[i];
+  }
+
+  // Multiplication by x in GF(2^128), with the reduction polynomial's constant 0x87.
+  static void doubled(const uint8_t* in, uint8_t* out) {
+    for (size_t i = 0; i < kBlock; ++i) {
+      out[i] = static_cast<uint8_t>(in[i] << 1 | (i + 1 < kBlock ? in[i + 1] >> 7 : 0));
+    }
+    if (in[0] & 0x80) out[kBlock - 1] ^= 0x87;
+  }
+
+  CipherCtx block_;
+  uint8_t k1_[kBlock] = {};
+  uint8_t k2_[kBlock] = {};
+};
 
 // An AES key wrap context keyed with a 16- or 32-octet KEK, for wrapping or for unwrapping (the
 // two need different key schedules); none for another length.
@@ -58,7 +114,7 @@ bool runKeyWrap(EVP_CIPHER_CTX* ctx, const uint8_t* input, size_t length, uint8_
 }  // namespace
 
 struct PreparedKeys::Contexts {
-  MacCtx icv;
+  std::unique_ptr<Cmac> icv;
   bool kekTried = false;
   CipherCtx wrap;
   CipherCtx unwrap;
@@ -66,17 +122,13 @@ struct PreparedKeys::Contexts {
 
 PreparedKeys::PreparedKeys(StoredKey ick, StoredKey kek)
     : ick_(std::move(ick)), kek_(std::move(kek)), contexts_(std::make_unique<Contexts>()) {
-  contexts_->icv = ick_.withClear([](const KeyBytes& clear) { return cmacKeyedWith(clear); });
+  contexts_->icv = ick_.withClear([](const KeyBytes& clear) { return Cmac::keyedWith(clear); });
 }
 
 PreparedKeys::~PreparedKeys() = default;
 
 bool PreparedKeys::icvOf(const uint8_t* message, size_t length, uint8_t* icv) {
-  EVP_MAC_CTX* ctx = contexts_->icv.get();
-  size_t icvLength = 0;
-  // Restarting without a key keeps the one the context was made with.
-  return ctx != nullptr && EVP_MAC_init(ctx, nullptr, 0, nullptr) == 1 && EVP_MAC_update(ctx, message, length) == 1 &&
-         EVP_MAC_final(ctx, icv, &icvLength, icvSize) == 1 && icvLength == icvSize;
+  return contexts_->icv != nullptr && contexts_->icv->macOf(message, length, icv);
 }
 
 void PreparedKeys::prepareKek() {

@@ -1,11 +1,11 @@
 #pragma once
 
-// An actor's integrity check key and key encrypting key made ready for its frames: an AES-CMAC
-// context keyed once with the ICK, and AES key wrap contexts keyed once with the KEK, so that a
-// frame costs the cipher rather than the opening of stored keys and the setting up of OpenSSL.
-// The contexts live as long as the actor that holds them; OpenSSL cleanses them when they go. The
-// KEK's contexts are made on first use, since most actors neither distribute nor receive keys in
-// most of their frames.
+// An actor's integrity check key and key encrypting key made ready for its frames: an AES context
+// keyed once with the ICK, with the AES-CMAC subkeys, and AES key wrap contexts keyed once with the
+// KEK, so that a frame costs the cipher rather than the opening of stored keys and the setting up
+// of OpenSSL. The contexts live as long as the actor that holds them and are cleansed when they go
+// (the key schedules by OpenSSL, the subkeys here). The KEK's contexts are made on first use,
+// since most actors neither distribute nor receive keys in most of their frames.
 
 #include <cstddef>
 #include <cstdint>

@@ -77,7 +77,9 @@ TEST(Crypto, EapDerivedCakAndCknMatchTheVectorsAndAgreeOnBothEnds) {
 // Keys made ready once serve frame after frame: each use restarts the context with its key kept,
 // wrapping and unwrapping keep apart, and the wrapped form kept for a key is that key's.
 TEST(Crypto, PreparedKeysGiveTheRfcResultsOnEveryUse) {
-  const KeyBytes message = bytes("6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51");
+  const KeyBytes message = bytes(
+      "6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e5130c81c46a35ce411e5fbc1191a0a52ef"
+      "f69f2445df4f9b17ad2b417be66c3710");
   const StoredKey kek = StoredKey::ofHex("000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f");
   PreparedKeys keys(StoredKey::ofHex("2b7e151628aed2a6abf7158809cf4f3c"), kek);
   uint8_t icv[PreparedKeys::icvSize];
@@ -86,6 +88,11 @@ TEST(Crypto, PreparedKeysGiveTheRfcResultsOnEveryUse) {
     EXPECT_EQ(bytesToHex(icv, sizeof icv), "bb1d6929e95937287fa37d129b756746");
     ASSERT_TRUE(keys.icvOf(message.data(), 16, icv));
     EXPECT_EQ(bytesToHex(icv, sizeof icv), "070a16b46b4d4144f79bdd9dd04a287c");
+    // A padded last block after whole ones, and whole blocks only.
+    ASSERT_TRUE(keys.icvOf(message.data(), 40, icv));
+    EXPECT_EQ(bytesToHex(icv, sizeof icv), "dfa66747de9ae63030ca32611497c827");
+    ASSERT_TRUE(keys.icvOf(message.data(), 64, icv));
+    EXPECT_EQ(bytesToHex(icv, sizeof icv), "51f0bebf7e3b9d92fc49741779363cfe");
   }
 
   const StoredKey short16 = StoredKey::ofHex("00112233445566778899aabbccddeeff");
@@ -120,6 +127,8 @@ TEST(Crypto, PreparedKeysGiveTheRfcResultsOnEveryUse) {
                      StoredKey::ofHex("000102030405060708090a0b0c0d0e0f")};
   ASSERT_TRUE(other.icvOf(message.data(), 16, icv));
   EXPECT_EQ(bytesToHex(icv, sizeof icv), "28a7023f452e8f82bd4bf28d8c37c35c");
+  ASSERT_TRUE(other.icvOf(message.data(), 40, icv));
+  EXPECT_EQ(bytesToHex(icv, sizeof icv), "aaf3d8f1de5640c232f5b169b9c911e6");
   EXPECT_EQ(hexOf(other.wrapped(StoredKey::ofHex("00112233445566778899aabbccddeeff"))),
             "1fa68b0a8112b447aef34bd8fb5a7b829d3e862371d2cfe5");
 
