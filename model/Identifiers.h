@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/Octets.h"
 #include "platform/String.h"
 
 namespace Macsec {
@@ -57,7 +58,7 @@ class FixedOctets {
     return Zef::String(text, sizeof text);
   }
 
-  bool operator==(const FixedOctets&) const noexcept = default;
+  bool operator==(const FixedOctets& other) const noexcept { return Zef::sameOctets(octets_, other.octets_); }
   std::strong_ordering operator<=>(const FixedOctets&) const noexcept = default;
 
  private:

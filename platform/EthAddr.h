@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/Octets.h"
+
 namespace Lanx {
 
 // A 48-bit Ethernet address. The default is the all-zero address. Its text form is six pairs of
@@ -23,12 +25,12 @@ class EthAddr {
 
   const std::array<uint8_t, 6>& bytes() const noexcept { return bytes_; }
   const uint8_t* data() const noexcept { return bytes_.data(); }
-  bool isZero() const noexcept { return bytes_ == std::array<uint8_t, 6>{}; }
+  bool isZero() const noexcept { return Zef::sameOctets(bytes_, {}); }
   uint64_t asUint64() const noexcept;
   std::string stringValue() const;
   uint32_t hash() const noexcept;
 
-  bool operator==(const EthAddr&) const noexcept = default;
+  bool operator==(const EthAddr& other) const noexcept { return Zef::sameOctets(bytes_, other.bytes_); }
   std::strong_ordering operator<=>(const EthAddr&) const noexcept = default;
 
  private:
