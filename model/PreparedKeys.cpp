@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 namespace Macsec {
 
@@ -16,28 +17,31 @@ struct CipherCtxDeleter {
 };
 using CipherCtx = std::unique_ptr<EVP_CIPHER_CTX, CipherCtxDeleter>;
 
-// AES-CMAC (RFC 4493) on one AES block context keyed once with the ICK, and the two subkeys
-// derived from it. A frame then costs one block encryption per 16 octets and nothing else:
-// restarting a MAC context for every frame cost more than the cipher itself.
+// AES-CMAC (RFC 4493) on one AES-CBC context keyed once with the ICK, and the two subkeys derived
+// from it: a frame is one pass of the cipher over its blocks, the last one padded and masked with a
+// subkey. Restarting a MAC context, or the cipher, for every frame cost more than the cipher.
 class Cmac {
  public:
   static constexpr size_t kBlock = 16;
 
   // None for a key of another length than 16 or 32 octets.
   static std::unique_ptr<Cmac> keyedWith(const KeyBytes& key) {
-    const EVP_CIPHER* cipher = key.size() == 16 ? EVP_aes_128_ecb() : key.size() == 32 ? EVP_aes_256_ecb() : nullptr;
+    const EVP_CIPHER* cipher = key.size() == 16 ? EVP_aes_128_cbc() : key.size() == 32 ? EVP_aes_256_cbc() : nullptr;
     if (cipher == nullptr) return nullptr;
     auto cmac = std::unique_ptr<Cmac>(new Cmac);
-    if (!cmac->block_ || EVP_EncryptInit_ex(cmac->block_.get(), cipher, nullptr, key.data(), nullptr) != 1 ||
-        EVP_CIPHER_CTX_set_padding(cmac->block_.get(), 0) != 1) {
+    const uint8_t zero[kBlock] = {};
+    if (!cmac->cbc_ || EVP_EncryptInit_ex(cmac->cbc_.get(), cipher, nullptr, key.data(), zero) != 1 ||
+        EVP_CIPHER_CTX_set_padding(cmac->cbc_.get(), 0) != 1) {
       return nullptr;
     }
-    // L = AES(K, 0); K1 = L doubled in GF(2^128), K2 = K1 doubled.
+    // L = AES(K, 0); K1 = L doubled in GF(2^128), K2 = K1 doubled. The chain starts again from zero.
     uint8_t l[kBlock] = {};
-    if (!cmac->encrypt(l)) return nullptr;
+    int out = 0;
+    const bool made = EVP_EncryptUpdate(cmac->cbc_.get(), l, &out, zero, kBlock) == 1 && out == kBlock;
     doubled(l, cmac->k1_);
     doubled(cmac->k1_, cmac->k2_);
     OPENSSL_cleanse(l, sizeof l);
+    if (!made || !cmac->restart()) return nullptr;
     return cmac;
   }
 
@@ -47,35 +51,45 @@ class Cmac {
   }
 
   bool macOf(const uint8_t* message, size_t length, uint8_t* mac) {
-    uint8_t x[kBlock] = {};
-    // Every block but the last is chained as it is; the last, whole or padded, takes a subkey.
-    const size_t leading = length == 0 ? 0 : (length - 1) / kBlock;
-    for (size_t b = 0; b < leading; ++b) {
-      xorInto(x, message + b * kBlock, kBlock);
-      if (!encrypt(x)) return false;
+    // The message in whole blocks: a last block that is short is padded with 0x80 and zeros and
+    // masked with K2, a whole one masked with K1.
+    const size_t size = length == 0 ? kBlock : (length + kBlock - 1) / kBlock * kBlock;
+    if (input_.size() < size) {
+      input_.resize(size);
+      output_.resize(size);
     }
-    const size_t tail = length - leading * kBlock;
-    uint8_t last[kBlock] = {};
-    std::memcpy(last, message + leading * kBlock, tail);
-    if (tail < kBlock) last[tail] = 0x80;
-    xorInto(last, tail == kBlock ? k1_ : k2_, kBlock);
-    xorInto(x, last, kBlock);
-    const bool done = encrypt(x);
-    std::memcpy(mac, x, kBlock);
-    OPENSSL_cleanse(x, sizeof x);
-    return done;
+    uint8_t* in = input_.data();
+    std::memcpy(in, message, length);
+    if (length < size) {
+      in[length] = 0x80;
+      std::memset(in + length + 1, 0, size - length - 1);
+    }
+    xorInto(in + size - kBlock, length == size ? k1_ : k2_);
+    // The context chains on from the last block it made, which is kept: masking the first block
+    // with it starts this message's chain from zero, as CMAC does, without restarting the context.
+    xorInto(in, chain_);
+    int out = 0;
+    if (EVP_EncryptUpdate(cbc_.get(), output_.data(), &out, in, static_cast<int>(size)) != 1 ||
+        static_cast<size_t>(out) != size) {
+      restart();
+      return false;
+    }
+    std::memcpy(chain_, output_.data() + size - kBlock, kBlock);
+    std::memcpy(mac, chain_, kBlock);
+    return true;
   }
 
  private:
-  Cmac() : block_(EVP_CIPHER_CTX_new()) {}
+  Cmac() : cbc_(EVP_CIPHER_CTX_new()) {}
 
-  bool encrypt(uint8_t* block) {
-    int out = 0;
-    return EVP_EncryptUpdate(block_.get(), block, &out, block, kBlock) == 1 && out == kBlock;
+  // The chain from zero again, after a pass that may have left it anywhere.
+  bool restart() {
+    std::memset(chain_, 0, sizeof chain_);
+    return EVP_EncryptInit_ex(cbc_.get(), nullptr, nullptr, nullptr, chain_) == 1;
   }
 
-  static void xorInto(uint8_t* to, const uint8_t* from, size_t length) {
-    for (size_t i = 0; i < length; ++i) to[i] ^= from[i];
+  static void xorInto(uint8_t* to, const uint8_t* from) {
+    for (size_t i = 0; i < kBlock; ++i) to[i] ^= from[i];
   }
 
   // Multiplication by x in GF(2^128), with the reduction polynomial's constant 0x87.
@@ -86,9 +100,14 @@ class Cmac {
     if (in[0] & 0x80) out[kBlock - 1] ^= 0x87;
   }
 
-  CipherCtx block_;
+  CipherCtx cbc_;
   uint8_t k1_[kBlock] = {};
   uint8_t k2_[kBlock] = {};
+  // The last block the context made: the previous message's MAC.
+  uint8_t chain_[kBlock] = {};
+  // The blocks of a message and of its pass, sized to the longest message so far.
+  std::vector<uint8_t> input_;
+  std::vector<uint8_t> output_;
 };
 
 // An AES key wrap context keyed with a 16- or 32-octet KEK, for wrapping or for unwrapping (the
