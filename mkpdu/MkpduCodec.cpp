@@ -113,14 +113,20 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, const uint8_t* fram
   const Zef::Ptr<MkaPamCounter> counter = intf.rxCounter;
   DecodedMkpdu message;
   // The actor of the frame's CKN is found once: its keys check the frame, and it takes the message.
-  const MessageReceiver* receiver = nullptr;
-  Ckn named;
-  auto keysOf = [&](const Ckn& ckn) {
-    named = ckn;
-    receiver = pamManager()->receivers().receiver(intfId, ckn);
-    return actorKeys(intfId, ckn, receiver);
+  // The lookup holds two pointers, so that it fits in the function object without an allocation.
+  struct Found {
+    const Lanx::IntfId& intfId;
+    const MessageReceiver* receiver = nullptr;
+    Ckn named;
+  } found{intfId, nullptr, Ckn()};
+  auto keysOf = [this, &found](const Ckn& ckn) {
+    found.named = ckn;
+    found.receiver = pamManager()->receivers().receiver(found.intfId, ckn);
+    return actorKeys(found.intfId, ckn, found.receiver);
   };
   DecodeResult result = decodeMkpdu(frame, length, keysOf, message);
+  const MessageReceiver* receiver = found.receiver;
+  const Ckn& named = found.named;
   // A known CKN whose MKPDUs do not check is most often another CAK at the other end: operators
   // hear of it, and not only from a counter. The frame's source address names the peer.
   if (result == DecodeResult::badIcv) {
@@ -165,9 +171,9 @@ void MkpduCodec::handleTransmit() {
   const Ckn& ckn = info ? info->baseInfo().ckn : Ckn();
   const std::optional<ActorKeys> keys =
       info ? actorKeys(intfId, ckn, pamManager()->receivers().receiver(intfId, ckn)) : std::nullopt;
-  const DecodedMkpdu message = decodedMessageOf(*tx);
-  std::string frame;
-  if (!pam || !port || !keys || !encodeMkpdu(message, port->mySci().addr, *keys, frame)) {
+  decodedMessageInto(*tx, txDecoded_);
+  std::string& frame = txFrame_;
+  if (!pam || !port || !keys || !encodeMkpdu(txDecoded_, port->mySci().addr, *keys, frame)) {
     TRACE(3, ": Cannot send MKPDU on " << intfId);
     if (counter) counter->failureInc(1);
     count(intfId, &Memtab::MessageCounterData::outErrors);

@@ -281,8 +281,14 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
   if (cknLength == 0) return false;
 
   // The body follows room for the EAPOL header, which is written once the body's length is known.
-  std::string body(kHeader, '\0');
+  // It is built in the caller's buffer, whose storage serves frame after frame.
+  std::string& body = frame;
+  body.assign(kHeader, '\0');
   body.reserve(256);
+  auto fail = [&] {
+    body.clear();
+    return false;
+  };
 
   // The basic parameter set, with the CKN padded to 4 octets.
   put8(body, C::mkaVersion);
@@ -355,7 +361,7 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
   const SakDistInfo& dist = message.sakDistInfo;
   if (dist != SakDistInfo()) {
     const KeyBytes wrappedSak = keys.prepared->wrapped(dist.wrappedSak);
-    if (wrappedSak.empty()) return false;
+    if (wrappedSak.empty()) return fail();
     const bool withSuite = dist.cipherSuite != cipherSuiteGcmAes128;
     put8(body, distSakParameterSetType);
     DistSakAnAndOffset an;
@@ -375,7 +381,7 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
   const CakDistInfo& cakDist = message.cakDistInfo;
   if (cakDist != CakDistInfo()) {
     const KeyBytes wrappedCak = keys.prepared->wrapped(cakDist.cak);
-    if (wrappedCak.empty()) return false;
+    if (wrappedCak.empty()) return fail();
     put8(body, distCakParameterSetType);
     put8(body, 0);
     put16(body, static_cast<uint16_t>(wrappedCak.size() + cakDist.ckn.size()));
@@ -396,9 +402,8 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
   header[16] = static_cast<char>(eapolLength >> 8);
   header[17] = static_cast<char>(eapolLength & 0xff);
   uint8_t icv[kIcv];
-  if (!keys.prepared->icvOf(reinterpret_cast<const uint8_t*>(body.data()), body.size(), icv)) return false;
+  if (!keys.prepared->icvOf(reinterpret_cast<const uint8_t*>(body.data()), body.size(), icv)) return fail();
   putBytes(body, icv, kIcv);
-  frame = std::move(body);
   return true;
 }
 

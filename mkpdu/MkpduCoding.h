@@ -57,7 +57,8 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
 // Builds the frame of a message from `source`: EAPOL header, basic parameter set with the CKN
 // padded to 4 octets, the peer lists when they have members, the SAK use set (and after it the XPN
 // set, for an XPN suite) and the distributed SAK set when they are not the default, and the ICV.
-// False if the keys cannot be used.
+// The frame replaces what `frame` held, in its storage; false, and `frame` empty, if the keys
+// cannot be used.
 bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const ActorKeys& keys, std::string& frame);
 
 }  // namespace Macsec
