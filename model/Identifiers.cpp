@@ -1,6 +1,8 @@
 #include "model/Identifiers.h"
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 #include <ostream>
 
 namespace Macsec {
@@ -8,11 +10,15 @@ namespace Macsec {
 namespace detail {
 
 void hexInto(const uint8_t* data, size_t size, char* text) noexcept {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  for (size_t i = 0; i < size; ++i) {
-    text[2 * i] = kDigits[data[i] >> 4];
-    text[2 * i + 1] = kDigits[data[i] & 0xf];
-  }
+  // Both digits of an octet from one table: every identifier is hashed as this text whenever a
+  // collection looks it up.
+  static constexpr auto kPairs = [] {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::array<std::array<char, 2>, 256> pairs{};
+    for (size_t octet = 0; octet < pairs.size(); ++octet) pairs[octet] = {kDigits[octet >> 4], kDigits[octet & 0xf]};
+    return pairs;
+  }();
+  for (size_t i = 0; i < size; ++i) std::memcpy(text + 2 * i, kPairs[data[i]].data(), 2);
 }
 
 uint32_t hashAsHex(const uint8_t* data, size_t size) noexcept {
