@@ -43,8 +43,8 @@ uint64_t Memtab::MessageCounterData::*columnOf(DecodeResult result) {
 
 }  // namespace
 
-void MkpduCodec::count(const Lanx::IntfId& intfId, uint64_t Memtab::MessageCounterData::*column) {
-  if (counters()) counters()->countIn(intfId, column);
+void MkpduCodec::count(const Lanx::IntfId& intfId, CodecInterface& intf, uint64_t Memtab::MessageCounterData::*column) {
+  if (counters()) counters()->countIn(intfId, intf.counterRow, column);
 }
 
 void MkpduCodec::handleInitialized() {
@@ -148,11 +148,11 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, const uint8_t* fram
   if (result != DecodeResult::accepted) {
     TRACE(3, ": Dropping MKPDU on " << intfId << ": " << decodeResultText(result));
     if (counter) counter->failureInc(1);
-    count(intfId, columnOf(result));
+    count(intfId, intf, columnOf(result));
     return result;
   }
   if (counter) counter->successInc(1);
-  count(intfId, &Memtab::MessageCounterData::inMkpdus);
+  count(intfId, intf, &Memtab::MessageCounterData::inMkpdus);
 
   // To the actor of its CKN, which has handled it when this call returns.
   pamManager()->rxMessageDeliver(message, receiver);
@@ -163,27 +163,28 @@ void MkpduCodec::handleTransmit() {
   if (!initialized()) return;
   const Zef::Ptr<MkaMessageInfo const> tx = txMessage();
   const Lanx::IntfId intfId = tx->intfId();
-  const CodecInterface& intf = interfaceOf(intfId);
+  CodecInterface& intf = interfaceOf(intfId);
   const Zef::Ptr<MkaPamCounter> counter = intf.txCounter;
   const Zef::Ptr<Lanx::Pam> pam = intf.pam;
   const Zef::Ptr<MkaInfo const> info = tx->mkaInfo();
-  const Zef::Ptr<MkaPortStatus const> port = Zef::Ptr<Status const>(status())->portStatus(intfId);
   const Ckn& ckn = info ? info->baseInfo().ckn : Ckn();
   const std::optional<ActorKeys> keys =
       info ? actorKeys(intfId, ckn, pamManager()->receivers().receiver(intfId, ckn)) : std::nullopt;
   decodedMessageInto(*tx, txDecoded_);
+  // The frame goes out from the address of the port's SCI, which the message carries.
+  const Lanx::EthAddr& source = txDecoded_.baseInfo.sci.addr;
   std::string& frame = txFrame_;
-  if (!pam || !port || !keys || !encodeMkpdu(txDecoded_, port->mySci().addr, *keys, frame)) {
+  if (!pam || !keys || source.isZero() || !encodeMkpdu(txDecoded_, source, *keys, frame)) {
     TRACE(3, ": Cannot send MKPDU on " << intfId);
     if (counter) counter->failureInc(1);
-    count(intfId, &Memtab::MessageCounterData::outErrors);
+    count(intfId, intf, &Memtab::MessageCounterData::outErrors);
     return;
   }
   const Zef::Ptr<Lanx::Pkt> pkt = Lanx::globalPktManager().newPkt(frame.size());
   std::memcpy(pkt->newHeadData(frame.size()), frame.data(), frame.size());
   pam->txPkt(pkt);
   if (counter) counter->successInc(1);
-  count(intfId, &Memtab::MessageCounterData::outMkpdus);
+  count(intfId, intf, &Memtab::MessageCounterData::outMkpdus);
 }
 
 }  // namespace Macsec

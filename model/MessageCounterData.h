@@ -4,6 +4,7 @@
 #include <ostream>
 
 #include "platform/IntfId.h"
+#include "platform/ValueMap.h"
 
 namespace Macsec::Memtab {
 
@@ -29,6 +30,9 @@ struct MessageCounterData {
   const Lanx::IntfId& key() const noexcept { return intfId; }
   bool operator==(const MessageCounterData&) const noexcept = default;
 };
+
+// A hold on one interface's row of the table.
+using RowHold = Zef::ValueMap<Lanx::IntfId, MessageCounterData>::Hold;
 
 inline std::ostream& operator<<(std::ostream& out, const MessageCounterData& d) {
   return out << "MessageCounterData(" << d.intfId << ", in " << d.inMkpdus << ", out " << d.outMkpdus << "/"

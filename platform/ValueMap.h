@@ -74,6 +74,29 @@ class ValueMap {
     return (node ? node : table_.insert(key, V()))->value_;
   }
 
+  // A counted hold on the node of one key, for a caller that changes its value in place again and
+  // again without looking the key up each time. A node erased since stays readable and writable
+  // through the hold, but is no longer the map's: current() tells.
+  class Hold {
+   public:
+    Hold() = default;
+    bool current() const noexcept { return ref_ && !ref_->deleted; }
+    const K& key() const noexcept { return ref_->key_; }
+    V& value() const noexcept { return ref_->value_; }
+
+   private:
+    friend class ValueMap;
+    explicit Hold(Node* node) : ref_(node) {}
+    typename Table::NodeRef ref_;
+  };
+
+  // A hold on the node of a key, made with the type's default if the key is absent. The caller
+  // notifies changes through it, as a collection attribute would.
+  Hold holdFor(const K& key) {
+    auto* node = table_.find(key);
+    return Hold(node ? node : table_.insert(key, V()));
+  }
+
   // Removes a key. Returns true and fills *old (if given) if the key was present.
   bool erase(const K& key, V* old = nullptr) {
     auto node = table_.unlink(key);

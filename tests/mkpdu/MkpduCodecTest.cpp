@@ -444,8 +444,9 @@ TEST_F(Codec, TransmitBuildsTheFrameOfTheActorAndSendsItOnTheInterface) {
   tx->livePeerIs("a1a2a3a4a5a6a7a8a9aaabac"_mi, 5);
   tx->countInc(1);
   ASSERT_EQ(sent.size(), 1u);
-  // From the interface's own address (the message itself round-trips in every scenario on bytes).
-  EXPECT_EQ(hexOf(sent[0].substr(6, 6)), "020000000002");
+  // From the address of the SCI in the message, which an actor takes from its port (the message
+  // itself round-trips in every scenario on bytes).
+  EXPECT_EQ(hexOf(sent[0].substr(6, 6)), "020000000001");
   EXPECT_EQ(pamManager->txPamCounter(eth1)->success(), 1u);
 
   // A message for a CKN that no actor has any more cannot be sent.
