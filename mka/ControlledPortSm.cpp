@@ -259,6 +259,10 @@ void ControlledPortSm::handleLivePeer(const MemberId& peer) {
   // one. It follows from the SCIs alone, and every MKPDU of a peer comes here: while the members
   // are the ones on record, the identifiers are too. (Two members with one SCI both take 1.)
   const Sci mySci = portStatus()->mySci();
+  // The identifiers on record already stand for these two SCIs among as many members: a member
+  // that joins comes here itself, and one that goes changes the count. Most MKPDUs change nothing.
+  const size_t peers = actorStatus()->livePeerSize();
+  if (peers == ssciPeers() && cpStatus()->peerSsci().sci == peerSci && cpStatus()->mySsci().sci == mySci) return;
   const auto above = [](const Sci& y, const Sci& x) {
     return x.addr < y.addr || (x.addr == y.addr && y.portId > x.portId);
   };
@@ -272,6 +276,7 @@ void ControlledPortSm::handleLivePeer(const MemberId& peer) {
   }
   cpStatus()->mySsciIs(Ssci{mySci, myPlace});
   cpStatus()->peerSsciIs(Ssci{peerSci, peerPlace});
+  ssciPeersIs(peers);
 }
 
 void ControlledPortSm::ZefActorStatus::ZefLivePeer::handlePeerBaseInfo() {
