@@ -19,7 +19,7 @@ const Pkt::Manager& globalPktManager() {
   return manager;
 }
 
-Pkt::Pkt(size_t headRoom) : sharedBuffer_(new SharedBuffer(headRoom)) {
+Pkt::Pkt(size_t headRoom) : sharedBuffer_(SharedBuffer::SharedBufferIs(headRoom)) {
   iov_[0].data = sharedBuffer_->buffer() + headRoom;
   iov_[0].length = 0;
 }
@@ -36,7 +36,7 @@ uint8_t* Pkt::newHeadData(size_t n) {
   if (room < n) {
     // Move the head segment into a bigger buffer with the room needed and some to spare.
     const size_t newRoom = n + 128;
-    Zef::Ptr<SharedBuffer> bigger(new SharedBuffer(newRoom + iov_[0].length));
+    const Zef::Ptr<SharedBuffer> bigger = SharedBuffer::SharedBufferIs(newRoom + iov_[0].length);
     if (iov_[0].length > 0) std::memcpy(bigger->buffer() + newRoom, iov_[0].data, iov_[0].length);
     sharedBuffer_ = bigger;
     iov_[0].data = bigger->buffer() + newRoom;

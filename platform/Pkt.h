@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <new>
 #include <string>
 
 #include "platform/Ptr.h"
@@ -14,16 +15,19 @@ namespace Lanx {
 // carry data kept elsewhere. The packet's size is the sum of the segments in use.
 class Pkt : public Zef::PtrInterface {
  public:
-  // The memory of the head segment, counted so that copies of a packet can share it.
+  // The memory of the head segment, counted so that copies of a packet can share it. Its bytes
+  // follow it in the same allocation: every frame sent or received takes one.
   class SharedBuffer : public Zef::PtrInterface {
    public:
-    explicit SharedBuffer(size_t size) : bytes_(new uint8_t[size]), size_(size) {}
-    ~SharedBuffer() override { delete[] bytes_; }
-    uint8_t* buffer() const noexcept { return bytes_; }
+    static Zef::Ptr<SharedBuffer> SharedBufferIs(size_t size) {
+      return Zef::Ptr<SharedBuffer>(new (::operator new(sizeof(SharedBuffer) + size)) SharedBuffer(size));
+    }
+    static void operator delete(void* memory) { ::operator delete(memory); }
+    uint8_t* buffer() const noexcept { return reinterpret_cast<uint8_t*>(const_cast<SharedBuffer*>(this + 1)); }
     size_t size() const noexcept { return size_; }
 
    private:
-    uint8_t* bytes_;
+    explicit SharedBuffer(size_t size) : size_(size) {}
     size_t size_;
   };
 
