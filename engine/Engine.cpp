@@ -269,9 +269,11 @@ Zef::Ptr<Lanx::Pkt> packetOf(const uint8_t* frame, size_t length) {
 void Engine::frameIs(const Lanx::IntfId& intf, const uint8_t* frame, size_t length) {
   const Speaking speaking(name());
   forgetDetached();
-  const Zef::Ptr<Lanx::Pam> pam = pams_ ? pams_->pam(intf) : nullptr;
   const auto [first, last] = attached_.equal_range(intf);
-  // Most frames have one reader, the codec's point; others are points of a self test.
+  // Most frames have one reader, the codec, which takes a frame of an interface in MKA operation
+  // straight, as it would from the interface's access point; others are points of a self test.
+  if (first == last && codec_ && codec_->frameIs(intf, frame, length)) return;
+  const Zef::Ptr<Lanx::Pam> pam = pams_ ? pams_->pam(intf) : nullptr;
   if (first == last) {
     if (pam) pam->rxPktIs(packetOf(frame, length));
     return;

@@ -87,6 +87,13 @@ void MkpduCodec::ZefPam::handleReadable() {
   codec->receive(key(), reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
 }
 
+bool MkpduCodec::frameIs(const Lanx::IntfId& intfId, const uint8_t* frame, size_t length) {
+  const CodecInterface* intf = interfaces_.find(intfId);
+  if (intf == nullptr || !intf->pam) return false;
+  receive(intfId, frame, length);
+  return true;
+}
+
 CodecInterface& MkpduCodec::interfaceOf(const Lanx::IntfId& intfId) {
   CodecInterface& intf = interfaces_.valueFor(intfId);
   // The counters are made when the interface enters MKA operation, and never go.
