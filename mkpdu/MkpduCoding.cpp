@@ -21,30 +21,57 @@ constexpr size_t kMi = C::sizeOfMemberIdentifier;
 uint16_t be16(const uint8_t* p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
 uint32_t be32(const uint8_t* p) { return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3]; }
 
-void put8(std::string& out, uint8_t v) { out.push_back(static_cast<char>(v)); }
-void put16(std::string& out, uint16_t v) {
-  const char octets[2] = {static_cast<char>(v >> 8), static_cast<char>(v)};
-  out.append(octets, 2);
+// Writes a frame into a string whose storage serves frame after frame: room is made a block at a
+// time, not octet by octet, and the string is cut to the frame when it is done.
+class FrameWriter {
+ public:
+  explicit FrameWriter(std::string& out) : out_(out) { out_.resize(std::max<size_t>(out_.capacity(), 256)); }
+  size_t size() const noexcept { return size_; }
+  char* data() noexcept { return out_.data(); }
+  // The next n octets of the frame, for the caller to write.
+  uint8_t* room(size_t n) {
+    if (size_ + n > out_.size()) out_.resize(2 * (size_ + n));
+    uint8_t* at = reinterpret_cast<uint8_t*>(out_.data()) + size_;
+    size_ += n;
+    return at;
+  }
+  void finish() { out_.resize(size_); }
+  void abandon() { out_.clear(); }
+
+ private:
+  std::string& out_;
+  size_t size_ = 0;
+};
+
+void put8(FrameWriter& out, uint8_t v) { *out.room(1) = v; }
+void put16(FrameWriter& out, uint16_t v) {
+  uint8_t* at = out.room(2);
+  at[0] = static_cast<uint8_t>(v >> 8);
+  at[1] = static_cast<uint8_t>(v);
 }
-void put32(std::string& out, uint32_t v) {
-  const char octets[4] = {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8),
-                          static_cast<char>(v)};
-  out.append(octets, 4);
+void put32(FrameWriter& out, uint32_t v) {
+  uint8_t* at = out.room(4);
+  at[0] = static_cast<uint8_t>(v >> 24);
+  at[1] = static_cast<uint8_t>(v >> 16);
+  at[2] = static_cast<uint8_t>(v >> 8);
+  at[3] = static_cast<uint8_t>(v);
 }
-void put64(std::string& out, uint64_t v) {
+void put64(FrameWriter& out, uint64_t v) {
   put32(out, static_cast<uint32_t>(v >> 32));
   put32(out, static_cast<uint32_t>(v));
 }
-void putBytes(std::string& out, const uint8_t* p, size_t n) { out.append(reinterpret_cast<const char*>(p), n); }
+void putBytes(FrameWriter& out, const uint8_t* p, size_t n) {
+  if (n > 0) std::memcpy(out.room(n), p, n);
+}
 // Pads what follows `start` to whole words.
-void padTo4(std::string& out, size_t start) {
+void padTo4(FrameWriter& out, size_t start) {
   while ((out.size() - start) % C::mkaWordAlignment != 0) put8(out, 0);
 }
 
 size_t padded(size_t n) { return (n + 3) & ~size_t{3}; }
 
 // The 12 octets of a member identifier; none, as an empty key slot sends it, is all zeros.
-void putMi(std::string& out, const MemberId& mi) { out.append(mi.data(), mi.data() + mi.size()); }
+void putMi(FrameWriter& out, const MemberId& mi) { putBytes(out, mi.data(), mi.size()); }
 
 size_t wrappedLengthOf(CipherSuite cipher) {
   return keyBitsOf(cipher) == 256 ? C::sizeOfWrapped256BitKey : C::sizeOfWrapped128BitKey;
@@ -278,17 +305,15 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
 bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const ActorKeys& keys, std::string& frame) {
   const BasicInfo& base = message.baseInfo;
   const size_t cknLength = base.ckn.size();
-  if (cknLength == 0) return false;
-
   // The body follows room for the EAPOL header, which is written once the body's length is known.
-  // It is built in the caller's buffer, whose storage serves frame after frame.
-  std::string& body = frame;
-  body.assign(kHeader, '\0');
-  body.reserve(256);
+  // It is built in the caller's buffer.
+  FrameWriter body(frame);
   auto fail = [&] {
-    body.clear();
+    body.abandon();
     return false;
   };
+  if (cknLength == 0) return fail();
+  std::memset(body.room(kHeader), 0, kHeader);
 
   // The basic parameter set, with the CKN padded to 4 octets.
   put8(body, C::mkaVersion);
@@ -404,6 +429,7 @@ bool encodeMkpdu(const DecodedMkpdu& message, const Lanx::EthAddr& source, const
   uint8_t icv[kIcv];
   if (!keys.prepared->icvOf(reinterpret_cast<const uint8_t*>(body.data()), body.size(), icv)) return fail();
   putBytes(body, icv, kIcv);
+  body.finish();
   return true;
 }
 
