@@ -181,7 +181,11 @@ void MkpduCodec::handleTransmit() {
   // The frame goes out from the address of the port's SCI, which the message carries.
   const Lanx::EthAddr& source = txDecoded_.baseInfo.sci.addr;
   std::string& frame = txFrame_;
-  if (!pam || !keys || source.isZero() || !encodeMkpdu(txDecoded_, source, *keys, frame)) {
+  const bool built = pam && keys && !source.isZero() && encodeMkpdu(txDecoded_, source, *keys, frame);
+  // The message keeps its storage for the next one, but not the keys it carried.
+  txDecoded_.sakDistInfo = SakDistInfo();
+  txDecoded_.cakDistInfo = CakDistInfo();
+  if (!built) {
     TRACE(3, ": Cannot send MKPDU on " << intfId);
     if (counter) counter->failureInc(1);
     count(intfId, intf, &Memtab::MessageCounterData::outErrors);
