@@ -311,6 +311,14 @@ TEST_P(ControlledPort, APeerThatFallsSilentAgesOutLeavingTheRunningKeyInServiceA
       EXPECT_EQ(peer.ssci, cp(*other)->mySsci().ssci) << member->name();
     }
   }
+
+  // d falls silent: once it has aged out, the places of those who stay close up, though their SCIs
+  // are the same as before.
+  d.mutedIs(true);
+  sim.runFor(20);
+  EXPECT_EQ(cp(c)->mySsci().ssci, 1u);
+  EXPECT_EQ(cp(a)->mySsci().ssci, 2u);
+  EXPECT_EQ(cp(a)->peerSsci(), (Ssci{Sci{mac(3), 1}, 1u}));
 }
 
 // (Keys from members that do not exist or with another cipher suite are the actor fuzzer's.)
