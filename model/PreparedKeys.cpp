@@ -69,8 +69,11 @@ class Cmac {
     // with it starts this message's chain from zero, as CMAC does, without restarting the context.
     xorInto(in, chain_);
     int out = 0;
-    if (EVP_EncryptUpdate(cbc_.get(), output_.data(), &out, in, static_cast<int>(size)) != 1 ||
-        static_cast<size_t>(out) != size) {
+    const bool passed = EVP_EncryptUpdate(cbc_.get(), output_.data(), &out, in, static_cast<int>(size)) == 1 &&
+                        static_cast<size_t>(out) == size;
+    // The last block, masked with a subkey over a message anybody may read, would give the subkey.
+    OPENSSL_cleanse(in + size - kBlock, kBlock);
+    if (!passed) {
       restart();
       return false;
     }
