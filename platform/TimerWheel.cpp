@@ -33,7 +33,27 @@ TimerWheel::Notifiee::~Notifiee() {
 TimerWheel::~TimerWheel() {
   // Timers hold the wheel, so none can be armed here; this only guards a wheel torn down by
   // force.
-  for (const Slot& slot : heap_) slot.timer->heapIndex_ = Notifiee::kNotArmed;
+  for (const Slot& slot : heap_) slot.timer->index_ = Notifiee::kNotArmed;
+  for (const Lane& lane : lanes_) {
+    for (const Slot& slot : lane.slots) {
+      if (slot.timer) slot.timer->index_ = Notifiee::kNotArmed;
+    }
+  }
+}
+
+size_t TimerWheel::armedTimers() const noexcept {
+  size_t armed = heap_.size();
+  for (const Lane& lane : lanes_) armed += lane.slots.size() - lane.vacant;
+  return armed;
+}
+
+const TimerWheel::Slot* TimerWheel::earliest() const noexcept {
+  // The front of the heap and of each lane, which is never a vacant place.
+  const Slot* next = heap_.empty() ? nullptr : &heap_.front();
+  for (const Lane& lane : lanes_) {
+    if (!lane.slots.empty() && (next == nullptr || earlier(lane.slots.front(), *next))) next = &lane.slots.front();
+  }
+  return next;
 }
 
 void TimerWheel::serviceTimers() {
@@ -43,9 +63,10 @@ void TimerWheel::serviceTimers() {
 }
 
 bool TimerWheel::serviceOneTimer() {
-  if (heap_.empty() || heap_.front().timeMin > Zef::System::currentTime()) return false;
+  const Slot* next = earliest();
+  if (next == nullptr || next->timeMin > Zef::System::currentTime()) return false;
   Zef::Ptr<TimerWheel> keepAlive(this);
-  Notifiee* timer = heap_.front().timer;
+  Notifiee* timer = next->timer;
   disarm(timer);
   // The handler may delete the timer, its state machine, or re-arm it: nothing here touches the
   // timer after the call.
@@ -60,21 +81,76 @@ bool TimerWheel::serviceOneTimer() {
 }
 
 void TimerWheel::arm(Notifiee* timer) {
-  timer->sequence_ = ++sequence_;
-  heap_.push_back(Slot{timer->timeMin_, timer->sequence_, timer});
-  timer->heapIndex_ = heap_.size() - 1;
-  siftUp(timer->heapIndex_);
+  const Slot slot{timer->timeMin_, ++sequence_, timer};
+  // The lane whose last deadline is the latest one not after this deadline keeps its order with
+  // this timer at its end; an empty lane is taken only when no other fits.
+  Lane* fit = nullptr;
+  for (Lane& lane : lanes_) {
+    if (lane.slots.empty()) {
+      if (fit == nullptr) fit = &lane;
+    } else if (lane.slots.back().timeMin <= slot.timeMin &&
+               (fit == nullptr || fit->slots.empty() || fit->slots.back().timeMin < lane.slots.back().timeMin)) {
+      fit = &lane;
+    }
+  }
+  if (fit != nullptr) {
+    timer->lane_ = static_cast<uint8_t>(fit - lanes_.data());
+    timer->index_ = fit->first + fit->slots.size();
+    fit->slots.push_back(slot);
+    return;
+  }
+  timer->lane_ = Notifiee::kInHeap;
+  heap_.push_back(slot);
+  timer->index_ = heap_.size() - 1;
+  siftUp(timer->index_);
 }
 
 void TimerWheel::disarm(Notifiee* timer) {
-  const size_t index = timer->heapIndex_;
-  timer->heapIndex_ = Notifiee::kNotArmed;
+  if (timer->lane_ != Notifiee::kInHeap) {
+    laneDisarm(lanes_[timer->lane_], timer);
+    return;
+  }
+  const size_t index = timer->index_;
+  timer->index_ = Notifiee::kNotArmed;
   const Slot last = heap_.back();
   heap_.pop_back();
   if (last.timer == timer) return;
   place(last, index);
   siftUp(index);
-  siftDown(last.timer->heapIndex_);
+  siftDown(last.timer->index_);
+}
+
+void TimerWheel::laneDisarm(Lane& lane, Notifiee* timer) {
+  lane.slots[timer->index_ - lane.first].timer = nullptr;
+  timer->index_ = Notifiee::kNotArmed;
+  ++lane.vacant;
+  laneTrim(lane);
+}
+
+void TimerWheel::laneTrim(Lane& lane) {
+  // Neither end is left vacant: the front is the lane's next timer, and the back the deadline a
+  // newcomer must not precede.
+  while (!lane.slots.empty() && lane.slots.front().timer == nullptr) {
+    lane.slots.pop_front();
+    ++lane.first;
+    --lane.vacant;
+  }
+  while (!lane.slots.empty() && lane.slots.back().timer == nullptr) {
+    lane.slots.pop_back();
+    --lane.vacant;
+  }
+  // Timers moved again and again before they fall due leave vacant places in between: once these
+  // are most of the lane, it closes up.
+  if (lane.vacant > 64 && 2 * lane.vacant > lane.slots.size()) {
+    std::deque<Slot> kept;
+    for (const Slot& slot : lane.slots) {
+      if (slot.timer == nullptr) continue;
+      slot.timer->index_ = lane.first + kept.size();
+      kept.push_back(slot);
+    }
+    lane.slots.swap(kept);
+    lane.vacant = 0;
+  }
 }
 
 namespace {

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <deque>
 #include <initializer_list>
 #include <limits>
 #include <random>
@@ -26,7 +28,7 @@ class TimerWheel : public Zef::Notifier {
     // Schedules one onTime() at the absolute time t, replacing any earlier deadline; `never`
     // switches the timer off.
     void timeMinIs(double t);
-    bool isArmed() const noexcept { return heapIndex_ != kNotArmed; }
+    bool isArmed() const noexcept { return index_ != kNotArmed; }
     virtual void onTime() {}
 
     // Moving to another wheel takes a pending deadline along.
@@ -44,18 +46,24 @@ class TimerWheel : public Zef::Notifier {
    private:
     friend class TimerWheel;
     static constexpr size_t kNotArmed = ~size_t{0};
+    static constexpr uint8_t kInHeap = 0xff;
     TimerWheel* wheel() const noexcept { return const_cast<TimerWheel*>(notifier().ptr()); }
 
     double timeMin_ = 0.0;
-    uint64_t sequence_ = 0;
-    size_t heapIndex_ = kNotArmed;
+    // Where the wheel keeps the armed timer: its place in the heap, or in a lane (`lane_`) its
+    // place counted from the first the lane ever held.
+    size_t index_ = kNotArmed;
+    uint8_t lane_ = kInHeap;
   };
 
   static Zef::Ptr<TimerWheel> TimerWheelIs() { return Zef::Ptr<TimerWheel>(new TimerWheel); }
 
   // The earliest deadline of an armed timer, or `never`.
-  double nextDeadline() const noexcept { return heap_.empty() ? never : heap_.front().timeMin; }
-  size_t armedTimers() const noexcept { return heap_.size(); }
+  double nextDeadline() const noexcept {
+    const Slot* next = earliest();
+    return next ? next->timeMin : never;
+  }
+  size_t armedTimers() const noexcept;
 
   // Fires every timer whose deadline is not after the current time, in deadline order, including
   // timers armed meanwhile for a time already reached.
@@ -76,8 +84,9 @@ class TimerWheel : public Zef::Notifier {
 
  private:
   TimerWheel() = default;
-  // A place in the heap carries its timer's deadline and arming order, so that ordering the heap
-  // reads the heap alone and not the timers, which lie all over memory.
+  // A place in the heap or a lane carries its timer's deadline and arming order, so that ordering
+  // reads the wheel alone and not the timers, which lie all over memory. A slot of a lane whose
+  // timer was disarmed keeps its place with no timer.
   struct Slot {
     double timeMin;
     uint64_t sequence;
@@ -86,16 +95,31 @@ class TimerWheel : public Zef::Notifier {
   static bool earlier(const Slot& a, const Slot& b) noexcept {
     return a.timeMin < b.timeMin || (a.timeMin == b.timeMin && a.sequence < b.sequence);
   }
+  // Most timers are periodic: each is armed again for a period after it fires, which is after
+  // every deadline of its period armed before it. Such a timer is appended to a lane, a queue kept
+  // in deadline order, and leaves it from the front: no ordering, and nothing read but the two
+  // ends of the lane. A timer that fits no lane's order goes into the heap.
+  struct Lane {
+    std::deque<Slot> slots;
+    size_t first = 0;  // the place of the front slot, counted from the first the lane ever held
+    size_t vacant = 0;
+  };
+  static constexpr size_t kLanes = 4;
+
+  const Slot* earliest() const noexcept;
   void arm(Notifiee* timer);
   void disarm(Notifiee* timer);
   void siftUp(size_t index);
   void siftDown(size_t index);
   void place(const Slot& slot, size_t index) {
     heap_[index] = slot;
-    slot.timer->heapIndex_ = index;
+    slot.timer->index_ = index;
   }
+  void laneDisarm(Lane& lane, Notifiee* timer);
+  void laneTrim(Lane& lane);
 
   std::vector<Slot> heap_;
+  std::array<Lane, kLanes> lanes_;
   uint64_t sequence_ = 0;
   std::mt19937_64 random_{1};
 };

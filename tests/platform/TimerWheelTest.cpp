@@ -118,4 +118,73 @@ TEST_F(TimerWheelTest, ManyTimersFireInDeadlineOrder) {
   EXPECT_EQ(seen, deadlines);
 }
 
+// Periodic timers of several periods, armed again as they fire, among timers moved, switched off
+// and armed for the present by another timer: each fires at its deadline, in the order of deadline
+// and then of arming, and none is lost or fires twice.
+TEST_F(TimerWheelTest, PeriodicAndMovedTimersFireInDeadlineThenArmingOrder) {
+  struct Armed {
+    double deadline = Orb::never;
+    uint64_t order = 0;
+  };
+  std::mt19937 random(7);
+  std::vector<Zef::Ptr<Timer>> timers;
+  std::vector<Armed> expected;
+  uint64_t arming = 0;
+  std::pair<double, uint64_t> lastFired{-1.0, 0};
+  int firings = 0;
+  auto armAt = [&](size_t i, double t) {
+    timers[i]->timeMinIs(t);
+    expected[i] = t == Orb::never ? Armed() : Armed{t, ++arming};
+  };
+  const double periods[] = {0.5, 2.0, 3.0, 0.0};  // 0.0: fires once
+  for (size_t i = 0; i < 300; ++i) {
+    timers.push_back(timer("t"));
+    expected.emplace_back();
+    const double period = periods[i % 4];
+    timers[i]->then = [&, i, period] {
+      const double now = Zef::System::currentTime();
+      EXPECT_EQ(now, expected[i].deadline);
+      const std::pair<double, uint64_t> key{expected[i].deadline, expected[i].order};
+      EXPECT_LT(lastFired, key);
+      lastFired = key;
+      ++firings;
+      expected[i] = Armed();
+      if (period > 0) armAt(i, now + period);
+    };
+    armAt(i, 0.25 * static_cast<double>(1 + random() % 8));
+  }
+  auto mover = timer("mover");
+  mover->then = [&] {
+    const double now = Zef::System::currentTime();
+    for (int n = 0; n < 20; ++n) {
+      const size_t i = random() % timers.size();
+      switch (random() % 4) {
+        case 0:
+          armAt(i, now + 0.25 * static_cast<double>(random() % 20));
+          break;
+        case 1:
+          armAt(i, Orb::never);
+          break;
+        case 2:
+          armAt(i, now);
+          break;
+        default:
+          // Put off again and again, far beyond the others: the places left behind close up.
+          armAt(i % 50, now + 40 + 0.25 * static_cast<double>(random() % 4));
+      }
+    }
+    mover->timeMinIs(now + 0.25);
+  };
+  mover->timeMinIs(0.25);
+  runTo(100);
+  EXPECT_GT(firings, 10000);
+  for (size_t i = 0; i < timers.size(); ++i) {
+    EXPECT_EQ(timers[i]->isArmed(), expected[i].deadline != Orb::never) << i;
+    EXPECT_GT(expected[i].deadline, 100.0) << i;
+  }
+  EXPECT_EQ(wheel->armedTimers(), std::count_if(expected.begin(), expected.end(), [](const Armed& a) {
+                                    return a.deadline != Orb::never;
+                                  }) + 1u);
+}
+
 }  // namespace
