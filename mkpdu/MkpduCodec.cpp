@@ -79,18 +79,19 @@ void MkpduCodec::ZefPam::handleReadable() {
     TRACE(3, ": Error receiving packet");
     return;
   }
+  CodecInterface& intf = codec->interfaceOf(key());
   if (pkt->contiguous()) {
-    codec->receive(key(), pkt->data(), pkt->size());
+    codec->receive(key(), intf, pkt->data(), pkt->size());
     return;
   }
   const std::string frame = pkt->bytes();
-  codec->receive(key(), reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
+  codec->receive(key(), intf, reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
 }
 
 bool MkpduCodec::frameIs(const Lanx::IntfId& intfId, const uint8_t* frame, size_t length) {
-  const CodecInterface* intf = interfaces_.find(intfId);
+  CodecInterface* intf = interfaces_.find(intfId);
   if (intf == nullptr || !intf->pam) return false;
-  receive(intfId, frame, length);
+  receive(intfId, *intf, frame, length);
   return true;
 }
 
@@ -115,8 +116,8 @@ std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const
   return ActorKeys{actor->ick(), actor->kek(), intf->cipherSuite()};
 }
 
-DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, const uint8_t* frame, size_t length) {
-  CodecInterface& intf = interfaceOf(intfId);
+DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, CodecInterface& intf, const uint8_t* frame,
+                                 size_t length) {
   const Zef::Ptr<MkaPamCounter> counter = intf.rxCounter;
   DecodedMkpdu message;
   // The actor of the frame's CKN is found once: its keys check the frame, and it takes the message.

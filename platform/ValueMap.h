@@ -52,6 +52,10 @@ class ValueMap {
     const auto* node = table_.find(key);
     return node ? &node->value_ : nullptr;
   }
+  V* find(const K& key) {
+    auto* node = table_.find(key);
+    return node ? &node->value_ : nullptr;
+  }
   bool contains(const K& key) const { return table_.find(key) != nullptr; }
 
   // Sets the value of a key. Returns true if the key was new or its value differed, which is

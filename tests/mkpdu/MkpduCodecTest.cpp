@@ -172,7 +172,7 @@ class Codec : public ::testing::Test {
         MessageReceiver{this, [this](const DecodedMkpdu& m) { received.push_back(m); }, nullptr, std::nullopt});
   }
   DecodeResult feed(const std::string& frame) {
-    return codec->receive(eth1, reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
+    return codec->receive(eth1, codec->interfaceOf(eth1), reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
   }
 
   const Lanx::IntfId eth1{"eth1"};
