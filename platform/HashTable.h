@@ -68,7 +68,7 @@ class HashTable {
   Node* find(const K& key) const {
     if (size_ == 0) return nullptr;
     const uint32_t order = orderOf(key);
-    for (Node* n = buckets_[bucketOf(order)]; n; n = n->next) {
+    for (Node* n = buckets()[bucketOf(order)]; n; n = n->next) {
       if (n->order == order && n->key_ == key) return n;
       if (before(order, key, n)) return nullptr;
     }
@@ -78,10 +78,10 @@ class HashTable {
   // Adds a node for a key that is not present.
   template <class KK, class VV>
   Node* insert(KK&& key, VV&& value) {
-    if (size_ + 1 > buckets_.size()) grow();
+    if (size_ + 1 > bucketCount()) grow();
     const uint32_t order = orderOf(key);
     Node* node = new Node(order, std::forward<KK>(key), std::forward<VV>(value));
-    Node** link = &buckets_[bucketOf(order)];
+    Node** link = &buckets()[bucketOf(order)];
     while (*link && !before(order, node->key_, *link)) link = &(*link)->next;
     node->next = *link;
     *link = node;
@@ -95,7 +95,7 @@ class HashTable {
   NodeRef unlink(const K& key) {
     if (size_ == 0) return {};
     const uint32_t order = orderOf(key);
-    for (Node** link = &buckets_[bucketOf(order)]; *link; link = &(*link)->next) {
+    for (Node** link = &buckets()[bucketOf(order)]; *link; link = &(*link)->next) {
       Node* n = *link;
       if (n->order == order && n->key_ == key) {
         *link = n->next;
@@ -112,6 +112,8 @@ class HashTable {
   void clear() noexcept {
     std::vector<Node*> buckets;
     buckets.swap(buckets_);
+    buckets.push_back(std::exchange(single_, nullptr));
+    bits_ = 0;
     size_ = 0;
     ++version_;
     for (Node* head : buckets) {
@@ -132,9 +134,8 @@ class HashTable {
 
   // The first node that lies after the position (order, key) in walk order.
   Node* firstAfter(uint32_t order, const K& key) const {
-    if (buckets_.empty()) return nullptr;
     const size_t bucket = bucketOf(order);
-    for (Node* n = buckets_[bucket]; n; n = n->next) {
+    for (Node* n = buckets()[bucket]; n; n = n->next) {
       if (before(order, key, n)) return n;
     }
     return firstFromBucket(bucket + 1);
@@ -163,8 +164,8 @@ class HashTable {
   size_t bucketOf(uint32_t order) const noexcept { return bits_ == 0 ? 0 : order >> (32 - bits_); }
 
   Node* firstFromBucket(size_t bucket) const noexcept {
-    for (; bucket < buckets_.size(); ++bucket) {
-      if (buckets_[bucket]) return buckets_[bucket];
+    for (; bucket < bucketCount(); ++bucket) {
+      if (buckets()[bucket]) return buckets()[bucket];
     }
     return nullptr;
   }
@@ -175,6 +176,7 @@ class HashTable {
     std::vector<Node**> tails(fresh.size());
     for (size_t i = 0; i < fresh.size(); ++i) tails[i] = &fresh[i];
     // Walk order is kept by appending each node, in order, to the tail of its new bucket.
+    if (buckets_.empty()) buckets_.push_back(std::exchange(single_, nullptr));
     for (Node* head : buckets_) {
       while (head) {
         Node* n = std::exchange(head, head->next);
@@ -189,7 +191,14 @@ class HashTable {
     ++version_;
   }
 
+  // A table of one member keeps its one chain in place of an array of buckets: most collections
+  // hold one member or none, and a lookup then reads no memory but the member's.
+  Node* const* buckets() const noexcept { return buckets_.empty() ? &single_ : buckets_.data(); }
+  Node** buckets() noexcept { return buckets_.empty() ? &single_ : buckets_.data(); }
+  size_t bucketCount() const noexcept { return buckets_.empty() ? 1 : buckets_.size(); }
+
   std::vector<Node*> buckets_;
+  Node* single_ = nullptr;
   unsigned bits_ = 0;
   size_t size_ = 0;
   uint64_t version_ = 0;
