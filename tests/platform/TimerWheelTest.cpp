@@ -97,27 +97,6 @@ TEST_F(TimerWheelTest, AnInactiveTimerIsConsumedWithoutRunning) {
   EXPECT_EQ(wheel->armedTimers(), 0u);
 }
 
-TEST_F(TimerWheelTest, ManyTimersFireInDeadlineOrder) {
-  std::mt19937 random(3);
-  std::vector<Zef::Ptr<Timer>> timers;
-  std::vector<double> deadlines;
-  std::vector<double> seen;
-  for (int i = 0; i < 2000; ++i) {
-    auto t = timer("t");
-    const double deadline = 1 + random() % 1000;
-    t->then = [&seen, deadline] { seen.push_back(deadline); };
-    t->timeMinIs(deadline);
-    if (i % 5 == 0)
-      t->timeMinIs(Orb::never);  // some are switched off again
-    else
-      deadlines.push_back(deadline);
-    timers.push_back(t);
-  }
-  runTo(2000);
-  std::sort(deadlines.begin(), deadlines.end());
-  EXPECT_EQ(seen, deadlines);
-}
-
 // Periodic timers of several periods, armed again as they fire, among timers moved, switched off
 // and armed for the present by another timer: each fires at its deadline, in the order of deadline
 // and then of arming, and none is lost or fires twice.
