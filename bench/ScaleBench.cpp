@@ -45,7 +45,7 @@ void BM_SteadyStatePerActor(benchmark::State& state) {
   for (auto _ : state) {
     const size_t heapBefore = heapInUse();
     Sim::Simulation sim(0.0, 1, Sim::Wire::bytes);
-    Bench::linkedSwitchesIs(sim, links, kPrimary, &kFallback);
+    Bench::linkedSwitchesIs(sim, links, kPrimary, &kFallback, 0.0);
     Sim::Agent& a = sim.agent("a");
     for (const char* name : {"a", "b"}) sim.agent(name).engine().config()->delayProtectionIs(true);
     // Past the fallback key's activation, and every link secured.

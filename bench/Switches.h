@@ -12,11 +12,12 @@ namespace Bench {
 
 inline Lanx::IntfId intfNumber(int i) { return Lanx::IntfId("Ethernet" + std::to_string(i)); }
 
-inline void linkedSwitchesIs(Sim::Simulation& sim, int links, const Sim::Key& key, const Sim::Key* fallback = nullptr) {
+inline void linkedSwitchesIs(Sim::Simulation& sim, int links, const Sim::Key& key, const Sim::Key* fallback = nullptr,
+                             double delay = 0.001) {
   Sim::Agent& a = sim.agentIs("a");
   Sim::Agent& b = sim.agentIs("b");
   for (int i = 0; i < links; ++i) {
-    sim.linkIs(a, intfNumber(i), b, intfNumber(i));
+    sim.linkIs(a, intfNumber(i), b, intfNumber(i), delay);
     for (auto [agent, side] : {std::pair{&a, 1}, std::pair{&b, 2}}) {
       Sim::InterfaceConfig config;
       config.mac =
