@@ -10,8 +10,7 @@ namespace Macsec {
 namespace detail {
 
 void hexInto(const uint8_t* data, size_t size, char* text) noexcept {
-  // Both digits of an octet from one table: every identifier is hashed as this text whenever a
-  // collection looks it up.
+  // Both digits of an octet from one table.
   static constexpr auto kPairs = [] {
     constexpr char kDigits[] = "0123456789abcdef";
     std::array<std::array<char, 2>, 256> pairs{};
@@ -19,12 +18,6 @@ void hexInto(const uint8_t* data, size_t size, char* text) noexcept {
     return pairs;
   }();
   for (size_t i = 0; i < size; ++i) std::memcpy(text + 2 * i, kPairs[data[i]].data(), 2);
-}
-
-uint32_t hashAsHex(const uint8_t* data, size_t size) noexcept {
-  char text[2 * Ckn::kLongest];
-  hexInto(data, size, text);
-  return Zef::hashBytes(text, 2 * size);
 }
 
 bool octetsFromHex(std::string_view text, uint8_t* out, size_t size) noexcept {

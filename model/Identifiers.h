@@ -2,8 +2,8 @@
 
 // The identifiers of MKA as the octets they are: member identifiers, secure association key
 // salts and connectivity association key names. They are text only where people read them: in
-// configuration, traces, logs, mkactl and JSON, always as lower-case hexadecimal. They compare and
-// hash as that text does, so that collections keyed by them walk in the order they always have.
+// configuration, traces, logs, mkactl and JSON, always as lower-case hexadecimal. They compare as
+// that text does; they hash as octets.
 
 #include <array>
 #include <compare>
@@ -23,7 +23,6 @@ namespace detail {
 
 // Lower-case hexadecimal text of octets, without leaving it in memory: `text` holds 2 * size.
 void hexInto(const uint8_t* data, size_t size, char* text) noexcept;
-uint32_t hashAsHex(const uint8_t* data, size_t size) noexcept;
 // Octets from 2 * size hexadecimal characters (either case); false, and nothing written, if the
 // text is of another length or not hexadecimal.
 bool octetsFromHex(std::string_view text, uint8_t* out, size_t size) noexcept;
@@ -49,7 +48,7 @@ class FixedOctets {
   uint8_t* data() noexcept { return octets_.data(); }
   static constexpr size_t size() noexcept { return N; }
   bool empty() const noexcept { return *this == FixedOctets(); }
-  uint32_t hash() const noexcept { return detail::hashAsHex(octets_.data(), empty() ? 0 : N); }
+  uint32_t hash() const noexcept { return Zef::hashBytes(octets_.data(), empty() ? 0 : N); }
   // Lower-case hexadecimal; empty for none.
   Zef::String hex() const {
     char text[2 * N];
@@ -94,7 +93,7 @@ class Ckn {
   const uint8_t* data() const noexcept { return octets_.data(); }
   size_t size() const noexcept { return size_; }
   bool empty() const noexcept { return size_ == 0; }
-  uint32_t hash() const noexcept { return detail::hashAsHex(octets_.data(), size_); }
+  uint32_t hash() const noexcept { return Zef::hashBytes(octets_.data(), size_); }
   Zef::String hex() const;
 
   bool operator==(const Ckn& other) const noexcept {
