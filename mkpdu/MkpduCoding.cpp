@@ -30,7 +30,8 @@ class FrameWriter {
   char* data() noexcept { return out_.data(); }
   // The next n octets of the frame, for the caller to write.
   uint8_t* room(size_t n) {
-    if (size_ + n > out_.size()) out_.resize(2 * (size_ + n));
+    if (size_ + n > out_.size()) [[unlikely]]
+      grow(n);
     uint8_t* at = reinterpret_cast<uint8_t*>(out_.data()) + size_;
     size_ += n;
     return at;
@@ -39,6 +40,8 @@ class FrameWriter {
   void abandon() { out_.clear(); }
 
  private:
+  [[gnu::noinline]] void grow(size_t n) { out_.resize(2 * (size_ + n)); }
+
   std::string& out_;
   size_t size_ = 0;
 };

@@ -447,8 +447,9 @@ class MachineParts:
         ptr = f"{a.type}{' const' if a.const else ''}"
         # The notifier is also kept here, beside the reactor: handlers read it all the time, and the
         # reactor is a separate object that a read would otherwise have to visit. It is set before
-        # the reactor moves, so that a handler the move replays reads the new notifier.
-        hw(f"  Zef::Ptr<{ptr}> {a.name}() const {{ return Zef::Ptr<{ptr}>({a.name}Notifier_); }}")
+        # the reactor moves, so that a handler the move replays reads the new notifier. Handed out
+        # uncounted: the reactor holds it for as long as the machine does not move the reactor.
+        hw(f"  {ptr}* {a.name}() const noexcept {{ return {a.name}Notifier_; }}")
         hw(f"  const Zef::Ptr<Zef{a.cap}>& {a.name}Reactor() const noexcept {{ return {a.name}_; }}")
         hw(f"  void {a.name}Is(const Zef::Ptr<{ptr}>& notifier) {{")
         hw(f"    {a.name}Notifier_ = notifier.ptr();")
