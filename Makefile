@@ -89,7 +89,7 @@ soak: build
 bench: build
 	$(BUILD)/mka_bench --benchmark_filter=-BM_SteadyStatePerActor
 
-# Every port of a large switch in one engine: 256 to 4,096 actors, CPU per virtual second and heap
+# Every port of a large switch in one engine: 256 to 16,384 actors, CPU per virtual second and heap
 # bytes per actor in steady state (a few minutes).
 bench-scale: build
 	$(BUILD)/mka_bench --benchmark_filter=BM_SteadyStatePerActor
