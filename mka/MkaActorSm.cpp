@@ -313,7 +313,7 @@ void MkaActorSm::parseSakDistInfo(const DecodedMkpdu& message) {
   // The key is used at the key server's confidentiality offset, by every member alike, or not at
   // all: a port that encrypted at another offset than its peers would garble every frame.
   const std::optional<uint8_t> offset = offsetOfCode(dist.confidentialityOffset);
-  if (!offset || !offersOffset(hwStatus()->capabilityOf(intfId()), *offset)) {
+  if (!offset || !offersOffset(portStatus()->macsecCapability(), *offset)) {
     refuseOffset(peerId, dist.confidentialityOffset);
     return;
   }
@@ -646,7 +646,7 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
                        : actorStatus()->electedSelf();
   base.macsecDesired = actorStatus()->macsecDesired();
   const CipherSuite cipher = intfStatus()->cipherSuite();
-  base.macsecCapability = keyBitsOf(cipher) > 0 ? hwStatus()->capabilityOf(intfId()) : macsecIntegrityOnly;
+  base.macsecCapability = keyBitsOf(cipher) > 0 ? portStatus()->macsecCapability() : macsecIntegrityOnly;
   base.sci = portStatus()->mySci();
   if (actorStatus()->msgNum() == kLastMsgNum) updateMsgId();
   base.msgId = actorStatus()->msgId();

@@ -325,7 +325,7 @@ bool MkaKeyServerSm::generateNewSak() {
   // The profile's confidentiality offset, or integrity only, where this port's data plane and every
   // live peer offer it; else an offset of none, which all do.
   uint8_t offset = mkaIntfStatus()->confidentiality() ? mkaIntfStatus()->confidentialityOffset() : kNoConfidentiality;
-  bool everyoneOffers = offersOffset(hwStatus()->capabilityOf(intfId()), offset);
+  bool everyoneOffers = offersOffset(mkaPortStatus()->macsecCapability(), offset);
   for (auto it = mkaActorStatus()->livePeerIter(); it; ++it) {
     everyoneOffers = everyoneOffers && offersOffset(MacsecCapability(it->baseInfo().macsecCapability), offset);
   }

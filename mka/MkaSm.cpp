@@ -61,6 +61,7 @@ void MkaSm::handleHwStatus(const Lanx::IntfId& intfId) {
   const bool configured = status()->intfStatusHas(intfId);
   const bool started = status()->portStatusHas(intfId);
   if (hwStatus()->statusHas(intfId)) {
+    if (started) updateCapability(intfId);
     if (configured && !started) createOrDeletePortSm(intfId, false);
   } else if (configured && started) {
     createOrDeletePortSm(intfId, true);
@@ -96,6 +97,7 @@ void MkaSm::createOrDeletePortSm(const Lanx::IntfId& intfId, bool remove) {
   TRACE(1, ": Creating new cpStatus for " << intfId);
   status()->cpStatusIs(intfId, status()->intfStatus(intfId)->macsecParams());
   updateSci(intfId);
+  updateCapability(intfId);
   if (mkaPortSm(intfId)) return;
   const POSTStage stage = hwStatus()->status(intfId)->hwPostStatus();
   TRACE(2, " " << intfId << " hwPostStatus is " << stage);
@@ -130,6 +132,12 @@ void MkaSm::updateSci(const Lanx::IntfId& intfId) {
   TRACE(3, ": Updated Sci with mac " << eth->addr() << " and port number " << eth->portId() << " for " << intfId);
 }
 
+void MkaSm::updateCapability(const Lanx::IntfId& intfId) {
+  if (const Zef::Ptr<MkaPortStatus> port = status()->portStatus(intfId)) {
+    port->macsecCapabilityIs(hwStatus()->capabilityOf(intfId));
+  }
+}
+
 void MkaSm::ZefEthIntfStatusDir::ZefEthIntfStatus::handleLinkStatus() {
   const Lanx::IntfId& intfId = key();
   TRACE(8, ": IntfId " << intfId);
@@ -159,6 +167,11 @@ void MkaSm::handleEthIntfDelete(const Lanx::IntfId& intfId) {
     return;
   }
   if (status()->intfStatusHas(intfId)) createOrDeletePortSm(intfId, true);
+}
+
+void MkaSm::ZefHwStatus::ZefIntfHwStatus::handleMacsecCapability() {
+  MkaSm* sm = stateMachine();
+  if (sm != nullptr && sm->initialized()) sm->updateCapability(key());
 }
 
 void MkaSm::ZefHwStatus::ZefIntfHwStatus::handleHwPostStatus() {
