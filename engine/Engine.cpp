@@ -178,13 +178,8 @@ void Engine::openAccessPoint(const Lanx::IntfId& intf) {
   if (!codec_) return;
   // The codec opens an access point for the interface; what it sends there leaves the engine.
   pamManager_->mkaIntfIs(intf);
-  pams_->pam(intf)->transmitterIs([this, intf](const Zef::Ptr<Lanx::Pkt>& pkt) {
-    if (!frameTransmitter_) return;
-    if (pkt->contiguous()) {
-      frameTransmitter_(intf, std::string_view(reinterpret_cast<const char*>(pkt->data()), pkt->size()));
-      return;
-    }
-    frameTransmitter_(intf, pkt->bytes());
+  pams_->pam(intf)->transmitterIs([this, intf](std::string_view frame) {
+    if (frameTransmitter_) frameTransmitter_(intf, frame);
   });
 }
 
@@ -297,8 +292,8 @@ void Engine::attach(const Zef::Ptr<Lanx::Pam>& pam) {
   // it loops back), else to the wire. The point is not captured by its own transmitter, which it
   // holds.
   Lanx::Pam* sender = pam.ptr();
-  pam->transmitterIs([this, intf, sender](const Zef::Ptr<Lanx::Pkt>& pkt) {
-    const std::string frame = pkt->bytes();
+  pam->transmitterIs([this, intf, sender](std::string_view sent) {
+    const std::string frame(sent);
     const Zef::Ptr<Lanx::Pam> back(sender);
     const bool looped = selfTestLoop_ && selfTestLoop_(intf, frame, [this, back](const std::string& answer) {
                           later([back, answer] {

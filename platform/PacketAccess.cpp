@@ -19,11 +19,19 @@ Zef::Ptr<Pkt> Pam::rxPkt() {
 }
 
 void Pam::txPkt(const Zef::Ptr<Pkt>& pkt) {
+  if (pkt->contiguous()) {
+    txFrame(std::string_view(reinterpret_cast<const char*>(pkt->data()), pkt->size()));
+    return;
+  }
+  txFrame(pkt->bytes());
+}
+
+void Pam::txFrame(std::string_view frame) {
   if (!transmitter_) {
     txDropsInc(1);
     return;
   }
-  transmitter_(pkt);
+  transmitter_(frame);
 }
 
 void Pam::rxPktIs(const Zef::Ptr<Pkt>& pkt) {
@@ -31,7 +39,7 @@ void Pam::rxPktIs(const Zef::Ptr<Pkt>& pkt) {
   readableCountInc(1);
 }
 
-void Pam::transmitterIs(std::function<void(const Zef::Ptr<Pkt>&)> transmitter) {
+void Pam::transmitterIs(std::function<void(std::string_view frame)> transmitter) {
   transmitter_ = std::move(transmitter);
 }
 

@@ -433,7 +433,7 @@ TEST_F(Codec, AMemberHeldAsAPeerIsNeverForgottenByTheReplayGuard) {
 
 TEST_F(Codec, TransmitBuildsTheFrameOfTheActorAndSendsItOnTheInterface) {
   std::vector<std::string> sent;
-  pams->pam(eth1)->transmitterIs([&](const Zef::Ptr<Lanx::Pkt>& pkt) { sent.push_back(pkt->bytes()); });
+  pams->pam(eth1)->transmitterIs([&](std::string_view frame) { sent.emplace_back(frame); });
   const DecodedMkpdu m = typicalMessage();
   Zef::Ptr<MkaMessageInfo> tx = pamManager->txMessageInfo();
   tx->intfIdIs(eth1);
