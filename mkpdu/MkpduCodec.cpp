@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstring>
+#include <optional>
 
 #include "model/LogMessages.h"
 #include "platform/Trace.h"
@@ -119,7 +120,21 @@ std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const
 DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, CodecInterface& intf, const uint8_t* frame,
                                  size_t length) {
   const Zef::Ptr<MkaPamCounter> counter = intf.rxCounter;
-  DecodedMkpdu message;
+  // The codec's own message serves every frame, and keeps no key past it; a frame received while an
+  // actor still reads the last one is decoded apart.
+  std::optional<DecodedMkpdu> apart;
+  DecodedMkpdu& message = rxDecodedInUse_ ? apart.emplace() : rxDecoded_;
+  struct InUse {
+    bool& flag;
+    DecodedMkpdu& message;
+    bool outermost;
+    ~InUse() {
+      message.sakDistInfo = SakDistInfo();
+      message.cakDistInfo = CakDistInfo();
+      if (outermost) flag = false;
+    }
+  } inUse{rxDecodedInUse_, message, !rxDecodedInUse_};
+  rxDecodedInUse_ = true;
   // The actor of the frame's CKN is found once: its keys check the frame, and it takes the message.
   // The lookup holds two pointers, so that it fits in the function object without an allocation.
   struct Found {
@@ -192,9 +207,7 @@ void MkpduCodec::handleTransmit() {
     count(intfId, intf, &Memtab::MessageCounterData::outErrors);
     return;
   }
-  const Zef::Ptr<Lanx::Pkt> pkt = Lanx::globalPktManager().newPkt(frame.size());
-  std::memcpy(pkt->newHeadData(frame.size()), frame.data(), frame.size());
-  pam->txPkt(pkt);
+  pam->txFrame(frame);
   if (counter) counter->successInc(1);
   count(intfId, intf, &Memtab::MessageCounterData::outMkpdus);
 }

@@ -239,7 +239,13 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
     return DecodeResult::badIcv;
   }
 
-  DecodedMkpdu message;
+  // The message is written in place, into storage that served the frame before, if any.
+  DecodedMkpdu& message = out;
+  message.sakUseInfo = SakUseInfo();
+  message.sakDistInfo = SakDistInfo();
+  message.cakDistInfo = CakDistInfo();
+  message.livePeers.clear();
+  message.potentialPeers.clear();
   BasicInfo& base = message.baseInfo;
   base.keyServerPriority = basic->keyServerPriority;
   base.keyServer = basic->basicParameterSetPart.keyServer();
@@ -301,7 +307,6 @@ DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& k
   // An XPN suite's packet numbers are whole once both sets are read, in whichever order they came.
   if (message.sakUseInfo.latestKey != KeyInfo()) message.sakUseInfo.latestKey.lpn |= uint64_t{xpnHigh.first} << 32;
   if (message.sakUseInfo.oldKey != KeyInfo()) message.sakUseInfo.oldKey.lpn |= uint64_t{xpnHigh.second} << 32;
-  out = std::move(message);
   return DecodeResult::accepted;
 }
 

@@ -51,7 +51,8 @@ enum class DecodeResult {
 const char* decodeResultText(DecodeResult result);
 
 // Decodes and verifies a frame. On success `out` holds the message, with any distributed SAK or
-// CAK unwrapped and put in stored form.
+// CAK unwrapped and put in stored form; on failure it holds nothing of meaning. Its storage, the
+// peer lists', serves again: a caller may pass the same message for every frame.
 DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& keys, DecodedMkpdu& out);
 
 // Builds the frame of a message from `source`: EAPOL header, basic parameter set with the CKN
