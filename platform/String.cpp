@@ -76,21 +76,4 @@ void String::zeroStringDataUnsafe() const noexcept {
 
 std::ostream& operator<<(std::ostream& out, const String& s) { return out << s.view(); }
 
-uint32_t hashBytes(const void* data, size_t length) noexcept {
-  // Eight octets at a time (identifiers and CKNs are 24 to 64 characters long), each word
-  // multiplied in, then mixed so that the top bits depend on every octet.
-  uint64_t h = 0xcbf29ce484222325ull ^ length;
-  const auto* p = static_cast<const unsigned char*>(data);
-  for (; length >= 8; p += 8, length -= 8) {
-    uint64_t word;
-    std::memcpy(&word, p, 8);
-    h = (h ^ word) * 0x9e3779b97f4a7c15ull;
-    h ^= h >> 29;
-  }
-  uint64_t tail = 0;
-  std::memcpy(&tail, p, length);
-  h = (h ^ tail) * 0x9e3779b97f4a7c15ull;
-  return hashMix(h);
-}
-
 }  // namespace Zef

@@ -76,6 +76,19 @@ TEST(String, SharesBytesComparesAndJoins) {
   EXPECT_EQ(Zef::String().hash(), Zef::hashBytes("", 0));
 }
 
+// Every octet counts, whatever the length: the last few are read in pieces of four, two and one.
+TEST(String, HashReadsEveryOctet) {
+  for (size_t length = 1; length <= 24; ++length) {
+    std::string text(length, 'a');
+    const uint32_t whole = Zef::hashBytes(text.data(), length);
+    for (size_t at = 0; at < length; ++at) {
+      text[at] = 'b';
+      EXPECT_NE(Zef::hashBytes(text.data(), length), whole) << "octet " << at << " of " << length;
+      text[at] = 'a';
+    }
+  }
+}
+
 TEST(String, ZeroStringDataWipesEveryCopy) {
   Zef::String key("00112233445566778899aabbccddeeff");
   Zef::String copy = key;
