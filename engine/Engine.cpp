@@ -3,13 +3,12 @@
 #include <cstring>
 #include <vector>
 
-#include "mkpdu/HandOff.h"
 #include "platform/Clock.h"
 #include "platform/Log.h"
 
 namespace Macsec {
 
-// Hands every MKPDU the actors send to the engine, which passes it on in decoded form.
+// Hands every MKPDU the actors send to the engine, which passes it on.
 class EngineParts::TxReactor : public MkaMessageInfo::NotifieeConst {
  public:
   TxReactor(const Zef::Ptr<MkaMessageInfo>& tx, std::function<void()> sent)
@@ -320,8 +319,8 @@ void Engine::confirmationSchedulerIs(ConfirmationScheduler scheduler) {
 
 void Engine::transmitted() {
   if (!messageTransmitter_) return;
-  const Zef::Ptr<MkaMessageInfo>& tx = pamManager_->txMessageInfo();
-  messageTransmitter_(tx->intfId(), *tx);
+  const OutgoingMkpdu& out = pamManager_->txMessageInfo()->outgoing();
+  messageTransmitter_(out.intfId, out.message);
 }
 
 }  // namespace Macsec

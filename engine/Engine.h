@@ -33,9 +33,8 @@ struct InterfaceSettings {
 class Engine : public EngineParts {
  public:
   using FrameTransmitter = std::function<void(const Lanx::IntfId& intf, std::string_view frame)>;
-  // The message as the actor built it; decodedMessageOf() gives it in decoded form, at a cost
-  // that a listener which only counts need not pay.
-  using MessageTransmitter = std::function<void(const Lanx::IntfId& intf, const MkaMessageInfo& message)>;
+  // The message as the actor built it, readable during the call only.
+  using MessageTransmitter = std::function<void(const Lanx::IntfId& intf, const DecodedMkpdu& message)>;
   // Runs one hardware confirmation, at once or later.
   using ConfirmationScheduler = std::function<void(std::function<void()> confirm)>;
 

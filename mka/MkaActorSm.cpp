@@ -69,11 +69,13 @@ void MkaActorSm::handleInitialized() {
   // seal its frames with its keys, made ready once (and shared with the agent's other actors
   // that have the same keys).
   if (pamManager()) {
+    const std::shared_ptr<PreparedKeys> keys =
+        pamManager()->preparedKeys().keysFor(ckn(), actorStatus()->ick(), actorStatus()->kek());
+    const std::optional<CipherSuite> suite = intfStatus() ? std::optional(intfStatus()->cipherSuite()) : std::nullopt;
+    frameKeys_.emplace(keys, suite.value_or(cipherSuiteGcmAes128));
     pamManager()->receivers().receiverIs(
         intfId(), ckn(),
-        MessageReceiver{this, [this](const DecodedMkpdu& message) { handleRxMessage(message); },
-                        pamManager()->preparedKeys().keysFor(ckn(), actorStatus()->ick(), actorStatus()->kek()),
-                        intfStatus() ? std::optional(intfStatus()->cipherSuite()) : std::nullopt});
+        MessageReceiver{this, [this](const DecodedMkpdu& message) { handleRxMessage(message); }, keys, suite});
   }
 }
 
@@ -102,6 +104,7 @@ void MkaActorSm::handleCleanUp() {
   ACTOR_ENTRY();
   // No message reaches an actor on its way out, and its keys' contexts go with it.
   if (pamManager()) pamManager()->receivers().receiverDel(intfId(), ckn(), this);
+  frameKeys_.reset();
   keyServerSmDel();
   cpSmDel();
   if (mkpduTimer()) mkpduTimer()->timeMinIs(Orb::never);
@@ -632,14 +635,16 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
   }
   if (timerExpiry) handlePeerReview();
 
-  // The message is built in the one transmitted-message object.
+  // The message is built in place, in the one outgoing message of the agent.
   const Zef::Ptr<MkaMessageInfo> tx = txMessageInfo();
-  tx->intfIdIs(intfId());
-  Zef::Ptr<MkaInfo> info = tx->mkaInfo() ? tx->mkaInfo() : tx->mkaInfoIs();
+  OutgoingMkpdu& out = tx->outgoing();
+  DecodedMkpdu& message = out.message;
+  out.intfId = intfId();
 
   // Until a key server is known, an actor that may stand offers itself.
   const Dot1x::Dot1xType type = intfStatus()->dot1xType();
-  BasicInfo base;
+  BasicInfo& base = message.baseInfo;
+  base = BasicInfo();
   base.keyServerPriority = getKeyServerPriority();
   base.keyServer = actorStatus()->keyServer().isZero()
                        ? (type == Dot1x::dot1xTypePreSharedKey || type == Dot1x::dot1xTypeAuthenticator)
@@ -652,15 +657,16 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
   base.msgId = actorStatus()->msgId();
   base.msgNum = actorStatus()->msgNumInc(1);
   base.ckn = ckn();
-  info->baseInfoIs(base);
 
   // Every peer once, with the last message number heard from it: a live peer that another peer
   // also reports (and so is potential by hearsay too) goes in the live list only.
-  tx->livePeerDelAll();
-  tx->potentialPeerDelAll();
-  for (auto it = actorStatus()->livePeerIter(); it; ++it) tx->livePeerIs(it.key(), it->baseInfo().msgNum);
+  message.livePeers.clear();
+  message.potentialPeers.clear();
+  for (auto it = actorStatus()->livePeerIter(); it; ++it) {
+    message.livePeers.emplace_back(it.key(), it->baseInfo().msgNum);
+  }
   for (auto it = actorStatus()->potentialPeerIter(); it; ++it) {
-    if (!actorStatus()->livePeerHas(it.key())) tx->potentialPeerIs(it.key(), it->baseInfo().msgNum);
+    if (!actorStatus()->livePeerHas(it.key())) message.potentialPeers.emplace_back(it.key(), it->baseInfo().msgNum);
   }
 
   // The key server repeats its key until everybody transmits on it, and for as long as a live
@@ -672,9 +678,9 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
   const Sak& sak = actorStatus()->distSak();
   if (actorStatus()->electedSelf() && actorStatus()->principal() && !sak.empty() && !sak.key.empty() &&
       sak.mi == actorStatus()->msgId() && (!actorStatus()->sakTransmit() || aLivePeerLacks(sak))) {
-    info->sakDistInfoIs(SakDistInfo{sak.an, offsetCodeOf(actorStatus()->distOffset()), sak.keyNum, cipher, sak.key});
+    message.sakDistInfo = SakDistInfo{sak.an, offsetCodeOf(actorStatus()->distOffset()), sak.keyNum, cipher, sak.key};
   } else {
-    info->sakDistInfoIs(SakDistInfo());
+    message.sakDistInfo = SakDistInfo();
   }
 
   // What the hardware has confirmed, not what was asked of it; read in place. The port's keys are
@@ -689,17 +695,22 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
   const SakContext& old = cp ? cp->oldSakContext() : none;
   const Sak transmitting = cp ? cp->txSak() : Sak();
   if (actorStatus()->livePeerSize() == 0 || !actorStatus()->principal()) {
-    info->sakUseInfoIs(SakUseInfo{transmitOnly(transmitting), KeyInfo(), false, false, false});
+    message.sakUseInfo = SakUseInfo{transmitOnly(transmitting), KeyInfo(), false, false, false};
   } else {
     const KeyInfo outside = sameKey(latest.sak, transmitting) ? KeyInfo() : transmitOnly(transmitting);
     const KeyInfo oldKey = old == none ? outside : keyInfoOf(old);
     const bool nothing = latest == none && oldKey == KeyInfo();
-    info->sakUseInfoIs(nothing ? SakUseInfo()
-                               : SakUseInfo{keyInfoOf(latest), oldKey, false, false, status()->delayProtection()});
+    message.sakUseInfo =
+        nothing ? SakUseInfo() : SakUseInfo{keyInfoOf(latest), oldKey, false, false, status()->delayProtection()};
   }
 
-  // The codec sends the frame inside this call.
+  // The codec seals and sends the frame inside this call, with this actor's keys. Neither those
+  // nor the key the message carried stay in it past the call.
+  if (frameKeys_) frameKeys_->cipherSuite = cipher;
+  out.keys = frameKeys_ ? &*frameKeys_ : nullptr;
   tx->countInc(1);
+  out.keys = nullptr;
+  message.sakDistInfo = SakDistInfo();
 
   // An immediate MKPDU does not move the periodic one.
   if (timerExpiry) mkpduTimer()->timeMinIs(Zef::System::currentTime() + status()->mkpduPeriod());

@@ -184,32 +184,23 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, CodecInterface& int
 
 void MkpduCodec::handleTransmit() {
   if (!initialized()) return;
-  const Zef::Ptr<MkaMessageInfo const> tx = txMessage();
-  const Lanx::IntfId intfId = tx->intfId();
-  CodecInterface& intf = interfaceOf(intfId);
+  const OutgoingMkpdu& out = txMessage()->outgoing();
+  CodecInterface& intf = interfaceOf(out.intfId);
   const Zef::Ptr<MkaPamCounter> counter = intf.txCounter;
   const Zef::Ptr<Lanx::Pam> pam = intf.pam;
-  const Zef::Ptr<MkaInfo const> info = tx->mkaInfo();
-  const Ckn& ckn = info ? info->baseInfo().ckn : Ckn();
-  const std::optional<ActorKeys> keys =
-      info ? actorKeys(intfId, ckn, pamManager()->receivers().receiver(intfId, ckn)) : std::nullopt;
-  decodedMessageInto(*tx, txDecoded_);
   // The frame goes out from the address of the port's SCI, which the message carries.
-  const Lanx::EthAddr& source = txDecoded_.baseInfo.sci.addr;
+  const Lanx::EthAddr& source = out.message.baseInfo.sci.addr;
   std::string& frame = txFrame_;
-  const bool built = pam && keys && !source.isZero() && encodeMkpdu(txDecoded_, source, *keys, frame);
-  // The message keeps its storage for the next one, but not the keys it carried.
-  txDecoded_.sakDistInfo = SakDistInfo();
-  txDecoded_.cakDistInfo = CakDistInfo();
+  const bool built = pam && out.keys && !source.isZero() && encodeMkpdu(out.message, source, *out.keys, frame);
   if (!built) {
-    TRACE(3, ": Cannot send MKPDU on " << intfId);
+    TRACE(3, ": Cannot send MKPDU on " << out.intfId);
     if (counter) counter->failureInc(1);
-    count(intfId, intf, &Memtab::MessageCounterData::outErrors);
+    count(out.intfId, intf, &Memtab::MessageCounterData::outErrors);
     return;
   }
   pam->txFrame(frame);
   if (counter) counter->successInc(1);
-  count(intfId, intf, &Memtab::MessageCounterData::outMkpdus);
+  count(out.intfId, intf, &Memtab::MessageCounterData::outMkpdus);
 }
 
 }  // namespace Macsec

@@ -6,30 +6,16 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "model/ActorKeys.h"
 #include "model/DecodedMkpdu.h"
-#include "model/PreparedKeys.h"
 #include "model/Values.h"
 #include "platform/EthAddr.h"
 
 namespace Macsec {
-
-// The keys of the actor that sends or receives an MKPDU, made ready for its frames, and the cipher
-// suite of its interface.
-struct ActorKeys {
-  ActorKeys(std::shared_ptr<PreparedKeys> keys, CipherSuite suite) : prepared(std::move(keys)), cipherSuite(suite) {}
-  // Keys made ready from their stored forms for the frames of one caller.
-  ActorKeys(const StoredKey& ick, const StoredKey& kek, CipherSuite suite)
-      : prepared(std::make_shared<PreparedKeys>(ick, kek)), cipherSuite(suite) {}
-
-  std::shared_ptr<PreparedKeys> prepared;
-  CipherSuite cipherSuite = cipherSuiteGcmAes128;
-};
 
 // Finds the keys of the actor that has a CKN (hexadecimal text) on the frame's interface.
 using KeyLookup = std::function<std::optional<ActorKeys>(const Ckn& ckn)>;

@@ -6,7 +6,6 @@
 #include <limits>
 
 #include "engine/SavedState.h"
-#include "mkpdu/HandOff.h"
 #include "platform/HashTable.h"
 #include "platform/Log.h"
 
@@ -66,7 +65,7 @@ void Link::send(const Agent* from, const Lanx::IntfId& intf, const Message& mess
 Agent::Agent(Simulation& sim, std::string name, uint64_t seed)
     : sim_(sim), engine_(Macsec::EngineOptions{std::move(name), sim.wire() == Wire::bytes, seed, true, seed | 1}) {
   engine_.messageTransmitterIs(
-      [this](const Lanx::IntfId& intf, const Macsec::MkaMessageInfo& message) { transmitted(intf, message); });
+      [this](const Lanx::IntfId& intf, const Macsec::DecodedMkpdu& message) { transmitted(intf, message); });
   engine_.frameTransmitterIs([this](const Lanx::IntfId& intf, std::string_view frame) {
     if (muted_) return;
     if (Link* link = linkOf(intf)) link->sendFrame(this, intf, frame);
@@ -206,14 +205,14 @@ Zef::Ptr<Macsec::MkaActorStatus> Agent::actorStatus(const Lanx::IntfId& intf, co
   return port ? port->actorStatus(Macsec::Ckn::fromHex(ckn.view())) : nullptr;
 }
 
-void Agent::transmitted(const Lanx::IntfId& intf, const Macsec::MkaMessageInfo& sent) {
+void Agent::transmitted(const Lanx::IntfId& intf, const Macsec::DecodedMkpdu& sent) {
   ++sent_;
   if (keeper_) keeper_->beforeTransmit(intf);
-  if (sim_.sent_) sim_.sent_(*this, intf, sent.mkaInfo()->baseInfo());
+  if (sim_.sent_) sim_.sent_(*this, intf, sent.baseInfo);
   // Over bytes, the codec sends the frame: the message is wanted only by a tap.
   if (muted_ || (engine_.frames() && !sim_.tap_)) return;
   Message message;
-  static_cast<Macsec::DecodedMkpdu&>(message) = Macsec::decodedMessageOf(sent);
+  static_cast<Macsec::DecodedMkpdu&>(message) = sent;
   message.intfId = intf;
   if (sim_.tap_) sim_.tap_(*this, message);
   if (engine_.frames()) return;

@@ -181,7 +181,7 @@ class Agent {
  private:
   friend class Link;
   friend class Simulation;
-  void transmitted(const Lanx::IntfId& intf, const Macsec::MkaMessageInfo& message);
+  void transmitted(const Lanx::IntfId& intf, const Macsec::DecodedMkpdu& message);
   // The link of each interface, the first one made where several share it, by the interface's
   // identifier, which is a small number.
   Link* linkOf(const Lanx::IntfId& intf) const;

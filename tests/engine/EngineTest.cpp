@@ -37,9 +37,9 @@ TEST(Engine, TwoEnginesCarryingEachOthersFramesSecureTheLinkAndNameThemselvesInT
       wire.push_back({&a, std::string(frame)});
     });
     int sent = 0;
-    a.messageTransmitterIs([&](const Lanx::IntfId& intf, const MkaMessageInfo& message) {
+    a.messageTransmitterIs([&](const Lanx::IntfId& intf, const DecodedMkpdu& message) {
       EXPECT_EQ(intf, eth1);
-      EXPECT_EQ(decodedMessageOf(message).baseInfo.ckn, "96437a93ccf10d9dfe347846cce52c7d"_ckn);
+      EXPECT_EQ(message.baseInfo.ckn, "96437a93ccf10d9dfe347846cce52c7d"_ckn);
       ++sent;
     });
     for (auto [engine, last] : {std::pair{&a, 1}, std::pair{&b, 2}}) {

@@ -434,14 +434,12 @@ TEST_F(Codec, AMemberHeldAsAPeerIsNeverForgottenByTheReplayGuard) {
 TEST_F(Codec, TransmitBuildsTheFrameOfTheActorAndSendsItOnTheInterface) {
   std::vector<std::string> sent;
   pams->pam(eth1)->transmitterIs([&](std::string_view frame) { sent.emplace_back(frame); });
-  const DecodedMkpdu m = typicalMessage();
+  const ActorKeys keys = keys128();
   Zef::Ptr<MkaMessageInfo> tx = pamManager->txMessageInfo();
-  tx->intfIdIs(eth1);
-  Zef::Ptr<MkaInfo> info = tx->mkaInfoIs();
-  info->baseInfoIs(m.baseInfo);
-  info->sakUseInfoIs(m.sakUseInfo);
-  info->sakDistInfoIs(m.sakDistInfo);
-  tx->livePeerIs("a1a2a3a4a5a6a7a8a9aaabac"_mi, 5);
+  OutgoingMkpdu& out = tx->outgoing();
+  out.intfId = eth1;
+  out.message = typicalMessage();
+  out.keys = &keys;
   tx->countInc(1);
   ASSERT_EQ(sent.size(), 1u);
   // From the address of the SCI in the message, which an actor takes from its port (the message
@@ -449,10 +447,8 @@ TEST_F(Codec, TransmitBuildsTheFrameOfTheActorAndSendsItOnTheInterface) {
   EXPECT_EQ(hexOf(sent[0].substr(6, 6)), "020000000001");
   EXPECT_EQ(pamManager->txPamCounter(eth1)->success(), 1u);
 
-  // A message for a CKN that no actor has any more cannot be sent.
-  BasicInfo base = m.baseInfo;
-  base.ckn = "ffff"_ckn;
-  info->baseInfoIs(base);
+  // A message without its sender's keys cannot be sealed, nor sent.
+  out.keys = nullptr;
   tx->countInc(1);
   EXPECT_EQ(sent.size(), 1u);
   EXPECT_EQ(pamManager->txPamCounter(eth1)->failure(), 1u);
