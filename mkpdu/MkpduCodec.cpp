@@ -59,11 +59,9 @@ void MkpduCodec::handleMkaIntf(const Lanx::IntfId& intfId) {
   if (!initialized()) return;
   TRACE(8, ": intf " << intfId);
   if (pamManager()->mkaIntfHas(intfId)) {
-    // An access point for the interface, watched for frames, and its counters.
+    // An access point for the interface, watched for frames.
     const Zef::Ptr<Lanx::Pam> pam = pamCollection()->pamIs(intfId);
     pamIs(intfId, pam);
-    pamManager()->rxPamCounterIs(intfId);
-    pamManager()->txPamCounterIs(intfId);
     interfaceOf(intfId).pam = pam;
     return;
   }
@@ -96,13 +94,7 @@ bool MkpduCodec::frameIs(const Lanx::IntfId& intfId, const uint8_t* frame, size_
   return true;
 }
 
-CodecInterface& MkpduCodec::interfaceOf(const Lanx::IntfId& intfId) {
-  CodecInterface& intf = interfaces_.valueFor(intfId);
-  // The counters are made when the interface enters MKA operation, and never go.
-  if (!intf.rxCounter) intf.rxCounter = pamManager()->rxPamCounter(intfId);
-  if (!intf.txCounter) intf.txCounter = pamManager()->txPamCounter(intfId);
-  return intf;
-}
+CodecInterface& MkpduCodec::interfaceOf(const Lanx::IntfId& intfId) { return interfaces_.valueFor(intfId); }
 
 std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const Ckn& ckn,
                                                const MessageReceiver* receiver) const {
@@ -119,7 +111,6 @@ std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const
 
 DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, CodecInterface& intf, const uint8_t* frame,
                                  size_t length) {
-  const Zef::Ptr<MkaPamCounter> counter = intf.rxCounter;
   // The codec's own message serves every frame, and keeps no key past it; a frame received while an
   // actor still reads the last one is decoded apart.
   std::optional<DecodedMkpdu> apart;
@@ -170,11 +161,9 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, CodecInterface& int
   }
   if (result != DecodeResult::accepted) {
     TRACE(3, ": Dropping MKPDU on " << intfId << ": " << decodeResultText(result));
-    if (counter) counter->failureInc(1);
     count(intfId, intf, columnOf(result));
     return result;
   }
-  if (counter) counter->successInc(1);
   count(intfId, intf, &Memtab::MessageCounterData::inMkpdus);
 
   // To the actor of its CKN, which has handled it when this call returns.
@@ -186,7 +175,6 @@ void MkpduCodec::handleTransmit() {
   if (!initialized()) return;
   const OutgoingMkpdu& out = txMessage()->outgoing();
   CodecInterface& intf = interfaceOf(out.intfId);
-  const Zef::Ptr<MkaPamCounter> counter = intf.txCounter;
   const Zef::Ptr<Lanx::Pam> pam = intf.pam;
   // The frame goes out from the address of the port's SCI, which the message carries.
   const Lanx::EthAddr& source = out.message.baseInfo.sci.addr;
@@ -194,12 +182,10 @@ void MkpduCodec::handleTransmit() {
   const bool built = pam && out.keys && !source.isZero() && encodeMkpdu(out.message, source, *out.keys, frame);
   if (!built) {
     TRACE(3, ": Cannot send MKPDU on " << out.intfId);
-    if (counter) counter->failureInc(1);
     count(out.intfId, intf, &Memtab::MessageCounterData::outErrors);
     return;
   }
   pam->txFrame(frame);
-  if (counter) counter->successInc(1);
   count(out.intfId, intf, &Memtab::MessageCounterData::outMkpdus);
 }
 
