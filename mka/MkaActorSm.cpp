@@ -73,7 +73,7 @@ void MkaActorSm::handleInitialized() {
         pamManager()->preparedKeys().keysFor(ckn(), actorStatus()->ick(), actorStatus()->kek());
     const std::optional<CipherSuite> suite = intfStatus() ? std::optional(intfStatus()->cipherSuite()) : std::nullopt;
     frameKeys_.emplace(keys, suite.value_or(cipherSuiteGcmAes128));
-    pamManager()->receivers().receiverIs(
+    mkpduInterface_ = pamManager()->interfaces().receiverIs(
         intfId(), ckn(),
         MessageReceiver{this, [this](const DecodedMkpdu& message) { handleRxMessage(message); }, keys, suite});
   }
@@ -103,8 +103,9 @@ void MkaActorSm::handleRxMessage(const DecodedMkpdu& message) {
 void MkaActorSm::handleCleanUp() {
   ACTOR_ENTRY();
   // No message reaches an actor on its way out, and its keys' contexts go with it.
-  if (pamManager()) pamManager()->receivers().receiverDel(intfId(), ckn(), this);
+  if (pamManager()) pamManager()->interfaces().receiverDel(intfId(), ckn(), this);
   frameKeys_.reset();
+  mkpduInterface_.reset();
   keyServerSmDel();
   cpSmDel();
   if (mkpduTimer()) mkpduTimer()->timeMinIs(Orb::never);
@@ -704,12 +705,14 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
         nothing ? SakUseInfo() : SakUseInfo{keyInfoOf(latest), oldKey, false, false, status()->delayProtection()};
   }
 
-  // The codec seals and sends the frame inside this call, with this actor's keys. Neither those
-  // nor the key the message carried stay in it past the call.
+  // The codec seals and sends the frame inside this call, with this actor's keys, on its
+  // interface's record. Neither those nor the key the message carried stay in it past the call.
   if (frameKeys_) frameKeys_->cipherSuite = cipher;
   out.keys = frameKeys_ ? &*frameKeys_ : nullptr;
+  out.interface = mkpduInterface_.get();
   tx->countInc(1);
   out.keys = nullptr;
+  out.interface = nullptr;
   message.sakDistInfo = SakDistInfo();
 
   // An immediate MKPDU does not move the periodic one.

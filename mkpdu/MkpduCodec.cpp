@@ -44,8 +44,8 @@ uint64_t Memtab::MessageCounterData::*columnOf(DecodeResult result) {
 
 }  // namespace
 
-void MkpduCodec::count(const Lanx::IntfId& intfId, CodecInterface& intf, uint64_t Memtab::MessageCounterData::*column) {
-  if (counters()) counters()->countIn(intfId, intf.counterRow, column);
+void MkpduCodec::count(MkpduInterface& intf, uint64_t Memtab::MessageCounterData::*column) {
+  if (counters()) counters()->countIn(intf.intfId(), intf.counterRow, column);
 }
 
 void MkpduCodec::handleInitialized() {
@@ -62,12 +62,12 @@ void MkpduCodec::handleMkaIntf(const Lanx::IntfId& intfId) {
     // An access point for the interface, watched for frames.
     const Zef::Ptr<Lanx::Pam> pam = pamCollection()->pamIs(intfId);
     pamIs(intfId, pam);
-    interfaceOf(intfId).pam = pam;
+    pamManager()->interfaces().interfaceOf(intfId)->pam = pam;
     return;
   }
   pamDel(intfId);
   pamCollection()->pamDel(intfId);
-  interfaces_.erase(intfId);
+  pamManager()->interfaces().interfaceClosed(intfId);
 }
 
 void MkpduCodec::ZefPam::handleReadable() {
@@ -78,23 +78,21 @@ void MkpduCodec::ZefPam::handleReadable() {
     TRACE(3, ": Error receiving packet");
     return;
   }
-  CodecInterface& intf = codec->interfaceOf(key());
+  MkpduInterface& intf = *codec->pamManager()->interfaces().interfaceOf(key());
   if (pkt->contiguous()) {
-    codec->receive(key(), intf, pkt->data(), pkt->size());
+    codec->receive(intf, pkt->data(), pkt->size());
     return;
   }
   const std::string frame = pkt->bytes();
-  codec->receive(key(), intf, reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
+  codec->receive(intf, reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
 }
 
 bool MkpduCodec::frameIs(const Lanx::IntfId& intfId, const uint8_t* frame, size_t length) {
-  CodecInterface* intf = interfaces_.find(intfId);
+  MkpduInterface* intf = pamManager()->interfaces().find(intfId);
   if (intf == nullptr || !intf->pam) return false;
-  receive(intfId, *intf, frame, length);
+  receive(*intf, frame, length);
   return true;
 }
-
-CodecInterface& MkpduCodec::interfaceOf(const Lanx::IntfId& intfId) { return interfaces_.valueFor(intfId); }
 
 std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const Ckn& ckn,
                                                const MessageReceiver* receiver) const {
@@ -109,8 +107,8 @@ std::optional<ActorKeys> MkpduCodec::actorKeys(const Lanx::IntfId& intfId, const
   return ActorKeys{actor->ick(), actor->kek(), intf->cipherSuite()};
 }
 
-DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, CodecInterface& intf, const uint8_t* frame,
-                                 size_t length) {
+DecodeResult MkpduCodec::receive(MkpduInterface& intf, const uint8_t* frame, size_t length) {
+  const Lanx::IntfId& intfId = intf.intfId();
   // The codec's own message serves every frame, and keeps no key past it; a frame received while an
   // actor still reads the last one is decoded apart.
   std::optional<DecodedMkpdu> apart;
@@ -126,17 +124,18 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, CodecInterface& int
     }
   } inUse{rxDecodedInUse_, message, !rxDecodedInUse_};
   rxDecodedInUse_ = true;
-  // The actor of the frame's CKN is found once: its keys check the frame, and it takes the message.
-  // The lookup holds two pointers, so that it fits in the function object without an allocation.
+  // The actor of the frame's CKN is found once, in the interface's record: its keys check the
+  // frame, and it takes the message. The lookup holds two pointers, so that it fits in the function
+  // object without an allocation.
   struct Found {
-    const Lanx::IntfId& intfId;
+    const MkpduInterface& intf;
     const MessageReceiver* receiver = nullptr;
     Ckn named;
-  } found{intfId, nullptr, Ckn()};
+  } found{intf, nullptr, Ckn()};
   auto keysOf = [this, &found](const Ckn& ckn) {
     found.named = ckn;
-    found.receiver = pamManager()->receivers().receiver(found.intfId, ckn);
-    return actorKeys(found.intfId, ckn, found.receiver);
+    found.receiver = found.intf.receiver(ckn);
+    return actorKeys(found.intf.intfId(), ckn, found.receiver);
   };
   DecodeResult result = decodeMkpdu(frame, length, keysOf, message);
   const MessageReceiver* receiver = found.receiver;
@@ -161,10 +160,10 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, CodecInterface& int
   }
   if (result != DecodeResult::accepted) {
     TRACE(3, ": Dropping MKPDU on " << intfId << ": " << decodeResultText(result));
-    count(intfId, intf, columnOf(result));
+    count(intf, columnOf(result));
     return result;
   }
-  count(intfId, intf, &Memtab::MessageCounterData::inMkpdus);
+  count(intf, &Memtab::MessageCounterData::inMkpdus);
 
   // To the actor of its CKN, which has handled it when this call returns.
   pamManager()->rxMessageDeliver(message, receiver);
@@ -174,19 +173,25 @@ DecodeResult MkpduCodec::receive(const Lanx::IntfId& intfId, CodecInterface& int
 void MkpduCodec::handleTransmit() {
   if (!initialized()) return;
   const OutgoingMkpdu& out = txMessage()->outgoing();
-  CodecInterface& intf = interfaceOf(out.intfId);
-  const Zef::Ptr<Lanx::Pam> pam = intf.pam;
+  // The sender names the record of its interface; nothing is looked up.
+  MkpduInterface* intf = out.interface;
   // The frame goes out from the address of the port's SCI, which the message carries.
   const Lanx::EthAddr& source = out.message.baseInfo.sci.addr;
   std::string& frame = txFrame_;
-  const bool built = pam && out.keys && !source.isZero() && encodeMkpdu(out.message, source, *out.keys, frame);
+  const bool built =
+      intf && intf->pam && out.keys && !source.isZero() && encodeMkpdu(out.message, source, *out.keys, frame);
   if (!built) {
     TRACE(3, ": Cannot send MKPDU on " << out.intfId);
-    count(out.intfId, intf, &Memtab::MessageCounterData::outErrors);
+    if (intf) {
+      count(*intf, &Memtab::MessageCounterData::outErrors);
+    } else if (counters()) {
+      counters()->countIn(out.intfId, &Memtab::MessageCounterData::outErrors);
+    }
     return;
   }
+  const Zef::Ptr<Lanx::Pam> pam = intf->pam;
   pam->txFrame(frame);
-  count(out.intfId, intf, &Memtab::MessageCounterData::outMkpdus);
+  count(*intf, &Memtab::MessageCounterData::outMkpdus);
 }
 
 }  // namespace Macsec

@@ -13,7 +13,7 @@ void MkaPamManager::handleTxMessageInfoInit() {
 }
 
 void MkaPamManager::rxMessageDeliver(const Lanx::IntfId& intfId, const DecodedMkpdu& message) {
-  rxMessageDeliver(message, receivers_.receiver(intfId, message.baseInfo.ckn));
+  rxMessageDeliver(message, interfaces_.receiver(intfId, message.baseInfo.ckn));
 }
 
 void MkaPamManager::rxMessageDeliver(const DecodedMkpdu& message, const MessageReceiver* receiver) {

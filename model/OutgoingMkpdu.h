@@ -5,6 +5,7 @@
 
 #include "model/ActorKeys.h"
 #include "model/DecodedMkpdu.h"
+#include "model/MkpduInterfaces.h"
 #include "platform/IntfId.h"
 
 namespace Macsec {
@@ -12,8 +13,10 @@ namespace Macsec {
 struct OutgoingMkpdu {
   Lanx::IntfId intfId;
   DecodedMkpdu message;
-  // The sender's keys, set for the time of the send only; without them no frame is sealed.
+  // The sender's keys and the record of its interface, set for the time of the send only; without
+  // them no frame is sealed.
   const ActorKeys* keys = nullptr;
+  MkpduInterface* interface = nullptr;
 };
 
 }  // namespace Macsec

@@ -437,8 +437,8 @@ void FaultRunner::forge(const uint8_t* how) {
   if (kind != 1 && kind != 6) m.baseInfo.msgNum += 1;
   // Signed with the keys the member's own codec holds ready.
   const Macsec::MkpduCodec& codec = *from->agent->codec();
-  const std::optional<Macsec::ActorKeys> keys =
-      codec.actorKeys(from->intf, m.baseInfo.ckn, codec.pamManager()->receivers().receiver(from->intf, m.baseInfo.ckn));
+  const std::optional<Macsec::ActorKeys> keys = codec.actorKeys(
+      from->intf, m.baseInfo.ckn, codec.pamManager()->interfaces().receiver(from->intf, m.baseInfo.ckn));
   std::string frame;
   if (!keys || !Macsec::encodeMkpdu(m, m.baseInfo.sci.addr, *keys, frame)) return;
   note("forged frame from " + text(*from));

@@ -20,7 +20,7 @@
 #include "engine/Engine.h"
 #include "engine/StateKeeper.h"
 #include "mka/MkaActorSm.h"
-#include "mkpdu/ReplayGuard.h"
+#include "model/ReplayGuard.h"
 #include "platform/Clock.h"
 
 namespace Sim {

@@ -167,12 +167,13 @@ class Codec : public ::testing::Test {
     actor->ickIs(StoredKey::ofHex(kIck));
     actor->kekIs(StoredKey::ofHex(kKek));
     pamManager->mkaIntfIs(eth1);
-    pamManager->receivers().receiverIs(
+    pamManager->interfaces().receiverIs(
         eth1, Ckn::fromHex(kCkn),
         MessageReceiver{this, [this](const DecodedMkpdu& m) { received.push_back(m); }, nullptr, std::nullopt});
   }
   DecodeResult feed(const std::string& frame) {
-    return codec->receive(eth1, codec->interfaceOf(eth1), reinterpret_cast<const uint8_t*>(frame.data()), frame.size());
+    return codec->receive(*pamManager->interfaces().interfaceOf(eth1), reinterpret_cast<const uint8_t*>(frame.data()),
+                          frame.size());
   }
 
   const Lanx::IntfId eth1{"eth1"};
@@ -444,6 +445,7 @@ TEST_F(Codec, TransmitBuildsTheFrameOfTheActorAndSendsItOnTheInterface) {
   out.intfId = eth1;
   out.message = typicalMessage();
   out.keys = &keys;
+  out.interface = pamManager->interfaces().find(eth1);
   tx->countInc(1);
   ASSERT_EQ(sent.size(), 1u);
   // From the address of the SCI in the message, which an actor takes from its port (the message

@@ -1,9 +1,10 @@
-#include "model/MessageReceivers.h"
+#include "model/MkpduInterfaces.h"
 
 #include <gtest/gtest.h>
 
 #include <map>
 #include <random>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -12,8 +13,8 @@ namespace {
 
 // A switch's worth of actors comes and goes in random order; after every change each actor that
 // is registered is found with its own receiver, and no other is.
-TEST(MessageReceivers, EveryRegisteredActorIsFoundThroughAnyOrderOfComingAndGoing) {
-  MessageReceivers receivers;
+TEST(MkpduInterfaces, EveryRegisteredActorIsFoundThroughAnyOrderOfComingAndGoing) {
+  MkpduInterfaces receivers;
   std::map<std::pair<std::string, std::string>, int> expected;  // (interface, CKN) -> receiver's tag
   std::mt19937 random(7);
   int owners[2];
@@ -24,7 +25,10 @@ TEST(MessageReceivers, EveryRegisteredActorIsFoundThroughAnyOrderOfComingAndGoin
     return receiver;
   };
   auto checkAll = [&](const char* when) {
-    ASSERT_EQ(receivers.size(), expected.size()) << when;
+    // An interface has a record while it has receivers, and no longer.
+    std::set<std::string> interfaces;
+    for (const auto& entry : expected) interfaces.insert(entry.first.first);
+    ASSERT_EQ(receivers.size(), interfaces.size()) << when;
     for (const auto& [key, tag] : expected) {
       const MessageReceiver* found = receivers.receiver(Lanx::IntfId(key.first), Ckn::fromHex(key.second));
       ASSERT_NE(found, nullptr) << when << ": " << key.first << " " << key.second;
@@ -61,6 +65,37 @@ TEST(MessageReceivers, EveryRegisteredActorIsFoundThroughAnyOrderOfComingAndGoin
   receivers.receiverDel(Lanx::IntfId(key.first), Ckn::fromHex(key.second), &owners[(kept + 1) % 2]);
   checkAll("after a removal by another owner");
   EXPECT_EQ(receivers.receiver(Lanx::IntfId("Ethernet999"), Ckn::fromHex(key.second)), nullptr);
+}
+
+// An interface's record stays while the interface is in MKA operation or an actor is registered on
+// it, so that an actor sends on the record that its frames are received on; leaving MKA operation
+// forgets the numbers accepted.
+TEST(MkpduInterfaces, ARecordLastsWhileItsInterfaceIsOpenOrHasActors) {
+  MkpduInterfaces interfaces;
+  const Lanx::IntfId eth1("eth1");
+  const Ckn ckn = "01"_ckn;
+  int actor = 0;
+  const std::shared_ptr<MkpduInterface> held =
+      interfaces.receiverIs(eth1, ckn, MessageReceiver{&actor, nullptr, nullptr, std::nullopt});
+  EXPECT_EQ(interfaces.find(eth1), held.get());
+
+  // Opened, and a member heard; closed: the actor's record stays, without an access point or numbers.
+  interfaces.interfaceOf(eth1)->pam = Lanx::Pam::PamIs(eth1);
+  EXPECT_EQ(interfaces.find(eth1), held.get());
+  ASSERT_TRUE(held->replay.accept(ckn, "0102030405060708090a0b0c"_mi, 5));
+  interfaces.interfaceClosed(eth1);
+  EXPECT_EQ(interfaces.find(eth1), held.get());
+  EXPECT_FALSE(held->pam);
+  EXPECT_TRUE(held->replay.accept(ckn, "0102030405060708090a0b0c"_mi, 5));
+
+  // Opened again, the actor gone: the record stays for the access point; closed, it goes.
+  interfaces.interfaceOf(eth1)->pam = Lanx::Pam::PamIs(eth1);
+  interfaces.receiverDel(eth1, ckn, &actor);
+  EXPECT_EQ(interfaces.find(eth1), held.get());
+  EXPECT_EQ(interfaces.receiver(eth1, ckn), nullptr);
+  interfaces.interfaceClosed(eth1);
+  EXPECT_EQ(interfaces.find(eth1), nullptr);
+  EXPECT_EQ(interfaces.size(), 0u);
 }
 
 }  // namespace
