@@ -6,6 +6,7 @@
 // go out on; its row of the MKPDU counters; and the member numbers accepted on it. A lookup costs
 // the same among four interfaces as among four thousand.
 
+#include <array>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -46,10 +47,8 @@ class MkpduInterface {
   // The receiver of a CKN on this interface; null if there is none. Valid until the interface's
   // receivers change.
   const MessageReceiver* receiver(const Ckn& ckn) const noexcept {
-    for (const Entry& entry : receivers_) {
-      if (entry.ckn == ckn) return &entry.receiver;
-    }
-    return nullptr;
+    const Entry* entry = entryOf(ckn);
+    return entry ? &entry->receiver : nullptr;
   }
 
   // The access point, while the interface is in MKA operation; the hold on its row of the MKPDU
@@ -64,10 +63,47 @@ class MkpduInterface {
     Ckn ckn;
     MessageReceiver receiver;
   };
+  // An interface has an actor or two (a primary and a fallback key): they are kept in the record,
+  // where finding one reads no other block; more wait in a list of their own.
+  static constexpr size_t kInPlace = 2;
+
+  Entry* entryOf(const Ckn& ckn) noexcept {
+    return const_cast<Entry*>(static_cast<const MkpduInterface*>(this)->entryOf(ckn));
+  }
+  const Entry* entryOf(const Ckn& ckn) const noexcept {
+    for (size_t i = 0; i < inPlace_; ++i) {
+      if (receivers_[i].ckn == ckn) return &receivers_[i];
+    }
+    for (const Entry& entry : more_) {
+      if (entry.ckn == ckn) return &entry;
+    }
+    return nullptr;
+  }
+  void entryIs(const Ckn& ckn, MessageReceiver receiver) {
+    if (Entry* entry = entryOf(ckn)) {
+      entry->receiver = std::move(receiver);
+    } else if (inPlace_ < kInPlace) {
+      receivers_[inPlace_++] = Entry{ckn, std::move(receiver)};
+    } else {
+      more_.push_back(Entry{ckn, std::move(receiver)});
+    }
+  }
+  // Removes an entry; the last one, from the list if there is one, takes its place.
+  void entryDel(Entry* entry) {
+    Entry& last = more_.empty() ? receivers_[inPlace_ - 1] : more_.back();
+    if (entry != &last) *entry = std::move(last);
+    if (more_.empty()) {
+      receivers_[--inPlace_] = Entry();
+    } else {
+      more_.pop_back();
+    }
+  }
+  bool hasReceivers() const noexcept { return inPlace_ > 0; }
 
   Lanx::IntfId intfId_;
-  // An interface has an actor or two (a primary and a fallback key), so a short array.
-  std::vector<Entry> receivers_;
+  uint8_t inPlace_ = 0;
+  std::array<Entry, kInPlace> receivers_;
+  std::vector<Entry> more_;
 };
 
 class MkpduInterfaces {
@@ -93,23 +129,16 @@ class MkpduInterfaces {
   // record, which the receiver's owner holds to send.
   std::shared_ptr<MkpduInterface> receiverIs(const Lanx::IntfId& intfId, const Ckn& ckn, MessageReceiver receiver) {
     const std::shared_ptr<MkpduInterface>& record = interfaceOf(intfId);
-    for (MkpduInterface::Entry& entry : record->receivers_) {
-      if (entry.ckn == ckn) {
-        entry.receiver = std::move(receiver);
-        return record;
-      }
-    }
-    record->receivers_.push_back({ckn, std::move(receiver)});
+    record->entryIs(ckn, std::move(receiver));
     return record;
   }
 
   // Removes the receiver of a CKN on an interface if `owner` registered it.
   void receiverDel(const Lanx::IntfId& intfId, const Ckn& ckn, const void* owner) {
     MkpduInterface* record = find(intfId);
-    if (record == nullptr) return;
-    std::erase_if(record->receivers_, [&](const MkpduInterface::Entry& entry) {
-      return entry.ckn == ckn && entry.receiver.owner == owner;
-    });
+    MkpduInterface::Entry* entry = record ? record->entryOf(ckn) : nullptr;
+    if (entry == nullptr || entry->receiver.owner != owner) return;
+    record->entryDel(entry);
     dropIfUnused(intfId);
   }
 
@@ -166,7 +195,7 @@ class MkpduInterfaces {
   // A record with neither an access point nor receivers goes.
   void dropIfUnused(const Lanx::IntfId& intfId) {
     const size_t index = indexOf(intfId, hashOf(intfId));
-    if (index == kNone || slots_[index].record->pam || !slots_[index].record->receivers_.empty()) return;
+    if (index == kNone || slots_[index].record->pam || slots_[index].record->hasReceivers()) return;
     erase(index);
     --size_;
   }

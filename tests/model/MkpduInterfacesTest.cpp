@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace Macsec {
 namespace {
@@ -41,7 +42,9 @@ TEST(MkpduInterfaces, EveryRegisteredActorIsFoundThroughAnyOrderOfComingAndGoing
     // Ports with a primary and a fallback key, added in a burst, the table growing as it goes.
     for (int i = 0; i < 300; ++i) {
       const std::string intf = "Ethernet" + std::to_string(random() % 400);
-      const std::string ckn = (random() % 2 ? "01" : "fe") + std::string(62, 'a');
+      // Mostly a primary and a fallback key; now and then a third, as while a key chain rolls over.
+      const std::string ckn =
+          std::vector<std::string>{"01", "fe", "01", "fe", "7c"}[random() % 5] + std::string(62, 'a');
       ++tag;
       receivers.receiverIs(Lanx::IntfId(intf), Ckn::fromHex(ckn), receiverTagged(tag));
       expected[{intf, ckn}] = tag;
