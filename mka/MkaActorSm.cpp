@@ -3,6 +3,7 @@
 #include "model/Crypto.h"
 #include "model/LogMessages.h"
 #include "platform/Clock.h"
+#include "platform/Prefetch.h"
 #include "platform/Trace.h"
 
 ZEF_TRACE_MODULE("Macsec::MkaActorSm")
@@ -75,8 +76,21 @@ void MkaActorSm::handleInitialized() {
     frameKeys_.emplace(keys, suite.value_or(cipherSuiteGcmAes128));
     mkpduInterface_ = pamManager()->interfaces().receiverIs(
         intfId(), ckn(),
-        MessageReceiver{this, [this](const DecodedMkpdu& message) { handleRxMessage(message); }, keys, suite});
+        MessageReceiver{this, [this](const DecodedMkpdu& message) { handleRxMessage(message); },
+                        [this] { prefetchRecords(); }, keys, suite});
   }
+}
+
+void MkaActorSm::prefetchRecords() const {
+  // The lines that lead each record hold what every MKPDU reads of it.
+  constexpr size_t kLine = 64;
+  Zef::prefetch(this, sizeof(*this));
+  Zef::prefetch(actorStatus(), 4 * kLine);
+  Zef::prefetch(portStatus().ptr(), 2 * kLine);
+  Zef::prefetch(intfStatus().ptr(), 2 * kLine);
+  Zef::prefetch(cpStatus(), 5 * kLine);
+  Zef::prefetch(cpSm().ptr(), sizeof(ControlledPortSm));
+  Zef::prefetch(mkpduInterface_.get(), 3 * kLine);
 }
 
 void MkaActorSm::handlePrincipalActor() {
@@ -634,6 +648,7 @@ void MkaActorSm::handleMkpduTimerExpiry(bool timerExpiry) {
     immediateOwedIs(true);
     return;
   }
+  prefetchRecords();
   if (timerExpiry) handlePeerReview();
 
   // The message is built in place, in the one outgoing message of the agent.

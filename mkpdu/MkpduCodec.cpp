@@ -135,6 +135,7 @@ DecodeResult MkpduCodec::receive(MkpduInterface& intf, const uint8_t* frame, siz
   auto keysOf = [this, &found](const Ckn& ckn) {
     found.named = ckn;
     found.receiver = found.intf.receiver(ckn);
+    if (found.receiver != nullptr && found.receiver->prefetch) found.receiver->prefetch();
     return actorKeys(found.intf.intfId(), ckn, found.receiver);
   };
   DecodeResult result = decodeMkpdu(frame, length, keysOf, message);

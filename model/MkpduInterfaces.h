@@ -30,6 +30,9 @@ struct MessageReceiver {
   const void* owner = nullptr;
   // Handles a message received on the interface for the CKN, fully, before it returns.
   std::function<void(const DecodedMkpdu& message)> receive;
+  // Called as soon as a frame names the receiver, before the frame is checked: the receiver asks
+  // for the records it will read, which come while the frame's integrity check runs.
+  std::function<void()> prefetch;
   std::shared_ptr<PreparedKeys> keys;
   // The cipher suite of the actor's interface, which sizes the keys the actor is sent; none when
   // the interface has no status.

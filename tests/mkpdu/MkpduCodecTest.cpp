@@ -167,9 +167,9 @@ class Codec : public ::testing::Test {
     actor->ickIs(StoredKey::ofHex(kIck));
     actor->kekIs(StoredKey::ofHex(kKek));
     pamManager->mkaIntfIs(eth1);
-    pamManager->interfaces().receiverIs(
-        eth1, Ckn::fromHex(kCkn),
-        MessageReceiver{this, [this](const DecodedMkpdu& m) { received.push_back(m); }, nullptr, std::nullopt});
+    pamManager->interfaces().receiverIs(eth1, Ckn::fromHex(kCkn),
+                                        MessageReceiver{this, [this](const DecodedMkpdu& m) { received.push_back(m); },
+                                                        nullptr, nullptr, std::nullopt});
   }
   DecodeResult feed(const std::string& frame) {
     return codec->receive(*pamManager->interfaces().interfaceOf(eth1), reinterpret_cast<const uint8_t*>(frame.data()),

@@ -79,7 +79,7 @@ TEST(MkpduInterfaces, ARecordLastsWhileItsInterfaceIsOpenOrHasActors) {
   const Ckn ckn = "01"_ckn;
   int actor = 0;
   const std::shared_ptr<MkpduInterface> held =
-      interfaces.receiverIs(eth1, ckn, MessageReceiver{&actor, nullptr, nullptr, std::nullopt});
+      interfaces.receiverIs(eth1, ckn, MessageReceiver{&actor, nullptr, nullptr, nullptr, std::nullopt});
   EXPECT_EQ(interfaces.find(eth1), held.get());
 
   // Opened, and a member heard; closed: the actor's record stays, without an access point or numbers.
