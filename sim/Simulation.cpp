@@ -44,7 +44,8 @@ void Link::carry(const Agent* from, const Lanx::IntfId& intf, Schedule&& schedul
 void Link::sendFrame(const Agent* from, const Lanx::IntfId& intf, std::string_view frame) {
   sim_.capture(frame);
   carry(from, intf, [&](const End& to, double delay) {
-    std::string carried(frame);
+    std::string carried = sim_.spareBuffer();
+    carried.assign(frame);
     std::uniform_real_distribution<double> draw(0.0, 1.0);
     if (corruption_ > 0 && draw(sim_.random_) < corruption_ && !carried.empty()) {
       const size_t bit = std::uniform_int_distribution<size_t>(0, carried.size() * 8 - 1)(sim_.random_);
@@ -276,7 +277,12 @@ Agent& Simulation::agentIs(const std::string& name) {
   auto& slot = agents_[name];
   // Each agent's timing comes from its own source, seeded from the simulation's, so that a run
   // repeats exactly.
-  if (!slot) slot = std::make_unique<Agent>(*this, name, random_());
+  if (!slot) {
+    slot = std::make_unique<Agent>(*this, name, random_());
+    byName_.clear();
+    for (const auto& entry : agents_) byName_.push_back(entry.second.get());
+    deadlines_.assign(byName_.size(), Orb::never);
+  }
   return *slot;
 }
 
@@ -331,6 +337,14 @@ void Simulation::deliver(Frame& frame) {
   ++link->carried_;
   ++deliveries_;
   frame.to->deliverFrame(frame.intf, frame.bytes);
+  spareBuffers_.push_back(std::move(frame.bytes));
+}
+
+std::string Simulation::spareBuffer() {
+  if (spareBuffers_.empty()) return std::string();
+  std::string buffer = std::move(spareBuffers_.back());
+  spareBuffers_.pop_back();
+  return buffer;
 }
 
 void Simulation::after(double delay, std::function<void()> action) {
@@ -365,15 +379,18 @@ double Simulation::nextQueuedTime() const {
   return next;
 }
 
-double Simulation::nextEvent() const {
+double Simulation::nextEvent() {
   double next = nextQueuedTime();
-  for (const auto& [name, agent] : agents_) next = std::min(next, agent->engine().nextDeadline());
+  for (size_t i = 0; i < byName_.size(); ++i) {
+    deadlines_[i] = byName_[i]->engine().nextDeadline();
+    next = std::min(next, deadlines_[i]);
+  }
   return next;
 }
 
 void Simulation::afterEvent() {
-  for (const auto& entry : agents_) {
-    if (entry.second->keeper_) entry.second->keeper_->refresh();
+  for (Agent* agent : byName_) {
+    if (agent->keeper_) agent->keeper_->refresh();
   }
   if (observer_) observer_();
 }
@@ -394,8 +411,9 @@ void Simulation::runUntil(double t) {
       afterEvent();
       continue;
     }
-    for (const auto& entry : agents_) {
-      if (entry.second->engine().serviceOneTimer()) {
+    // The first agent, by name, with a timer due: the deadlines were read just now.
+    for (size_t i = 0; i < byName_.size(); ++i) {
+      if (deadlines_[i] <= now() && byName_[i]->engine().serviceOneTimer()) {
         afterEvent();
         break;
       }

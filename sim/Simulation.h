@@ -257,7 +257,10 @@ class Simulation {
   void schedule(Link* link, Agent* to, const Message& message, double delay);
   void scheduleFrame(Link* link, Agent* to, const Lanx::IntfId& intf, std::string frame, double delay);
   void capture(std::string_view frame);
-  double nextEvent() const;
+  // The time of the next event or timer of any agent; notes each agent's next deadline.
+  double nextEvent();
+  // An empty string with room, from a delivered frame if there is one.
+  std::string spareBuffer();
   // After each event: the agents' saved states follow, then the observer checks.
   void afterEvent();
   void eventIs(Event event);
@@ -269,6 +272,13 @@ class Simulation {
   std::FILE* pcap_ = nullptr;
   std::mt19937 random_;
   std::map<std::string, std::unique_ptr<Agent>> agents_;
+  // The same agents in the order of their names, the order in which their timers take turns, and
+  // each one's next deadline as the loop last read it.
+  std::vector<Agent*> byName_;
+  std::vector<double> deadlines_;
+  // The buffers of frames delivered, kept for the next frames sent: a frame costs a copy, not an
+  // allocation.
+  std::vector<std::string> spareBuffers_;
   std::vector<std::unique_ptr<Link>> links_;
   // Events due in order of scheduling, the common case, as a link's delay is fixed: a queue,
   // which keeps thousands of frames sent at one instant in one run of memory. The others (jitter,
