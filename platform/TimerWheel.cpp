@@ -48,11 +48,14 @@ size_t TimerWheel::armedTimers() const noexcept {
 }
 
 const TimerWheel::Slot* TimerWheel::earliest() const noexcept {
+  if (earliestKnown_) return earliest_;
   // The front of the heap and of each lane, which is never a vacant place.
   const Slot* next = heap_.empty() ? nullptr : &heap_.front();
   for (const Lane& lane : lanes_) {
     if (!lane.slots.empty() && (next == nullptr || earlier(lane.slots.front(), *next))) next = &lane.slots.front();
   }
+  earliest_ = next;
+  earliestKnown_ = true;
   return next;
 }
 
@@ -81,6 +84,7 @@ bool TimerWheel::serviceOneTimer() {
 }
 
 void TimerWheel::arm(Notifiee* timer) {
+  earliestKnown_ = false;
   const Slot slot{timer->timeMin_, ++sequence_, timer};
   // The lane whose last deadline is the latest one not after this deadline keeps its order with
   // this timer at its end; an empty lane is taken only when no other fits.
@@ -106,6 +110,7 @@ void TimerWheel::arm(Notifiee* timer) {
 }
 
 void TimerWheel::disarm(Notifiee* timer) {
+  earliestKnown_ = false;
   if (timer->lane_ != Notifiee::kInHeap) {
     laneDisarm(lanes_[timer->lane_], timer);
     return;

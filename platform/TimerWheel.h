@@ -120,6 +120,10 @@ class TimerWheel : public Zef::Notifier {
 
   std::vector<Slot> heap_;
   std::array<Lane, kLanes> lanes_;
+  // The earliest slot, as last found; forgotten whenever a timer is armed or disarmed. A driver
+  // asks for the next deadline more often than the timers change.
+  mutable const Slot* earliest_ = nullptr;
+  mutable bool earliestKnown_ = false;
   uint64_t sequence_ = 0;
   std::mt19937_64 random_{1};
 };
