@@ -51,6 +51,16 @@ class HashMap {
     return true;
   }
 
+  // Makes a member under a key that is not present yet, from `args`, with the table's node inside
+  // it: a lookup or a walk finds the member in the lines of its own node, not one pointer further.
+  template <class... Args>
+  Ptr<V> emplace(const K& key, Args&&... args) {
+    auto* node = table_.insertMade(key, [&](uint32_t order) -> typename Table::Node* {
+      return new Member(order, key, std::forward<Args>(args)...);
+    });
+    return node->value_;
+  }
+
   // Removes and returns the member of a key; null if the key is absent.
   Ptr<V> erase(const K& key) {
     auto node = table_.unlink(key);
@@ -64,6 +74,17 @@ class HashMap {
   Iterator end() const { return Iterator(); }
 
  private:
+  // A member made by emplace: the node first, so that its key and link lead the member's lines.
+  // The node holds the member, as any node does, until the table and every walk have let go of it.
+  struct Member final : Table::Node, V {
+    template <class... Args>
+    Member(uint32_t order, const K& key, Args&&... args)
+        : Table::Node(order, key, Ptr<V>()), V(std::forward<Args>(args)...) {
+      this->inMember = true;
+      this->value_ = Ptr<V>(static_cast<V*>(this));
+    }
+  };
+
   Table table_;
 };
 

@@ -29,6 +29,9 @@ class HashTable {
 
     uint32_t refs = 1;  // the table's reference, plus one per cursor standing on the node
     bool deleted = false;
+    // Made inside the member it holds (see HashMap::emplace): the member's hold on itself is let go
+    // when the node is, rather than the node deleted.
+    bool inMember = false;
     uint32_t order;
     Node* next = nullptr;
     K key_;
@@ -78,9 +81,16 @@ class HashTable {
   // Adds a node for a key that is not present.
   template <class KK, class VV>
   Node* insert(KK&& key, VV&& value) {
+    return insertMade(key,
+                      [&](uint32_t order) { return new Node(order, std::forward<KK>(key), std::forward<VV>(value)); });
+  }
+
+  // Adds, for a key that is not present, the node that `make(order)` returns.
+  template <class Make>
+  Node* insertMade(const K& key, Make&& make) {
     if (size_ + 1 > bucketCount()) grow();
     const uint32_t order = orderOf(key);
-    Node* node = new Node(order, std::forward<KK>(key), std::forward<VV>(value));
+    Node* node = make(order);
     Node** link = &buckets()[bucketOf(order)];
     while (*link && !before(order, node->key_, *link)) link = &(*link)->next;
     node->next = *link;
@@ -142,7 +152,13 @@ class HashTable {
   }
 
   static void release(Node* n) noexcept {
-    if (n && --n->refs == 0) delete n;
+    if (n == nullptr || --n->refs != 0) return;
+    if (n->inMember) {
+      // The member may go with this, and the node inside it.
+      [[maybe_unused]] const V self = std::move(n->value_);
+      return;
+    }
+    delete n;
   }
 
  private:

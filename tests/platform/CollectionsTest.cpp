@@ -13,11 +13,21 @@ namespace {
 
 class Member : public Zef::PtrInterface {
  public:
-  explicit Member(int id) : id(id) {}
+  explicit Member(int id) : id(id) { ++alive; }
+  ~Member() override { --alive; }
   const int id;
+  static inline int alive = 0;
 };
 
 using Map = Zef::HashMap<int, Member>;
+
+// Adds a member, made apart or inside its node, unless the key is present.
+bool add(Map& map, int key, bool inNode) {
+  if (!inNode) return map.insert(key, Zef::Ptr<Member>(new Member(key)));
+  if (map.contains(key)) return false;
+  map.emplace(key, key);
+  return true;
+}
 using ValueMapOfInts = Zef::ValueMap<int, int>;
 
 std::vector<int> walkOrder(const Map& map) {
@@ -55,7 +65,7 @@ TEST(HashMap, WalksMatchAModelUnderRandomMutation) {
     std::set<int> present;
     for (int i = 0; i < 32; ++i) {
       const int key = random() % kKeys;
-      if (map.insert(key, Zef::Ptr<Member>(new Member(key)))) present.insert(key);
+      if (add(map, key, random() % 2 == 0)) present.insert(key);
     }
     std::set<int> stayed = present;  // present from start to end
     std::set<int> erasedEarly;
@@ -67,7 +77,7 @@ TEST(HashMap, WalksMatchAModelUnderRandomMutation) {
       // Three additions and at most one removal a step: the table grows several times during a walk.
       for (int k = 0; k < 3; ++k) {
         const int key = random() % kKeys;
-        if (!map.insert(key, Zef::Ptr<Member>(new Member(key)))) continue;
+        if (!add(map, key, random() % 2 == 0)) continue;
         stayed.erase(key);
         erasedEarly.erase(key);
         if (seen.count(key) == 0) addedAhead[key] = rank[key] > rank[it.key()];
@@ -84,6 +94,30 @@ TEST(HashMap, WalksMatchAModelUnderRandomMutation) {
     for (int key : seen) EXPECT_EQ(seen.count(key), 1u);
     for (auto [key, ahead] : addedAhead) EXPECT_EQ(seen.count(key), ahead ? 1u : 0u) << round << " " << key;
   }
+}
+
+TEST(HashMap, AMemberMadeInItsNodeLastsWhileItOrItsNodeIsHeld) {
+  const int before = Member::alive;
+  {
+    Map map;
+    for (int i = 0; i < 3; ++i) map.emplace(i, i);
+    auto it = map.iterator();
+    const int first = it.key();
+    const int other = first == 0 ? 1 : 0;
+    Zef::Ptr<Member> held = map.find(other);
+    map.erase(first);
+    map.erase(other);
+    // Out of the table, each is kept by what holds it: the walk by the node, the caller by the member.
+    EXPECT_EQ(Member::alive - before, 3);
+    EXPECT_EQ(it->id, first);
+    ++it;
+    EXPECT_EQ(Member::alive - before, 2);
+    ASSERT_TRUE(it);
+    EXPECT_NE(it.key(), other);
+    held = nullptr;
+    EXPECT_EQ(Member::alive - before, 1);
+  }
+  EXPECT_EQ(Member::alive, before);
 }
 
 TEST(ValueMap, ADeleteLoopReadsTheStaleNodeAndAdvances) {

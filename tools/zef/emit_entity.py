@@ -176,10 +176,16 @@ class EntityParts:
         hw("  template <class... Args>")
         hw(f"  Zef::Ptr<{a.type}> {a.name}Is({param_type(a.key)} key, Args&&... args) {{")
         hw(f"    if (Zef::Ptr<{a.type}> existing = {a.name}_.find(key)) return existing;")
-        creator = f"{a.type}::{member.name if member else a.type.split('::')[-1]}Is"
-        hw(f"    Zef::Ptr<{a.type}> member = {creator}(key, std::forward<Args>(args)...);")
-        hw(f"    member->parentIs(this, \"{a.name}\");")
-        hw(f"    {a.name}_.insert(key, member);")
+        if member is not None and member.kind == "entity":
+            # Made inside the collection's node, then switched on as its factory would.
+            hw(f"    Zef::Ptr<{a.type}> member = {a.name}_.emplace(key, key, std::forward<Args>(args)...);")
+            hw("    member->hasNotificationActiveIs(true);")
+            hw(f"    member->parentIs(this, \"{a.name}\");")
+        else:
+            creator = f"{a.type}::{a.type.split('::')[-1]}Is"
+            hw(f"    Zef::Ptr<{a.type}> member = {creator}(key, std::forward<Args>(args)...);")
+            hw(f"    member->parentIs(this, \"{a.name}\");")
+            hw(f"    {a.name}_.insert(key, member);")
         hw(f"    {self.notify(f'on{a.cap}(key)', t, a)}")
         hw("    return member;")
         hw("  }")
