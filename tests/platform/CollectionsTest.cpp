@@ -20,6 +20,7 @@ class Member : public Zef::PtrInterface {
 };
 
 using Map = Zef::HashMap<int, Member>;
+using ValueMapOfInts = Zef::ValueMap<int, int>;
 
 // Adds a member, made apart or inside its node, unless the key is present.
 bool add(Map& map, int key, bool inNode) {
@@ -28,7 +29,6 @@ bool add(Map& map, int key, bool inNode) {
   map.emplace(key, key);
   return true;
 }
-using ValueMapOfInts = Zef::ValueMap<int, int>;
 
 std::vector<int> walkOrder(const Map& map) {
   std::vector<int> order;
