@@ -182,7 +182,7 @@ class EntityParts:
             hw("    member->hasNotificationActiveIs(true);")
             hw(f"    member->parentIs(this, \"{a.name}\");")
         else:
-            creator = f"{a.type}::{a.type.split('::')[-1]}Is"
+            creator = f"{a.type}::{member.name if member else a.type.split('::')[-1]}Is"
             hw(f"    Zef::Ptr<{a.type}> member = {creator}(key, std::forward<Args>(args)...);")
             hw(f"    member->parentIs(this, \"{a.name}\");")
             hw(f"    {a.name}_.insert(key, member);")
