@@ -23,7 +23,8 @@ build-asan: deps
 	@$(CMAKE) -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DMKA_SANITIZE=ON > /dev/null
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 
-# The fuzzers under libFuzzer, optimised: of the MKPDU decoder, with ASan and UBSan, and of a pair
+# The fuzzers under libFuzzer, optimised: of the MKPDU decoder and of the decoders of port
+# authentication (EAPOL, EAP, EAP-TLS), with ASan and UBSan, and of a pair
 # of engines that take forged frames, without sanitizers and without tracing comparisons: it hunts
 # broken rules rather than memory errors, and runs several times faster so (its kept inputs run
 # under both sanitizers in the sanitized build's tests). Each starts from a fresh copy of its kept corpus;
@@ -36,17 +37,22 @@ FUZZ_CMAKE = CC=clang CXX=clang++ $(CMAKE) -S . -DCMAKE_BUILD_TYPE=RelWithDebInf
 
 fuzz-build: deps
 	@$(FUZZ_CMAKE) -B $(FUZZ_BUILD) -DMKA_SANITIZE=ON -DMKA_FUZZ_COMPARISONS=ON > /dev/null
-	@cmake --build $(FUZZ_BUILD) --target mkpdu_fuzz -j $(JOBS)
+	@cmake --build $(FUZZ_BUILD) --target mkpdu_fuzz eap_fuzz -j $(JOBS)
 	@$(FUZZ_CMAKE) -B $(ENGINE_FUZZ_BUILD) -DMKA_SANITIZE=OFF -DMKA_FUZZ_COMPARISONS=OFF > /dev/null
 	@cmake --build $(ENGINE_FUZZ_BUILD) --target actor_fuzz -j $(JOBS)
-	@rm -rf $(FUZZ_BUILD)/corpus $(FUZZ_BUILD)/actor-corpus && cp -r tests/fuzz/corpus $(FUZZ_BUILD)/corpus \
+	@rm -rf $(FUZZ_BUILD)/corpus $(FUZZ_BUILD)/eap-corpus $(FUZZ_BUILD)/actor-corpus \
+	  && cp -r tests/fuzz/corpus $(FUZZ_BUILD)/corpus && cp -r tests/fuzz/eap-corpus $(FUZZ_BUILD)/eap-corpus \
 	  && cp -r tests/fuzz/actor-corpus $(FUZZ_BUILD)/actor-corpus
 
-# Runs both fuzzers with the libFuzzer flags given, each into its log; a finding ends it.
+# Runs the fuzzers with the libFuzzer flags given (the decoders' first, the engines' second), each
+# into its log; a finding ends it.
 define run-fuzzers
 	@$(FUZZ_BUILD)/mkpdu_fuzz $(1) $(FUZZ_BUILD)/corpus > $(FUZZ_BUILD)/fuzz.log 2>&1 \
 	  || (tail -n 40 $(FUZZ_BUILD)/fuzz.log; echo "the decoder's fuzzer found a fault"; exit 1)
 	@tail -n 1 $(FUZZ_BUILD)/fuzz.log
+	@$(FUZZ_BUILD)/eap_fuzz $(1) $(FUZZ_BUILD)/eap-corpus > $(FUZZ_BUILD)/eap-fuzz.log 2>&1 \
+	  || (tail -n 40 $(FUZZ_BUILD)/eap-fuzz.log; echo "the port authentication fuzzer found a fault"; exit 1)
+	@tail -n 1 $(FUZZ_BUILD)/eap-fuzz.log
 	@$(ENGINE_FUZZ_BUILD)/actor_fuzz $(2) $(ACTOR_FUZZ_FLAGS) $(FUZZ_BUILD)/actor-corpus > $(FUZZ_BUILD)/actor-fuzz.log 2>&1 \
 	  || (tail -n 40 $(FUZZ_BUILD)/actor-fuzz.log; echo "the engines' fuzzer found a fault"; exit 1)
 	@tail -n 1 $(FUZZ_BUILD)/actor-fuzz.log

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "mkpdu/MkaPdu.h"
+#include "model/PaeAddress.h"
 
 namespace Macsec {
 
@@ -190,24 +191,13 @@ const char* decodeResultText(DecodeResult result) {
   return "unknown";
 }
 
-namespace {
-
-// IEEE 802.1X lets a port use the bridge group address or the LLDP one as its PAE group address.
-bool isPaeGroupAddress(const uint8_t* dst) {
-  static constexpr uint8_t kLastOctets[] = {0x03, 0x00, 0x0E};
-  if (std::memcmp(dst, C::paeGroupAddress.data(), 5) != 0) return false;
-  return std::find(std::begin(kLastOctets), std::end(kLastOctets), dst[5]) != std::end(kLastOctets);
-}
-
-}  // namespace
-
 DecodeResult decodeMkpdu(const uint8_t* frame, size_t length, const KeyLookup& keys, DecodedMkpdu& out) {
   // The EAPOL header. The receiver is strict about integrity and liberal about everything else:
   // any EAPOL version, any of the PAE group addresses, and octets after the body (padding or
   // trailers some equipment adds), which the ICV does not cover and nothing reads.
   if (frame == nullptr || length < kHeader + C::mkpduMinSize) return DecodeResult::tooShort;
   const auto* eapol = reinterpret_cast<const Eapol*>(frame);
-  if (!isPaeGroupAddress(eapol->dst) || eapol->ethType.value() != C::eapolEthType ||
+  if (!Dot1x::isPaeGroupAddress(eapol->dst) || eapol->ethType.value() != C::eapolEthType ||
       eapol->eapolType != EapolType::eapMka) {
     return DecodeResult::notMka;
   }

@@ -3,11 +3,13 @@
 
 The library is built in layers, each of which may include only itself and the layers below it:
 
-    platform < model < mkpdu < config < hw < mka < engine < agent
+    platform < model < mkpdu < config < hw < mka < dot1x < engine < agent
 
 The device and root state machines (mka) build the self test (hw) and the configuration state
-machine (config), which is why those two sit below mka. The engine's assembly (engine) is portable
-and stands on all of them; the Linux process (agent) runs one on a host. The simulation harness
+machine (config), which is why those two sit below mka. Port authentication (dot1x) stands beside
+the MKA layers rather than on them: it may include platform and model only. The engine's assembly
+(engine) is portable and stands on all of them, joining the two; the Linux process (agent) runs one
+on a host. The simulation harness
 (sim), the tests, benchmarks and programs stand outside the library: they may include any layer,
 and no layer may include them.
 
@@ -21,8 +23,10 @@ import os
 import re
 import sys
 
-LAYERS = ["platform", "model", "mkpdu", "config", "hw", "mka", "engine", "agent"]
+LAYERS = ["platform", "model", "mkpdu", "config", "hw", "mka", "dot1x", "engine", "agent"]
 OUTSIDE = ["sim", "tests", "bench", "programs", "tools"]
+# Layers below a layer that it still may not include.
+BESIDE = {"dot1x": ["mkpdu", "config", "hw", "mka"]}
 INCLUDE = re.compile(r'^\s*(?:#\s*include|include)\s+"([A-Za-z_]+)/')
 
 
@@ -43,9 +47,11 @@ def violations(root):
                         if not match:
                             continue
                         target = match.group(1)
+                        where = os.path.relpath(path, root)
                         if target in OUTSIDE or rank.get(target, -1) > rank[layer]:
-                            where = os.path.relpath(path, root)
                             yield f"{where}:{number}: {layer} includes {target}/, which is above it"
+                        elif target in BESIDE.get(layer, []):
+                            yield f"{where}:{number}: {layer} includes {target}/, which stands beside it"
 
 
 def main():
@@ -58,6 +64,8 @@ def main():
     if found:
         print("layers: " + " < ".join(LAYERS) + "; a layer includes only itself and those below it",
               file=sys.stderr)
+        for layer, beside in BESIDE.items():
+            print(f"{layer} includes none of " + ", ".join(beside), file=sys.stderr)
         return 1
     if len(sys.argv) == 3:
         with open(sys.argv[2], "w"):

@@ -72,6 +72,13 @@ TEST(Crypto, EapDerivedCakAndCknMatchTheVectorsAndAgreeOnBothEnds) {
   EXPECT_EQ(hexOf(deriveCkn(msk, 128, context, 128)), "96437a93ccf10d9dfe347846cce52c7d");
   // A key longer than the cipher needs is cut to its first octets.
   EXPECT_EQ(deriveCak(bytes("e68a1ab90313024fda7a04a03fea010fffffffff"), macs, 128), deriveCak(msk, macs, 128));
+
+  // A 256-bit CAK takes the first 32 octets of a 64-octet master session key; its CKN stays 128
+  // bits. Computed apart from this code, with AES-CMAC of Python's cryptography package.
+  KeyBytes msk64;
+  for (uint8_t octet = 0x40; octet < 0x80; ++octet) msk64.append(&octet, 1);
+  EXPECT_EQ(hexOf(deriveCak(msk64, macs, 256)), "7dec937123f2650acb40b406370473a759fdf7110d04c94fe71a3495ace56c81");
+  EXPECT_EQ(hexOf(deriveCkn(msk64, 256, context, 128)), "99e100adafff62d431b7c6c691486f7d");
 }
 
 // Keys made ready once serve frame after frame: each use restarts the context with its key kept,

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""The layer check refuses an include that goes up, from a header, a source or a declaration, and
-passes a tree whose includes go only down or sideways."""
+"""The layer check refuses an include that goes up, from a header, a source or a declaration, or
+from port authentication into the MKA layers beside it, and passes a tree whose includes go only
+down or sideways."""
 
 import os
 import subprocess
@@ -24,7 +25,8 @@ def main():
     good = {
         "platform/A.h": '#include "platform/B.h"\n',
         "mka/X.cpp": '#include "hw/Y.h"\n#include "config/Z.h"\n#include "model/V.h"\n',
-        "engine/E.h": '#include "mka/X.h"\n',
+        "engine/E.h": '#include "mka/X.h"\n#include "dot1x/P.h"\n',
+        "dot1x/P.h": '#include "model/V.h"\n',
         "agent/D.h": '#include "engine/E.h"\n',
     }
     code, text = run(good)
@@ -33,7 +35,8 @@ def main():
                        ("hw/Y.cpp", '#  include "mka/MkaSm.h"\n'),
                        ("mka/M.zef", 'include "engine/Engine.h"\n'),
                        ("engine/F.cpp", '#include "agent/Daemon.h"\n'),
-                       ("mka/S.cpp", '#include "sim/Simulation.h"\n')]:
+                       ("mka/S.cpp", '#include "sim/Simulation.h"\n'),
+                       ("dot1x/Q.cpp", '#include "mka/MkaActorSm.h"\n')]:
         code, text = run({**good, path: "// a comment\n" + line})
         assert code == 1 and f"{path}:2:" in text, (path, code, text)
     return 0
