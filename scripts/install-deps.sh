@@ -6,7 +6,7 @@ packages=(
   build-essential    # the C++ compiler
   cmake ninja-build  # the build
   python3            # the declaration generator
-  libssl-dev         # OpenSSL's libcrypto: every cryptographic primitive
+  libssl-dev         # OpenSSL: libcrypto for every cryptographic primitive, libssl for EAP-TLS
   libgtest-dev libgmock-dev googletest  # tests
   libbenchmark-dev   # benchmarks
   clang-format       # the format check
