@@ -73,7 +73,8 @@ std::shared_ptr<const TlsContext> TlsContext::load(TlsCredentials credentials, S
   const bool keyRead = SSL_CTX_use_PrivateKey_file(ctx, credentials.keyFile.c_str(), SSL_FILETYPE_PEM) == 1;
   SSL_CTX_set_default_passwd_cb_userdata(ctx, nullptr);
   credentials.passphrase = Macsec::KeyBytes();
-  const bool mismatched = ERR_GET_REASON(ERR_peek_last_error()) == X509_R_KEY_VALUES_MISMATCH;
+  // OpenSSL refuses a key that is not the certificate's as it reads it.
+  const bool mismatched = !keyRead && ERR_GET_REASON(ERR_peek_last_error()) == X509_R_KEY_VALUES_MISMATCH;
   if (mismatched || (keyRead && SSL_CTX_check_private_key(ctx) != 1)) {
     return failed(credentials.keyFile + ": the private key is not the one of " + credentials.certFile);
   }
