@@ -23,29 +23,29 @@ build-asan: deps
 	@$(CMAKE) -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DMKA_SANITIZE=ON > /dev/null
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 
-# The fuzzers under libFuzzer, optimised: of the MKPDU decoder and of the decoders of port
-# authentication (EAPOL, EAP, EAP-TLS), with ASan and UBSan, and of a pair
-# of engines that take forged frames, without sanitizers and without tracing comparisons: it hunts
-# broken rules rather than memory errors, and runs several times faster so (its kept inputs run
-# under both sanitizers in the sanitized build's tests). Each starts from a fresh copy of its kept corpus;
-# both write their logs under $(FUZZ_BUILD).
-FUZZ_RUNS       ?= 1000000
-ACTOR_FUZZ_RUNS ?= 20000
+# The fuzzers under libFuzzer, optimised: of the MKPDU decoder, of the decoders of port
+# authentication (EAPOL, EAP, EAP-TLS) and of the two sides of its exchange, with ASan and UBSan,
+# and of a pair of engines that take forged frames, without sanitizers and without tracing
+# comparisons: it hunts broken rules rather than memory errors, and runs several times faster so
+# (its kept inputs run under both sanitizers in the sanitized build's tests). Each starts from a
+# fresh copy of its kept corpus; all write their logs under $(FUZZ_BUILD).
+FUZZ_RUNS          ?= 1000000
+EXCHANGE_FUZZ_RUNS ?= 100000
+ACTOR_FUZZ_RUNS    ?= 20000
 FUZZ_SEED       ?= 1
 ACTOR_FUZZ_FLAGS = -max_len=514 -len_control=0 -entropic=0
 FUZZ_CMAKE = CC=clang CXX=clang++ $(CMAKE) -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMKA_FUZZ=ON -DMKA_BENCH=OFF
 
 fuzz-build: deps
 	@$(FUZZ_CMAKE) -B $(FUZZ_BUILD) -DMKA_SANITIZE=ON -DMKA_FUZZ_COMPARISONS=ON > /dev/null
-	@cmake --build $(FUZZ_BUILD) --target mkpdu_fuzz eap_fuzz -j $(JOBS)
+	@cmake --build $(FUZZ_BUILD) --target mkpdu_fuzz eap_fuzz eap_exchange_fuzz -j $(JOBS)
 	@$(FUZZ_CMAKE) -B $(ENGINE_FUZZ_BUILD) -DMKA_SANITIZE=OFF -DMKA_FUZZ_COMPARISONS=OFF > /dev/null
 	@cmake --build $(ENGINE_FUZZ_BUILD) --target actor_fuzz -j $(JOBS)
-	@rm -rf $(FUZZ_BUILD)/corpus $(FUZZ_BUILD)/eap-corpus $(FUZZ_BUILD)/actor-corpus \
-	  && cp -r tests/fuzz/corpus $(FUZZ_BUILD)/corpus && cp -r tests/fuzz/eap-corpus $(FUZZ_BUILD)/eap-corpus \
-	  && cp -r tests/fuzz/actor-corpus $(FUZZ_BUILD)/actor-corpus
+	@for corpus in corpus eap-corpus eap-exchange-corpus actor-corpus; do \
+	  rm -rf $(FUZZ_BUILD)/$$corpus && cp -r tests/fuzz/$$corpus $(FUZZ_BUILD)/$$corpus || exit 1; done
 
-# Runs the fuzzers with the libFuzzer flags given (the decoders' first, the engines' second), each
-# into its log; a finding ends it.
+# Runs the fuzzers with the libFuzzer flags given (the decoders' first, the exchange's second, the
+# engines' third), each into its log; a finding ends it.
 define run-fuzzers
 	@$(FUZZ_BUILD)/mkpdu_fuzz $(1) $(FUZZ_BUILD)/corpus > $(FUZZ_BUILD)/fuzz.log 2>&1 \
 	  || (tail -n 40 $(FUZZ_BUILD)/fuzz.log; echo "the decoder's fuzzer found a fault"; exit 1)
@@ -53,21 +53,24 @@ define run-fuzzers
 	@$(FUZZ_BUILD)/eap_fuzz $(1) $(FUZZ_BUILD)/eap-corpus > $(FUZZ_BUILD)/eap-fuzz.log 2>&1 \
 	  || (tail -n 40 $(FUZZ_BUILD)/eap-fuzz.log; echo "the port authentication fuzzer found a fault"; exit 1)
 	@tail -n 1 $(FUZZ_BUILD)/eap-fuzz.log
-	@$(ENGINE_FUZZ_BUILD)/actor_fuzz $(2) $(ACTOR_FUZZ_FLAGS) $(FUZZ_BUILD)/actor-corpus > $(FUZZ_BUILD)/actor-fuzz.log 2>&1 \
+	@$(FUZZ_BUILD)/eap_exchange_fuzz $(2) $(FUZZ_BUILD)/eap-exchange-corpus > $(FUZZ_BUILD)/eap-exchange-fuzz.log 2>&1 \
+	  || (tail -n 40 $(FUZZ_BUILD)/eap-exchange-fuzz.log; echo "the EAP exchange fuzzer found a fault"; exit 1)
+	@tail -n 1 $(FUZZ_BUILD)/eap-exchange-fuzz.log
+	@$(ENGINE_FUZZ_BUILD)/actor_fuzz $(3) $(ACTOR_FUZZ_FLAGS) $(FUZZ_BUILD)/actor-corpus > $(FUZZ_BUILD)/actor-fuzz.log 2>&1 \
 	  || (tail -n 40 $(FUZZ_BUILD)/actor-fuzz.log; echo "the engines' fuzzer found a fault"; exit 1)
 	@tail -n 1 $(FUZZ_BUILD)/actor-fuzz.log
 endef
 
 # The open-ended campaign: FUZZ_SECONDS each, from a random seed.
 fuzz: fuzz-build
-	$(call run-fuzzers,-max_total_time=$(FUZZ_SECONDS),-max_total_time=$(FUZZ_SECONDS))
+	$(call run-fuzzers,-max_total_time=$(FUZZ_SECONDS),-max_total_time=$(FUZZ_SECONDS),-max_total_time=$(FUZZ_SECONDS))
 
 # What make test runs: a fixed number of inputs from a fixed seed, the same every time. Mutations
 # towards compared values are left out (some of the values compared are addresses, which change
 # from run to run), and so is the corpus's periodic reloading (it comes by the clock).
 FUZZ_CHECK = -seed=$(FUZZ_SEED) -reload=0
 fuzz-check: fuzz-build
-	$(call run-fuzzers,-runs=$(FUZZ_RUNS) $(FUZZ_CHECK) -use_cmp=0,-runs=$(ACTOR_FUZZ_RUNS) $(FUZZ_CHECK))
+	$(call run-fuzzers,-runs=$(FUZZ_RUNS) $(FUZZ_CHECK) -use_cmp=0,-runs=$(EXCHANGE_FUZZ_RUNS) $(FUZZ_CHECK) -use_cmp=0,-runs=$(ACTOR_FUZZ_RUNS) $(FUZZ_CHECK))
 
 test: format-check build build-asan fuzz-check
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
