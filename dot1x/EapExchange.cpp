@@ -74,11 +74,13 @@ EapStep EapPeer::receive(std::string_view packet) {
       break;
   }
   // The authenticator sends a request again when our answer was lost: the same answer goes back,
-  // and the request is not taken twice.
-  if (lastIdentifier_ == in.identifier && !lastResponse_.empty()) return {lastResponse_};
+  // and the request is not taken twice. A request is the same when it is the same to the octet;
+  // one with the last identifier but other contents is new (an authenticator that started over).
+  const std::string_view request = packet.substr(0, 5 + in.data.size());
+  if (request == lastRequest_ && !lastResponse_.empty()) return {lastResponse_};
   std::string response = answer(in);
   if (response.empty()) return {{}, "nothing to answer"};
-  lastIdentifier_ = in.identifier;
+  lastRequest_ = request;
   lastResponse_ = response;
   return {std::move(response)};
 }

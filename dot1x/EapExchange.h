@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -75,7 +74,7 @@ class EapPeer {
   std::shared_ptr<const TlsContext> peer_;
   std::string identity_;
   size_t fragmentOctets_;
-  std::optional<uint8_t> lastIdentifier_;
+  std::string lastRequest_;
   std::string lastResponse_;
   std::unique_ptr<EapTlsMethod> method_;
   EapOutcome outcome_ = EapOutcome::pending;

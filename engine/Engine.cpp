@@ -94,6 +94,11 @@ Engine::Engine(EngineOptions options) : EngineParts(std::move(options)) {
   merge_ = MacsecConfigMergeSm::MacsecConfigMergeSmIs(configSources_, mergedConfig_);
   config_ = configSourceIs("cli", kCliPriority);
   eapKeyStatus_ = Dot1x::EapKeyStatus::EapKeyStatusIs();
+  paeStatus_ = Dot1x::PaeStatusDir::PaeStatusDirIs("paeStatus");
+  paes_ = Dot1x::PaeManager::PaeManagerIs(paeStatus_, eapKeyStatus_, ethIntfStatusDir_, wheel_);
+  paes_->transmitIs([this](const Lanx::IntfId& intf, std::string_view frame) {
+    if (frameTransmitter_) frameTransmitter_(intf, frame);
+  });
   // MACsec runs unless the configuration shuts it down.
   shutdownReactor_ = Zef::Ptr<ShutdownReactor>(new ShutdownReactor(mergedConfig_, status_));
   forwardingModel_ = Interface::IntfForwardingModelInputDir::IntfForwardingModelInputDirIs("forwardingModelInputDir");
@@ -111,6 +116,7 @@ Engine::~Engine() {
   // The device and its ports go first, while everything they use is still there.
   stateMachinesStop();
   const Speaking speaking(name());
+  paes_ = nullptr;
   deferred_.clear();
   deviceIntfStatusDir_->attacherIs(nullptr);
   txReactor_->sentIs(nullptr);
@@ -132,6 +138,7 @@ void Engine::linkIs(const Lanx::IntfId& intf, Interface::LinkStatus link) {
 
 void Engine::ethernetDel(const Lanx::IntfId& intf) {
   const Speaking speaking(name());
+  paes_->paeDel(intf);
   ethIntfStatusDir_->intfStatusDel(intf);
 }
 
@@ -260,8 +267,35 @@ Zef::Ptr<Lanx::Pkt> packetOf(const uint8_t* frame, size_t length) {
 
 }  // namespace
 
+bool Engine::paeIs(const Lanx::IntfId& intf, const Dot1x::PaeSettings& settings) {
+  const Speaking speaking(name());
+  return paes_->paeIs(intf, settings);
+}
+
+void Engine::paeDel(const Lanx::IntfId& intf) {
+  const Speaking speaking(name());
+  paes_->paeDel(intf);
+}
+
+bool Engine::paeReauthenticate(const Lanx::IntfId& intf) {
+  const Speaking speaking(name());
+  return paes_->reauthenticate(intf);
+}
+
+bool Engine::paeLoggedOffIs(const Lanx::IntfId& intf, bool loggedOff) {
+  const Speaking speaking(name());
+  return paes_->loggedOffIs(intf, loggedOff);
+}
+
 void Engine::frameIs(const Lanx::IntfId& intf, const uint8_t* frame, size_t length) {
   const Speaking speaking(name());
+  // EAPOL frames other than MKPDUs are the port access entity's, if the interface has one.
+  Dot1x::EapolFrame eapol;
+  const std::string_view bytes(reinterpret_cast<const char*>(frame), length);
+  if (Dot1x::decodeEapol(bytes, eapol) == Dot1x::EapolRefusal::none && eapol.type != Dot1x::EapolType::mka &&
+      paes_->frameIs(intf, eapol)) {
+    return;
+  }
   forgetDetached();
   const auto [first, last] = attached_.equal_range(intf);
   // Most frames have one reader, the codec, which takes a frame of an interface in MKA operation

@@ -119,8 +119,20 @@ class Engine : public EngineParts {
   const Zef::Ptr<Interface::IntfForwardingModelInputDir>& forwardingModel() const noexcept { return forwardingModel_; }
   // In: the proxy interfaces, whose cipher path is tested while their hardware is at the start.
   const Zef::Ptr<MacsecProxy::Status>& proxyStatus() const noexcept { return proxyStatus_; }
-  // In: the keys of finished EAP exchanges, by interface, as the 802.1X agent gives them.
+  // In: the keys of finished EAP exchanges, by interface, as the port access entities (or another
+  // 802.1X agent) give them.
   const Zef::Ptr<Dot1x::EapKeyStatus>& eapKeyStatus() const noexcept { return eapKeyStatus_; }
+  // In: an Ethernet interface's port access entity, which authenticates the port with 802.1X and
+  // gives its EAP key; made anew when its settings change. False if the engine has no such
+  // Ethernet interface. Its frames come and go as frames, whether MKPDUs do or not.
+  bool paeIs(const Lanx::IntfId& intf, const Dot1x::PaeSettings& settings);
+  void paeDel(const Lanx::IntfId& intf);
+  // In: the operator's word for a port access entity: a new exchange now, and a supplicant's
+  // logoff (true) and its return (false). False if the interface has no such entity.
+  bool paeReauthenticate(const Lanx::IntfId& intf);
+  bool paeLoggedOffIs(const Lanx::IntfId& intf, bool loggedOff);
+  // Out: what each port access entity says of itself.
+  const Zef::Ptr<Dot1x::PaeStatusDir>& paeStatus() const noexcept { return paeStatus_; }
 
   // Runs work as this engine: the operators' log names it as the source.
   template <class Work>

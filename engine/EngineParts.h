@@ -4,9 +4,9 @@
 // (status, message hand-off, timer wheel, interface and hardware status, configuration sources)
 // and the machinery around them (the MKPDU codec, the hardware emulator and its status slices, the
 // configuration merge, the root state machine, which runs the device and its ports, the
-// forwarding veto and the self test of proxy interfaces). `Engine` (engine/Engine.h) builds them
-// and runs them; the accessors here serve status, tests, and state machines built around an
-// engine, such as a data plane.
+// forwarding veto, the self test of proxy interfaces and the port access entities of 802.1X).
+// `Engine` (engine/Engine.h) builds them and runs them; the accessors here serve status, tests,
+// and state machines built around an engine, such as a data plane.
 
 #include <cstdint>
 #include <map>
@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "config/MacsecConfigMergeSm.h"
+#include "dot1x/PaeManager.h"
 #include "hw/HwEmulator.h"
 #include "hw/HwStatusSlices.h"
 #include "hw/MacsecForwardingModelSm.h"
@@ -95,6 +96,8 @@ class EngineParts {
   Zef::Ptr<Config> mergedConfig_;
   Zef::Ptr<MacsecConfigMergeSm> merge_;
   Zef::Ptr<Dot1x::EapKeyStatus> eapKeyStatus_;
+  Zef::Ptr<Dot1x::PaeStatusDir> paeStatus_;
+  Zef::Ptr<Dot1x::PaeManager> paes_;
   Zef::Ptr<ShutdownReactor> shutdownReactor_;
   Zef::Ptr<Interface::IntfForwardingModelInputDir> forwardingModel_;
   Zef::Ptr<MacsecProxy::Status> proxyStatus_;

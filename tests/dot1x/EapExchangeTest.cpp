@@ -129,6 +129,11 @@ TEST(EapExchange, APeerRefusesOtherMethodsAndEarlySuccessesAndTheAuthenticatorTa
   // An MD5 challenge is refused with a Nak that asks for EAP-TLS.
   const std::string md5 = encodeEap({EapCode::request, 7, EapType::md5Challenge, "\x10"});
   EXPECT_EQ(peer.receive(md5).send, encodeEap({EapCode::response, 7, EapType::nak, "\x0d"}));
+  // The same request again is a retransmission; another with the same identifier is a new one, from
+  // an authenticator that started over.
+  EXPECT_EQ(peer.receive(md5).send, encodeEap({EapCode::response, 7, EapType::nak, "\x0d"}));
+  EXPECT_EQ(peer.receive(encodeEap({EapCode::request, 7, EapType::identity, {}})).send,
+            encodeEap({EapCode::response, 7, EapType::identity, "host"}));
   // A success before the method has finished proves nothing.
   EXPECT_STREQ(peer.receive(encodeEap({EapCode::success, 8, EapType::identity, {}})).discarded,
                "success before the method");

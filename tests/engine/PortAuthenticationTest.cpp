@@ -1,0 +1,209 @@
+// 802.1X in the engine, on virtual time: a supplicant and an authenticator, each an engine with a
+// port access entity on a profile whose keys come from EAP, over a wire that loses, repeats and
+// reorders frames. The exchange gives both ends the same EAP key, MKA secures the link from it,
+// and each way an exchange can fail leaves the port closed with its reason.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "dot1x/PaeSettings.h"
+#include "sim/Simulation.h"
+#include "tests/dot1x/TestPki.h"
+
+namespace Macsec {
+namespace {
+
+using Dot1x::PaeRole;
+using Dot1x::PaeSettings;
+using Dot1x::PaeState;
+using Dot1x::TlsContext;
+using Dot1x::TlsCredentials;
+using Dot1x::TlsVersion;
+using Dot1x::Testing::TestPki;
+
+const Lanx::IntfId kEth1("eth1");
+
+std::shared_ptr<const TlsContext> load(const TlsCredentials& credentials, TlsContext::Side side) {
+  std::string error;
+  std::shared_ptr<const TlsContext> context = TlsContext::load(credentials, side, error);
+  EXPECT_TRUE(context) << error;
+  return context;
+}
+
+// Two engines on one link: S, the supplicant, and A, the authenticator, each with the port of a
+// profile whose keys come from EAP.
+class PortAuthentication {
+ public:
+  explicit PortAuthentication(uint32_t seed) : sim_(0.0, seed, Sim::Wire::bytes) {
+    for (auto [name, last] : {std::pair{"S", 1}, std::pair{"A", 2}}) {
+      Sim::Agent& agent = sim_.agentIs(name);
+      Sim::InterfaceConfig config;
+      config.runPort = true;
+      config.mac = Lanx::EthAddr({2, 0, 0, 0, 0, static_cast<uint8_t>(last)});
+      agent.interfaceIs(kEth1, config);
+      agent.engine().as([&] { agent.profile(kEth1)->dot1xEnabledIs(true); });
+    }
+    link_ = &sim_.linkIs(supplicant(), kEth1, authenticator(), kEth1);
+  }
+
+  Sim::Simulation& sim() { return sim_; }
+  Sim::Link& link() { return *link_; }
+  Sim::Agent& supplicant() { return sim_.agent("S"); }
+  Sim::Agent& authenticator() { return sim_.agent("A"); }
+
+  // The port access entities, the supplicant's with its credentials and the authenticator's with
+  // its own.
+  void authenticate(const TlsCredentials& supplicantCredentials, const TlsCredentials& authenticatorCredentials,
+                    const PaeSettings& base = PaeSettings()) {
+    PaeSettings s = base;
+    s.role = PaeRole::supplicant;
+    s.identity = "host.example";
+    s.tls = load(supplicantCredentials, TlsContext::Side::peer);
+    PaeSettings a = base;
+    a.role = PaeRole::authenticator;
+    a.tls = load(authenticatorCredentials, TlsContext::Side::server);
+    EXPECT_TRUE(supplicant().engine().paeIs(kEth1, s));
+    EXPECT_TRUE(authenticator().engine().paeIs(kEth1, a));
+  }
+
+  static Zef::Ptr<Dot1x::PaePortStatus> pae(Sim::Agent& agent) { return agent.engine().paeStatus()->port(kEth1); }
+  static Dot1x::EapKey key(Sim::Agent& agent) { return agent.engine().eapKeyStatus()->key(kEth1); }
+  static bool secured(Sim::Agent& agent) {
+    const Zef::Ptr<CpStatus> cp = agent.status()->cpStatus(kEth1);
+    return cp && cp->controlledPortEnabled() && cp->oldSakContext().txInstalled;
+  }
+
+ private:
+  Sim::Simulation sim_;
+  Sim::Link* link_ = nullptr;
+};
+
+class PortAuthenticationVersions : public ::testing::TestWithParam<TlsVersion> {};
+
+TEST_P(PortAuthenticationVersions, BothEndsTakeOneKeyFromTheExchangeAndSecureTheLinkWhateverTheWireDoes) {
+  const TestPki pki;
+  PortAuthentication world(7);
+  // Loss, repeats and reordering, and fragments small enough that every certificate takes several.
+  world.link().lossIs(0.2);
+  world.link().duplicationIs(0.1);
+  world.link().jitterIs(0.05);
+  PaeSettings settings;
+  settings.fragmentOctets = 300;
+  settings.reauthPeriod = 120;
+  world.authenticate(pki.client(GetParam()), pki.server(GetParam()), settings);
+  world.sim().runFor(60);
+
+  for (Sim::Agent* agent : {&world.supplicant(), &world.authenticator()}) {
+    SCOPED_TRACE(agent->name());
+    const Zef::Ptr<Dot1x::PaePortStatus> pae = PortAuthentication::pae(*agent);
+    ASSERT_TRUE(pae);
+    EXPECT_EQ(pae->state(), PaeState::authenticated) << pae->lastFailure();
+    EXPECT_EQ(pae->tlsVersion(), GetParam());
+    EXPECT_GT(pae->eapReceived(1) + pae->eapReceived(2), 5u);  // requests or responses, many fragments
+    EXPECT_TRUE(PortAuthentication::secured(*agent));
+  }
+  const Dot1x::EapKey s = PortAuthentication::key(world.supplicant());
+  const Dot1x::EapKey a = PortAuthentication::key(world.authenticator());
+  EXPECT_EQ(s.dot1xType, Dot1x::dot1xTypeSupplicant);
+  EXPECT_EQ(a.dot1xType, Dot1x::dot1xTypeAuthenticator);
+  EXPECT_TRUE(s.key.sameKeyAs(a.key));
+  EXPECT_EQ(s.sessionId, a.sessionId);
+  EXPECT_EQ(s.myMac, a.peerMac);
+  EXPECT_EQ(s.peerMac, a.myMac);
+  EXPECT_NE(std::string(PortAuthentication::pae(world.supplicant())->peerSubject().view()).find("server.example"),
+            std::string::npos);
+  EXPECT_EQ(PortAuthentication::pae(world.authenticator())->peerIdentity(), Zef::String("host.example"));
+  // Both ends derived one CAK: MKA found a peer on it.
+  const Cak cak = world.supplicant().status()->intfStatus(kEth1)->key();
+  EXPECT_TRUE(cak.sameKeyAs(world.authenticator().status()->intfStatus(kEth1)->key()));
+
+  // The re-authentication period brings a new exchange, and a new key, to both ends.
+  world.sim().runFor(180);
+  const Dot1x::EapKey next = PortAuthentication::key(world.supplicant());
+  EXPECT_NE(next.sessionId, s.sessionId);
+  EXPECT_TRUE(next.key.sameKeyAs(PortAuthentication::key(world.authenticator()).key));
+  EXPECT_EQ(PortAuthentication::pae(world.authenticator())->successes(), 2u);
+}
+
+TEST(PortAuthentication, EachFailureKeepsThePortClosedWithItsReasonOnBothSides) {
+  const TestPki pki;
+  TlsCredentials untrusting = pki.client();
+  untrusting.caFile = pki.file("other-ca.pem");
+  const struct {
+    const char* name;
+    TlsCredentials supplicant;
+    TlsCredentials authenticator;
+    const char* supplicantReason;
+    const char* authenticatorReason;
+  } cases[] = {
+      {"an authority the supplicant does not trust", untrusting, pki.server(), "the peer's certificate",
+       "tlsv1 alert unknown ca"},
+      {"an expired certificate", pki.credentials("expired", "server.example"), pki.server(), "certificate expired",
+       "certificate has expired"},
+      {"a server of another name", pki.credentials("client", "elsewhere.example"), pki.server(), "hostname mismatch",
+       "bad certificate"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    PortAuthentication world(3);
+    world.authenticate(c.supplicant, c.authenticator);
+    world.sim().runFor(90);
+    for (auto [agent, reason] : {std::pair{&world.supplicant(), c.supplicantReason},
+                                 std::pair{&world.authenticator(), c.authenticatorReason}}) {
+      SCOPED_TRACE(agent->name());
+      const Zef::Ptr<Dot1x::PaePortStatus> pae = PortAuthentication::pae(*agent);
+      EXPECT_NE(pae->state(), PaeState::authenticated);
+      EXPECT_NE(std::string(pae->lastFailure().view()).find(reason), std::string::npos) << pae->lastFailure();
+      EXPECT_GE(pae->failures(pae->lastFailure()), 1u);
+      EXPECT_EQ(PortAuthentication::key(*agent), Dot1x::EapKey());
+      EXPECT_FALSE(PortAuthentication::secured(*agent));
+      EXPECT_TRUE(agent->status()->intfStatus(kEth1)->key().empty());
+    }
+  }
+}
+
+TEST(PortAuthentication, LogoffAndALinkLostMidExchangeTakeTheKeyAwayUntilTheNextExchange) {
+  const TestPki pki;
+  PortAuthentication world(5);
+  world.link().delayIs(0.2);
+  world.authenticate(pki.client(), pki.server());
+  // The supplicant's link goes down in the middle of the handshake, and comes back.
+  world.sim().runFor(0.7);
+  EXPECT_EQ(PortAuthentication::pae(world.authenticator())->state(), PaeState::authenticating);
+  world.supplicant().engine().linkIs(kEth1, Interface::linkDown);
+  EXPECT_EQ(PortAuthentication::pae(world.supplicant())->state(), PaeState::down);
+  world.sim().runFor(5);
+  world.supplicant().engine().linkIs(kEth1, Interface::linkUp);
+  world.sim().runFor(30);
+  for (Sim::Agent* agent : {&world.supplicant(), &world.authenticator()}) {
+    SCOPED_TRACE(agent->name());
+    EXPECT_EQ(PortAuthentication::pae(*agent)->state(), PaeState::authenticated);
+    EXPECT_TRUE(PortAuthentication::secured(*agent));
+  }
+
+  // A logoff ends the authentication at both ends, and the supplicant's return begins another.
+  const Dot1x::EapKey before = PortAuthentication::key(world.supplicant());
+  EXPECT_TRUE(world.supplicant().engine().paeLoggedOffIs(kEth1, true));
+  world.sim().runFor(1);
+  EXPECT_EQ(PortAuthentication::pae(world.supplicant())->state(), PaeState::loggedOff);
+  EXPECT_EQ(PortAuthentication::pae(world.authenticator())->state(), PaeState::loggedOff);
+  for (Sim::Agent* agent : {&world.supplicant(), &world.authenticator()}) {
+    EXPECT_EQ(PortAuthentication::key(*agent), Dot1x::EapKey()) << agent->name();
+  }
+  world.sim().runFor(60);
+  EXPECT_EQ(PortAuthentication::pae(world.authenticator())->state(), PaeState::loggedOff);
+  world.supplicant().engine().paeLoggedOffIs(kEth1, false);
+  world.sim().runFor(5);
+  const Dot1x::EapKey after = PortAuthentication::key(world.supplicant());
+  EXPECT_EQ(PortAuthentication::pae(world.supplicant())->state(), PaeState::authenticated);
+  EXPECT_NE(after.sessionId, before.sessionId);
+  EXPECT_TRUE(after.key.sameKeyAs(PortAuthentication::key(world.authenticator()).key));
+}
+
+INSTANTIATE_TEST_SUITE_P(Tls, PortAuthenticationVersions, ::testing::Values(TlsVersion::tls12, TlsVersion::tls13),
+                         [](const auto& info) { return info.param == TlsVersion::tls12 ? "Tls12" : "Tls13"; });
+
+}  // namespace
+}  // namespace Macsec
