@@ -168,11 +168,28 @@ move_pn() {
   ip -n "$peer" macsec set "$peer_link" rx sci "$sci" sa "$an" "$3" "$2" on &&
     ip -n "$1" macsec set "msveth-$(echo "$1" | tr AB ab)" tx sa "$an" "$3" "$2" on || fail "the PN of $1 could not be set"
 }
-# pings_added: pings_over, with the figures added up in ALL_SENT and ALL_LOST; none may be lost.
+# sa_summary NS: NS's SAs in one line, for a failure to show where frames went: the association
+# number it sends with, each SA's next packet number (its low 32 bits), and the counters of frames
+# refused that are not 0.
+sa_summary() {
+  ip -s -n "$1" macsec show 2>/dev/null | awk '
+    /TXSC:/ { printf "sends on %s;", $NF; side = "tx"; next }
+    /RXSC:/ { sci = $2; sub(",", "", sci); printf " from %s:", sci; side = "rx"; next }
+    /^ +[0-3]: PN / { an = $1; sub(":", "", an); pn = $3; sub(",.*", "", pn); printf " %s%s@%s", side, an, pn; next }
+    /stats:/ { count = split($0, names) - 1; for (i = 1; i <= count; i++) name[i] = names[i + 1]; values = 1; next }
+    values {
+      for (i = 1; i <= NF && i <= count; i++)
+        if ($i != 0 && name[i] ~ /Late|Invalid|NotValid|NotUsingSA|UnusedSA|NoSCI|UnknownSCI|BadTag|Overrun/) printf " %s=%s", name[i], $i
+      values = 0
+    }'
+}
+# pings_added PHASE: pings_over, with the figures added up in ALL_SENT and ALL_LOST; none may be
+# lost. A loss names the phase, each side's key, and its SAs.
 pings_added() {
   pings_over
   ALL_SENT=$((ALL_SENT + SENT)) ALL_LOST=$((ALL_LOST + LOST)) ALL_LATE=$((ALL_LATE + LATE))
-  [ "$LOST" = 0 ] || fail "$LOST of $SENT pings lost as keys wore out: $GAPS"
+  [ "$LOST" = 0 ] || fail "$LOST of $SENT pings lost as keys wore out, $1: $GAPS;" \
+    "A (key $(key_of A)): $(sa_summary A); B (key $(key_of B)): $(sa_summary B)"
 }
 
 # exhaust_packet_numbers SUITE NEAR WORN pn|xpn: a session of SUITE without a rekey period. The
@@ -196,13 +213,13 @@ exhaust_packet_numbers() {
     move_pn "$ns" "$near" "$pn_kind"
     pings B 10.66.0.1 10
     wait_for 15 eval 'at_least "$($shown)" "$near"' || fail "A's view shows $ns at PN $($shown), not $near"
-    pings_added
+    pings_added "$ns near the mark"
     [ "$(key_of A)" = "$key" ] || fail "a new key at PN $near of $ns"
     move_pn "$ns" "$worn_pn" "$pn_kind"
     pings B 10.66.0.1 15
     wait_for 15 eval '[ "$(key_of A)" != "$key" ] && [ "$(key_of B)" = "$(key_of A)" ]' ||
       fail "no new key after $ns reached PN $worn_pn (key $key)"
-    pings_added
+    pings_added "$ns past the mark"
     worn=$((worn + 1))
     [ "$(show A | tr -d ' \n' | sed -n 's/.*"pn-exhaustions":\([0-9]*\).*/\1/p')" = "$worn" ] ||
       fail "A does not count $worn worn keys: $(show A | grep pn-exhaustions)"
