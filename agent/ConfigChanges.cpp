@@ -18,6 +18,8 @@ std::string textOf(const typename S::Type& value) {
     return "?";
   } else if constexpr (std::is_same_v<typename S::Type, bool>) {
     return value ? "true" : "false";
+  } else if constexpr (std::is_same_v<typename S::Type, Zef::String>) {
+    return value.empty() ? "none" : "\"" + value.stdString() + "\"";
   } else {
     return std::to_string(value);
   }

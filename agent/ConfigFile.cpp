@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <span>
 #include <string_view>
 #include <type_traits>
 #include <utility>
@@ -42,12 +43,18 @@ class Reader {
   ConfigFile read() {
     ConfigFile file;
     file.path = path_;
-    onlyKnown(root_, "", {"global", "keychain", "profile", "interface"});
+    onlyKnown(root_, "", {"global", "keychain", "eap", "profile", "interface"});
     if (toml::node* global = root_.get("global")) readGlobal(file, table(*global, "global"));
     if (toml::node* chains = root_.get("keychain")) {
       for (auto&& [name, node] : table(*chains, "keychain")) {
         const std::string field = "keychain." + std::string(name.str());
         file.keyChains[std::string(name.str())] = readKeyChain(table(node, field), field);
+      }
+    }
+    if (toml::node* eaps = root_.get("eap")) {
+      for (auto&& [name, node] : table(*eaps, "eap")) {
+        const std::string field = "eap." + std::string(name.str());
+        file.eaps[std::string(name.str())] = readEap(table(node, field), field);
       }
     }
     if (toml::node* profiles = root_.get("profile")) {
@@ -157,6 +164,14 @@ class Reader {
         fail(*t.get("key-chain"), field + ".key-chain", "no key chain named " + *chain);
       file.profileKeyChains[name] = *chain;
     }
+    if (profile->dot1xEnabled()) {
+      const std::string eap = profile->eap().stdString();
+      for (const char* own : {"ckn", "cak", "cak-file", "key-chain"}) {
+        if (t.get(own))
+          fail(*t.get(own), join(field, own), "the profile's keys come from eap." + eap + ": no key of its own");
+      }
+      if (!file.eaps.contains(eap)) fail(*t.get("eap"), field + ".eap", "no eap section named " + eap);
+    }
     profile->keyIs(key(t, field, "ckn", "cak", "cak-file"));
     profile->defaultKeyIs(key(t, field, "fallback-ckn", "fallback-cak", "fallback-cak-file"));
     // A key needs a few seconds to go into service: out to every member, installed, reported back
@@ -201,6 +216,9 @@ class Reader {
     if constexpr (std::is_same_v<Type, bool>) {
       if (!node->is_boolean()) fail(*node, where, "must be true or false");
       S::set(profile, node->as_boolean()->get());
+    } else if constexpr (std::is_same_v<Type, Zef::String>) {
+      if (!node->is_string() || node->as_string()->get().empty()) fail(*node, where, "must be a name in quotes");
+      S::set(profile, Zef::String(node->as_string()->get()));
     } else if constexpr (requires { S::names; }) {
       std::vector<std::string> names;
       for (const auto& [name, value] : S::names) {
@@ -225,6 +243,150 @@ class Reader {
         S::set(profile, static_cast<Type>(value));
       }
     }
+  }
+
+  // An [eap.NAME] section: the side, what it proves itself with (loaded here, so that a certificate
+  // that cannot serve is refused with the file), and the periods of its side.
+  Dot1x::PaeSettings readEap(toml::table& t, const std::string& field) const {
+    static constexpr std::string_view kSupplicantOnly[] = {"identity", "start-period", "max-start", "auth-period",
+                                                           "held-period"};
+    static constexpr std::string_view kAuthenticatorOnly[] = {"retransmit-period", "max-retransmissions",
+                                                              "quiet-period", "reauth-period"};
+    std::vector<std::string_view> known{
+        "role",     "method",     "ca-file",         "cert-file",      "key-file", "passphrase-file",
+        "crl-file", "peer-names", "tls-min-version", "tls-max-version"};
+    known.insert(known.end(), std::begin(kSupplicantOnly), std::end(kSupplicantOnly));
+    known.insert(known.end(), std::begin(kAuthenticatorOnly), std::end(kAuthenticatorOnly));
+    onlyKnown(t, field, known);
+
+    Dot1x::PaeSettings settings;
+    const std::string* role = text(t, field, "role");
+    if (role == nullptr) fail(t, field + ".role", "missing: \"supplicant\" or \"authenticator\"");
+    if (*role == "authenticator") {
+      settings.role = Dot1x::PaeRole::authenticator;
+    } else if (*role != "supplicant") {
+      fail(*t.get("role"), field + ".role", "must be \"supplicant\" or \"authenticator\"");
+    }
+    const bool supplicant = settings.role == Dot1x::PaeRole::supplicant;
+    for (std::string_view other : supplicant ? std::span<const std::string_view>(kAuthenticatorOnly)
+                                             : std::span<const std::string_view>(kSupplicantOnly)) {
+      if (t.get(other)) {
+        fail(*t.get(other), join(field, other),
+             supplicant ? "takes effect only for an authenticator" : "takes effect only for a supplicant");
+      }
+    }
+    if (const std::string* method = text(t, field, "method"); method && *method != "tls") {
+      fail(*t.get("method"), field + ".method", "must be \"tls\", the one method mkad has");
+    }
+    if (supplicant) {
+      const std::string* identity = text(t, field, "identity");
+      if (identity == nullptr || identity->empty())
+        fail(t, field + ".identity", "missing: the identity the supplicant gives");
+      settings.identity = *identity;
+      settings.startPeriod = whole(t, field, "start-period", 1, 3600, settings.startPeriod);
+      settings.maxStart = whole(t, field, "max-start", 1, 100, settings.maxStart);
+      settings.authPeriod = whole(t, field, "auth-period", 1, 3600, settings.authPeriod);
+      settings.heldPeriod = whole(t, field, "held-period", 1, 3600, settings.heldPeriod);
+    } else {
+      settings.retransmitPeriod = whole(t, field, "retransmit-period", 1, 3600, settings.retransmitPeriod);
+      settings.maxRetransmissions = whole(t, field, "max-retransmissions", 0, 100, settings.maxRetransmissions);
+      settings.quietPeriod = whole(t, field, "quiet-period", 1, 3600, settings.quietPeriod);
+      settings.reauthPeriod = whole(t, field, "reauth-period", 0, 31536000, settings.reauthPeriod);
+      // An exchange may take some retransmissions; one that never ends before the next begins
+      // would never let a port keep its key.
+      constexpr uint32_t kShortestReauthPeriod = 30;
+      if (settings.reauthPeriod != 0 && settings.reauthPeriod < kShortestReauthPeriod) {
+        fail(*t.get("reauth-period"), field + ".reauth-period",
+             "0 (never) or at least " + std::to_string(kShortestReauthPeriod) + " seconds");
+      }
+    }
+
+    Dot1x::TlsCredentials credentials;
+    credentials.caFile = givenFile(t, field, "ca-file", true);
+    credentials.certFile = givenFile(t, field, "cert-file", true);
+    credentials.keyFile = givenFile(t, field, "key-file", true);
+    ::close(openOwnerOnly(credentials.keyFile, *t.get("key-file"), field + ".key-file"));
+    if (const std::string* passphraseFile = text(t, field, "passphrase-file")) {
+      std::string clear = readKeyFile(*passphraseFile, *t.get("passphrase-file"), field + ".passphrase-file");
+      credentials.passphrase = KeyBytes(reinterpret_cast<const uint8_t*>(clear.data()), clear.size());
+      wipe(clear);
+    }
+    credentials.crlFile = givenFile(t, field, "crl-file", false);
+    if (toml::node* names = t.get("peer-names")) {
+      toml::array* list = names->as_array();
+      if (list == nullptr || list->empty()) fail(*names, field + ".peer-names", "must be a list of names in quotes");
+      for (toml::node& name : *list) {
+        if (!name.is_string() || name.as_string()->get().empty())
+          fail(name, field + ".peer-names", "must be names in quotes");
+        credentials.peerNames.push_back(name.as_string()->get());
+      }
+    }
+    credentials.minVersion = tlsVersion(t, field, "tls-min-version", Dot1x::TlsVersion::tls12);
+    credentials.maxVersion = tlsVersion(t, field, "tls-max-version", Dot1x::TlsVersion::tls13);
+    if (credentials.minVersion > credentials.maxVersion) {
+      fail(*t.get("tls-min-version"), field + ".tls-min-version", "must not be above tls-max-version");
+    }
+
+    settings.tlsSource = tlsSource(credentials, settings.role);
+    std::string error;
+    const Dot1x::TlsContext::Side side = supplicant ? Dot1x::TlsContext::Side::peer : Dot1x::TlsContext::Side::server;
+    settings.tls = Dot1x::TlsContext::load(std::move(credentials), side, error);
+    if (!settings.tls) fail(*t.get("cert-file"), field, error);
+    if (const std::string problem = settings.tls->ownCertificateProblem(); !problem.empty()) {
+      fail(*t.get("cert-file"), field + ".cert-file", problem);
+    }
+    return settings;
+  }
+
+  // A whole number of the section in [lowest, highest], or `otherwise` if absent.
+  uint32_t whole(toml::table& t, const std::string& field, std::string_view key, int64_t lowest, int64_t highest,
+                 uint32_t otherwise) const {
+    toml::node* node = t.get(key);
+    if (node == nullptr) return otherwise;
+    if (!node->is_integer() || node->as_integer()->get() < lowest || node->as_integer()->get() > highest) {
+      fail(*node, join(field, key),
+           "must be a whole number from " + std::to_string(lowest) + " to " + std::to_string(highest));
+    }
+    return static_cast<uint32_t>(node->as_integer()->get());
+  }
+
+  Dot1x::TlsVersion tlsVersion(toml::table& t, const std::string& field, std::string_view key,
+                               Dot1x::TlsVersion otherwise) const {
+    const std::string* version = text(t, field, key);
+    if (version == nullptr) return otherwise;
+    if (*version == "1.2") return Dot1x::TlsVersion::tls12;
+    if (*version == "1.3") return Dot1x::TlsVersion::tls13;
+    fail(*t.get(key), join(field, key), "must be \"1.2\" or \"1.3\"");
+  }
+
+  // The path of a file the section names, from the configuration file's directory unless it is
+  // absolute; empty if an optional one is absent.
+  std::string givenFile(toml::table& t, const std::string& field, std::string_view key, bool required) const {
+    const std::string* given = text(t, field, key);
+    if (given == nullptr) {
+      if (required) fail(t, join(field, key), "missing: the section needs it");
+      return std::string();
+    }
+    if (given->empty()) fail(*t.get(key), join(field, key), "must be a file name");
+    return fromConfigDirectory(*given);
+  }
+
+  // What a TLS context is loaded from, as text: the side, the options, and each file with the time
+  // it last changed, so that a reload that finds them all the same keeps the context it has.
+  static std::string tlsSource(const Dot1x::TlsCredentials& c, Dot1x::PaeRole role) {
+    std::string source = std::string(Dot1x::paeRoleText(role)) + " " + Dot1x::tlsVersionText(c.minVersion) + "-" +
+                         Dot1x::tlsVersionText(c.maxVersion);
+    for (const std::string& name : c.peerNames) source += " " + name;
+    for (const std::string* file : {&c.caFile, &c.certFile, &c.keyFile, &c.crlFile}) {
+      struct stat st {};
+      const bool known = !file->empty() && ::stat(file->c_str(), &st) == 0;
+      source += " " + *file + "@" +
+                (known ? std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec) + ":" +
+                             std::to_string(st.st_size)
+                       : "-");
+    }
+    // The passphrase counts by whether there is one: its text is no part of any record.
+    return source + (c.passphrase.size() > 0 ? " locked" : "");
   }
 
   // A chain's keys, each with its times, in the order of their starts.
@@ -334,11 +496,13 @@ class Reader {
     return Cak{name, StoredKey::of(octets)};
   }
 
-  // The text of a key file, without surrounding white space. Refused, as an SSH server refuses its
-  // keys, unless it is a regular file that only its owner may read.
-  // A relative path is taken from the configuration file's directory, wherever mkad runs.
-  std::string readKeyFile(const std::string& given, const toml::node& node, const std::string& field) const {
-    const std::string file = std::filesystem::path(path_).parent_path().append(given).string();
+  std::string fromConfigDirectory(const std::string& given) const {
+    return std::filesystem::path(path_).parent_path().append(given).string();
+  }
+
+  // A key file opened for reading, refused unless it is a regular file that only its owner may
+  // read; the caller closes it.
+  int openOwnerOnly(const std::string& file, const toml::node& node, const std::string& field) const {
     const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) fail(node, field, "cannot read key file " + file + ": " + std::strerror(errno));
     struct stat st {};
@@ -350,6 +514,15 @@ class Reader {
       ::close(fd);
       fail(node, field, "key file " + file + " is open to group or others; make it readable by its owner alone");
     }
+    return fd;
+  }
+
+  // The text of a key file, without surrounding white space. Refused, as an SSH server refuses its
+  // keys, unless it is a regular file that only its owner may read.
+  // A relative path is taken from the configuration file's directory, wherever mkad runs.
+  std::string readKeyFile(const std::string& given, const toml::node& node, const std::string& field) const {
+    const std::string file = fromConfigDirectory(given);
+    const int fd = openOwnerOnly(file, node, field);
     std::string content(kLongestKeyFile + 1, '\0');
     const ssize_t got = ::read(fd, content.data(), content.size());
     ::close(fd);

@@ -25,6 +25,21 @@
 //   [profile.lab]
 //   key-chain = "lab"                          # instead of ckn and cak
 //
+//   [eap.campus]                               # 802.1X with EAP-TLS: keys from the exchange
+//   role = "supplicant"                        # or "authenticator", its own EAP server
+//   method = "tls"                             # the one method
+//   identity = "host.example"                  # the supplicant's EAP identity
+//   ca-file = "ca.pem"                         # the authorities that sign the peer's certificate
+//   cert-file = "host.pem"                     # this side's certificate (and intermediate ones)
+//   key-file = "host.key"                      # its key, readable by its owner alone
+//   passphrase-file = "host.pass"              # the key's passphrase, if it has one; owner alone
+//   crl-file = "crl.pem"                       # revoked certificates, if any
+//   peer-names = ["switch.example"]            # names one of which the peer's certificate carries
+//   tls-min-version = "1.2"                    # and tls-max-version, "1.2" or "1.3"
+//   ...                                        # the periods of the side (see mkad.toml(5))
+//   [profile.campus]
+//   eap = "campus"                             # instead of ckn and cak
+//
 //   [interface.eth0]
 //   profile = "office"
 //   macsec-name = "mseth0"                     # the kernel data plane's MACsec link
@@ -41,6 +56,7 @@
 #include <vector>
 
 #include "agent/KeyChain.h"
+#include "dot1x/PaeSettings.h"
 #include "model/Config.h"
 #include "model/Values.h"
 
@@ -79,6 +95,9 @@ struct ConfigFile {
   // profile's key is the chain's key in use, which chainKeysAre() puts in.
   std::map<std::string, KeyChain> keyChains;
   std::map<std::string, std::string> profileKeyChains;
+  // The 802.1X settings of each [eap.NAME] section, their TLS context loaded; a profile names the
+  // one its keys come from (Profile::eap).
+  std::map<std::string, Dot1x::PaeSettings> eaps;
   // Each configured interface and the profile it runs.
   std::map<std::string, std::string> interfaces;
   // Each configured interface's MACsec link in the kernel data plane: "ms" and the interface's

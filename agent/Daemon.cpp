@@ -310,7 +310,20 @@ void Daemon::interfaceIs(const LinkState& link) {
     resumed = resume(intf, link);
   }
   engine_->linkedInterfaceIs(Lanx::IntfId(link.name), link.addr, 1, link.up ? Interface::linkUp : Interface::linkDown);
+  portAuthenticationIs(link.name);
   if (resumed) engine_->as([&] { kernel_->adopted(Lanx::IntfId(link.name)); });
+}
+
+void Daemon::portAuthenticationIs(const std::string& name) {
+  // A profile whose keys come from 802.1X runs a port access entity of its EAP settings; the
+  // engine keeps one whose settings are the same as they were.
+  const Lanx::IntfId intf(name);
+  const Profile& profile = *config_.profiles.at(config_.interfaces.at(name));
+  if (!profile.dot1xEnabled()) {
+    engine_->paeDel(intf);
+    return;
+  }
+  engine_->paeIs(intf, config_.eaps.at(profile.eap().stdString()));
 }
 
 void Daemon::interfaceDel(const std::string& name) {
@@ -330,7 +343,10 @@ void Daemon::interfacesFollowConfig() {
   }
   for (const std::string& name : unconfigured) interfaceDel(name);
   for (const auto& [name, profile] : config_.interfaces) {
-    if (running_.contains(name)) continue;
+    if (running_.contains(name)) {
+      portAuthenticationIs(name);
+      continue;
+    }
     if (const auto link = links_.find(name); link != links_.end()) {
       interfaceIs(link->second);
     } else {

@@ -92,6 +92,9 @@ class Daemon {
   // Starts or follows MKA on a configured interface that the kernel has, and stops it.
   void interfaceIs(const LinkState& link);
   void interfaceDel(const std::string& name);
+  // Runs 802.1X on a running interface if its profile's keys come from it, with its EAP settings;
+  // stops it if not.
+  void portAuthenticationIs(const std::string& name);
   // Brings the running interfaces in line with the configured ones, after the configuration
   // changed.
   void interfacesFollowConfig();

@@ -99,6 +99,8 @@ nlohmann::json settingsReport(const Profile& profile) {
       for (const auto& [name, value] : S::names) {
         if (value == S::of(profile)) field = std::string(name);
       }
+    } else if constexpr (std::is_same_v<typename S::Type, Zef::String>) {
+      field = S::of(profile).stdString();
     } else {
       field = S::of(profile);
     }

@@ -1,6 +1,18 @@
 #include "dot1x/PaeSettings.h"
 
+#include <tuple>
+
 namespace Dot1x {
+
+bool PaeSettings::operator==(const PaeSettings& other) const {
+  const auto fields = [](const PaeSettings& s) {
+    return std::tie(s.role, s.identity, s.tlsSource, s.fragmentOctets, s.startPeriod, s.maxStart, s.authPeriod,
+                    s.heldPeriod, s.retransmitPeriod, s.maxRetransmissions, s.quietPeriod, s.reauthPeriod);
+  };
+  if (fields(*this) != fields(other)) return false;
+  // Without a source to compare, only the same loading is the same.
+  return !tlsSource.empty() || tls == other.tls;
+}
 
 std::ostream& operator<<(std::ostream& out, const PaeSettings& settings) {
   out << settings.role;

@@ -18,8 +18,11 @@ struct PaeSettings {
   PaeRole role = PaeRole::supplicant;
   // The identity the supplicant gives in its EAP Response/Identity.
   std::string identity;
-  // The certificates, key and trust of this side, loaded for its role (peer or server).
+  // The certificates, key and trust of this side, loaded for its role (peer or server), and what
+  // they were loaded from: two settings with the same source are the same settings, whichever
+  // loading of it each holds.
   std::shared_ptr<const TlsContext> tls;
+  std::string tlsSource;
   // The longest EAP-TLS fragment sent, in octets: an EAPOL frame of it fits a 1500-octet MTU.
   size_t fragmentOctets = 1400;
 
@@ -39,7 +42,7 @@ struct PaeSettings {
   uint32_t quietPeriod = 60;
   uint32_t reauthPeriod = 3600;
 
-  bool operator==(const PaeSettings&) const = default;
+  bool operator==(const PaeSettings& other) const;
 };
 std::ostream& operator<<(std::ostream& out, const PaeSettings& settings);
 

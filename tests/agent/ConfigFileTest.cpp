@@ -13,6 +13,7 @@
 
 #include "agent/ConfigChanges.h"
 #include "agent/ConfigFile.h"
+#include "tests/dot1x/TestPki.h"
 
 namespace Macsec {
 namespace {
@@ -115,7 +116,7 @@ TEST(ConfigFile, AFileAppliedAgainWritesOnlyWhatChanged) {
       "[global]\ndelay-protection = true\n\n" + office("cak = \"" + kCak + "\"") +
       "\n[profile.lab]\nckn = \"01\"\ncak-file = \"" + ownKey +
       "\"\ncipher-suite = \"gcm-aes-256\"\nkey-server-priority = 3\nsecurity-policy = \"should-secure\"\n"
-      "\n[profile.spare]\neap = true\n\n[interface.eth1]\nprofile = \"lab\"\n";
+      "\n[profile.spare]\nkey-retire = true\n\n[interface.eth1]\nprofile = \"lab\"\n";
   const ConfigFile file = parseConfigText(first, "mkad.conf");
   // A file that names no data plane gets the kernel's, which protects traffic.
   EXPECT_EQ(file.dataPlane, DataPlane::kernel);
@@ -129,7 +130,7 @@ TEST(ConfigFile, AFileAppliedAgainWritesOnlyWhatChanged) {
   EXPECT_EQ(lab->cipherSuite(), cipherSuiteGcmAes256);
   EXPECT_TRUE(lab->allowUnprotected());
   EXPECT_EQ(lab->keyServerPriority(), 3);
-  EXPECT_TRUE(source->profile(Zef::Name("spare"))->dot1xEnabled());
+  EXPECT_TRUE(source->profile(Zef::Name("spare"))->keyRetire());
   EXPECT_EQ(source->intfConfig(Lanx::IntfId("eth1"))->profileName(), Zef::String("lab"));
 
   // Read again, the same file writes nothing: not even a new stored form of an unchanged key.
@@ -163,6 +164,76 @@ TEST(ConfigFile, AFileAppliedAgainWritesOnlyWhatChanged) {
 
 // A chain's keys by their times: the key in use at each moment, the next rollover, and what is
 // wrong with the schedule, said before it happens.
+TEST(ConfigFile, AnEapSectionLoadsItsCertificatesAndRefusesOnesThatCannotServe) {
+  const Dot1x::Testing::TestPki pki;
+  // The PKI's key files are the owner's alone, as the daemon wants them.
+  for (const char* key : {"client.key", "server.key", "expired.key", "misnamed.key", "locked.key"}) {
+    ::chmod(pki.file(key).c_str(), 0600);
+  }
+  const std::string passphrase = keyFile("passphrase", "open sesame", 0600);
+  const auto section = [&](const std::string& name, const std::string& role, const std::string& certificate,
+                           const std::string& extra) {
+    return "[eap." + name + "]\nrole = \"" + role + "\"\nca-file = \"" + pki.file("ca.pem") + "\"\ncert-file = \"" +
+           pki.file(certificate + ".pem") + "\"\nkey-file = \"" + pki.file(certificate + ".key") + "\"\n" + extra;
+  };
+  const std::string supplicant = section("host", "supplicant", "client",
+                                         "identity = \"host.example\"\npeer-names = [\"server.example\"]\n"
+                                         "start-period = 5\nheld-period = 20\n");
+  const std::string authenticator =
+      section("switch", "authenticator", "server", "tls-min-version = \"1.3\"\nreauth-period = 600\n");
+  const ConfigFile file = parseConfigText(supplicant + authenticator +
+                                              "[profile.campus]\neap = \"host\"\n[interface.eth0]\nprofile = "
+                                              "\"campus\"\n",
+                                          "mkad.conf");
+  const Dot1x::PaeSettings& host = file.eaps.at("host");
+  EXPECT_EQ(host.role, Dot1x::PaeRole::supplicant);
+  EXPECT_EQ(host.identity, "host.example");
+  EXPECT_EQ(host.startPeriod, 5u);
+  EXPECT_EQ(host.heldPeriod, 20u);
+  EXPECT_TRUE(host.tls);
+  EXPECT_EQ(file.eaps.at("switch").role, Dot1x::PaeRole::authenticator);
+  EXPECT_EQ(file.eaps.at("switch").reauthPeriod, 600u);
+  EXPECT_TRUE(file.profiles.at("campus")->dot1xEnabled());
+  // Read again from the same files, the settings are the same: a reload keeps the exchange.
+  EXPECT_EQ(parseConfigText(supplicant, "mkad.conf").eaps.at("host"), host);
+  const std::string locked = "[eap.host]\nrole = \"supplicant\"\nidentity = \"h\"\nca-file = \"" + pki.file("ca.pem") +
+                             "\"\ncert-file = \"" + pki.file("client.pem") + "\"\nkey-file = \"" +
+                             pki.file("locked.key") + "\"\n";
+  EXPECT_TRUE(parseConfigText(locked + "passphrase-file = \"" + passphrase + "\"\n", "mkad.conf").eaps.at("host").tls);
+
+  ::chmod(pki.file("misnamed.key").c_str(), 0640);
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"[eap.host]\nca-file = \"ca.pem\"\n", "mkad.conf:1: eap.host.role: missing"},
+      {"[eap.host]\nrole = \"peer\"\n", "mkad.conf:2: eap.host.role: must be \"supplicant\" or \"authenticator\""},
+      {section("host", "supplicant", "client", "identity = \"h\"\nquiet-period = 5\n"),
+       "mkad.conf:7: eap.host.quiet-period: takes effect only for an authenticator"},
+      {section("host", "authenticator", "server", "identity = \"h\"\n"),
+       "mkad.conf:6: eap.host.identity: takes effect only for a supplicant"},
+      {section("host", "supplicant", "client", ""), "mkad.conf:1: eap.host.identity: missing"},
+      {section("host", "supplicant", "client", "identity = \"h\"\nmethod = \"md5\"\n"),
+       "mkad.conf:7: eap.host.method: must be \"tls\""},
+      {section("host", "authenticator", "server", "reauth-period = 10\n"),
+       "mkad.conf:6: eap.host.reauth-period: 0 (never) or at least 30 seconds"},
+      {section("host", "authenticator", "server", "tls-min-version = \"1.3\"\ntls-max-version = \"1.2\"\n"),
+       "mkad.conf:6: eap.host.tls-min-version: must not be above tls-max-version"},
+      {section("host", "authenticator", "misnamed", ""),
+       "mkad.conf:5: eap.host.key-file: key file " + pki.file("misnamed.key") + " is open to group or others"},
+      {section("host", "authenticator", "expired", ""), "mkad.conf:4: eap.host.cert-file: the certificate has expired"},
+      {locked, "mkad.conf:5: eap.host: " + pki.file("locked.key") + ": cannot read the private key"},
+      {"[eap.host]\nrole = \"supplicant\"\nidentity = \"h\"\nca-file = \"/nonexistent.pem\"\ncert-file = \"" +
+           pki.file("client.pem") + "\"\nkey-file = \"" + pki.file("client.key") + "\"\n",
+       "mkad.conf:5: eap.host: "},
+      {"[profile.campus]\neap = true\n", "mkad.conf:2: profile.campus.eap: must be a name in quotes"},
+      {"[profile.campus]\neap = \"host\"\n", "mkad.conf:2: profile.campus.eap: no eap section named host"},
+      {supplicant + "[profile.campus]\neap = \"host\"\nckn = \"" + kCkn + "\"\ncak = \"" + kCak + "\"\n",
+       "mkad.conf:12: profile.campus.ckn: the profile's keys come from eap.host: no key of its own"},
+  };
+  for (const auto& [text, expected] : cases) {
+    const std::string error = errorOf(text);
+    EXPECT_EQ(error.rfind(expected, 0), 0u) << "got: " << error << "\nfor:\n" << text;
+  }
+}
+
 TEST(ConfigFile, AKeyChainRunsTheKeyInUseAndSaysWhatIsWrongBeforeItHappens) {
   const std::string chain =
       "[keychain.lab]\n"

@@ -168,7 +168,7 @@ TEST_F(Configuration, AProfileWithDot1xTakesTheKeyDerivedFromEachInterfacesEapEx
   const Lanx::EthAddr high({0x00, 0xd0, 0xb7, 0x1a, 0x77, 0x17});
   eapKeys->keyIs(eth1, Dot1x::EapKey{Dot1x::dot1xTypeSupplicant, StoredKey::ofHex(msk), session, high, low});
   const Zef::Ptr<Profile> a = profileOf("a", {eth1, eth2});
-  a->dot1xEnabledIs(true);
+  a->eapIs("campus");
   const Zef::Ptr<ConfigSm> sm = configSm();
 
   const Zef::Ptr<IntfStatus> intf = status->intfStatus(eth1);

@@ -43,7 +43,7 @@ class PortAuthentication {
       config.runPort = true;
       config.mac = Lanx::EthAddr({2, 0, 0, 0, 0, static_cast<uint8_t>(last)});
       agent.interfaceIs(kEth1, config);
-      agent.engine().as([&] { agent.profile(kEth1)->dot1xEnabledIs(true); });
+      agent.engine().as([&] { agent.profile(kEth1)->eapIs("campus"); });
     }
     link_ = &sim_.linkIs(supplicant(), kEth1, authenticator(), kEth1);
   }

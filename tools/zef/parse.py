@@ -162,7 +162,8 @@ def parse_setting(text, where):
     whole = attr.type in ("uint8_t", "uint16_t", "uint32_t", "uint64_t")
     if whole and not (attr.range or attr.only):
         raise ZefError(f"{where}: setting {attr.name} is a whole number: give its 'range' or 'only'")
-    if not whole and attr.type != "bool" and not attr.names:
+    # A name (Zef::String) is text the file gives, naming another part of it.
+    if not whole and attr.type not in ("bool", "Zef::String") and not attr.names:
         raise ZefError(f"{where}: setting {attr.name} of type {attr.type} needs its 'names'")
     return attr
 
