@@ -491,6 +491,16 @@ nlohmann::json Daemon::answer(const nlohmann::json& request) {
     engine_->counters()->msgCounterSnapshotIs(row);
     return {{"ok", true}};
   }
+  if (*command == "reauthenticate") {
+    const auto intf = request.find("interface");
+    if (intf == request.end() || !intf->is_string() || !config_.interfaces.contains(intf->get<std::string>())) {
+      return {{"error", "no such interface is configured"}};
+    }
+    if (!engine_->paeReauthenticate(Lanx::IntfId(intf->get<std::string>()))) {
+      return {{"error", "the interface does not authenticate: its profile names no eap section"}};
+    }
+    return {{"ok", true}};
+  }
   if (*command == "shutdown") {
     const auto teardown = request.find("teardown");
     stopAsked_ = teardown != request.end() && *teardown == true ? DaemonStop::teardown : DaemonStop::handOver;
@@ -531,6 +541,9 @@ nlohmann::json Daemon::show() {
     nlohmann::json report =
         interfaceReport(*engine_, intf, running_.contains(name), config_.dataPlane, history_.of(intf),
                         counts == kernelCounts.end() ? nullptr : &counts->second);
+    if (const Zef::Ptr<Dot1x::PaePortStatus const> pae = engine_->paeStatus()->port(intf)) {
+      report["authentication"] = authenticationReport(*pae);
+    }
     if (const auto chain = config_.profileKeyChains.find(profile); chain != config_.profileKeyChains.end()) {
       report["key-chain"] =
           keyChainReport(chain->second, config_.keyChains.at(chain->second), Zef::System::currentTimeUtc());

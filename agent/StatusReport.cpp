@@ -242,6 +242,70 @@ nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, b
   return report;
 }
 
+namespace {
+
+// A count by a small number's name, for the numbers that have one: what IEEE 802.1X and RFC 3748
+// call them.
+template <class Count, class Name>
+nlohmann::json countsByName(Count count, Name name, uint8_t last) {
+  nlohmann::json report = nlohmann::json::object();
+  for (unsigned number = 0; number <= last; ++number) {
+    if (const uint64_t n = count(static_cast<uint8_t>(number))) report[name(static_cast<uint8_t>(number))] = n;
+  }
+  return report;
+}
+
+const char* eapCodeName(uint8_t code) {
+  static constexpr const char* kNames[] = {"other", "request", "response", "success", "failure"};
+  return code < std::size(kNames) ? kNames[code] : "other";
+}
+
+// Counts by reason, from an iterator over them.
+template <class Iterator>
+nlohmann::json byReason(Iterator it) {
+  nlohmann::json report = nlohmann::json::object();
+  for (; it; ++it) report[it.key().stdString()] = it.value();
+  return report;
+}
+
+}  // namespace
+
+nlohmann::json authenticationReport(const Dot1x::PaePortStatus& pae) {
+  const auto when = [](double engineTime) {
+    return engineTime > 0 ? nlohmann::json(rfc3339(utcOf(engineTime))) : nlohmann::json(nullptr);
+  };
+  const bool succeeded = pae.successes() > 0;
+  nlohmann::json report{
+      {"role", Dot1x::paeRoleText(pae.role())},
+      {"state", Dot1x::paeStateText(pae.state())},
+      {"reauthenticating", pae.reauthenticating()},
+      {"method", "tls"},
+      {"peer-identity",
+       pae.peerIdentity().empty() ? nlohmann::json(nullptr) : nlohmann::json(pae.peerIdentity().stdString())},
+      {"peer-subject", succeeded ? nlohmann::json(pae.peerSubject().stdString()) : nlohmann::json(nullptr)},
+      {"tls-version", succeeded ? nlohmann::json(Dot1x::tlsVersionText(pae.tlsVersion())) : nlohmann::json(nullptr)},
+      {"authenticated-at", when(pae.authenticatedAt())},
+      {"next-reauthentication", when(pae.nextReauthAt())},
+      {"last-failure", pae.lastFailure().empty() ? nlohmann::json(nullptr)
+                                                 : nlohmann::json{{"reason", pae.lastFailure().stdString()},
+                                                                  {"at", rfc3339(utcOf(pae.lastFailureAt()))}}},
+  };
+  const auto eapolName = [](uint8_t type) {
+    return std::string(Dot1x::eapolTypeText(static_cast<Dot1x::EapolType>(type)));
+  };
+  const auto last = static_cast<uint8_t>(Dot1x::kEapolTypes - 1);
+  report["counters"] = {
+      {"eapol-received", countsByName([&](uint8_t t) { return pae.eapolReceived(t); }, eapolName, last)},
+      {"eapol-sent", countsByName([&](uint8_t t) { return pae.eapolSent(t); }, eapolName, last)},
+      {"eap-received", countsByName([&](uint8_t c) { return pae.eapReceived(c); }, eapCodeName, 4)},
+      {"eap-sent", countsByName([&](uint8_t c) { return pae.eapSent(c); }, eapCodeName, 4)},
+      {"discarded", byReason(pae.discardedIter())},
+      {"failures", byReason(pae.failuresIter())},
+      {"successes", pae.successes()},
+  };
+  return report;
+}
+
 nlohmann::json countersReport(const Engine& engine, const Lanx::IntfId& intf, bool sinceCleared) {
   const Zef::Ptr<Memtab::MessageCounters>& counters = engine.counters();
   const Memtab::MessageCounterData live = counters->row(intf);

@@ -20,6 +20,10 @@ namespace Macsec {
 nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, bool present, DataPlane plane,
                                const SessionHistory::Interface* history, const MacsecLinkCounters* kernel);
 
+// The port's 802.1X authentication: its side and where it stands, who the peer proved to be, when
+// it was authenticated and will be again, the last failure, and what crossed the port.
+nlohmann::json authenticationReport(const Dot1x::PaePortStatus& pae);
+
 // A key chain: the key in use, by its CKN, and the next rollover.
 nlohmann::json keyChainReport(const std::string& name, const KeyChain& chain, double now);
 

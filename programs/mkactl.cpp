@@ -145,6 +145,23 @@ void printWrapped(const std::string& text, const std::string& separator) {
   std::cout << line << "\n";
 }
 
+// The port's 802.1X authentication in words: its side and state, the peer it authenticated, and
+// the last failure.
+void showAuthentication(const Json& auth) {
+  std::string line = "  802.1X " + cell(auth["role"]) + ": " + cell(auth["state"]);
+  if (auth["reauthenticating"].get<bool>()) line += ", re-authenticating";
+  if (!auth["peer-identity"].is_null()) line += ", peer identity " + cell(auth["peer-identity"]);
+  if (!auth["authenticated-at"].is_null()) {
+    line += ", last by " + cell(auth["peer-subject"]) + " with " + cell(auth["tls-version"]) + " at " +
+            cell(auth["authenticated-at"]);
+  }
+  if (!auth["next-reauthentication"].is_null()) line += ", next " + cell(auth["next-reauthentication"]);
+  printWrapped(line, ", ");
+  if (const Json& failure = auth["last-failure"]; !failure.is_null()) {
+    printWrapped("  802.1X last failure: " + cell(failure["at"]) + ", " + cell(failure["reason"]), ", ");
+  }
+}
+
 // One interface in words, below the table.
 void showDetails(const Json& intf) {
   std::cout << "\n" << intf["name"].get<std::string>() << ": " << cell(intf["status"]);
@@ -162,6 +179,7 @@ void showDetails(const Json& intf) {
               << "\n";
     for (const Json& warning : (*chain)["warnings"]) std::cout << "  key chain WARNING: " << cell(warning) << "\n";
   }
+  if (const auto auth = intf.find("authentication"); auth != intf.end()) showAuthentication(*auth);
   std::cout << "  this port: SCI " << cell(intf["sci"]) << ", member " << cell(intf["member-identifier"]) << "\n";
   std::cout << "  CKN: " << cell(intf["ckn"]) << "\n";
   const Json& server = intf["key-server"];
@@ -274,6 +292,8 @@ int main(int argc, char** argv) {
   clear->add_option("what", what, "'counters'")->required()->check(CLI::IsMember({"counters"}));
   clear->add_option("interface", only, "only this interface's");
   CLI::App* metrics = app.add_subcommand("metrics", "the state and counters in the Prometheus text format");
+  CLI::App* reauth = app.add_subcommand("reauth", "authenticate an interface's port with 802.1X anew, now");
+  reauth->add_option("interface", only, "the interface")->required();
   CLI::App* reload = app.add_subcommand("reload", "read the configuration file again and apply it if it is valid");
   bool teardown = false;
   CLI::App* shutdown = app.add_subcommand(
@@ -321,6 +341,9 @@ int main(int argc, char** argv) {
     std::cout << (only.empty() ? "counters cleared\n" : only + "'s counters cleared\n");
   } else if (*metrics) {
     std::cout << ask(socketPath, {{"command", "metrics"}}, true)["text"].get<std::string>();
+  } else if (*reauth) {
+    ask(socketPath, {{"command", "reauthenticate"}, {"interface", only}});
+    std::cout << only << ": authentication begins anew\n";
   } else if (*reload) {
     ask(socketPath, {{"command", "reload"}});
     std::cout << "configuration reloaded\n";

@@ -58,6 +58,33 @@ def profile_text(cak=CAK_128, cipher=None, ckn=CKN):
     return text
 
 
+def make_pki(directory):
+    """An authority and the certificates it signs for a switch and a host, made with the openssl
+    command for this run alone; the keys readable by their owner alone, as mkad wants them."""
+    def run(*args):
+        subprocess.run(["openssl"] + list(args), cwd=directory, check=True, capture_output=True)
+    run("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", "ca.key",
+        "-out", "ca.pem", "-subj", "/CN=Test CA", "-days", "2", "-addext", "basicConstraints=critical,CA:TRUE",
+        "-addext", "keyUsage=critical,keyCertSign,cRLSign")
+    for name in ("switch", "host"):
+        run("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", name + ".key",
+            "-out", name + ".csr", "-subj", "/CN=%s.example" % name)
+        with open(os.path.join(directory, name + ".ext"), "w") as f:
+            f.write("subjectAltName=DNS:%s.example\n" % name)
+        run("x509", "-req", "-in", name + ".csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial",
+            "-out", name + ".pem", "-days", "2", "-extfile", name + ".ext")
+        os.chmod(os.path.join(directory, name + ".key"), 0o600)
+
+
+def eap_profile_text(role, name, peer, extra=""):
+    """A profile whose keys come from EAP-TLS, on the side given, with the certificate of `name`."""
+    text = ('[eap.lab]\nrole = "%s"\nca-file = "ca.pem"\ncert-file = "%s.pem"\nkey-file = "%s.key"\n'
+            'peer-names = ["%s.example"]\n' % (role, name, name, peer))
+    if role == "supplicant":
+        text += 'identity = "%s.example"\n' % name
+    return text + extra + '[profile.lab]\neap = "lab"\n'
+
+
 class Daemon:
     """One mkad, in a network namespace or in the test's own, with its file, socket and log."""
 
@@ -310,6 +337,41 @@ class Sessions(DaemonTest):
         self.assertNotIn("MKAD_CONFIG_CHANGE", pair.a.log_text())
         self.assertIn("MKAD_KEY_CHAIN_WARNING: Key chain lab: key 01 overlaps key 02, which takes over at " + later,
                       pair.a.log_text())
+
+    def test_a_supplicant_and_an_authenticator_secure_the_link_with_keys_from_eap_tls(self):
+        make_pki(self.workdir)
+        for version in ("1.2", "1.3"):
+            with self.subTest(tls=version):
+                extra = 'tls-max-version = "%s"\n' % version
+                pair = Pair(self, eap_profile_text("authenticator", "switch", "host", extra),
+                            eap_profile_text("supplicant", "host", "switch", extra))
+                pair.wait_secured()
+                for daemon in (pair.a, pair.b):
+                    session = daemon.session()
+                    # The CKN is the exchange's, not one of the file.
+                    self.assertRegex(session["ckn"], r"^[0-9a-f]{32}$")
+                    self.assertEqual(session["settings"]["eap"], "lab")
+                self.assertEqual(pair.a.session()["ckn"], pair.b.session()["ckn"])
+                # The authenticator stands first for key server; the supplicant never does.
+                self.assertTrue(pair.a.session()["is-key-server"])
+                for daemon, role, peer in ((pair.a, "authenticator", "host"), (pair.b, "supplicant", "switch")):
+                    auth = daemon.session()["authentication"]
+                    self.assertEqual((auth["role"], auth["state"], auth["tls-version"]),
+                                     (role, "authenticated", "TLS " + version))
+                    self.assertIn("%s.example" % peer, auth["peer-subject"])
+                    self.assertGreater(auth["counters"]["eap-received"]["request" if role == "supplicant" else "response"], 2)
+                    self.assertIn("802.1X %s: authenticated" % role, daemon.ctl("show").stdout)
+                self.assertEqual(pair.a.session()["authentication"]["peer-identity"], "host.example")
+                # A re-authentication asked by the operator brings keys of a new exchange to both ends.
+                first = pair.a.session()["ckn"]
+                self.assertEqual(pair.b.ctl("reauth", "eth-b").returncode, 0)
+                wait_for(lambda: pair.a.session()["authentication"]["counters"]["successes"] == 2, 15,
+                         "a second exchange")
+                wait_for(lambda: pair.a.secured() and pair.b.secured() and
+                         pair.a.session()["ckn"] == pair.b.session()["ckn"] != first, 30,
+                         "both ends secured on the new exchange's key")
+                self.assertIn("no such interface", pair.a.ctl("reauth", "eth-x").stderr)
+                pair.close()
 
     def test_a_peer_with_a_wrong_cak_never_becomes_live_and_its_mkpdus_are_counted(self):
         pair = Pair(self, profile_b=profile_text(OTHER_CAK_128))

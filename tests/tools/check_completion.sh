@@ -22,9 +22,9 @@ expect() {
   fi
 }
 
-expect mkactl "" "--help --socket --version clear metrics reload show shutdown"
+expect mkactl "" "--help --socket --version clear metrics reauth reload show shutdown"
 expect mkactl s "show shutdown"
-expect mkactl --socket /run/mkad/mkad.sock re "reload"
+expect mkactl --socket /run/mkad/mkad.sock rel "reload"
 expect mkactl show co "counters"
 expect mkactl show lo "lo"
 expect mkactl show counters --j "--json"
