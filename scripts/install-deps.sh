@@ -7,6 +7,7 @@ packages=(
   cmake ninja-build  # the build
   python3            # the declaration generator
   libssl-dev         # OpenSSL: libcrypto for every cryptographic primitive, libssl for EAP-TLS
+  openssl            # the command that makes the daemon's and the VM's test certificates
   libgtest-dev libgmock-dev googletest  # tests
   libbenchmark-dev   # benchmarks
   clang-format       # the format check

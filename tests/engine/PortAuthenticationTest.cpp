@@ -72,7 +72,7 @@ class PortAuthentication {
   static Dot1x::EapKey key(Sim::Agent& agent) { return agent.engine().eapKeyStatus()->key(kEth1); }
   static bool secured(Sim::Agent& agent) {
     const Zef::Ptr<CpStatus> cp = agent.status()->cpStatus(kEth1);
-    return cp && cp->controlledPortEnabled() && cp->oldSakContext().txInstalled;
+    return cp && cp->controlledPortEnabled() && (cp->oldSakContext().txInstalled || cp->latestSakContext().txInstalled);
   }
 
  private:
@@ -125,6 +125,42 @@ TEST_P(PortAuthenticationVersions, BothEndsTakeOneKeyFromTheExchangeAndSecureThe
   EXPECT_NE(next.sessionId, s.sessionId);
   EXPECT_TRUE(next.key.sameKeyAs(PortAuthentication::key(world.authenticator()).key));
   EXPECT_EQ(PortAuthentication::pae(world.authenticator())->successes(), 2u);
+}
+
+TEST(PortAuthentication, ReauthenticationsBringNewKeysWhileBothPortsStaySecured) {
+  const TestPki pki;
+  PortAuthentication world(11);
+  PaeSettings settings;
+  settings.reauthPeriod = 60;
+  world.authenticate(pki.client(), pki.server(), settings);
+  world.sim().runFor(10);
+  ASSERT_TRUE(PortAuthentication::secured(world.supplicant()));
+  ASSERT_TRUE(PortAuthentication::secured(world.authenticator()));
+  // From here on, after every frame and every timer, both ports pass traffic protected, and each
+  // transmits on a key the other receives on: not a frame is lost to the new keys.
+  std::string broken;
+  world.sim().observerIs([&] {
+    for (auto [from, to] : {std::pair{&world.supplicant(), &world.authenticator()},
+                            std::pair{&world.authenticator(), &world.supplicant()}}) {
+      const std::string when = " at " + std::to_string(world.sim().now());
+      if (!broken.empty()) return;
+      if (!PortAuthentication::secured(*from)) broken = from->name() + " not secured" + when;
+      const SaStatus tx = from->hw(kEth1)->txSaStatus();
+      const SaStatus rx = to->hw(kEth1)->rxSaStatus(tx.an);
+      if (broken.empty() && (rx.mi != tx.mi || rx.keyNum != tx.keyNum)) {
+        broken = from->name() + " transmits on a key " + to->name() + " does not receive on" + when;
+      }
+    }
+  });
+  const Ckn first = world.supplicant().status()->intfStatus(kEth1)->key().ckn;
+  world.sim().runFor(130);
+  world.sim().observerIs(nullptr);
+  EXPECT_EQ(broken, "");
+  EXPECT_EQ(PortAuthentication::pae(world.authenticator())->successes(), 3u);
+  // The keys of the last exchange run both ends.
+  const Cak last = world.supplicant().status()->intfStatus(kEth1)->key();
+  EXPECT_NE(last.ckn, first);
+  EXPECT_TRUE(last.sameKeyAs(world.authenticator().status()->intfStatus(kEth1)->key()));
 }
 
 TEST(PortAuthentication, EachFailureKeepsThePortClosedWithItsReasonOnBothSides) {
