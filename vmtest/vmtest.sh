@@ -25,7 +25,7 @@ if [[ "$(id -u)" -ne 0 ]]; then
 fi
 
 # Host tools, from Debian, installed only when missing.
-host_packages=(qemu-system-x86 busybox-static iproute2 iputils-ping tcpdump cpio kmod gzip)
+host_packages=(qemu-system-x86 busybox-static iproute2 iputils-ping tcpdump cpio kmod gzip openssl)
 missing=()
 for p in "${host_packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
@@ -98,6 +98,21 @@ for module in macsec veth gcm ghash-generic ctr cmac aesni-intel ghash-clmulni-i
 done
 install -m 0755 "$here/guest/init" "$root/init"
 install -m 0644 "$here/guest/lib.sh" "$here/guest/scenarios.sh" "$root/vmtest/"
+# Certificates for 802.1X, made for this run alone: an authority, and the switch and the host it
+# signs, each key readable by its owner alone.
+pki=$root/vmtest/pki
+mkdir -p "$pki"
+openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout "$pki/ca.key" -out "$pki/ca.pem" \
+  -subj "/CN=VM test CA" -days 2 -addext basicConstraints=critical,CA:TRUE \
+  -addext keyUsage=critical,keyCertSign,cRLSign 2> /dev/null
+for name in switch host; do
+  openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout "$pki/$name.key" -out "$pki/$name.csr" \
+    -subj "/CN=$name.example" 2> /dev/null
+  openssl x509 -req -in "$pki/$name.csr" -CA "$pki/ca.pem" -CAkey "$pki/ca.key" -CAcreateserial -days 2 \
+    -out "$pki/$name.pem" -extfile <(echo "subjectAltName=DNS:$name.example") 2> /dev/null
+  chmod 600 "$pki/$name.key"
+done
+rm -f "$pki/ca.key" "$pki"/*.csr "$pki"/*.srl
 (cd "$root" && find . -mindepth 1 | LC_ALL=C sort | cpio -o -H newc -R 0:0 --quiet | gzip -1) > "$cache/initrd.img"
 
 # One boot for every scenario.

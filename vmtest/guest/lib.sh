@@ -46,6 +46,21 @@ config() {
   } > "/tmp/$_ns.toml"
 }
 
+# config_eap NS ROLE NAME PEER [SECTION LINES...]: the daemon's file in namespace NS, whose keys
+# come from EAP-TLS on side ROLE with the certificate of NAME, accepting PEER's.
+config_eap() {
+  _ns=$1 _role=$2 _name=$3 _peer=$4; shift 4
+  intf=veth-a; [ "$_ns" = B ] && intf=veth-b
+  {
+    printf '[global]\ndataplane = "kernel"\n\n[eap.lab]\nrole = "%s"\n' "$_role"
+    printf 'ca-file = "/vmtest/pki/ca.pem"\ncert-file = "/vmtest/pki/%s.pem"\n' "$_name"
+    printf 'key-file = "/vmtest/pki/%s.key"\npeer-names = ["%s.example"]\n' "$_name" "$_peer"
+    [ "$_role" = supplicant ] && printf 'identity = "%s.example"\n' "$_name"
+    for line in "$@"; do echo "$line"; done
+    printf '\n[profile.lab]\neap = "lab"\n\n[interface.%s]\nprofile = "lab"\n' "$intf"
+  } > "/tmp/$_ns.toml"
+}
+
 # start NS: mkad in namespace NS, its log in /tmp/NS.log; its pid in /tmp/NS.pid.
 start() {
   # /sbin/ip itself, not the function: $! must name the daemon, not a shell around it.

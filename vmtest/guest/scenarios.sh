@@ -1,6 +1,6 @@
 # The scenarios: each a function that fails (exit 1) with a reason or returns. They run one after
 # another in one VM; cleanup_all takes each one's namespaces and daemons away.
-ALL_SCENARIOS="known_answer secure_128 peer_without_a_data_plane integrity_only secure_256 secure_xpn pn_exhaustion pn_exhaustion_xpn rekey_under_ping_flood flap_restart_and_reload restart_without_a_hit restart_during_rekeys corrupted_state teardown cak_mismatch closed_port allow_unprotected key_chain scale_16"
+ALL_SCENARIOS="known_answer secure_128 peer_without_a_data_plane integrity_only secure_256 secure_xpn pn_exhaustion pn_exhaustion_xpn rekey_under_ping_flood flap_restart_and_reload restart_without_a_hit restart_during_rekeys corrupted_state teardown cak_mismatch closed_port allow_unprotected key_chain eap_tls12 eap_reauthentication scale_16"
 
 # A secured session between A (10.66.0.1) and B (10.66.0.2) that a first ping has crossed.
 session() {  # session CAK [PROFILE LINES...]
@@ -228,6 +228,48 @@ exhaust_packet_numbers() {
   done
   note "worn_keys=$worn pings=$ALL_SENT lost=$ALL_LOST late=$ALL_LATE"
 }
+# The CKN NS runs, and the exchanges its port access entity has won.
+ckn_of() { show "$1" | tr -d ' \n' | sed -n 's/.*"ckn":"\([0-9a-f]*\)".*/\1/p'; }
+exchanges_of() { show "$1" | tr -d ' \n' | sed -n 's/.*"successes":\([0-9]*\).*/\1/p'; }
+
+# eap_pair VERSION [AUTHENTICATOR'S LINES...]: A the authenticator and B the supplicant, secured
+# from an exchange of TLS VERSION.
+eap_pair() {
+  version=$1; shift
+  pair
+  config_eap A authenticator switch host "$@"
+  config_eap B supplicant host switch
+  secured_pair
+  show B | grep -q "\"tls-version\": \"TLS $version\"" ||
+    fail "B did not authenticate with TLS $version: $(show B | grep tls-version)"
+}
+
+# A supplicant and an authenticator that authenticate each other with EAP-TLS 1.2 secure the link
+# from the keys of the exchange: pings cross it, encrypted.
+scenario_eap_tls12() {
+  eap_pair 1.2 'tls-max-version = "1.2"'
+  ckn=$(ckn_of A)
+  [ -n "$ckn" ] && [ "$ckn" = "$(ckn_of B)" ] || fail "the ends run CKNs ${ckn:-none} and $(ckn_of B)"
+  ip netns exec B ping -c 5 -i 0.2 -W 1 10.66.0.1 > /dev/null || fail "no pings across the link"
+  [ "$(counter A OutPktsEncrypted)" -gt 0 ] || fail "A encrypted nothing"
+  note "ckn=$ckn"
+}
+
+# The same with TLS 1.3, the authenticator authenticating the port anew every 30 s under pings every
+# 10 ms: each exchange brings new keys, which take over from the old without losing a ping.
+scenario_eap_reauthentication() {
+  eap_pair 1.3 'reauth-period = 30'
+  first=$(ckn_of A)
+  pings B 10.66.0.1 70
+  pings_over
+  exchanges=$(exchanges_of A)
+  [ "${exchanges:-0}" -ge 3 ] || fail "${exchanges:-no} exchanges in 70 s: $(show A | grep -A 3 last-failure)"
+  [ "$(ckn_of A)" != "$first" ] && [ "$(ckn_of A)" = "$(ckn_of B)" ] ||
+    fail "the ends run CKNs $(ckn_of A) and $(ckn_of B), from $first"
+  [ "$LOST" = 0 ] || fail "$LOST of $SENT pings lost across $((exchanges - 1)) re-authentications: $GAPS"
+  note "reauthentications=$((exchanges - 1)) pings=$SENT lost=$LOST late=$LATE"
+}
+
 scenario_pn_exhaustion() { exhaust_packet_numbers gcm-aes-128 3220225372 3221225372 pn; }
 scenario_pn_exhaustion_xpn() { exhaust_packet_numbers gcm-aes-xpn-256 13835058054282163612 13835058055282163612 xpn; }
 
