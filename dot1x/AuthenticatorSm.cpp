@@ -55,13 +55,10 @@ void AuthenticatorSm::request(const std::string& packet) {
 }
 
 void AuthenticatorSm::handleRequestTimer() {
-  switch (status()->state()) {
-    case PaeState::held:
-      // The quiet period is over: the port is asked again.
-      begin();
-      return;
-    default:
-      break;
+  if (status()->state() == PaeState::held) {
+    // The quiet period is over: the port is asked again.
+    begin();
+    return;
   }
   if (!exchanging() || server_->outstanding().empty()) return;
   if (retransmissions() >= settings().maxRetransmissions) {

@@ -107,12 +107,15 @@ void SupplicantSm::answer(const EapolFrame& frame) {
   // held period holds back only the supplicant's own EAPOL-Starts.
   const EapStep step = peer_->receive(frame.body);
   if (step.discarded) {
+    // Nothing of the exchange changed.
     TRACE(5, ": " << intfId() << " discarded: " << step.discarded);
     countDiscarded(*status(), step.discarded);
+    return;
   }
   if (!step.send.empty()) send(EapolType::eapPacket, step.send);
   switch (peer_->outcome()) {
     case EapOutcome::success:
+      // A success that comes after it was taken as given changes nothing.
       if (status()->state() != PaeState::authenticated || status()->reauthenticating()) {
         authenticatorIs(frame.source);
         succeeded();
