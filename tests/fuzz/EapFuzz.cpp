@@ -1,7 +1,8 @@
 // Feeds arbitrary bytes to the framing of port authentication: one EAPOL frame after another from
 // the input, each EAP packet they carry, and each EAP-TLS fragment into one reassembly. Whatever
 // is accepted must be written back as it came, and the reassembly must never hold more than the
-// message it was told of, or than a port takes in.
+// message it was told of, or than a port takes in. The same bytes go to the RADIUS reader, as a
+// packet, as an answer under a secret, and as a hidden MPPE key.
 
 #include <cstdint>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include "dot1x/Eap.h"
 #include "dot1x/EapTls.h"
 #include "dot1x/Eapol.h"
+#include "dot1x/Radius.h"
 
 namespace {
 
@@ -33,10 +35,30 @@ void takeEapTls(std::string_view typeData, Dot1x::EapTlsReassembly& reassembly) 
   require(!fragment.messageLength || *fragment.messageLength == message.size());
 }
 
+void takeRadius(std::string_view input) {
+  Dot1x::RadiusPacket packet;
+  if (Dot1x::decodeRadius(input, packet) == Dot1x::RadiusRefusal::none) {
+    require(packet.eapMessage().size() <= Dot1x::kRadiusMaxOctets);
+    if (const auto key = packet.vendorAttribute(Dot1x::kMicrosoftVendor, Dot1x::kMsMppeRecvKey)) {
+      require(key->size() <= Dot1x::kRadiusMaxValueOctets);
+    }
+  }
+  static const Macsec::KeyBytes secret(reinterpret_cast<const uint8_t*>("xyzzy5461"), 9);
+  const Dot1x::RadiusAuthenticator requestAuthenticator{};
+  Dot1x::RadiusPacket answer;
+  if (Dot1x::decodeRadiusAnswer(input, requestAuthenticator, secret, answer) == Dot1x::RadiusRefusal::none) {
+    require(answer.code == Dot1x::RadiusCode::accessAccept || answer.code == Dot1x::RadiusCode::accessReject ||
+            answer.code == Dot1x::RadiusCode::accessChallenge);
+  }
+  Macsec::KeyBytes key;
+  if (Dot1x::revealMppeKey(input, secret, requestAuthenticator, key)) require(key.size() < input.size());
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string_view input(reinterpret_cast<const char*>(data), size);
+  takeRadius(input);
   Dot1x::EapTlsReassembly reassembly;
   for (;;) {
     Dot1x::EapolFrame frame;
