@@ -178,6 +178,8 @@ TEST(PortAuthentication, EachFailureKeepsThePortClosedWithItsReasonOnBothSides) 
        "tlsv1 alert unknown ca"},
       {"an expired certificate", pki.credentials("expired", "server.example"), pki.server(), "certificate expired",
        "certificate has expired"},
+      {"a supplicant of another authority", pki.credentials("stranger", "server.example"), pki.server(), "alert",
+       "unable to get local issuer certificate"},
       {"a server of another name", pki.credentials("client", "elsewhere.example"), pki.server(), "hostname mismatch",
        "bad certificate"},
   };
