@@ -258,4 +258,24 @@ bool revealMppeKey(std::string_view value, const Macsec::KeyBytes& secret,
   return true;
 }
 
+std::string hideMppeKey(const Macsec::KeyBytes& key, uint16_t salt, const Macsec::KeyBytes& secret,
+                        const RadiusAuthenticator& requestAuthenticator) {
+  const char saltOctets[] = {static_cast<char>(0x80 | (salt >> 8)), static_cast<char>(salt)};
+  std::string plain(1, static_cast<char>(key.size()));
+  plain.append(bytesOf(key));
+  plain.resize((plain.size() + kHashOctets - 1) / kHashOctets * kHashOctets, '\0');
+  std::string value(saltOctets, 2);
+  Hash pad{};
+  for (size_t at = 0; at < plain.size(); at += kHashOctets) {
+    const bool hashed = at == 0
+                            ? md5({bytesOf(secret), bytesOf(requestAuthenticator), {saltOctets, 2}}, pad)
+                            : md5({bytesOf(secret), std::string_view(value).substr(value.size() - kHashOctets)}, pad);
+    if (!hashed) return std::string();
+    for (size_t i = 0; i < kHashOctets; ++i) value.push_back(static_cast<char>(plain[at + i] ^ pad[i]));
+  }
+  OPENSSL_cleanse(plain.data(), plain.size());
+  OPENSSL_cleanse(pad.data(), pad.size());
+  return value;
+}
+
 }  // namespace Dot1x

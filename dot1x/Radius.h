@@ -115,4 +115,9 @@ std::string encodeRadiusAnswer(const RadiusPacket& answer, const RadiusAuthentic
 bool revealMppeKey(std::string_view value, const Macsec::KeyBytes& secret,
                    const RadiusAuthenticator& requestAuthenticator, Macsec::KeyBytes& key);
 
+// The value of an MS-MPPE key attribute that hides `key` under the salt (its high bit set), as a
+// server sends it; for the tests' servers.
+std::string hideMppeKey(const Macsec::KeyBytes& key, uint16_t salt, const Macsec::KeyBytes& secret,
+                        const RadiusAuthenticator& requestAuthenticator);
+
 }  // namespace Dot1x
