@@ -497,7 +497,7 @@ nlohmann::json Daemon::answer(const nlohmann::json& request) {
       return {{"error", "no such interface is configured"}};
     }
     if (!engine_->paeReauthenticate(Lanx::IntfId(intf->get<std::string>()))) {
-      return {{"error", "the interface does not authenticate: its profile names no eap section"}};
+      return {{"error", "the interface runs no 802.1X: its profile names no eap section, or it is not there yet"}};
     }
     return {{"ok", true}};
   }
