@@ -55,6 +55,10 @@ constexpr size_t kHashOctets = 16;
 
 using Hash = std::array<uint8_t, kHashOctets>;
 
+uint32_t be32(const uint8_t* v) {
+  return (uint32_t{v[0]} << 24) | (uint32_t{v[1]} << 16) | (uint32_t{v[2]} << 8) | v[3];
+}
+
 std::string_view bytesOf(const uint8_t* data, size_t size) { return {reinterpret_cast<const char*>(data), size}; }
 std::string_view bytesOf(const Macsec::KeyBytes& key) { return bytesOf(key.data(), key.size()); }
 std::string_view bytesOf(const RadiusAuthenticator& a) { return bytesOf(a.data(), a.size()); }
@@ -130,6 +134,18 @@ void RadiusPacket::add(RadiusType type, std::string_view value) {
   attributes.push_back({static_cast<uint8_t>(type), std::string(value)});
 }
 
+void RadiusPacket::addInteger(RadiusType type, uint32_t value) {
+  const char octets[] = {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
+                         static_cast<char>(value)};
+  add(type, std::string_view(octets, sizeof octets));
+}
+
+std::optional<uint32_t> RadiusPacket::integerAttribute(RadiusType type) const {
+  const std::string* value = attribute(type);
+  if (value == nullptr || value->size() != 4) return std::nullopt;
+  return be32(reinterpret_cast<const uint8_t*>(value->data()));
+}
+
 void RadiusPacket::addEapMessage(std::string_view eap) {
   for (size_t at = 0; at < eap.size(); at += kRadiusMaxValueOctets) {
     add(RadiusType::eapMessage, eap.substr(at, kRadiusMaxValueOctets));
@@ -157,7 +173,7 @@ std::optional<std::string_view> RadiusPacket::vendorAttribute(uint32_t vendor, u
   for (const RadiusAttribute& a : attributes) {
     if (a.type != static_cast<uint8_t>(RadiusType::vendorSpecific) || a.value.size() < 4) continue;
     const auto* v = reinterpret_cast<const uint8_t*>(a.value.data());
-    if (((uint32_t{v[0]} << 24) | (uint32_t{v[1]} << 16) | (uint32_t{v[2]} << 8) | v[3]) != vendor) continue;
+    if (be32(v) != vendor) continue;
     for (size_t at = 4; at + 2 <= a.value.size() && v[at + 1] >= 2 && at + v[at + 1] <= a.value.size();
          at += v[at + 1]) {
       if (v[at] == type) return std::string_view(a.value).substr(at + 2, v[at + 1] - 2u);

@@ -68,10 +68,15 @@ struct RadiusPacket {
   std::vector<RadiusAttribute> attributes;
 
   void add(RadiusType type, std::string_view value);
+  // An attribute of RADIUS's integer kind: four octets, most significant first.
+  void addInteger(RadiusType type, uint32_t value);
   // An EAP packet, cut into EAP-Message attributes of at most 253 octets, in order.
   void addEapMessage(std::string_view eap);
   // The first attribute of a type, or null.
   const std::string* attribute(RadiusType type) const;
+  // The value of the first attribute of a type, read as an integer; none if absent or not four
+  // octets long.
+  std::optional<uint32_t> integerAttribute(RadiusType type) const;
   // Every EAP-Message attribute joined, in order: the EAP packet the server sent.
   std::string eapMessage() const;
   // The value of the first vendor attribute of that vendor and type, if there is one; it points

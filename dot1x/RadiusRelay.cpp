@@ -12,17 +12,6 @@ constexpr uint32_t kNasPortTypeEthernet = 15;
 constexpr uint32_t kTerminationRadiusRequest = 1;
 constexpr size_t kMppeKeyOctets = 32;
 
-std::string integer(uint32_t value) {
-  return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
-          static_cast<char>(value)};
-}
-
-std::optional<uint32_t> integerOf(const std::string* value) {
-  if (value == nullptr || value->size() != 4) return std::nullopt;
-  const auto* v = reinterpret_cast<const uint8_t*>(value->data());
-  return (uint32_t{v[0]} << 24) | (uint32_t{v[1]} << 16) | (uint32_t{v[2]} << 8) | v[3];
-}
-
 // A station's address as RFC 3580 writes it: "00-10-A4-23-19-C0".
 std::string stationId(const Lanx::EthAddr& addr) {
   char text[18];
@@ -53,11 +42,11 @@ std::string RadiusRelay::request(std::string_view eapResponse) {
   request.authenticator = random_();
   request.add(RadiusType::userName, identity_);
   request.add(RadiusType::nasIdentifier, nas_.identifier);
-  request.add(RadiusType::nasPort, integer(nas_.port));
-  request.add(RadiusType::nasPortType, integer(kNasPortTypeEthernet));
+  request.addInteger(RadiusType::nasPort, nas_.port);
+  request.addInteger(RadiusType::nasPortType, kNasPortTypeEthernet);
   request.add(RadiusType::calledStationId, stationId(nas_.own));
   request.add(RadiusType::callingStationId, stationId(nas_.peer));
-  request.add(RadiusType::framedMtu, integer(nas_.framedMtu));
+  request.addInteger(RadiusType::framedMtu, nas_.framedMtu);
   if (!state_.empty()) request.add(RadiusType::state, state_);
   request.addEapMessage(eapResponse);
   outstanding_ = encodeRadiusRequest(request, secret_);
@@ -110,9 +99,9 @@ RadiusStep RadiusRelay::accepted(const RadiusPacket& accept) {
   }
   grant_.msk = Macsec::StoredKey::of(msk);
   grant_.sessionId = Macsec::EapSessionId(reinterpret_cast<const uint8_t*>(keyName->data()), keyName->size());
-  grant_.sessionTimeout = integerOf(accept.attribute(RadiusType::sessionTimeout)).value_or(0);
+  grant_.sessionTimeout = accept.integerAttribute(RadiusType::sessionTimeout).value_or(0);
   grant_.reauthenticate =
-      integerOf(accept.attribute(RadiusType::terminationAction)).value_or(0) == kTerminationRadiusRequest;
+      accept.integerAttribute(RadiusType::terminationAction).value_or(0) == kTerminationRadiusRequest;
   outcome_ = EapOutcome::success;
   return {accept.eapMessage()};
 }

@@ -17,16 +17,9 @@ using Testing::TestPki;
 // Small fragments, so that both sides' flights go in several.
 constexpr size_t kFragmentOctets = 400;
 
-std::shared_ptr<const TlsContext> loaded(const TlsCredentials& credentials, TlsContext::Side side) {
-  std::string error;
-  std::shared_ptr<const TlsContext> context = TlsContext::load(credentials, side, error);
-  EXPECT_TRUE(context) << error;
-  return context;
-}
-
 TEST(EapExchange, APeerRefusesOtherMethodsAndEarlySuccessesAndTheAuthenticatorTakesOnlyItsAnswer) {
   const TestPki pki;
-  EapPeer peer(loaded(pki.client(), TlsContext::Side::peer), "host", kFragmentOctets);
+  EapPeer peer(TestPki::loaded(pki.client(), TlsContext::Side::peer), "host", kFragmentOctets);
   // An MD5 challenge is refused with a Nak that asks for EAP-TLS.
   const std::string md5 = encodeEap({EapCode::request, 7, EapType::md5Challenge, "\x10"});
   EXPECT_EQ(peer.receive(md5).send, encodeEap({EapCode::response, 7, EapType::nak, "\x0d"}));
@@ -41,7 +34,7 @@ TEST(EapExchange, APeerRefusesOtherMethodsAndEarlySuccessesAndTheAuthenticatorTa
   EXPECT_EQ(peer.outcome(), EapOutcome::pending);
   EXPECT_STREQ(peer.receive("\x01\x02").discarded, "malformed");
 
-  EapAuthenticator authenticator(loaded(pki.server(), TlsContext::Side::server), kFragmentOctets, 40);
+  EapAuthenticator authenticator(TestPki::loaded(pki.server(), TlsContext::Side::server), kFragmentOctets, 40);
   const std::string identityRequest = authenticator.begin();
   EXPECT_EQ(identityRequest, encodeEap({EapCode::request, 41, EapType::identity, {}}));
   EXPECT_STREQ(authenticator.receive(encodeEap({EapCode::response, 40, EapType::identity, "host"})).discarded,

@@ -20,13 +20,6 @@ Macsec::KeyBytes text(std::string_view t) {
   return Macsec::KeyBytes(reinterpret_cast<const uint8_t*>(t.data()), t.size());
 }
 
-std::shared_ptr<const TlsContext> loaded(const TlsCredentials& credentials, TlsContext::Side side) {
-  std::string error;
-  std::shared_ptr<const TlsContext> context = TlsContext::load(credentials, side, error);
-  EXPECT_TRUE(context) << error;
-  return context;
-}
-
 // A RADIUS server around the local EAP server: each request's EAP goes to it, and its answer
 // comes back as a Challenge, or as an Accept with the keys of the exchange, or a Reject.
 class TestServer {
@@ -75,8 +68,8 @@ class TestServer {
           answer.add(RadiusType::eapKeyName, std::string(reinterpret_cast<const char*>(session.sessionId().data()),
                                                          session.sessionId().size()));
         }
-        answer.add(RadiusType::sessionTimeout, std::string("\x00\x00\x0e\x10", 4));  // 3600 s
-        answer.add(RadiusType::terminationAction, std::string("\x00\x00\x00\x01", 4));
+        answer.addInteger(RadiusType::sessionTimeout, 3600);
+        answer.addInteger(RadiusType::terminationAction, 1);  // RADIUS-Request
         break;
       }
     }
@@ -120,9 +113,9 @@ TEST(RadiusRelay, AnExchangeThroughTheServerGivesThePortThePeersKeys) {
   const TestPki pki;
   for (const TlsVersion version : {TlsVersion::tls12, TlsVersion::tls13}) {
     SCOPED_TRACE(tlsVersionText(version));
-    TestServer server(loaded(pki.server(), TlsContext::Side::server), text("a shared secret"));
+    TestServer server(TestPki::loaded(pki.server(), TlsContext::Side::server), text("a shared secret"));
     RadiusRelay relay(nas(), text("a shared secret"), nextAuthenticator, 200);
-    EapPeer peer(loaded(pki.client(version), TlsContext::Side::peer), "host.example", 1000);
+    EapPeer peer(TestPki::loaded(pki.client(version), TlsContext::Side::peer), "host.example", 1000);
     ASSERT_EQ(exchange(peer, relay, server), EapOutcome::success) << peer.failure() << relay.failure();
     EXPECT_EQ(relay.outcome(), EapOutcome::success);
     EXPECT_EQ(server.lastUserName, "host.example");
@@ -139,46 +132,43 @@ TEST(RadiusRelay, AnExchangeThroughTheServerGivesThePortThePeersKeys) {
 TEST(RadiusRelay, AnAcceptWithoutKeysARejectAndAnswersToOtherRequestsLeaveThePortWithout) {
   const TestPki pki;
   {
-    TestServer server(loaded(pki.server(), TlsContext::Side::server), text("a shared secret"));
+    TestServer server(TestPki::loaded(pki.server(), TlsContext::Side::server), text("a shared secret"));
     server.withKeys = false;
     RadiusRelay relay(nas(), text("a shared secret"), nextAuthenticator, 1);
-    EapPeer peer(loaded(pki.client(), TlsContext::Side::peer), "host.example", 1000);
+    EapPeer peer(TestPki::loaded(pki.client(), TlsContext::Side::peer), "host.example", 1000);
     exchange(peer, relay, server);
     EXPECT_EQ(relay.outcome(), EapOutcome::failure);
     EXPECT_NE(relay.failure().find("gave no keys"), std::string::npos) << relay.failure();
   }
   {
-    TestServer server(loaded(pki.server(), TlsContext::Side::server), text("a shared secret"));
+    TestServer server(TestPki::loaded(pki.server(), TlsContext::Side::server), text("a shared secret"));
     server.withKeyName = false;
     RadiusRelay relay(nas(), text("a shared secret"), nextAuthenticator, 1);
-    EapPeer peer(loaded(pki.client(), TlsContext::Side::peer), "host.example", 1000);
+    EapPeer peer(TestPki::loaded(pki.client(), TlsContext::Side::peer), "host.example", 1000);
     exchange(peer, relay, server);
     EXPECT_NE(relay.failure().find("EAP-Key-Name"), std::string::npos) << relay.failure();
   }
   {
-    TestServer server(loaded(pki.server(), TlsContext::Side::server), text("a shared secret"));
+    TestServer server(TestPki::loaded(pki.server(), TlsContext::Side::server), text("a shared secret"));
     RadiusRelay relay(nas(), text("a shared secret"), nextAuthenticator, 1);
-    EapPeer peer(loaded(pki.credentials("expired", "server.example"), TlsContext::Side::peer), "host.example", 1000);
+    EapPeer peer(TestPki::loaded(pki.credentials("expired", "server.example"), TlsContext::Side::peer), "host.example",
+                 1000);
     EXPECT_EQ(exchange(peer, relay, server), EapOutcome::failure);
     EXPECT_EQ(relay.outcome(), EapOutcome::failure);
     EXPECT_EQ(relay.failure(), "the server rejected the supplicant");
   }
 
   // Answers that are not the server's to the request outstanding change nothing.
-  TestServer server(loaded(pki.server(), TlsContext::Side::server), text("a shared secret"));
+  TestServer server(TestPki::loaded(pki.server(), TlsContext::Side::server), text("a shared secret"));
   RadiusRelay relay(nas(), text("a shared secret"), nextAuthenticator, 1);
   EXPECT_STREQ(relay.answer("").discarded, "no request outstanding");
-  EapPeer peer(loaded(pki.client(), TlsContext::Side::peer), "host.example", 1000);
+  EapPeer peer(TestPki::loaded(pki.client(), TlsContext::Side::peer), "host.example", 1000);
   const std::string identity = peer.receive(server.begin()).send;
   const std::string request = relay.request(identity);
   const std::string answer = server.answer(request);
   std::string otherIdentifier = answer;
   otherIdentifier[1] ^= 1;
   EXPECT_STREQ(relay.answer(otherIdentifier).discarded, "answers another request");
-  RadiusRelay otherSecret(nas(), text("another secret"), nextAuthenticator, 1);
-  otherSecret.request(peer.receive(server.begin()).send);
-  EXPECT_STREQ(otherSecret.answer(server.answer(otherSecret.outstanding())).discarded,
-               "a Response Authenticator that does not check");
   EXPECT_EQ(relay.outstanding(), request);  // still outstanding, to send again
   EXPECT_EQ(relay.answer(answer).discarded, nullptr);
   EXPECT_TRUE(relay.outstanding().empty());

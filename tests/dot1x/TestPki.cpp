@@ -123,4 +123,11 @@ TlsCredentials TestPki::credentials(const std::string& name, const std::string& 
   return credentials;
 }
 
+std::shared_ptr<const TlsContext> TestPki::loaded(const TlsCredentials& credentials, TlsContext::Side side) {
+  std::string error;
+  std::shared_ptr<const TlsContext> context = TlsContext::load(credentials, side, error);
+  if (!context) throw std::runtime_error("the test's credentials do not load: " + error);
+  return context;
+}
+
 }  // namespace Dot1x::Testing

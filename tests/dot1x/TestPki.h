@@ -5,6 +5,7 @@
 // written as PEM files into a directory of their own that goes with the object.
 
 #include <filesystem>
+#include <memory>
 #include <string>
 
 #include "dot1x/TlsSession.h"
@@ -36,6 +37,9 @@ class TestPki {
   TlsCredentials client(TlsVersion maxVersion = TlsVersion::tls13) const {
     return credentials("client", "server.example", maxVersion);
   }
+
+  // Credentials loaded for a side; throws std::runtime_error with the reason if they do not load.
+  static std::shared_ptr<const TlsContext> loaded(const TlsCredentials& credentials, TlsContext::Side side);
 
  private:
   std::filesystem::path dir_;

@@ -21,13 +21,6 @@ namespace {
 
 using Testing::TestPki;
 
-std::shared_ptr<const TlsContext> loaded(const TlsCredentials& credentials, TlsContext::Side side) {
-  std::string error;
-  std::shared_ptr<const TlsContext> context = TlsContext::load(credentials, side, error);
-  EXPECT_TRUE(context) << error;
-  return context;
-}
-
 // Runs the handshake, each side answering the other, until neither has anything to say.
 void handshake(TlsSession& peer, TlsSession& server) {
   std::string toServer = peer.input("");
@@ -125,8 +118,8 @@ TEST(TlsSession, BothVersionsEndWithTheKeysOfTheirRfcsOnBothSides) {
   const TestPki pki;
   for (const TlsVersion version : {TlsVersion::tls12, TlsVersion::tls13}) {
     SCOPED_TRACE(tlsVersionText(version));
-    const auto serverContext = loaded(pki.server(), TlsContext::Side::server);
-    const auto peerContext = loaded(pki.client(version), TlsContext::Side::peer);
+    const auto serverContext = TestPki::loaded(pki.server(), TlsContext::Side::server);
+    const auto peerContext = TestPki::loaded(pki.client(version), TlsContext::Side::peer);
     ASSERT_TRUE(serverContext && peerContext);
     // One suite of each version with SHA-256, so that the keys can be computed here; the secrets
     // they come from, as a key log would have them.
@@ -198,8 +191,8 @@ TEST(TlsSession, APeerThatCannotProveItselfEndsTheHandshakeOnBothSidesWithTheRea
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    const auto peerContext = loaded(c.peer, TlsContext::Side::peer);
-    const auto serverContext = loaded(c.server, TlsContext::Side::server);
+    const auto peerContext = TestPki::loaded(c.peer, TlsContext::Side::peer);
+    const auto serverContext = TestPki::loaded(c.server, TlsContext::Side::server);
     ASSERT_TRUE(peerContext && serverContext);
     TlsSession peer(peerContext);
     TlsSession server(serverContext);
@@ -237,15 +230,15 @@ TEST(TlsContext, LoadingNamesTheFileAndWhatIsWrongWithIt) {
   EXPECT_EQ(refusal(locked).rfind(pki.file("locked.key") + ": cannot read the private key", 0), 0u);
   const std::string phrase = "open sesame";
   locked.passphrase = Macsec::KeyBytes(reinterpret_cast<const uint8_t*>(phrase.data()), phrase.size());
-  const auto opened = loaded(locked, TlsContext::Side::peer);
+  const auto opened = TestPki::loaded(locked, TlsContext::Side::peer);
   ASSERT_TRUE(opened);
   EXPECT_EQ(opened->ownCertificateProblem(), "");
 
   // Certificates that load, but that no peer of these authorities would take.
   const TlsCredentials expired = pki.credentials("expired", "server.example");
-  EXPECT_EQ(loaded(expired, TlsContext::Side::peer)->ownCertificateProblem(), "the certificate has expired");
+  EXPECT_EQ(TestPki::loaded(expired, TlsContext::Side::peer)->ownCertificateProblem(), "the certificate has expired");
   const TlsCredentials stranger = pki.credentials("stranger", "server.example");
-  EXPECT_EQ(loaded(stranger, TlsContext::Side::peer)->ownCertificateProblem(),
+  EXPECT_EQ(TestPki::loaded(stranger, TlsContext::Side::peer)->ownCertificateProblem(),
             "the authorities of the CA file do not sign the certificate: unable to get local issuer certificate");
 }
 

@@ -25,13 +25,6 @@ using Dot1x::Testing::TestPki;
 
 const Lanx::IntfId kEth1("eth1");
 
-std::shared_ptr<const TlsContext> load(const TlsCredentials& credentials, TlsContext::Side side) {
-  std::string error;
-  std::shared_ptr<const TlsContext> context = TlsContext::load(credentials, side, error);
-  EXPECT_TRUE(context) << error;
-  return context;
-}
-
 // Two engines on one link: S, the supplicant, and A, the authenticator, each with the port of a
 // profile whose keys come from EAP.
 class PortAuthentication {
@@ -60,10 +53,10 @@ class PortAuthentication {
     PaeSettings s = base;
     s.role = PaeRole::supplicant;
     s.identity = "host.example";
-    s.tls = load(supplicantCredentials, TlsContext::Side::peer);
+    s.tls = TestPki::loaded(supplicantCredentials, TlsContext::Side::peer);
     PaeSettings a = base;
     a.role = PaeRole::authenticator;
-    a.tls = load(authenticatorCredentials, TlsContext::Side::server);
+    a.tls = TestPki::loaded(authenticatorCredentials, TlsContext::Side::server);
     EXPECT_TRUE(supplicant().engine().paeIs(kEth1, s));
     EXPECT_TRUE(authenticator().engine().paeIs(kEth1, a));
   }

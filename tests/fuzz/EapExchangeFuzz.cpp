@@ -27,12 +27,10 @@ struct Contexts {
 
 const Contexts& contexts() {
   static const Contexts made = [] {
-    const Dot1x::Testing::TestPki pki;
-    std::string error;
-    Contexts c{Dot1x::TlsContext::load(pki.server(), Dot1x::TlsContext::Side::server, error),
-               Dot1x::TlsContext::load(pki.client(), Dot1x::TlsContext::Side::peer, error)};
-    require(c.server && c.peer);
-    return c;
+    using Dot1x::Testing::TestPki;
+    const TestPki pki;
+    return Contexts{TestPki::loaded(pki.server(), Dot1x::TlsContext::Side::server),
+                    TestPki::loaded(pki.client(), Dot1x::TlsContext::Side::peer)};
   }();
   return made;
 }
