@@ -1,5 +1,6 @@
 #include "dot1x/PaeManager.h"
 
+#include "model/Crypto.h"
 #include "platform/Trace.h"
 
 ZEF_TRACE_MODULE("Dot1x::PaeManager")
@@ -8,7 +9,7 @@ namespace Dot1x {
 
 bool PaeManager::paeIs(const Lanx::IntfId& intfId, const PaeSettings& settings) {
   const Zef::Ptr<Interface::EthIntfStatus const> eth = ethIntfStatusDir()->intfStatus(intfId);
-  if (!eth || !settings.tls) return false;
+  if (!eth || (!settings.tls && !settings.passThrough())) return false;
   const Zef::Ptr<SupplicantSm> supplicant = supplicants(intfId);
   const Zef::Ptr<AuthenticatorSm> authenticator = authenticators(intfId);
   if ((supplicant && supplicant->settings() == settings) || (authenticator && authenticator->settings() == settings)) {
@@ -27,7 +28,8 @@ bool PaeManager::paeIs(const Lanx::IntfId& intfId, const PaeSettings& settings) 
     made->handleLinkStatus();
   } else {
     const Zef::Ptr<AuthenticatorSm> made =
-        authenticatorsIs(intfId, settings, eth, status, eapKeyStatus(), timerWheel(), nextIdentifier());
+        authenticatorsIs(intfId, settings, eth, status, eapKeyStatus(), timerWheel(), nextIdentifier(),
+                         settings.passThrough() ? radiusClient() : nullptr);
     nextIdentifierIs(static_cast<uint8_t>(nextIdentifier() + 101));
     made->transmitIs(send);
     made->handleLinkStatus();
@@ -70,6 +72,30 @@ bool PaeManager::frameIs(const Lanx::IntfId& intfId, const EapolFrame& frame) {
     return true;
   }
   return false;
+}
+
+std::shared_ptr<RadiusClient> PaeManager::radiusClient() {
+  if (!radius_) {
+    radius_ = std::make_shared<RadiusClient>(statusDir(), [] {
+      RadiusAuthenticator authenticator{};
+      const Macsec::KeyBytes random = Macsec::randomBytes(authenticator.size());
+      std::copy(random.data(), random.data() + authenticator.size(), authenticator.begin());
+      return authenticator;
+    });
+    radius_->transmitIs([this](const std::string& server, uint32_t channel, std::string_view packet) {
+      if (radiusTransmit()) radiusTransmit()(server, channel, packet);
+    });
+  }
+  return radius_;
+}
+
+void PaeManager::radiusAnswerIs(const std::string& server, uint32_t channel, std::string_view bytes) {
+  if (!radius_) return;
+  const std::optional<RadiusDelivery> delivery = radius_->answerIs(server, channel, bytes, Zef::System::currentTime());
+  if (!delivery) return;
+  if (const Zef::Ptr<AuthenticatorSm> authenticator = authenticators(delivery->port)) {
+    authenticator->radiusAnswerIs(*delivery);
+  }
 }
 
 }  // namespace Dot1x

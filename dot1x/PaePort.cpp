@@ -1,6 +1,7 @@
 #include "dot1x/PaePort.h"
 
 #include "dot1x/Eap.h"
+#include "model/LogMessages.h"
 #include "model/PaeAddress.h"
 
 namespace Dot1x {
@@ -43,18 +44,23 @@ void countDiscarded(PaePortStatus& status, const char* reason) {
 
 void authenticated(EapKeyStatus& keys, PaePortStatus& status, Dot1xType side, const TlsSession& session,
                    const Lanx::EthAddr& myMac, const Lanx::EthAddr& peerMac, double now, double nextReauthAt) {
-  // The status first: whoever reacts to the key finds it authenticated.
   status.peerSubjectIs(Zef::String(session.peerSubject()));
   status.tlsVersionIs(session.version());
+  authenticated(keys, status, EapKey{side, session.msk(), session.sessionId(), myMac, peerMac}, now, nextReauthAt);
+}
+
+void authenticated(EapKeyStatus& keys, PaePortStatus& status, const EapKey& key, double now, double nextReauthAt) {
+  // The status first: whoever reacts to the key finds it authenticated.
   status.authenticatedAtIs(now);
   status.nextReauthAtIs(nextReauthAt);
   status.reauthenticatingIs(false);
   status.stateIs(PaeState::authenticated);
   status.successesInc();
-  keys.keyIs(status.intfId(), EapKey{side, session.msk(), session.sessionId(), myMac, peerMac});
+  keys.keyIs(status.intfId(), key);
 }
 
 void failureIs(PaePortStatus& status, const std::string& reason, double now) {
+  Zef::log(Macsec::DOT1X_AUTH_FAILED, status.intfId(), reason);
   const Zef::String key(reason);
   status.lastFailureIs(key);
   status.lastFailureAtIs(now);

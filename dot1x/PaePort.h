@@ -21,8 +21,10 @@ void countReceived(PaePortStatus& status, const EapolFrame& frame);
 void countSent(PaePortStatus& status, EapolType type, std::string_view body);
 void countDiscarded(PaePortStatus& status, const char* reason);
 
-// The end of an exchange that succeeded: the interface's EAP key from its TLS session, and the
-// status of the success. `nextReauthAt` is 0 when none is due.
+// The end of an exchange that succeeded: the interface's EAP key, and the status of the success.
+// `nextReauthAt` is 0 when none is due.
+void authenticated(EapKeyStatus& keys, PaePortStatus& status, const EapKey& key, double now, double nextReauthAt);
+// The same, of an exchange that ran here: the key of its TLS session, and who the peer proved to be.
 void authenticated(EapKeyStatus& keys, PaePortStatus& status, Dot1xType side, const TlsSession& session,
                    const Lanx::EthAddr& myMac, const Lanx::EthAddr& peerMac, double now, double nextReauthAt);
 // The end of one that failed: the reason, counted and shown.

@@ -7,7 +7,8 @@ namespace Dot1x {
 bool PaeSettings::operator==(const PaeSettings& other) const {
   const auto fields = [](const PaeSettings& s) {
     return std::tie(s.role, s.identity, s.tlsSource, s.fragmentOctets, s.startPeriod, s.maxStart, s.authPeriod,
-                    s.heldPeriod, s.retransmitPeriod, s.maxRetransmissions, s.quietPeriod, s.reauthPeriod);
+                    s.heldPeriod, s.retransmitPeriod, s.maxRetransmissions, s.quietPeriod, s.reauthPeriod, s.radius,
+                    s.nasIdentifier);
   };
   if (fields(*this) != fields(other)) return false;
   // Without a source to compare, only the same loading is the same.
@@ -20,8 +21,10 @@ std::ostream& operator<<(std::ostream& out, const PaeSettings& settings) {
     return out << " identity=" << settings.identity << " start=" << settings.startPeriod << "x" << settings.maxStart
                << " auth=" << settings.authPeriod << " held=" << settings.heldPeriod;
   }
-  return out << " retransmit=" << settings.retransmitPeriod << "x" << settings.maxRetransmissions
-             << " quiet=" << settings.quietPeriod << " reauth=" << settings.reauthPeriod;
+  out << " retransmit=" << settings.retransmitPeriod << "x" << settings.maxRetransmissions
+      << " quiet=" << settings.quietPeriod << " reauth=" << settings.reauthPeriod;
+  for (const RadiusServerSettings& server : settings.radius) out << " radius=" << server;
+  return out;
 }
 
 }  // namespace Dot1x

@@ -8,8 +8,10 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "dot1x/PaeValues.h"
+#include "dot1x/RadiusServer.h"
 #include "dot1x/TlsSession.h"
 
 namespace Dot1x {
@@ -19,10 +21,15 @@ struct PaeSettings {
   // The identity the supplicant gives in its EAP Response/Identity.
   std::string identity;
   // The certificates, key and trust of this side, loaded for its role (peer or server), and what
-  // they were loaded from: two settings with the same source are the same settings, whichever
-  // loading of it each holds.
+  // they were loaded from (none for an authenticator that passes EAP through): two settings with the same source are
+  // the same settings, whichever loading of it each holds.
   std::shared_ptr<const TlsContext> tls;
   std::string tlsSource;
+  // The authenticator's RADIUS servers, in order of preference. When it names any, EAP passes
+  // through to them and the authenticator has no certificates of its own; its requests name it
+  // with the NAS identifier.
+  std::vector<RadiusServerSettings> radius;
+  std::string nasIdentifier;
   // The longest EAP-TLS fragment sent, in octets: an EAPOL frame of it fits a 1500-octet MTU.
   size_t fragmentOctets = 1400;
 
@@ -41,6 +48,8 @@ struct PaeSettings {
   uint32_t maxRetransmissions = 4;
   uint32_t quietPeriod = 60;
   uint32_t reauthPeriod = 3600;
+
+  bool passThrough() const noexcept { return !radius.empty(); }
 
   bool operator==(const PaeSettings& other) const;
 };

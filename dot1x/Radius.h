@@ -42,6 +42,7 @@ enum class RadiusType : uint8_t {
   nasPortType = 61,
   eapMessage = 79,
   messageAuthenticator = 80,
+  nasPortId = 87,
   eapKeyName = 102,
 };
 

@@ -1,14 +1,13 @@
 #pragma once
 
-// The authenticator's side of EAP when a RADIUS server is its EAP server (RFC 3579): each EAP
-// response of the supplicant goes to the server in an Access-Request, with the port's NAS
-// attributes, the supplicant's identity and the State of the server's last answer; each answer
-// gives the EAP packet to send on to the supplicant, and an Access-Accept the keys of the
-// exchange. Like the local EAP server it keeps no time: the state machine above sends a request
-// again, and moves to another server.
+// The authenticator's side of EAP when a RADIUS server is its EAP server (RFC 3579), for one port:
+// each EAP response of the supplicant becomes an Access-Request with the port's NAS attributes,
+// the supplicant's identity and the State of the server's last answer; each answer gives the EAP
+// packet to send on to the supplicant, and an Access-Accept the keys of the exchange. Which server
+// a request goes to, its identifier and its authenticators are the client's; when to send again
+// is the state machine's.
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <string_view>
 
@@ -24,6 +23,7 @@ namespace Dot1x {
 struct RadiusNas {
   std::string identifier;  // NAS-Identifier
   uint32_t port = 0;       // NAS-Port
+  std::string portName;    // NAS-Port-Id: the interface's name
   Lanx::EthAddr own;       // the port's address: Called-Station-Id
   Lanx::EthAddr peer;      // the supplicant's: Calling-Station-Id
   uint32_t framedMtu = 1400;
@@ -33,46 +33,40 @@ struct RadiusNas {
 struct RadiusGrant {
   Macsec::StoredKey msk;           // MS-MPPE-Recv-Key, then MS-MPPE-Send-Key
   Macsec::EapSessionId sessionId;  // EAP-Key-Name
-  uint32_t sessionTimeout = 0;     // seconds; 0: the server gave none
-  bool reauthenticate = false;     // Termination-Action RADIUS-Request: authenticate anew at its end
-};
-
-// What one answer of the server led to.
-struct RadiusStep {
-  std::string eap;  // the EAP packet to send on to the supplicant, if any
-  const char* discarded = nullptr;
+  uint32_t sessionTimeout = 0;     // seconds until the port is authenticated anew; 0: the server gave none
 };
 
 class RadiusRelay {
  public:
-  // `random` gives each new request its authenticator.
-  RadiusRelay(RadiusNas nas, Macsec::KeyBytes secret, std::function<RadiusAuthenticator()> random,
-              uint8_t firstIdentifier);
+  explicit RadiusRelay(RadiusNas nas) : nas_(std::move(nas)) {}
 
-  // The Access-Request that carries an EAP response of the supplicant; a Response/Identity begins
-  // an exchange. Empty if it does not fit in a request.
-  std::string request(std::string_view eapResponse);
-  // The request outstanding, the same to the octet, to send again; empty once answered.
-  const std::string& outstanding() const noexcept { return outstanding_; }
-  // An answer of the server to the request outstanding.
-  RadiusStep answer(std::string_view bytes);
+  // The Access-Request that carries an EAP response of the supplicant, to be given its identifier
+  // and authenticators; a Response/Identity begins an exchange.
+  RadiusPacket request(std::string_view eapResponse);
+  // The last request, to go to another server when its own went silent.
+  const RadiusPacket& lastRequest() const noexcept { return lastRequest_; }
+  // Whether the exchange is the server's own: it gave a State, which no other server knows.
+  bool serverHoldsState() const noexcept { return !state_.empty(); }
+  // The server's answer to the last request, checked by the client against the request's
+  // authenticator and the server's secret, which also hide the keys of an Accept. Returns the
+  // EAP packet to send on to the supplicant, if the server gave one.
+  std::string answer(const RadiusPacket& answer, const Macsec::StoredKey& secret,
+                     const RadiusAuthenticator& requestAuthenticator);
 
   EapOutcome outcome() const noexcept { return outcome_; }
   // Why the exchange failed: the server's reject, or an Accept that cannot serve.
   const std::string& failure() const noexcept { return failure_; }
   const RadiusGrant& grant() const noexcept { return grant_; }
+  const std::string& identity() const noexcept { return identity_; }
 
  private:
-  RadiusStep accepted(const RadiusPacket& accept);
+  void accepted(const RadiusPacket& accept, const Macsec::StoredKey& secret,
+                const RadiusAuthenticator& requestAuthenticator);
 
   RadiusNas nas_;
-  Macsec::KeyBytes secret_;
-  std::function<RadiusAuthenticator()> random_;
-  uint8_t nextIdentifier_;
   std::string identity_;
   std::string state_;
-  std::string outstanding_;
-  RadiusAuthenticator outstandingAuthenticator_{};
+  RadiusPacket lastRequest_;
   EapOutcome outcome_ = EapOutcome::pending;
   std::string failure_;
   RadiusGrant grant_;

@@ -287,6 +287,15 @@ bool Engine::paeLoggedOffIs(const Lanx::IntfId& intf, bool loggedOff) {
   return paes_->loggedOffIs(intf, loggedOff);
 }
 
+void Engine::radiusTransmitterIs(Dot1x::RadiusClient::Transmit transmitter) {
+  paes_->radiusTransmitIs(std::move(transmitter));
+}
+
+void Engine::radiusAnswerIs(const std::string& server, uint32_t channel, std::string_view bytes) {
+  const Speaking speaking(name());
+  paes_->radiusAnswerIs(server, channel, bytes);
+}
+
 void Engine::frameIs(const Lanx::IntfId& intf, const uint8_t* frame, size_t length) {
   const Speaking speaking(name());
   // EAPOL frames other than MKPDUs are the port access entity's, if the interface has one.

@@ -131,8 +131,14 @@ class Engine : public EngineParts {
   // logoff (true) and its return (false). False if the interface has no such entity.
   bool paeReauthenticate(const Lanx::IntfId& intf);
   bool paeLoggedOffIs(const Lanx::IntfId& intf, bool loggedOff);
-  // Out: what each port access entity says of itself.
+  // Out: what each port access entity says of itself, and what the RADIUS servers of those that
+  // pass EAP through answered.
   const Zef::Ptr<Dot1x::PaeStatusDir>& paeStatus() const noexcept { return paeStatus_; }
+  // Out: the requests of the authenticators that pass EAP through, to a server (by the name of
+  // its settings) on one of its channels: the transport opens each channel as it is first used.
+  // In: what came back from a server on a channel.
+  void radiusTransmitterIs(Dot1x::RadiusClient::Transmit transmitter);
+  void radiusAnswerIs(const std::string& server, uint32_t channel, std::string_view bytes);
 
   // Runs work as this engine: the operators' log names it as the source.
   template <class Work>

@@ -84,11 +84,24 @@ Zef::LogHandle MKA_KEYS_WITHOUT_PEER_REMOVED("MKA_KEYS_WITHOUT_PEER_REMOVED", 4,
                                              "through longer losses.",
                                              0, 1.0, 0);
 
+Zef::LogHandle DOT1X_AUTH_FAILED("DOT1X_AUTH_FAILED", 4, "802.1X authentication failed on interface %s: %s",
+                                 "An 802.1X exchange on the interface ended without a key. The port has none from "
+                                 "802.1X until an exchange succeeds; one authenticated before keeps no key either.",
+                                 "Check the reason: the credentials of both ends, or the RADIUS servers.", 60, 1.0, 0);
+
+Zef::LogHandle DOT1X_RADIUS_SERVER_DOWN("DOT1X_RADIUS_SERVER_DOWN", 4, "RADIUS server %s did not answer; down for %d s",
+                                        "A request went unanswered through its timeout and every retry. Ports move "
+                                        "to the next server, and come back to this one after its dead time.",
+                                        "Check that the server runs, is reachable, and knows this host as a client "
+                                        "with the same secret.",
+                                        0, 1.0, 0);
+
 void clearLogHistory() {
   for (Zef::LogHandle* handle :
        {&MKA_KEY_IN_USE, &MKA_FALLBACK_KEY_IN_USE, &MKA_UNPROTECTED_TRAFFIC, &MKA_CA_CREATED, &MKA_STATE_CHG,
         &MKA_SESSION_ESTABLISHED, &MKA_SAK_CREATED, &MKA_SAK_ACTIVATED, &MACSEC_POST_FAILURE, &MKA_CAK_MISMATCH,
-        &MKA_EAP_KEY_REFUSED, &MKA_SAK_OFFSET_REFUSED, &MKA_SAK_DROPPED_UNUSED, &MKA_KEYS_WITHOUT_PEER_REMOVED}) {
+        &MKA_EAP_KEY_REFUSED, &MKA_SAK_OFFSET_REFUSED, &MKA_SAK_DROPPED_UNUSED, &MKA_KEYS_WITHOUT_PEER_REMOVED,
+        &DOT1X_AUTH_FAILED, &DOT1X_RADIUS_SERVER_DOWN}) {
     handle->clearHistory();
   }
 }

@@ -21,6 +21,8 @@ extern Zef::LogHandle MKA_EAP_KEY_REFUSED;
 extern Zef::LogHandle MKA_SAK_OFFSET_REFUSED;
 extern Zef::LogHandle MKA_SAK_DROPPED_UNUSED;
 extern Zef::LogHandle MKA_KEYS_WITHOUT_PEER_REMOVED;
+extern Zef::LogHandle DOT1X_AUTH_FAILED;
+extern Zef::LogHandle DOT1X_RADIUS_SERVER_DOWN;
 
 // Forgets the rate-limit history of every message, as a restarted agent would.
 void clearLogHistory();

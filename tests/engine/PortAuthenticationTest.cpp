@@ -11,6 +11,7 @@
 #include "dot1x/PaeSettings.h"
 #include "sim/Simulation.h"
 #include "tests/dot1x/TestPki.h"
+#include "tests/dot1x/TestRadiusServer.h"
 
 namespace Macsec {
 namespace {
@@ -231,6 +232,67 @@ TEST(PortAuthentication, LogoffAndALinkLostMidExchangeTakeTheKeyAwayUntilTheNext
   EXPECT_EQ(PortAuthentication::pae(world.supplicant())->state(), PaeState::authenticated);
   EXPECT_NE(after.sessionId, before.sessionId);
   EXPECT_TRUE(after.key.sameKeyAs(PortAuthentication::key(world.authenticator()).key));
+}
+
+// The authenticator passes EAP through to two RADIUS servers, over a wire that loses frames: the
+// first answers a few requests and then falls silent in the middle of the exchange, which starts
+// over on the second; the keys of the second's Accept secure the link, and its Session-Timeout
+// brings the next exchange.
+TEST(PortAuthentication, PassedThroughToRadiusAPortMovesFromASilentServerToTheNextAndTakesItsKeys) {
+  const TestPki pki;
+  PortAuthentication world(5);
+  world.link().lossIs(0.1);
+  const std::string secret = "a shared secret";
+  const Macsec::KeyBytes secretBytes(reinterpret_cast<const uint8_t*>(secret.data()), secret.size());
+  Dot1x::Testing::TestRadiusServer aaa1(TestPki::loaded(pki.server(), TlsContext::Side::server), secretBytes);
+  Dot1x::Testing::TestRadiusServer aaa2(TestPki::loaded(pki.server(), TlsContext::Side::server), secretBytes);
+  aaa2.sessionTimeout = 90;
+  Engine& engine = world.authenticator().engine();
+  engine.radiusTransmitterIs([&](const std::string& server, uint32_t channel, std::string_view bytes) {
+    if (server == "aaa1" && aaa1.requests >= 3) return;
+    const std::string answer = (server == "aaa1" ? aaa1 : aaa2).answer(std::string(bytes));
+    world.sim().after(0.02, [&engine, server, channel, answer] { engine.radiusAnswerIs(server, channel, answer); });
+  });
+  PaeSettings s;
+  s.role = PaeRole::supplicant;
+  s.identity = "host.example";
+  s.tls = TestPki::loaded(pki.client(), TlsContext::Side::peer);
+  PaeSettings a;
+  a.role = PaeRole::authenticator;
+  a.nasIdentifier = "switch-7";
+  for (const char* name : {"aaa1", "aaa2"}) {
+    Dot1x::RadiusServerSettings server;
+    server.name = name;
+    server.secret = StoredKey::of(secretBytes);
+    server.timeout = 1;
+    server.retries = 1;
+    a.radius.push_back(server);
+  }
+  EXPECT_TRUE(world.supplicant().engine().paeIs(kEth1, s));
+  EXPECT_TRUE(engine.paeIs(kEth1, a));
+  world.sim().runFor(60);
+
+  for (Sim::Agent* agent : {&world.supplicant(), &world.authenticator()}) {
+    SCOPED_TRACE(agent->name());
+    EXPECT_EQ(PortAuthentication::pae(*agent)->state(), PaeState::authenticated)
+        << PortAuthentication::pae(*agent)->lastFailure();
+    EXPECT_TRUE(PortAuthentication::secured(*agent));
+  }
+  EXPECT_TRUE(
+      PortAuthentication::key(world.supplicant()).key.sameKeyAs(PortAuthentication::key(world.authenticator()).key));
+  const Zef::Ptr<Dot1x::PaePortStatus> pae = PortAuthentication::pae(world.authenticator());
+  EXPECT_EQ(pae->radiusServer(), Zef::String("aaa2"));
+  EXPECT_EQ(pae->peerIdentity(), Zef::String("host.example"));
+  EXPECT_EQ(aaa2.lastNasPortId, "eth1");
+  const Zef::Ptr<Dot1x::RadiusServerStatus> silent = engine.paeStatus()->radiusServer(Zef::String("aaa1"));
+  EXPECT_EQ(silent->timeouts(), 1u);
+  EXPECT_FALSE(silent->up());
+  EXPECT_EQ(engine.paeStatus()->radiusServer(Zef::String("aaa2"))->accepts(), 1u);
+
+  // The second server's Session-Timeout, not the port's hour, brings the next exchange.
+  world.sim().runFor(120);
+  EXPECT_EQ(pae->successes(), 2u);
+  EXPECT_TRUE(PortAuthentication::secured(world.supplicant()));
 }
 
 INSTANTIATE_TEST_SUITE_P(Tls, PortAuthenticationVersions, ::testing::Values(TlsVersion::tls12, TlsVersion::tls13),
