@@ -43,7 +43,7 @@ class Reader {
   ConfigFile read() {
     ConfigFile file;
     file.path = path_;
-    onlyKnown(root_, "", {"global", "keychain", "eap", "profile", "interface"});
+    onlyKnown(root_, "", {"global", "keychain", "radius", "eap", "profile", "interface"});
     if (toml::node* global = root_.get("global")) readGlobal(file, table(*global, "global"));
     if (toml::node* chains = root_.get("keychain")) {
       for (auto&& [name, node] : table(*chains, "keychain")) {
@@ -51,10 +51,17 @@ class Reader {
         file.keyChains[std::string(name.str())] = readKeyChain(table(node, field), field);
       }
     }
+    if (toml::node* servers = root_.get("radius")) {
+      for (auto&& [name, node] : table(*servers, "radius")) {
+        const std::string field = "radius." + std::string(name.str());
+        file.radiusServers[std::string(name.str())] =
+            readRadius(table(node, field), std::string(name.str()), field, file);
+      }
+    }
     if (toml::node* eaps = root_.get("eap")) {
       for (auto&& [name, node] : table(*eaps, "eap")) {
         const std::string field = "eap." + std::string(name.str());
-        file.eaps[std::string(name.str())] = readEap(table(node, field), field);
+        file.eaps[std::string(name.str())] = readEap(table(node, field), field, file);
       }
     }
     if (toml::node* profiles = root_.get("profile")) {
@@ -247,14 +254,17 @@ class Reader {
 
   // An [eap.NAME] section: the side, what it proves itself with (loaded here, so that a certificate
   // that cannot serve is refused with the file), and the periods of its side.
-  Dot1x::PaeSettings readEap(toml::table& t, const std::string& field) const {
+  Dot1x::PaeSettings readEap(toml::table& t, const std::string& field, const ConfigFile& file) const {
     static constexpr std::string_view kSupplicantOnly[] = {"identity", "start-period", "max-start", "auth-period",
                                                            "held-period"};
-    static constexpr std::string_view kAuthenticatorOnly[] = {"retransmit-period", "max-retransmissions",
-                                                              "quiet-period", "reauth-period"};
-    std::vector<std::string_view> known{
-        "role",     "method",     "ca-file",         "cert-file",      "key-file", "passphrase-file",
-        "crl-file", "peer-names", "tls-min-version", "tls-max-version"};
+    static constexpr std::string_view kAuthenticatorOnly[] = {
+        "retransmit-period", "max-retransmissions", "quiet-period", "reauth-period", "radius", "nas-identifier"};
+    // What an EAP server proves itself with: an authenticator that passes EAP through to RADIUS
+    // has none, its servers do.
+    static constexpr std::string_view kOwnTls[] = {"ca-file",  "cert-file",  "key-file",        "passphrase-file",
+                                                   "crl-file", "peer-names", "tls-min-version", "tls-max-version"};
+    std::vector<std::string_view> known{"role", "method"};
+    known.insert(known.end(), std::begin(kOwnTls), std::end(kOwnTls));
     known.insert(known.end(), std::begin(kSupplicantOnly), std::end(kSupplicantOnly));
     known.insert(known.end(), std::begin(kAuthenticatorOnly), std::end(kAuthenticatorOnly));
     onlyKnown(t, field, known);
@@ -299,6 +309,16 @@ class Reader {
         fail(*t.get("reauth-period"), field + ".reauth-period",
              "0 (never) or at least " + std::to_string(kShortestReauthPeriod) + " seconds");
       }
+      readRadiusServers(t, field, file, settings);
+    }
+    if (settings.passThrough()) {
+      for (std::string_view own : kOwnTls) {
+        if (t.get(own)) {
+          fail(*t.get(own), join(field, own),
+               "the authenticator passes EAP through to its RADIUS servers: no certificates of its own");
+        }
+      }
+      return settings;
     }
 
     Dot1x::TlsCredentials credentials;
@@ -336,6 +356,78 @@ class Reader {
       fail(*t.get("cert-file"), field + ".cert-file", problem);
     }
     return settings;
+  }
+
+  // The servers an authenticator names, in order, and the name it gives itself in its requests.
+  void readRadiusServers(toml::table& t, const std::string& field, const ConfigFile& file,
+                         Dot1x::PaeSettings& settings) const {
+    toml::node* names = t.get("radius");
+    if (names == nullptr) {
+      if (toml::node* nas = t.get("nas-identifier"))
+        fail(*nas, field + ".nas-identifier", "takes effect only with radius");
+      return;
+    }
+    toml::array* list = names->as_array();
+    if (list == nullptr || list->empty()) fail(*names, field + ".radius", "must be a list of radius section names");
+    for (toml::node& name : *list) {
+      if (!name.is_string()) fail(name, field + ".radius", "must be names in quotes");
+      const std::string& server = name.as_string()->get();
+      const auto it = file.radiusServers.find(server);
+      if (it == file.radiusServers.end()) fail(name, field + ".radius", "no radius section named " + server);
+      for (const Dot1x::RadiusServerSettings& named : settings.radius) {
+        if (named.name == server) fail(name, field + ".radius", "names " + server + " twice");
+      }
+      settings.radius.push_back(it->second.settings);
+    }
+    if (const std::string* nas = text(t, field, "nas-identifier")) {
+      if (nas->empty()) fail(*t.get("nas-identifier"), field + ".nas-identifier", "must not be empty");
+      settings.nasIdentifier = *nas;
+    } else {
+      char host[256] = {};
+      ::gethostname(host, sizeof host - 1);
+      settings.nasIdentifier = host;
+    }
+  }
+
+  // A [radius.NAME] section: where the server is, how it is reached, and the secret it shares.
+  RadiusServerConfig readRadius(toml::table& t, const std::string& name, const std::string& field,
+                                const ConfigFile& file) const {
+    onlyKnown(t, field, {"address", "port", "transport", "secret-file", "timeout", "retries", "dead-time"});
+    RadiusServerConfig server;
+    server.settings.name = name;
+    if (const std::string* transport = text(t, field, "transport")) {
+      if (*transport == "tls") {
+        server.settings.transport = Dot1x::RadiusTransport::tls;
+      } else if (*transport != "udp") {
+        fail(*t.get("transport"), field + ".transport", "must be \"udp\" or \"tls\"");
+      }
+    }
+    const bool udp = server.settings.transport == Dot1x::RadiusTransport::udp;
+    if (udp && file.fips) {
+      fail(t.get("transport") ? *t.get("transport") : static_cast<toml::node&>(t), field + ".transport",
+           "RADIUS over UDP rests on MD5, which fips = true does not allow: use transport = \"tls\"");
+    }
+    if (!udp) {
+      fail(*t.get("transport"), field + ".transport", "RADIUS over TLS is not built yet: use \"udp\"");
+    }
+    const std::string* address = text(t, field, "address");
+    if (address == nullptr) fail(t, field + ".address", "missing: the server's IPv4 or IPv6 address");
+    const uint32_t port = whole(t, field, "port", 1, 65535, udp ? 1812 : 2083);
+    const std::optional<RadiusEndpoint> endpoint = RadiusEndpoint::of(*address, static_cast<uint16_t>(port));
+    if (!endpoint) fail(*t.get("address"), field + ".address", "must be an IPv4 or IPv6 address");
+    server.endpoint = *endpoint;
+    const std::string* secretFile = text(t, field, "secret-file");
+    if (secretFile == nullptr)
+      fail(t, field + ".secret-file", "missing: the file of the secret shared with the server");
+    std::string secret = readKeyFile(*secretFile, *t.get("secret-file"), field + ".secret-file");
+    if (secret.empty()) fail(*t.get("secret-file"), field + ".secret-file", "the secret is empty");
+    server.settings.secret =
+        Macsec::StoredKey::of(KeyBytes(reinterpret_cast<const uint8_t*>(secret.data()), secret.size()));
+    wipe(secret);
+    server.settings.timeout = whole(t, field, "timeout", 1, 60, server.settings.timeout);
+    server.settings.retries = whole(t, field, "retries", 0, 10, server.settings.retries);
+    server.settings.deadTime = whole(t, field, "dead-time", 0, 3600, server.settings.deadTime);
+    return server;
   }
 
   // A whole number of the section in [lowest, highest], or `otherwise` if absent.

@@ -40,6 +40,18 @@
 //   [profile.campus]
 //   eap = "campus"                             # instead of ckn and cak
 //
+//   [radius.aaa1]                              # a RADIUS server
+//   address = "192.0.2.10"                     # IPv4 or IPv6
+//   port = 1812                                # the default
+//   transport = "udp"                          # the one transport for now; fips = true refuses it
+//   secret-file = "aaa1.secret"                # the shared secret, readable by its owner alone
+//   timeout = 3                                # seconds per try, retries = 2 more, then down
+//   dead-time = 60                             # seconds it is passed over once down
+//   [eap.ports]
+//   role = "authenticator"
+//   radius = ["aaa1", "aaa2"]                  # EAP passes through to them, in order
+//   nas-identifier = "switch-7"                # the host's name unless given
+//
 //   [interface.eth0]
 //   profile = "office"
 //   macsec-name = "mseth0"                     # the kernel data plane's MACsec link
@@ -56,6 +68,7 @@
 #include <vector>
 
 #include "agent/KeyChain.h"
+#include "agent/RadiusSockets.h"
 #include "dot1x/PaeSettings.h"
 #include "model/Config.h"
 #include "model/Values.h"
@@ -95,6 +108,8 @@ struct ConfigFile {
   // profile's key is the chain's key in use, which chainKeysAre() puts in.
   std::map<std::string, KeyChain> keyChains;
   std::map<std::string, std::string> profileKeyChains;
+  // The RADIUS servers of each [radius.NAME] section, which authenticators name in order.
+  std::map<std::string, RadiusServerConfig> radiusServers;
   // The 802.1X settings of each [eap.NAME] section, their TLS context loaded; a profile names the
   // one its keys come from (Profile::eap).
   std::map<std::string, Dot1x::PaeSettings> eaps;

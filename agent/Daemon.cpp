@@ -65,6 +65,14 @@ Daemon::Daemon(EventLoop& loop, DaemonOptions options)
         });
   }
   engine_->frameTransmitterIs([this](const Lanx::IntfId& intf, std::string_view frame) { transmit(intf, frame); });
+  radius_ = std::make_unique<RadiusSockets>(
+      loop_, [this](const std::string& server, uint32_t channel, std::string_view bytes) {
+        engine_->radiusAnswerIs(server, channel, bytes);
+      });
+  radius_->serversAre(config_.radiusServers);
+  engine_->radiusTransmitterIs([this](const std::string& server, uint32_t channel, std::string_view packet) {
+    radius_->send(server, channel, packet);
+  });
   chainKeysAre(config_, Zef::System::currentTimeUtc());
   warnOfKeyChains();
   engine_->as([&] { applyConfigFile(config_, *engine_->config()); });
@@ -97,6 +105,7 @@ Daemon::~Daemon() {
   linkWatcher_.reset();
   for (auto& [name, running] : running_) loop_.fdDel(running.eapol->fd());
   running_.clear();
+  radius_.reset();
   engine_.reset();
 }
 
@@ -150,6 +159,7 @@ std::optional<std::string> Daemon::reload() {
   chainKeysAre(file, Zef::System::currentTimeUtc());
   for (const std::string& change : configChanges(config_, file)) Zef::log(MKAD_CONFIG_CHANGE, file.path, change);
   config_ = std::move(file);
+  radius_->serversAre(config_.radiusServers);
   engine_->as([&] { applyConfigFile(config_, *engine_->config()); });
   interfacesFollowConfig();
   warnOfKeyChains();
@@ -554,6 +564,9 @@ nlohmann::json Daemon::show() {
       report["data-plane-errors"] = link == kernel_->links().end() ? 0 : link->second.errors;
     }
     interfaces.push_back(report);
+  }
+  if (!config_.radiusServers.empty()) {
+    reply["radius-servers"] = radiusServersReport(*engine_->paeStatus(), config_.radiusServers);
   }
   return reply;
 }

@@ -23,6 +23,7 @@
 #include "agent/KernelSelfTest.h"
 #include "agent/LinkWatcher.h"
 #include "agent/MacsecNetlink.h"
+#include "agent/RadiusSockets.h"
 #include "agent/RuntimeFiles.h"
 #include "agent/SessionHistory.h"
 #include "engine/Engine.h"
@@ -133,6 +134,8 @@ class Daemon {
   DaemonOptions options_;
   ConfigFile config_;
   std::unique_ptr<Engine> engine_;
+  // The sockets to the RADIUS servers of authenticators that pass EAP through.
+  std::unique_ptr<RadiusSockets> radius_;
   // The kernel data plane, when the configuration chose it.
   std::unique_ptr<MacsecNetlink> netlink_;
   Zef::Ptr<KernelDataPlane> kernel_;

@@ -106,6 +106,11 @@ Zef::LogHandle MKAD_KEY_CHAIN_WARNING("MKAD_KEY_CHAIN_WARNING", 4, "Key chain %s
                                       "Said at the start and at each reload, before it happens.",
                                       "Correct the chain's times, and reload.", 0, 1.0, 0);
 
+Zef::LogHandle MKAD_RADIUS_SOCKET_FAILED("MKAD_RADIUS_SOCKET_FAILED", 3, "Cannot reach RADIUS server %s at %s: %s",
+                                         "The daemon could not open a socket to the server; its requests are lost, "
+                                         "and ports move to the next server when they time out.",
+                                         "Check the server's address and the host's routes.", 60, 1.0, 0);
+
 void errorLine(const std::string& text) {
   std::fprintf(stderr, "<%d>mkad: %s\n", LOG_ERR, text.c_str());
   std::fflush(stderr);

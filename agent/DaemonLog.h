@@ -29,6 +29,7 @@ extern Zef::LogHandle MKAD_METRICS_WRITE_FAILED;
 extern Zef::LogHandle MKAD_KEY_CHAIN_ROLLOVER;
 extern Zef::LogHandle MKAD_KEY_CHAIN_NO_KEY;
 extern Zef::LogHandle MKAD_KEY_CHAIN_WARNING;
+extern Zef::LogHandle MKAD_RADIUS_SOCKET_FAILED;
 
 enum class LogTarget { standardError, syslog };
 void operatorLogIs(LogTarget target);

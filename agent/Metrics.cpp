@@ -116,6 +116,39 @@ void addSession(Families& f, const nlohmann::json& intf) {
   }
 }
 
+// A port's 802.1X: whether it is authenticated, and through which RADIUS server, if any.
+void addAuthentication(Families& f, const nlohmann::json& intf) {
+  const nlohmann::json& auth = intf["authentication"];
+  f.add("mkad_dot1x_authenticated", "gauge",
+        "Whether the port's last 802.1X exchange succeeded (1) or not (0), by role and the RADIUS server that "
+        "answered last.",
+        {{"interface", intf["name"].get<std::string>()},
+         {"role", auth["role"].get<std::string>()},
+         {"radius_server", auth["radius-server"].is_string() ? auth["radius-server"].get<std::string>() : ""}},
+        auth["state"] == "authenticated" ? 1 : 0);
+}
+
+void addRadiusServer(Families& f, const nlohmann::json& server) {
+  const Labels labels{{"server", server["name"].get<std::string>()}};
+  f.add("mkad_radius_server_up", "gauge", "Whether the RADIUS server is up (1), or down for its dead time (0).", labels,
+        server["up"].get<bool>() ? 1 : 0);
+  if (server["round-trip-ms"].is_number()) {
+    f.add("mkad_radius_round_trip_seconds", "gauge",
+          "The round trip of the server's last answer to a request sent once.", labels,
+          server["round-trip-ms"].get<double>() / 1000);
+  }
+  const nlohmann::json& counts = server["counters"];
+  for (const char* name : {"requests", "retransmissions", "accepts", "rejects", "challenges", "timeouts"}) {
+    f.add(std::string("mkad_radius_") + name + "_total", "counter",
+          "Of the RADIUS server: requests sent, requests sent again, answers by code, requests unanswered to the end.",
+          labels, counts[name].get<double>());
+  }
+  for (const auto& [reason, count] : counts["discarded"].items()) {
+    f.add("mkad_radius_discarded_total", "counter", "Answers of the RADIUS server refused, by reason.",
+          {labels[0], {"reason", reason}}, count.get<double>());
+  }
+}
+
 void addMkpduCounters(Families& f, const nlohmann::json& intf) {
   const Labels labels{{"interface", intf["name"].get<std::string>()}};
   for (const auto& [name, value] : intf.items()) {
@@ -145,7 +178,13 @@ std::string metricsText(const nlohmann::json& show, const nlohmann::json& counte
         {{"version", version}, {"data_plane", show["data-plane"].get<std::string>()}}, 1);
   f.add("mkad_data_plane_encrypts", "gauge", "Whether the data plane protects traffic (0 for the emulated plane).", {},
         show["encrypted"].get<bool>() ? 1 : 0);
-  for (const nlohmann::json& intf : show["interfaces"]) addSession(f, intf);
+  for (const nlohmann::json& intf : show["interfaces"]) {
+    addSession(f, intf);
+    if (intf.contains("authentication")) addAuthentication(f, intf);
+  }
+  if (show.contains("radius-servers")) {
+    for (const nlohmann::json& server : show["radius-servers"]) addRadiusServer(f, server);
+  }
   for (const nlohmann::json& intf : counters["interfaces"]) addMkpduCounters(f, intf);
   f.add("mkad_longest_loop_turn_seconds", "gauge",
         "The longest the daemon's loop has taken over one round of frames, timers and kernel work.", {},

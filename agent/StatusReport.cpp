@@ -274,7 +274,9 @@ nlohmann::json authenticationReport(const Dot1x::PaePortStatus& pae) {
   const auto when = [](double engineTime) {
     return engineTime > 0 ? nlohmann::json(rfc3339(utcOf(engineTime))) : nlohmann::json(nullptr);
   };
-  const bool succeeded = pae.successes() > 0;
+  // Passed through, the TLS of the exchange was the server's, and so was what it saw of the peer.
+  const bool passedThrough = !pae.radiusServer().empty();
+  const bool succeeded = pae.successes() > 0 && !passedThrough;
   nlohmann::json report{
       {"role", Dot1x::paeRoleText(pae.role())},
       {"state", Dot1x::paeStateText(pae.state())},
@@ -284,6 +286,7 @@ nlohmann::json authenticationReport(const Dot1x::PaePortStatus& pae) {
        pae.peerIdentity().empty() ? nlohmann::json(nullptr) : nlohmann::json(pae.peerIdentity().stdString())},
       {"peer-subject", succeeded ? nlohmann::json(pae.peerSubject().stdString()) : nlohmann::json(nullptr)},
       {"tls-version", succeeded ? nlohmann::json(Dot1x::tlsVersionText(pae.tlsVersion())) : nlohmann::json(nullptr)},
+      {"radius-server", passedThrough ? nlohmann::json(pae.radiusServer().stdString()) : nlohmann::json(nullptr)},
       {"authenticated-at", when(pae.authenticatedAt())},
       {"next-reauthentication", when(pae.nextReauthAt())},
       {"last-failure", pae.lastFailure().empty() ? nlohmann::json(nullptr)
@@ -303,6 +306,31 @@ nlohmann::json authenticationReport(const Dot1x::PaePortStatus& pae) {
       {"failures", byReason(pae.failuresIter())},
       {"successes", pae.successes()},
   };
+  return report;
+}
+
+nlohmann::json radiusServersReport(const Dot1x::PaeStatusDir& paes,
+                                   const std::map<std::string, RadiusServerConfig>& servers) {
+  nlohmann::json report = nlohmann::json::array();
+  for (const auto& [name, server] : servers) {
+    const Zef::Ptr<Dot1x::RadiusServerStatus const> status = paes.radiusServer(Zef::String(name));
+    nlohmann::json entry{{"name", name},
+                         {"address", server.endpoint.text},
+                         {"transport", Dot1x::radiusTransportText(server.settings.transport)},
+                         {"up", !status || status->up()}};
+    entry["round-trip-ms"] = status && status->roundTrip() > 0 ? nlohmann::json(std::lround(status->roundTrip() * 1000))
+                                                               : nlohmann::json(nullptr);
+    entry["counters"] = {
+        {"requests", status ? status->requests() : 0},
+        {"retransmissions", status ? status->retransmissions() : 0},
+        {"accepts", status ? status->accepts() : 0},
+        {"rejects", status ? status->rejects() : 0},
+        {"challenges", status ? status->challenges() : 0},
+        {"timeouts", status ? status->timeouts() : 0},
+        {"discarded", status ? byReason(status->discardedIter()) : nlohmann::json::object()},
+    };
+    report.push_back(entry);
+  }
   return report;
 }
 

@@ -24,6 +24,11 @@ nlohmann::json interfaceReport(const Engine& engine, const Lanx::IntfId& intf, b
 // it was authenticated and will be again, the last failure, and what crossed the port.
 nlohmann::json authenticationReport(const Dot1x::PaePortStatus& pae);
 
+// The RADIUS servers of the configuration: where each is, whether it is up, the round trip of its
+// last answer, and its counters.
+nlohmann::json radiusServersReport(const Dot1x::PaeStatusDir& paes,
+                                   const std::map<std::string, RadiusServerConfig>& servers);
+
 // A key chain: the key in use, by its CKN, and the next rollover.
 nlohmann::json keyChainReport(const std::string& name, const KeyChain& chain, double now);
 

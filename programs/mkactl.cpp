@@ -152,14 +152,34 @@ void showAuthentication(const Json& auth) {
   if (auth["reauthenticating"].get<bool>()) line += ", re-authenticating";
   if (!auth["peer-identity"].is_null()) line += ", peer identity " + cell(auth["peer-identity"]);
   if (!auth["authenticated-at"].is_null()) {
-    line += ", last by " + cell(auth["peer-subject"]) + " with " + cell(auth["tls-version"]) + " at " +
-            cell(auth["authenticated-at"]);
+    // Passed through, the exchange's TLS was the RADIUS server's.
+    line += auth["radius-server"].is_null()
+                ? ", last by " + cell(auth["peer-subject"]) + " with " + cell(auth["tls-version"])
+                : ", last through RADIUS server " + cell(auth["radius-server"]);
+    line += " at " + cell(auth["authenticated-at"]);
   }
   if (!auth["next-reauthentication"].is_null()) line += ", next " + cell(auth["next-reauthentication"]);
   printWrapped(line, ", ");
   if (const Json& failure = auth["last-failure"]; !failure.is_null()) {
     printWrapped("  802.1X last failure: " + cell(failure["at"]) + ", " + cell(failure["reason"]), ", ");
   }
+}
+
+// The RADIUS servers, one row each, below the interfaces.
+void showRadiusServers(const Json& servers) {
+  std::vector<std::vector<std::string>> rows;
+  for (const Json& server : servers) {
+    const Json& counts = server["counters"];
+    rows.push_back({cell(server["name"]), cell(server["address"]), cell(server["transport"]),
+                    server["up"].get<bool>() ? "up" : "down",
+                    server["round-trip-ms"].is_null() ? "-" : cell(server["round-trip-ms"]) + " ms",
+                    cell(counts["requests"]), cell(counts["accepts"]), cell(counts["rejects"]),
+                    cell(counts["timeouts"])});
+  }
+  std::cout << "\n";
+  printTable(
+      {"RADIUS server", "address", "transport", "state", "round trip", "requests", "accepts", "rejects", "timeouts"},
+      rows);
 }
 
 // One interface in words, below the table.
@@ -252,6 +272,7 @@ void showSessions(const Json& reply) {
   }
   printTable({"interface", "status", "key server", "peers", "transmit key", "controlled port"}, rows);
   for (const Json& intf : reply["interfaces"]) showDetails(intf);
+  if (const auto servers = reply.find("radius-servers"); servers != reply.end()) showRadiusServers(*servers);
 }
 
 // One row per field, in the daemon's order, and one column per interface: the fields of each

@@ -22,6 +22,7 @@ packages=(
   iproute2             # network namespaces and veth pairs for the daemon's tests
   scdoc man-db         # the manual pages, and their check
   python3-prometheus-client  # a real parser of the metrics in the daemon's tests
+  freeradius         # a real RADIUS server, started by the daemon's tests as the authenticator's peer
 )
 
 missing=()

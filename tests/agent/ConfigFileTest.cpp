@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -227,6 +228,60 @@ TEST(ConfigFile, AnEapSectionLoadsItsCertificatesAndRefusesOnesThatCannotServe) 
       {"[profile.campus]\neap = \"host\"\n", "mkad.conf:2: profile.campus.eap: no eap section named host"},
       {supplicant + "[profile.campus]\neap = \"host\"\nckn = \"" + kCkn + "\"\ncak = \"" + kCak + "\"\n",
        "mkad.conf:12: profile.campus.ckn: the profile's keys come from eap.host: no key of its own"},
+  };
+  for (const auto& [text, expected] : cases) {
+    const std::string error = errorOf(text);
+    EXPECT_EQ(error.rfind(expected, 0), 0u) << "got: " << error << "\nfor:\n" << text;
+  }
+}
+
+TEST(ConfigFile, RadiusServersAreNamedByAnAuthenticatorThatPassesEapThroughAndUdpIsRefusedUnderFips) {
+  const std::string secret = keyFile("radius.secret", "a shared secret\n", 0600);
+  const std::string open = keyFile("open.secret", "a shared secret\n", 0644);
+  const auto server = [&](const std::string& name, const std::string& extra, const std::string& address = "192.0.2.10",
+                          const std::string& file = "") {
+    return "[radius." + name + "]\naddress = \"" + address + "\"\nsecret-file = \"" + (file.empty() ? secret : file) +
+           "\"\n" + extra;
+  };
+  const std::string servers =
+      server("aaa1", "timeout = 2\nretries = 0\ndead-time = 30\n") + server("aaa2", "port = 11812\n", "2001:db8::10");
+  const ConfigFile file =
+      parseConfigText(servers + "[eap.ports]\nrole = \"authenticator\"\nradius = [\"aaa2\", \"aaa1\"]\n", "mkad.conf");
+  const Dot1x::PaeSettings& ports = file.eaps.at("ports");
+  ASSERT_EQ(ports.radius.size(), 2u);
+  EXPECT_TRUE(ports.passThrough());
+  EXPECT_FALSE(ports.tls);
+  EXPECT_EQ(ports.radius[0].name, "aaa2");
+  EXPECT_EQ(file.radiusServers.at("aaa2").endpoint.text, "[2001:db8::10]:11812");
+  EXPECT_EQ(file.radiusServers.at("aaa1").endpoint.text, "192.0.2.10:1812");
+  EXPECT_EQ(std::tie(ports.radius[1].timeout, ports.radius[1].retries, ports.radius[1].deadTime),
+            std::make_tuple(2u, 0u, 30u));
+  EXPECT_TRUE(ports.radius[1].secret.sameKeyAs(
+      Macsec::StoredKey::of(Macsec::KeyBytes(reinterpret_cast<const uint8_t*>("a shared secret"), 15))));
+  char host[256] = {};
+  ::gethostname(host, sizeof host - 1);
+  EXPECT_EQ(ports.nasIdentifier, host);
+
+  const std::string authenticator = "[eap.ports]\nrole = \"authenticator\"\n";
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"[global]\nfips = true\n" + server("aaa1", ""),
+       "mkad.conf:3: radius.aaa1.transport: RADIUS over UDP rests on MD5, which fips = true does not allow"},
+      {server("aaa1", "transport = \"tcp\"\n"), "mkad.conf:4: radius.aaa1.transport: must be \"udp\" or \"tls\""},
+      {server("aaa1", "", "radius.example"), "mkad.conf:2: radius.aaa1.address: must be an IPv4 or IPv6 address"},
+      {"[radius.aaa1]\naddress = \"192.0.2.10\"\n", "mkad.conf:1: radius.aaa1.secret-file: missing"},
+      {server("aaa1", "", "192.0.2.10", open),
+       "mkad.conf:3: radius.aaa1.secret-file: key file " + open + " is open to group or others"},
+      {server("aaa1", "timeout = 0\n"), "mkad.conf:4: radius.aaa1.timeout: must be a whole number from 1 to 60"},
+      {authenticator + "radius = [\"aaa9\"]\n", "mkad.conf:3: eap.ports.radius: no radius section named aaa9"},
+      {server("aaa1", "") + authenticator + "radius = [\"aaa1\", \"aaa1\"]\n",
+       "mkad.conf:6: eap.ports.radius: names aaa1 twice"},
+      {server("aaa1", "") + authenticator + "radius = [\"aaa1\"]\nca-file = \"ca.pem\"\n",
+       "mkad.conf:7: eap.ports.ca-file: the authenticator passes EAP through to its RADIUS servers: no certificates "
+       "of its own"},
+      {authenticator + "nas-identifier = \"sw\"\n",
+       "mkad.conf:3: eap.ports.nas-identifier: takes effect only with radius"},
+      {"[eap.host]\nrole = \"supplicant\"\nradius = [\"aaa1\"]\n",
+       "mkad.conf:3: eap.host.radius: takes effect only for an authenticator"},
   };
   for (const auto& [text, expected] : cases) {
     const std::string error = errorOf(text);

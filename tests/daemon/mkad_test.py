@@ -19,6 +19,8 @@ import unittest
 
 from prometheus_client.parser import text_string_to_metric_families
 
+from freeradius import FreeRadius
+
 MKAD = MKACTL = None
 
 CKN = "96437a93ccf10d9dfe347846cce52c7d"
@@ -83,6 +85,12 @@ def eap_profile_text(role, name, peer, extra=""):
     if role == "supplicant":
         text += 'identity = "%s.example"\n' % name
     return text + extra + '[profile.lab]\neap = "lab"\n'
+
+
+def samples(text):
+    """Metrics as a real parser reads them: each sample's value by its name and sorted labels."""
+    return {(s.name, tuple(sorted(s.labels.items()))): s.value
+            for family in text_string_to_metric_families(text) for s in family.samples}
 
 
 class Daemon:
@@ -155,7 +163,9 @@ class Daemon:
 class Pair:
     """Two namespaces joined by a veth pair, each with its daemon."""
 
-    def __init__(self, test, profile_a=None, profile_b=None):
+    def __init__(self, test, profile_a=None, profile_b=None, before_start=None):
+        """`before_start`, if given, is called with the pair once its namespaces are up, before its
+        daemons start."""
         self.test = test
         tag = "%d%d" % (os.getpid() % 10000, id(self) % 1000)
         self.netns = ["mkta" + tag, "mktb" + tag]
@@ -165,9 +175,12 @@ class Pair:
                         "eth-b", "netns", self.netns[1]], check=True)
         for ns, intf in zip(self.netns, ["eth-a", "eth-b"]):
             subprocess.run(["ip", "-n", ns, "link", "set", intf, "up"], check=True)
+            subprocess.run(["ip", "-n", ns, "link", "set", "lo", "up"], check=True)
         self.a = Daemon(test.workdir, "a", "eth-a", self.netns[0], profile_a)
         self.b = Daemon(test.workdir, "b", "eth-b", self.netns[1], profile_b)
         test.addCleanup(self.close)
+        if before_start:
+            before_start(self)
         self.a.start()
         self.b.start()
 
@@ -240,9 +253,6 @@ class Sessions(DaemonTest):
 
     def check_the_metrics(self, pair, cak):
         """The metrics, as a real parser reads them, from mkactl and from the textfile the daemon writes."""
-        def samples(text):
-            return {(s.name, tuple(sorted(s.labels.items()))): s.value
-                    for family in text_string_to_metric_families(text) for s in family.samples}
         result = pair.a.ctl("metrics")
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertNotIn(cak, result.stdout.lower())
@@ -372,6 +382,80 @@ class Sessions(DaemonTest):
                          "both ends secured on the new exchange's key")
                 self.assertIn("no such interface", pair.a.ctl("reauth", "eth-x").stderr)
                 pair.close()
+
+    def test_an_authenticator_passes_eap_through_to_freeradius_and_fails_over_to_the_second_server(self):
+        make_pki(self.workdir)
+        secret = "a secret of the test"
+        with open(os.path.join(self.workdir, "radius.secret"), "w") as f:
+            f.write(secret + "\n")
+        os.chmod(os.path.join(self.workdir, "radius.secret"), 0o600)
+        servers = []
+
+        def start_servers(pair):
+            for name, port in (("aaa1", 18121), ("aaa2", 18122)):
+                server = FreeRadius(self.workdir, name, pair.netns[0], port, secret, self.workdir)
+                self.addCleanup(server.stop)
+                server.start()
+                servers.append(server)
+
+        radius = "".join('[radius.%s]\naddress = "127.0.0.1"\nport = %d\nsecret-file = "radius.secret"\n'
+                         'timeout = 1\nretries = 1\n' % (name, port) for name, port in (("aaa1", 18121), ("aaa2", 18122)))
+        authenticator = (radius + '[eap.lab]\nrole = "authenticator"\nradius = ["aaa1", "aaa2"]\n'
+                         'nas-identifier = "switch-7"\n[profile.lab]\neap = "lab"\n')
+        pair = Pair(self, authenticator, eap_profile_text("supplicant", "host", "switch", 'tls-max-version = "1.2"\n'),
+                    start_servers)
+        for version in ("1.2", "1.3"):
+            # The supplicant's TLS is the server's: both versions run through the same authenticator.
+            pair.b.write_config(eap_profile_text("supplicant", "host", "switch", 'tls-max-version = "%s"\n' % version))
+            reloaded = pair.b.ctl("reload")
+            self.assertEqual(reloaded.returncode, 0, reloaded.stderr)
+            wait_for(lambda: (pair.b.session().get("authentication") or {}).get("tls-version") == "TLS " + version and
+                     pair.a.session()["ckn"] == pair.b.session()["ckn"], 30, "secured over TLS " + version)
+            pair.wait_secured()
+        auth = pair.a.session()["authentication"]
+        self.assertEqual((auth["state"], auth["radius-server"], auth["peer-identity"], auth["peer-subject"]),
+                         ("authenticated", "aaa1", "host.example", None))
+        self.assertIn("Login OK: [host.example]", servers[0].log_text())
+        first = pair.a.show()["radius-servers"][0]
+        self.assertEqual((first["name"], first["up"], first["counters"]["accepts"]), ("aaa1", True, 2))
+        self.assertGreater(first["counters"]["challenges"], 4)
+        # The first server gone, a new exchange moves to the second and the link keeps its keys.
+        servers[0].stop()
+        ckn = pair.a.session()["ckn"]
+        self.assertEqual(pair.a.ctl("reauth", "eth-a").returncode, 0)
+        wait_for(lambda: pair.a.session()["authentication"]["radius-server"] == "aaa2" and
+                 pair.a.session()["ckn"] == pair.b.session()["ckn"] != ckn, 30, "the second server's key in use")
+        pair.wait_secured()
+        down = pair.a.show()["radius-servers"][0]
+        self.assertEqual((down["up"], down["counters"]["timeouts"]), (False, 1))
+        self.assertIn("DOT1X_RADIUS_SERVER_DOWN: RADIUS server aaa1 did not answer", pair.a.log_text())
+        read = samples(pair.a.ctl("metrics").stdout)
+        self.assertEqual(read[("mkad_radius_server_up", (("server", "aaa1"),))], 0)
+        self.assertEqual(read[("mkad_radius_accepts_total", (("server", "aaa2"),))], 1)
+        self.assertEqual(read[("mkad_dot1x_authenticated", (("interface", "eth-a"), ("radius_server", "aaa2"),
+                                                             ("role", "authenticator")))], 1)
+        shown = pair.a.ctl("show").stdout
+        self.assertIn("last through RADIUS server aaa2", shown)
+        self.assertRegex(shown, r"aaa1 +127\.0\.0\.1:18121 +udp +down")
+        # A supplicant whose certificate no authority of the server signed is rejected: its port
+        # gets no key from the exchange, and says why.
+        os.makedirs(os.path.join(self.workdir, "other"))
+        make_pki(os.path.join(self.workdir, "other"))
+        with open(os.path.join(self.workdir, "both.pem"), "w") as both:
+            for name in ("ca.pem", "other/ca.pem"):
+                with open(os.path.join(self.workdir, name)) as authority:
+                    both.write(authority.read())
+        pair.b.write_config('[eap.lab]\nrole = "supplicant"\nidentity = "host.example"\nca-file = "both.pem"\n'
+                            'cert-file = "other/host.pem"\nkey-file = "other/host.key"\n'
+                            'peer-names = ["switch.example"]\n[profile.lab]\neap = "lab"\n')
+        reloaded = pair.b.ctl("reload")
+        self.assertEqual(reloaded.returncode, 0, reloaded.stderr)
+        rejected = wait_for(lambda: (lambda a: a if a["last-failure"] else None)(
+            pair.a.session()["authentication"]), 30, "the reject")
+        self.assertEqual(rejected["last-failure"]["reason"], "the RADIUS server rejected the supplicant")
+        self.assertIn("DOT1X_AUTH_FAILED: 802.1X authentication failed on interface eth-a: the RADIUS server "
+                      "rejected the supplicant", pair.a.log_text())
+        self.assertEqual(pair.a.show()["radius-servers"][1]["counters"]["rejects"], 1)
 
     def test_a_peer_with_a_wrong_cak_never_becomes_live_and_its_mkpdus_are_counted(self):
         pair = Pair(self, profile_b=profile_text(OTHER_CAK_128))
