@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <span>
 #include <string_view>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -36,6 +37,10 @@ void wipe(std::string& text) {
 }
 
 // Reads one file's tables into a ConfigFile, and stops at the first error.
+// The keys of what a section proves itself with over TLS and accepts of its peer.
+constexpr std::string_view kTlsKeys[] = {"ca-file",  "cert-file",  "key-file",        "passphrase-file",
+                                         "crl-file", "peer-names", "tls-min-version", "tls-max-version"};
+
 class Reader {
  public:
   Reader(const std::string& path, toml::table& root) : path_(path), root_(root) {}
@@ -259,12 +264,9 @@ class Reader {
                                                            "held-period"};
     static constexpr std::string_view kAuthenticatorOnly[] = {
         "retransmit-period", "max-retransmissions", "quiet-period", "reauth-period", "radius", "nas-identifier"};
-    // What an EAP server proves itself with: an authenticator that passes EAP through to RADIUS
-    // has none, its servers do.
-    static constexpr std::string_view kOwnTls[] = {"ca-file",  "cert-file",  "key-file",        "passphrase-file",
-                                                   "crl-file", "peer-names", "tls-min-version", "tls-max-version"};
     std::vector<std::string_view> known{"role", "method"};
-    known.insert(known.end(), std::begin(kOwnTls), std::end(kOwnTls));
+    known.reserve(32);
+    known.insert(known.end(), std::begin(kTlsKeys), std::end(kTlsKeys));
     known.insert(known.end(), std::begin(kSupplicantOnly), std::end(kSupplicantOnly));
     known.insert(known.end(), std::begin(kAuthenticatorOnly), std::end(kAuthenticatorOnly));
     onlyKnown(t, field, known);
@@ -312,7 +314,8 @@ class Reader {
       readRadiusServers(t, field, file, settings);
     }
     if (settings.passThrough()) {
-      for (std::string_view own : kOwnTls) {
+      // What an EAP server proves itself with: passing EAP through, the servers do.
+      for (std::string_view own : kTlsKeys) {
         if (t.get(own)) {
           fail(*t.get(own), join(field, own),
                "the authenticator passes EAP through to its RADIUS servers: no certificates of its own");
@@ -321,6 +324,15 @@ class Reader {
       return settings;
     }
 
+    const Dot1x::TlsContext::Side side = supplicant ? Dot1x::TlsContext::Side::peer : Dot1x::TlsContext::Side::server;
+    std::tie(settings.tls, settings.tlsSource) = readTls(t, field, side);
+    return settings;
+  }
+
+  // What a section proves itself with and accepts of its peer, loaded for its side, and what it was
+  // loaded from. A certificate its peer would refuse is refused here.
+  std::pair<std::shared_ptr<const Dot1x::TlsContext>, std::string> readTls(toml::table& t, const std::string& field,
+                                                                           Dot1x::TlsContext::Side side) const {
     Dot1x::TlsCredentials credentials;
     credentials.caFile = givenFile(t, field, "ca-file", true);
     credentials.certFile = givenFile(t, field, "cert-file", true);
@@ -347,15 +359,14 @@ class Reader {
       fail(*t.get("tls-min-version"), field + ".tls-min-version", "must not be above tls-max-version");
     }
 
-    settings.tlsSource = tlsSource(credentials, settings.role);
+    std::string source = tlsSource(credentials, side);
     std::string error;
-    const Dot1x::TlsContext::Side side = supplicant ? Dot1x::TlsContext::Side::peer : Dot1x::TlsContext::Side::server;
-    settings.tls = Dot1x::TlsContext::load(std::move(credentials), side, error);
-    if (!settings.tls) fail(*t.get("cert-file"), field, error);
-    if (const std::string problem = settings.tls->ownCertificateProblem(); !problem.empty()) {
+    std::shared_ptr<const Dot1x::TlsContext> tls = Dot1x::TlsContext::load(std::move(credentials), side, error);
+    if (!tls) fail(*t.get("cert-file"), field, error);
+    if (const std::string problem = tls->ownCertificateProblem(); !problem.empty()) {
       fail(*t.get("cert-file"), field + ".cert-file", problem);
     }
-    return settings;
+    return {std::move(tls), std::move(source)};
   }
 
   // The servers an authenticator names, in order, and the name it gives itself in its requests.
@@ -392,7 +403,11 @@ class Reader {
   // A [radius.NAME] section: where the server is, how it is reached, and the secret it shares.
   RadiusServerConfig readRadius(toml::table& t, const std::string& name, const std::string& field,
                                 const ConfigFile& file) const {
-    onlyKnown(t, field, {"address", "port", "transport", "secret-file", "timeout", "retries", "dead-time"});
+    std::vector<std::string_view> known{"address", "port",    "transport", "secret-file",
+                                        "timeout", "retries", "dead-time"};
+    known.reserve(32);
+    known.insert(known.end(), std::begin(kTlsKeys), std::end(kTlsKeys));
+    onlyKnown(t, field, known);
     RadiusServerConfig server;
     server.settings.name = name;
     if (const std::string* transport = text(t, field, "transport")) {
@@ -407,8 +422,13 @@ class Reader {
       fail(t.get("transport") ? *t.get("transport") : static_cast<toml::node&>(t), field + ".transport",
            "RADIUS over UDP rests on MD5, which fips = true does not allow: use transport = \"tls\"");
     }
-    if (!udp) {
-      fail(*t.get("transport"), field + ".transport", "RADIUS over TLS is not built yet: use \"udp\"");
+    if (udp) {
+      for (std::string_view key : kTlsKeys) {
+        if (t.get(key)) fail(*t.get(key), join(field, key), "takes effect only with transport = \"tls\"");
+      }
+    } else {
+      // This host's certificate, and the authorities and names the server's must have.
+      std::tie(server.tls, server.tlsSource) = readTls(t, field, Dot1x::TlsContext::Side::peer);
     }
     const std::string* address = text(t, field, "address");
     if (address == nullptr) fail(t, field + ".address", "missing: the server's IPv4 or IPv6 address");
@@ -416,10 +436,13 @@ class Reader {
     const std::optional<RadiusEndpoint> endpoint = RadiusEndpoint::of(*address, static_cast<uint16_t>(port));
     if (!endpoint) fail(*t.get("address"), field + ".address", "must be an IPv4 or IPv6 address");
     server.endpoint = *endpoint;
+    // Over TLS the secret is "radsec" unless the server wants another.
     const std::string* secretFile = text(t, field, "secret-file");
-    if (secretFile == nullptr)
+    if (secretFile == nullptr && udp) {
       fail(t, field + ".secret-file", "missing: the file of the secret shared with the server");
-    std::string secret = readKeyFile(*secretFile, *t.get("secret-file"), field + ".secret-file");
+    }
+    std::string secret =
+        secretFile ? readKeyFile(*secretFile, *t.get("secret-file"), field + ".secret-file") : std::string("radsec");
     if (secret.empty()) fail(*t.get("secret-file"), field + ".secret-file", "the secret is empty");
     server.settings.secret =
         Macsec::StoredKey::of(KeyBytes(reinterpret_cast<const uint8_t*>(secret.data()), secret.size()));
@@ -465,9 +488,9 @@ class Reader {
 
   // What a TLS context is loaded from, as text: the side, the options, and each file with the time
   // it last changed, so that a reload that finds them all the same keeps the context it has.
-  static std::string tlsSource(const Dot1x::TlsCredentials& c, Dot1x::PaeRole role) {
-    std::string source = std::string(Dot1x::paeRoleText(role)) + " " + Dot1x::tlsVersionText(c.minVersion) + "-" +
-                         Dot1x::tlsVersionText(c.maxVersion);
+  static std::string tlsSource(const Dot1x::TlsCredentials& c, Dot1x::TlsContext::Side side) {
+    std::string source = std::string(side == Dot1x::TlsContext::Side::peer ? "peer" : "server") + " " +
+                         Dot1x::tlsVersionText(c.minVersion) + "-" + Dot1x::tlsVersionText(c.maxVersion);
     for (const std::string& name : c.peerNames) source += " " + name;
     for (const std::string* file : {&c.caFile, &c.certFile, &c.keyFile, &c.crlFile}) {
       struct stat st {};

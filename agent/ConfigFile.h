@@ -43,8 +43,10 @@
 //   [radius.aaa1]                              # a RADIUS server
 //   address = "192.0.2.10"                     # IPv4 or IPv6
 //   port = 1812                                # the default
-//   transport = "udp"                          # the one transport for now; fips = true refuses it
+//   transport = "udp"                          # or "tls", with ca-file, cert-file, key-file and
+//                                              # peer-names; fips = true refuses "udp"
 //   secret-file = "aaa1.secret"                # the shared secret, readable by its owner alone
+//                                              # ("radsec" over TLS unless given)
 //   timeout = 3                                # seconds per try, retries = 2 more, then down
 //   dead-time = 60                             # seconds it is passed over once down
 //   [eap.ports]

@@ -10,6 +10,8 @@
 
 #include "agent/DaemonLog.h"
 #include "agent/EventLoop.h"
+#include "agent/RadiusTlsConnection.h"
+#include "platform/Clock.h"
 #include "platform/Trace.h"
 
 ZEF_TRACE_MODULE("Macsec::RadiusSockets")
@@ -36,55 +38,97 @@ std::optional<RadiusEndpoint> RadiusEndpoint::of(const std::string& address, uin
   return endpoint;
 }
 
+RadiusSockets::RadiusSockets(EventLoop& loop, Received received) : loop_(loop), received_(std::move(received)) {}
+
 RadiusSockets::~RadiusSockets() {
-  for (const auto& [key, fd] : sockets_) {
-    loop_.fdDel(fd);
-    ::close(fd);
-  }
+  for (auto& [key, channel] : channels_) close(channel);
 }
 
 void RadiusSockets::serversAre(const std::map<std::string, RadiusServerConfig>& servers) {
-  std::vector<std::string> moved;
-  for (const auto& [name, endpoint] : endpoints_) {
+  std::vector<std::string> changed;
+  for (const auto& [name, config] : servers_) {
     const auto it = servers.find(name);
-    if (it == servers.end() || !(it->second.endpoint == endpoint)) moved.push_back(name);
+    if (it == servers.end() || !(it->second == config)) changed.push_back(name);
   }
-  for (const std::string& name : moved) close(name);
-  for (const auto& [name, server] : servers) endpoints_[name] = server.endpoint;
+  for (const std::string& name : changed) closeServer(name);
+  servers_ = servers;
 }
 
-void RadiusSockets::close(const std::string& server) {
-  for (auto it = sockets_.begin(); it != sockets_.end();) {
+void RadiusSockets::close(Channel& channel) {
+  channel.tls.reset();
+  if (channel.fd >= 0) {
+    loop_.fdDel(channel.fd);
+    ::close(channel.fd);
+    channel.fd = -1;
+  }
+}
+
+void RadiusSockets::closeServer(const std::string& server) {
+  for (auto it = channels_.begin(); it != channels_.end();) {
     if (it->first.first != server) {
       ++it;
       continue;
     }
-    loop_.fdDel(it->second);
-    ::close(it->second);
-    it = sockets_.erase(it);
+    close(it->second);
+    it = channels_.erase(it);
   }
-  endpoints_.erase(server);
 }
 
 void RadiusSockets::send(const std::string& server, uint32_t channel, std::string_view packet) {
-  const auto endpoint = endpoints_.find(server);
-  if (endpoint == endpoints_.end()) return;
-  auto it = sockets_.find({server, channel});
-  if (it == sockets_.end()) {
-    const sockaddr_storage& address = endpoint->second.address;
-    const int fd = ::socket(address.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr*>(&address), endpoint->second.length) != 0) {
-      Zef::log(MKAD_RADIUS_SOCKET_FAILED, server, endpoint->second.text, std::strerror(errno));
-      if (fd >= 0) ::close(fd);
-      return;
-    }
-    it = sockets_.emplace(std::pair{server, channel}, fd).first;
-    loop_.fdIs(fd, EPOLLIN, [this, server, channel, fd](uint32_t) { readable(server, channel, fd); });
-    TRACE(3, ": channel " << channel << " to " << server << " at " << endpoint->second.text);
+  const auto config = servers_.find(server);
+  if (config == servers_.end()) return;
+  Channel& open = channels_[{server, channel}];
+  if (open.tls) {
+    // A connection that failed, or that has not been established within a timeout, is opened anew.
+    const bool stuck =
+        !open.tls->established() && Zef::System::currentTime() - open.openedAt > config->second.settings.timeout;
+    if (open.tls->failed() || stuck) close(open);
   }
-  if (::send(it->second, packet.data(), packet.size(), 0) < 0) {
+  const bool ready = open.fd >= 0 || open.tls ||
+                     (config->second.settings.transport == Dot1x::RadiusTransport::tls
+                          ? openTls(server, channel, config->second, open)
+                          : openUdp(server, channel, config->second, open));
+  if (!ready) return;
+  if (open.tls) {
+    open.tls->send(packet);
+  } else if (::send(open.fd, packet.data(), packet.size(), 0) < 0) {
     TRACE(3, ": to " << server << ": " << std::strerror(errno));
   }
+}
+
+bool RadiusSockets::openUdp(const std::string& server, uint32_t channel, const RadiusServerConfig& config,
+                            Channel& out) {
+  const sockaddr_storage& address = config.endpoint.address;
+  const int fd = ::socket(address.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr*>(&address), config.endpoint.length) != 0) {
+    Zef::log(MKAD_RADIUS_SOCKET_FAILED, server, config.endpoint.text, std::strerror(errno));
+    if (fd >= 0) ::close(fd);
+    return false;
+  }
+  out.fd = fd;
+  loop_.fdIs(fd, EPOLLIN, [this, server, channel, fd](uint32_t) { readable(server, channel, fd); });
+  TRACE(3, ": channel " << channel << " to " << server << " at " << config.endpoint.text);
+  return true;
+}
+
+bool RadiusSockets::openTls(const std::string& server, uint32_t channel, const RadiusServerConfig& config,
+                            Channel& out) {
+  std::string error;
+  out.tls = RadiusTlsConnection::open(
+      loop_, config.endpoint, *config.tls,
+      [this, server, channel](std::string_view packet) { received_(server, channel, packet); },
+      [server, endpoint = config.endpoint.text](const std::string& why, bool closed) {
+        // A server closing a connection is no fault: the next request opens another.
+        if (!closed) Zef::log(MKAD_RADIUS_SOCKET_FAILED, server, endpoint, why);
+      },
+      error);
+  if (!out.tls) {
+    Zef::log(MKAD_RADIUS_SOCKET_FAILED, server, config.endpoint.text, error);
+    return false;
+  }
+  out.openedAt = Zef::System::currentTime();
+  TRACE(3, ": channel " << channel << " to " << server << " at " << config.endpoint.text << " over TLS");
+  return true;
 }
 
 void RadiusSockets::readable(const std::string& server, uint32_t channel, int fd) {

@@ -2,20 +2,23 @@
 
 // The daemon's side of its RADIUS servers: where each [radius.NAME] section says the server is,
 // and the sockets that carry the engine's requests to it and its answers back. Each channel the
-// engine uses is one UDP socket, connected to the server, so that its 256 identifiers are its own
-// and the kernel drops datagrams that come from anywhere else.
+// engine uses is one socket, so that its 256 identifiers are its own: over UDP a socket connected
+// to the server, so that the kernel drops datagrams that come from anywhere else; over TLS a
+// connection (RFC 6614), opened again when it fails.
 
 #include <sys/socket.h>
 
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "dot1x/RadiusServer.h"
+#include "dot1x/TlsSession.h"
 
 namespace Macsec {
 
@@ -32,19 +35,27 @@ struct RadiusEndpoint {
   bool operator==(const RadiusEndpoint& other) const { return text == other.text; }
 };
 
-// A [radius.NAME] section.
+// A [radius.NAME] section: over TLS, with this host's certificate and what the server's must be,
+// and what they were loaded from.
 struct RadiusServerConfig {
   Dot1x::RadiusServerSettings settings;
   RadiusEndpoint endpoint;
-  bool operator==(const RadiusServerConfig& other) const = default;
+  std::shared_ptr<const Dot1x::TlsContext> tls;
+  std::string tlsSource;
+  // Two readings of the same files are the same server, whichever loading each holds.
+  bool operator==(const RadiusServerConfig& other) const {
+    return settings == other.settings && endpoint == other.endpoint && tlsSource == other.tlsSource;
+  }
 };
+
+class RadiusTlsConnection;
 
 class RadiusSockets {
  public:
   // What came back from a server on a channel.
   using Received = std::function<void(const std::string& server, uint32_t channel, std::string_view bytes)>;
 
-  RadiusSockets(EventLoop& loop, Received received) : loop_(loop), received_(std::move(received)) {}
+  RadiusSockets(EventLoop& loop, Received received);
   ~RadiusSockets();
   RadiusSockets(const RadiusSockets&) = delete;
   RadiusSockets& operator=(const RadiusSockets&) = delete;
@@ -56,13 +67,25 @@ class RadiusSockets {
   void send(const std::string& server, uint32_t channel, std::string_view packet);
 
  private:
+  // A channel: a UDP socket, or a TLS connection.
+  struct Channel {
+    int fd = -1;
+    std::unique_ptr<RadiusTlsConnection> tls;
+    // When the connection was opened: one that has not been established within the server's
+    // timeout is given up when the next request comes.
+    double openedAt = 0;
+  };
+
+  bool openUdp(const std::string& server, uint32_t channel, const RadiusServerConfig& config, Channel& out);
+  bool openTls(const std::string& server, uint32_t channel, const RadiusServerConfig& config, Channel& out);
   void readable(const std::string& server, uint32_t channel, int fd);
-  void close(const std::string& server);
+  void close(Channel& channel);
+  void closeServer(const std::string& server);
 
   EventLoop& loop_;
   Received received_;
-  std::map<std::string, RadiusEndpoint> endpoints_;
-  std::map<std::pair<std::string, uint32_t>, int> sockets_;
+  std::map<std::string, RadiusServerConfig> servers_;
+  std::map<std::pair<std::string, uint32_t>, Channel> channels_;
 };
 
 }  // namespace Macsec

@@ -1,8 +1,9 @@
 #include "dot1x/Radius.h"
 
+#include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
-#include <openssl/hmac.h>
+#include <openssl/params.h>
 
 #include <algorithm>
 #include <cstring>
@@ -63,10 +64,18 @@ std::string_view bytesOf(const uint8_t* data, size_t size) { return {reinterpret
 std::string_view bytesOf(const Macsec::KeyBytes& key) { return bytesOf(key.data(), key.size()); }
 std::string_view bytesOf(const RadiusAuthenticator& a) { return bytesOf(a.data(), a.size()); }
 
-// MD5 of the parts, one after another; false where OpenSSL refuses MD5.
+// RADIUS's MD5 is its framing, not what protects it where protection is asked for: FIPS mode allows
+// RADIUS over TLS alone, which carries the packets whole. So MD5 is taken from a provider that is
+// not the FIPS one (the property query "-fips" lifts FIPS mode's default "fips=yes"); where there
+// is none, every packet is refused.
+constexpr char kMd5Properties[] = "-fips";
+
+// MD5 of the parts, one after another; false where OpenSSL has no MD5 to give.
 bool md5(std::initializer_list<std::string_view> parts, Hash& out) {
+  const std::unique_ptr<EVP_MD, decltype(&EVP_MD_free)> digest(EVP_MD_fetch(nullptr, "MD5", kMd5Properties),
+                                                               EVP_MD_free);
   const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
-  if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_md5(), nullptr) != 1) return false;
+  if (!digest || !ctx || EVP_DigestInit_ex(ctx.get(), digest.get(), nullptr) != 1) return false;
   for (std::string_view part : parts) {
     if (EVP_DigestUpdate(ctx.get(), part.data(), part.size()) != 1) return false;
   }
@@ -75,10 +84,19 @@ bool md5(std::initializer_list<std::string_view> parts, Hash& out) {
 }
 
 bool hmacMd5(const Macsec::KeyBytes& secret, std::string_view data, Hash& out) {
-  unsigned int size = 0;
-  return HMAC(EVP_md5(), secret.data(), static_cast<int>(secret.size()), reinterpret_cast<const uint8_t*>(data.data()),
-              data.size(), out.data(), &size) != nullptr &&
-         size == kHashOctets;
+  const std::unique_ptr<EVP_MAC, decltype(&EVP_MAC_free)> mac(EVP_MAC_fetch(nullptr, "HMAC", kMd5Properties),
+                                                              EVP_MAC_free);
+  if (!mac) return false;
+  const std::unique_ptr<EVP_MAC_CTX, decltype(&EVP_MAC_CTX_free)> ctx(EVP_MAC_CTX_new(mac.get()), EVP_MAC_CTX_free);
+  char digestName[] = "MD5";
+  char properties[] = "-fips";
+  const OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digestName, 0),
+                               OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_PROPERTIES, properties, 0),
+                               OSSL_PARAM_construct_end()};
+  size_t size = 0;
+  return ctx && EVP_MAC_init(ctx.get(), secret.data(), secret.size(), params) == 1 &&
+         EVP_MAC_update(ctx.get(), reinterpret_cast<const uint8_t*>(data.data()), data.size()) == 1 &&
+         EVP_MAC_final(ctx.get(), out.data(), &size, out.size()) == 1 && size == kHashOctets;
 }
 
 // Where the Message-Authenticator's value lies in a packet's bytes, or 0 if it has none.

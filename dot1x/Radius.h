@@ -4,7 +4,8 @@
 // and written as pure functions of the bytes, the authenticators of both directions, the
 // Message-Authenticator that every packet of EAP carries, EAP packets cut into attributes and
 // joined again, and the keys of RFC 2548 that an Access-Accept brings. MD5 is RADIUS's own hash;
-// OpenSSL computes it, and where it refuses MD5 (FIPS mode) every packet is refused.
+// OpenSSL computes it, from a provider other than the FIPS one: FIPS mode allows RADIUS only over
+// TLS, where MD5 frames the packets and protects nothing.
 
 #include <array>
 #include <cstddef>

@@ -262,6 +262,22 @@ TEST(ConfigFile, RadiusServersAreNamedByAnAuthenticatorThatPassesEapThroughAndUd
   ::gethostname(host, sizeof host - 1);
   EXPECT_EQ(ports.nasIdentifier, host);
 
+  // Over TLS, with FIPS mode: this host's certificate, and the secret "radsec" unless one is given.
+  const Dot1x::Testing::TestPki pki;
+  ::chmod(pki.file("client.key").c_str(), 0600);
+  const std::string overTls = "[radius.tls]\naddress = \"192.0.2.11\"\ntransport = \"tls\"\nca-file = \"" +
+                              pki.file("ca.pem") + "\"\ncert-file = \"" + pki.file("client.pem") + "\"\nkey-file = \"" +
+                              pki.file("client.key") + "\"\n";
+  const ConfigFile tls = parseConfigText("[global]\nfips = true\n" + overTls, "mkad.conf");
+  const RadiusServerConfig& radsec = tls.radiusServers.at("tls");
+  EXPECT_EQ(radsec.settings.transport, Dot1x::RadiusTransport::tls);
+  EXPECT_EQ(radsec.endpoint.text, "192.0.2.11:2083");
+  EXPECT_TRUE(radsec.tls);
+  EXPECT_TRUE(radsec.settings.secret.sameKeyAs(
+      Macsec::StoredKey::of(Macsec::KeyBytes(reinterpret_cast<const uint8_t*>("radsec"), 6))));
+  // Read again from the same files, it is the same server: a reload keeps its connections.
+  EXPECT_EQ(parseConfigText(overTls, "mkad.conf").radiusServers.at("tls"), radsec);
+
   const std::string authenticator = "[eap.ports]\nrole = \"authenticator\"\n";
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"[global]\nfips = true\n" + server("aaa1", ""),
@@ -271,6 +287,9 @@ TEST(ConfigFile, RadiusServersAreNamedByAnAuthenticatorThatPassesEapThroughAndUd
       {"[radius.aaa1]\naddress = \"192.0.2.10\"\n", "mkad.conf:1: radius.aaa1.secret-file: missing"},
       {server("aaa1", "", "192.0.2.10", open),
        "mkad.conf:3: radius.aaa1.secret-file: key file " + open + " is open to group or others"},
+      {server("aaa1", "ca-file = \"ca.pem\"\n"),
+       "mkad.conf:4: radius.aaa1.ca-file: takes effect only with transport = \"tls\""},
+      {"[radius.tls]\naddress = \"192.0.2.11\"\ntransport = \"tls\"\n", "mkad.conf:1: radius.tls.ca-file: missing"},
       {server("aaa1", "timeout = 0\n"), "mkad.conf:4: radius.aaa1.timeout: must be a whole number from 1 to 60"},
       {authenticator + "radius = [\"aaa9\"]\n", "mkad.conf:3: eap.ports.radius: no radius section named aaa9"},
       {server("aaa1", "") + authenticator + "radius = [\"aaa1\", \"aaa1\"]\n",

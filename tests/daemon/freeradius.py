@@ -48,6 +48,13 @@ client mkad {{
   secret = "{secret}"
   require_message_authenticator = yes
 }}
+clients radsec {{
+  client mkad-tls {{
+    ipaddr = {client}
+    proto = tls
+    secret = radsec
+  }}
+}}
 modules {{
   eap {{
     default_eap_type = tls
@@ -75,6 +82,7 @@ server default {{
     ipaddr = {address}
     port = {port}
   }}
+{radsec}
   authorize {{
     eap {{
       ok = return
@@ -94,18 +102,39 @@ server default {{
 """
 
 
+RADSEC = """\
+  listen {{
+    type = auth
+    ipaddr = {address}
+    port = {port}
+    proto = tcp
+    clients = radsec
+    tls {{
+      private_key_file = {certdir}/{server}.key
+      certificate_file = {certdir}/{server}.pem
+      ca_file = {certdir}/ca.pem
+      require_client_cert = yes
+    }}
+  }}
+"""
+
+
 class FreeRadius:
-    """One server; `netns` is the namespace whose loopback it listens on."""
+    """One server; `netns` is the namespace whose loopback it listens on: RADIUS over UDP on `port`,
+    and over TLS (RFC 6614, the secret "radsec", a client certificate of the test's authority) on
+    `radsec_port` if given."""
 
     def __init__(self, workdir, name, netns, port, secret, certdir, server="switch", tls_max="1.3",
-                 session_timeout=3600):
+                 session_timeout=3600, radsec_port=None):
         self.confdir = os.path.join(workdir, name)
         os.makedirs(self.confdir, exist_ok=True)
         self.netns, self.port = netns, port
         with open(os.path.join(self.confdir, "radiusd.conf"), "w") as f:
             f.write(CONFIG.format(confdir=self.confdir, certdir=certdir, server=server, tls_max=tls_max,
                                   client="127.0.0.1", secret=secret, address="127.0.0.1", port=port,
-                                  session_timeout=session_timeout))
+                                  session_timeout=session_timeout,
+                                  radsec=RADSEC.format(address="127.0.0.1", port=radsec_port, certdir=certdir,
+                                                       server=server) if radsec_port else ""))
         self.process = None
 
     def log_text(self):

@@ -393,7 +393,8 @@ class Sessions(DaemonTest):
 
         def start_servers(pair):
             for name, port in (("aaa1", 18121), ("aaa2", 18122)):
-                server = FreeRadius(self.workdir, name, pair.netns[0], port, secret, self.workdir)
+                server = FreeRadius(self.workdir, name, pair.netns[0], port, secret, self.workdir,
+                                    radsec_port=20830 if name == "aaa2" else None)
                 self.addCleanup(server.stop)
                 server.start()
                 servers.append(server)
@@ -456,6 +457,23 @@ class Sessions(DaemonTest):
         self.assertIn("DOT1X_AUTH_FAILED: 802.1X authentication failed on interface eth-a: the RADIUS server "
                       "rejected the supplicant", pair.a.log_text())
         self.assertEqual(pair.a.show()["radius-servers"][1]["counters"]["rejects"], 1)
+        # RADIUS over TLS, with the switch's certificate, to the second server's TLS port.
+        pair.b.write_config(eap_profile_text("supplicant", "host", "switch"))
+        pair.a.write_config(radius + '[radius.radsec]\naddress = "127.0.0.1"\nport = 20830\ntransport = "tls"\n'
+                            'ca-file = "ca.pem"\ncert-file = "switch.pem"\nkey-file = "switch.key"\n'
+                            'peer-names = ["switch.example"]\n[eap.lab]\nrole = "authenticator"\n'
+                            'radius = ["radsec"]\n[profile.lab]\neap = "lab"\n')
+        # The supplicant first: the authenticator's new entity begins at once, and must find it ready.
+        for daemon in (pair.b, pair.a):
+            reloaded = daemon.ctl("reload")
+            self.assertEqual(reloaded.returncode, 0, reloaded.stderr)
+        ckn = pair.a.session()["ckn"]
+        wait_for(lambda: (lambda auth: auth["state"] == "authenticated" and auth["radius-server"] == "radsec")(
+            pair.a.session()["authentication"]) and pair.a.session()["ckn"] == pair.b.session()["ckn"] != ckn, 30,
+                 "secured through RADIUS over TLS")
+        pair.wait_secured()
+        over_tls = [server for server in pair.a.show()["radius-servers"] if server["name"] == "radsec"][0]
+        self.assertEqual((over_tls["transport"], over_tls["up"], over_tls["counters"]["accepts"]), ("tls", True, 1))
 
     def test_a_peer_with_a_wrong_cak_never_becomes_live_and_its_mkpdus_are_counted(self):
         pair = Pair(self, profile_b=profile_text(OTHER_CAK_128))

@@ -79,6 +79,15 @@ TEST(Radius, ARequestCarriesItsEapAndAMessageAuthenticatorOverTheWholePacket) {
   EXPECT_EQ(encodeRadiusRequest(request, secret("xyzzy5461")),
             bytes("01070047000102030405060708090a0b0c0d0e0f501209a097a265a7dc7fa184b7f01845ed2b010e686f73742e6578616d"
                   "706c654f130201001101686f73742e6578616d706c65"));
+  // The same in FIPS mode, whose default "fips=yes" finds no MD5 (nor anything else, here, where
+  // there is no FIPS provider): RADIUS's MD5 frames packets over TLS and is taken elsewhere.
+  ASSERT_EQ(EVP_default_properties_enable_fips(nullptr, 1), 1);
+  EXPECT_EQ(EVP_MD_fetch(nullptr, "MD5", nullptr), nullptr);
+  const std::string underFips = encodeRadiusRequest(request, secret("xyzzy5461"));
+  ASSERT_EQ(EVP_default_properties_enable_fips(nullptr, 0), 1);
+  EXPECT_EQ(underFips,
+            bytes("01070047000102030405060708090a0b0c0d0e0f501209a097a265a7dc7fa184b7f01845ed2b010e686f73742e"
+                  "6578616d706c654f130201001101686f73742e6578616d706c65"));
   // A value longer than an attribute holds makes no packet.
   request.add(RadiusType::state, std::string(254, 's'));
   EXPECT_EQ(encodeRadiusRequest(request, secret("xyzzy5461")), "");
