@@ -8,7 +8,7 @@ FUZZ_SECONDS ?= 30
 JOBS       ?= $(shell nproc)
 CMAKE      := cmake -G Ninja -DMKA_WERROR=ON
 
-.PHONY: all deps build build-asan fuzz-build fuzz fuzz-check test vmtest soak run bench bench-scale install format format-check clean
+.PHONY: all deps build build-asan fuzz-build fuzz fuzz-check test vmtest soak run bench bench-scale bench-radius install format format-check clean
 
 all: build
 
@@ -103,6 +103,12 @@ bench: build
 # minutes).
 bench-scale: build
 	$(BUILD)/mka_bench --benchmark_filter=BM_SteadyState
+
+# 256 ports authenticating at once through one mkad that passes EAP-TLS through to FreeRADIUS,
+# over RADIUS on UDP and on TLS: the time until all are secured, mkad's CPU and memory (as root).
+bench-radius: build
+	/usr/bin/python3 bench/radius_scale.py $(BUILD)/mkad $(BUILD)/mkactl 256 --transport udp
+	/usr/bin/python3 bench/radius_scale.py $(BUILD)/mkad $(BUILD)/mkactl 256 --transport tls
 
 SOURCES = $(shell git ls-files '*.h' '*.cpp' 2>/dev/null || find platform model mkpdu mka config hw engine agent sim tests bench programs tools -name '*.h' -o -name '*.cpp')
 

@@ -53,7 +53,7 @@ std::unique_ptr<RadiusTlsConnection> RadiusTlsConnection::open(EventLoop& loop, 
     ::close(fd);
     return nullptr;
   }
-  SSL_set_mode(ssl, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+  SSL_set_mode(ssl, SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   std::unique_ptr<RadiusTlsConnection> connection(
       new RadiusTlsConnection(loop, fd, ssl, std::move(received), std::move(failed)));
   // Writable once the TCP connection is made.
@@ -71,7 +71,7 @@ RadiusTlsConnection::~RadiusTlsConnection() {
 
 void RadiusTlsConnection::send(std::string_view packet) {
   if (failed()) return;
-  out_.append(packet);
+  out_.emplace_back(packet);
   if (established_) flush();
 }
 
@@ -118,9 +118,10 @@ void RadiusTlsConnection::handshake() {
 void RadiusTlsConnection::flush() {
   wantsWrite_ = false;
   while (!out_.empty()) {
-    const int written = SSL_write(ssl_, out_.data(), static_cast<int>(out_.size()));
+    // Whole or not at all: a write that must wait is made again with the same packet.
+    const int written = SSL_write(ssl_, out_.front().data(), static_cast<int>(out_.front().size()));
     if (written > 0) {
-      out_.erase(0, static_cast<size_t>(written));
+      out_.pop_front();
       continue;
     }
     const int error = SSL_get_error(ssl_, written);

@@ -8,6 +8,7 @@
 
 #include <openssl/ssl.h>
 
+#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -58,7 +59,8 @@ class RadiusTlsConnection {
   bool connected_ = false;
   bool established_ = false;
   bool wantsWrite_ = false;
-  std::string out_;
+  // Packets to send, each in a record of its own: servers read one packet from each.
+  std::deque<std::string> out_;
   std::string in_;
 };
 
