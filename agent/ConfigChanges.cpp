@@ -46,6 +46,23 @@ void keyChanges(const std::string& profile, const char* which, const Cak& before
   }
 }
 
+// Sections of one kind ([eap.NAME], [radius.NAME]) added, removed or changed, by name.
+template <class Sections>
+void sectionChanges(const std::string& kind, const Sections& before, const Sections& after,
+                    std::vector<std::string>& changes) {
+  for (const auto& [name, section] : before) {
+    if (!after.contains(name)) changes.push_back(kind + " " + name + " removed");
+  }
+  for (const auto& [name, section] : after) {
+    const auto old = before.find(name);
+    if (old == before.end()) {
+      changes.push_back(kind + " " + name + " added");
+    } else if (!(old->second == section)) {
+      changes.push_back(kind + " " + name + " changed");
+    }
+  }
+}
+
 }  // namespace
 
 std::vector<std::string> configChanges(const ConfigFile& before, const ConfigFile& after) {
@@ -70,6 +87,8 @@ std::vector<std::string> configChanges(const ConfigFile& before, const ConfigFil
                         " to " + textOf<S>(S::of(to)));
     });
   }
+  sectionChanges("radius", before.radiusServers, after.radiusServers, changes);
+  sectionChanges("eap", before.eaps, after.eaps, changes);
   for (const auto& [intf, profile] : before.interfaces) {
     if (!after.interfaces.contains(intf)) changes.push_back("interface " + intf + " removed");
   }

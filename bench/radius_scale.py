@@ -24,25 +24,9 @@ import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "daemon"))
 from freeradius import FreeRadius  # noqa: E402
+from support import make_pki, stop_process  # noqa: E402
 
 SECRET = "a secret of the bench"
-
-
-def make_pki(directory):
-    """An authority, and a certificate of it for the switch (the server's and A's own over TLS) and
-    one for the hosts."""
-    def run(*args):
-        subprocess.run(["openssl"] + list(args), cwd=directory, check=True, capture_output=True)
-    run("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", "ca.key",
-        "-out", "ca.pem", "-subj", "/CN=Bench CA", "-days", "2")
-    for name in ("switch", "host"):
-        run("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", name + ".key",
-            "-out", name + ".csr", "-subj", "/CN=%s.example" % name)
-        with open(os.path.join(directory, name + ".ext"), "w") as f:
-            f.write("subjectAltName=DNS:%s.example\n" % name)
-        run("x509", "-req", "-in", name + ".csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial",
-            "-out", name + ".pem", "-days", "2", "-extfile", name + ".ext")
-        os.chmod(os.path.join(directory, name + ".key"), 0o600)
 
 
 def cpu_seconds(pid):
@@ -160,12 +144,7 @@ def main():
         return 0 if secured == n else 1
     finally:
         for process in processes:
-            process.terminate()
-        for process in processes:
-            try:
-                process.wait(10)
-            except subprocess.TimeoutExpired:
-                process.kill()
+            stop_process(process)
         if "radius" in locals():
             radius.stop()
             if os.environ.get("RADIUS_SCALE_LOGS"):

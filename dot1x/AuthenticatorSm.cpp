@@ -223,12 +223,14 @@ void AuthenticatorSm::handleServerTimer() {
   if (!awaitingServer()) return;
   const RadiusServerSettings& server = settings().radius[serverIndex()];
   const double now = Zef::System::currentTime();
-  // A request over UDP may be lost, and goes again; over TLS it cannot be, and is not.
+  // A request over UDP may be lost, and goes again, each time waiting twice as long as the last, so
+  // that a server slow under load is not asked more the slower it gets; over TLS a request cannot
+  // be lost, and is not sent again.
   if (server.transport == RadiusTransport::udp && serverTries() < server.retries) {
     serverTriesInc(1);
     TRACE(5, ": " << intfId() << " request to " << server.name << " sent again (" << serverTries() << ")");
     radius()->resend(intfId());
-    serverTimer()->timeMinIs(now + server.timeout);
+    serverTimer()->timeMinIs(now + server.timeout * double(1u << serverTries()));
     return;
   }
   radius()->timedOut(intfId(), now);
@@ -239,16 +241,16 @@ void AuthenticatorSm::handleServerTimer() {
     return;
   }
   TRACE(1, ": " << intfId() << " " << server.name << " is silent: on to " << settings().radius[*next].name);
-  serverIndexIs(*next);
   if (relay_->serverHoldsState()) {
     // The exchange is the silent server's own: it starts over, on the next (even when a dead time
     // of 0 has the silent one up again).
     begin();
     serverIndexIs(*next);
-  } else {
-    serverTriesIs(0);
-    forward(relay_->lastRequest());
+    return;
   }
+  serverIndexIs(*next);
+  serverTriesIs(0);
+  forward(relay_->lastRequest());
 }
 
 void AuthenticatorSm::radiusAnswerIs(const RadiusDelivery& delivery) {

@@ -20,8 +20,9 @@ struct RadiusServerSettings {
   RadiusTransport transport = RadiusTransport::udp;
   // The shared secret; over TLS, "radsec" (RFC 6614).
   Macsec::StoredKey secret;
-  // A request unanswered for the timeout goes again (over UDP), at most `retries` times; a server
-  // that answers none of them is down for the dead time, and ports move to the next one.
+  // A request unanswered for the timeout goes again (over UDP), at most `retries` times, each try
+  // waiting twice as long as the one before; a server that answers none of them is down for the
+  // dead time, and ports move to the next one.
   uint32_t timeout = 3;
   uint32_t retries = 2;
   uint32_t deadTime = 60;

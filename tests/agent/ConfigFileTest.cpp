@@ -275,8 +275,16 @@ TEST(ConfigFile, RadiusServersAreNamedByAnAuthenticatorThatPassesEapThroughAndUd
   EXPECT_TRUE(radsec.tls);
   EXPECT_TRUE(radsec.settings.secret.sameKeyAs(
       Macsec::StoredKey::of(Macsec::KeyBytes(reinterpret_cast<const uint8_t*>("radsec"), 6))));
-  // Read again from the same files, it is the same server: a reload keeps its connections.
+  // Read again from the same files, it is the same server: a reload keeps its connections. A
+  // reload that changes one says so.
   EXPECT_EQ(parseConfigText(overTls, "mkad.conf").radiusServers.at("tls"), radsec);
+  EXPECT_EQ(configChanges(file, parseConfigText(servers + overTls, "mkad.conf")),
+            (std::vector<std::string>{"radius tls added", "eap ports removed"}));
+  EXPECT_EQ(
+      configChanges(file, parseConfigText(server("aaa1", "timeout = 3\n") + server("aaa2", "", "2001:db8::10") +
+                                              "[eap.ports]\nrole = \"authenticator\"\nradius = [\"aaa2\", \"aaa1\"]\n",
+                                          "mkad.conf")),
+      (std::vector<std::string>{"radius aaa1 changed", "radius aaa2 changed", "eap ports changed"}));
 
   const std::string authenticator = "[eap.ports]\nrole = \"authenticator\"\n";
   const std::vector<std::pair<std::string, std::string>> cases = {

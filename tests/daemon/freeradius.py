@@ -8,6 +8,8 @@ import shutil
 import subprocess
 import time
 
+from support import stop_process
+
 FREERADIUS = shutil.which("freeradius") or "/usr/sbin/freeradius"
 
 CONFIG = """\
@@ -156,12 +158,6 @@ class FreeRadius:
             time.sleep(0.05)
 
     def stop(self):
-        if self.process and self.process.poll() is None:
-            self.process.terminate()
-            try:
-                self.process.wait(5)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait()
         if self.process:
+            stop_process(self.process)
             self.output.close()

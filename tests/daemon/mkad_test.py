@@ -20,6 +20,7 @@ import unittest
 from prometheus_client.parser import text_string_to_metric_families
 
 from freeradius import FreeRadius
+from support import make_pki, stop_process, wait_for
 
 MKAD = MKACTL = None
 
@@ -41,41 +42,11 @@ def namespaces_available():
     return None
 
 
-def wait_for(condition, timeout, what):
-    """Polls until condition() gives a true value, and returns it; fails after `timeout` seconds."""
-    deadline = time.monotonic() + timeout
-    while True:
-        value = condition()
-        if value:
-            return value
-        if time.monotonic() > deadline:
-            raise AssertionError("timed out after %s s waiting for %s" % (timeout, what))
-        time.sleep(0.05)
-
-
 def profile_text(cak=CAK_128, cipher=None, ckn=CKN):
     text = '[profile.lab]\nckn = "%s"\ncak = "%s"\n' % (ckn, cak)
     if cipher:
         text += 'cipher-suite = "%s"\n' % cipher
     return text
-
-
-def make_pki(directory):
-    """An authority and the certificates it signs for a switch and a host, made with the openssl
-    command for this run alone; the keys readable by their owner alone, as mkad wants them."""
-    def run(*args):
-        subprocess.run(["openssl"] + list(args), cwd=directory, check=True, capture_output=True)
-    run("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", "ca.key",
-        "-out", "ca.pem", "-subj", "/CN=Test CA", "-days", "2", "-addext", "basicConstraints=critical,CA:TRUE",
-        "-addext", "keyUsage=critical,keyCertSign,cRLSign")
-    for name in ("switch", "host"):
-        run("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", name + ".key",
-            "-out", name + ".csr", "-subj", "/CN=%s.example" % name)
-        with open(os.path.join(directory, name + ".ext"), "w") as f:
-            f.write("subjectAltName=DNS:%s.example\n" % name)
-        run("x509", "-req", "-in", name + ".csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial",
-            "-out", name + ".pem", "-days", "2", "-extfile", name + ".ext")
-        os.chmod(os.path.join(directory, name + ".key"), 0o600)
 
 
 def eap_profile_text(role, name, peer, extra=""):
@@ -125,14 +96,8 @@ class Daemon:
             raise AssertionError("%s ended at start: %s" % (self.name, self.log_text()))
 
     def stop(self):
-        if self.process and self.process.poll() is None:
-            self.process.send_signal(signal.SIGTERM)
-            try:
-                self.process.wait(5)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait()
         if self.process:
+            stop_process(self.process)
             self.logfile.close()
 
     def log_text(self):

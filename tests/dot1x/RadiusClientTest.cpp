@@ -123,35 +123,29 @@ TEST(RadiusClient, AnExchangeThroughTheServerGivesThePortThePeersKeys) {
 
 TEST(RadiusClient, AnAcceptWithoutKeysARejectAndAnswersNotToTheRequestLeaveThePortWithout) {
   const TestPki pki;
-  {
+  const struct {
+    const char* name;
+    bool withKeys;
+    bool withKeyName;
+    TlsCredentials peer;
+    const char* failure;
+  } cases[] = {
+      {"an Accept without keys", false, true, pki.client(), "gave no keys (MS-MPPE-Recv-Key and -Send-Key)"},
+      {"an Accept without a key name", true, false, pki.client(), "gave no session identifier (EAP-Key-Name)"},
+      {"a reject", true, true, pki.credentials("expired", "server.example"), "rejected the supplicant"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     TestRadiusServer server(TestPki::loaded(pki.server(), TlsContext::Side::server), text(kSecret));
-    server.withKeys = false;
+    server.withKeys = c.withKeys;
+    server.withKeyName = c.withKeyName;
     Client client;
     RadiusRelay relay(nas());
-    EapPeer peer(TestPki::loaded(pki.client(), TlsContext::Side::peer), "host.example", 1000);
+    EapPeer peer(TestPki::loaded(c.peer, TlsContext::Side::peer), "host.example", 1000);
     exchange(peer, client, relay, server);
     EXPECT_EQ(relay.outcome(), EapOutcome::failure);
-    EXPECT_NE(relay.failure().find("gave no keys"), std::string::npos) << relay.failure();
-  }
-  {
-    TestRadiusServer server(TestPki::loaded(pki.server(), TlsContext::Side::server), text(kSecret));
-    server.withKeyName = false;
-    Client client;
-    RadiusRelay relay(nas());
-    EapPeer peer(TestPki::loaded(pki.client(), TlsContext::Side::peer), "host.example", 1000);
-    exchange(peer, client, relay, server);
-    EXPECT_NE(relay.failure().find("EAP-Key-Name"), std::string::npos) << relay.failure();
-  }
-  {
-    TestRadiusServer server(TestPki::loaded(pki.server(), TlsContext::Side::server), text(kSecret));
-    Client client;
-    RadiusRelay relay(nas());
-    EapPeer peer(TestPki::loaded(pki.credentials("expired", "server.example"), TlsContext::Side::peer), "host.example",
-                 1000);
-    EXPECT_EQ(exchange(peer, client, relay, server), EapOutcome::failure);
-    EXPECT_EQ(relay.outcome(), EapOutcome::failure);
-    EXPECT_EQ(relay.failure(), "the RADIUS server rejected the supplicant");
-    EXPECT_EQ(client.server("aaa")->rejects(), 1u);
+    EXPECT_NE(relay.failure().find(c.failure), std::string::npos) << relay.failure();
+    EXPECT_EQ(client.server("aaa")->rejects(), c.withKeys && c.withKeyName ? 1u : 0u);
   }
 
   // Answers that are not the server's to the request outstanding are refused and counted, and

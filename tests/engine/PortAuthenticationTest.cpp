@@ -248,8 +248,15 @@ TEST(PortAuthentication, PassedThroughToRadiusAPortMovesFromASilentServerToTheNe
   Dot1x::Testing::TestRadiusServer aaa2(TestPki::loaded(pki.server(), TlsContext::Side::server), secretBytes);
   aaa2.sessionTimeout = 90;
   Engine& engine = world.authenticator().engine();
+  // When the silent server was asked, and when the next one first.
+  std::vector<double> silentTries;
+  double movedAt = 0;
   engine.radiusTransmitterIs([&](const std::string& server, uint32_t channel, std::string_view bytes) {
-    if (server == "aaa1" && aaa1.requests >= 3) return;
+    if (server == "aaa1" && aaa1.requests >= 3) {
+      silentTries.push_back(world.sim().now());
+      return;
+    }
+    if (server == "aaa2" && movedAt == 0) movedAt = world.sim().now();
     const std::string answer = (server == "aaa1" ? aaa1 : aaa2).answer(std::string(bytes));
     world.sim().after(0.02, [&engine, server, channel, answer] { engine.radiusAnswerIs(server, channel, answer); });
   });
@@ -284,6 +291,11 @@ TEST(PortAuthentication, PassedThroughToRadiusAPortMovesFromASilentServerToTheNe
   EXPECT_EQ(pae->radiusServer(), Zef::String("aaa2"));
   EXPECT_EQ(pae->peerIdentity(), Zef::String("host.example"));
   EXPECT_EQ(aaa2.lastNasPortId, "eth1");
+  // A try, one more after a second, and the next server after two more, each wait twice the last
+  // (and the supplicant's new identity between, a round trip of the link).
+  ASSERT_GE(silentTries.size(), 2u);
+  EXPECT_NEAR(silentTries[1] - silentTries[0], 1.0, 1e-6);
+  EXPECT_NEAR(movedAt - silentTries[1], 2.0, 0.01);
   const Zef::Ptr<Dot1x::RadiusServerStatus> silent = engine.paeStatus()->radiusServer(Zef::String("aaa1"));
   EXPECT_EQ(silent->timeouts(), 1u);
   EXPECT_FALSE(silent->up());
